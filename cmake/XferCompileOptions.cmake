@@ -1,0 +1,17 @@
+# The options that every target of the project compiles and links with.
+add_library(xfer_compile_options INTERFACE)
+target_compile_options(xfer_compile_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+  $<$<BOOL:${XFER_WARNINGS_AS_ERRORS}>:-Werror>)
+if(XFER_SANITIZE)
+  target_compile_options(xfer_compile_options INTERFACE
+    -fsanitize=${XFER_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(xfer_compile_options INTERFACE -fsanitize=${XFER_SANITIZE})
+endif()
+if(WIN32)
+  target_compile_definitions(xfer_compile_options INTERFACE _WIN32_WINNT=0x0A00 NOMINMAX WIN32_LEAN_AND_MEAN UNICODE)
+  # No run-time DLL of the compiler is needed beside what we ship; the loader may place the image anywhere.
+  target_link_options(xfer_compile_options INTERFACE
+    -static -Wl,--gc-sections,--dynamicbase,--high-entropy-va,--nxcompat)
+endif()

@@ -1,0 +1,17 @@
+/* XFER_API marks what xfer exports.  A program that links the library's objects directly defines XFER_STATIC. */
+#ifndef XFER_EXPORT_H
+#define XFER_EXPORT_H
+
+#if defined(XFER_STATIC)
+#define XFER_API
+#elif defined(_WIN32)
+#if defined(XFER_BUILDING)
+#define XFER_API __declspec(dllexport)
+#else
+#define XFER_API __declspec(dllimport)
+#endif
+#else
+#define XFER_API __attribute__((visibility("default")))
+#endif
+
+#endif

@@ -1,0 +1,5 @@
+// Everything of namespace xfer.
+#pragma once
+
+#include "xfer/download_job.h"
+#include "xfer/fetch.h"

@@ -1,0 +1,70 @@
+#include "file_sink.h"
+
+#include "log.h"
+#include "result_codes.h"
+
+namespace xfer {
+namespace {
+
+constexpr const char* kLogTag = "FileSink";
+
+}  // namespace
+
+std::int32_t FileSink::open(const std::string& path, std::uint64_t size) {
+  using Call = sys::File::ResizeResult::Call;
+  path_ = path;
+  bytesWritten_ = 0;
+  writeFailed_ = false;
+  int error = file_.create(path_);
+  if (error != 0 && sys::File::blockedByExisting(error)) {
+    sys::File::moveAside(path_, path_ + ".bak");
+    error = file_.create(path_);
+  }
+  if (error != 0) {
+    XFER_LOG(log::kFailure, "open | CreateFile failed | path=" << path_ << " | err=" << error);
+    return result::kFileNotCreated;
+  }
+  if (size != 0) {
+    const auto reserved = file_.reserve(size);
+    if (reserved.call == Call::Position) {
+      XFER_LOG(log::kFailure, "open | SetFilePointerEx failed | err=" << reserved.error);
+    } else if (reserved.call == Call::SetEnd) {
+      XFER_LOG(log::kFailure, "open | SetEndOfFile failed | err=" << reserved.error);
+    }
+    if (reserved.error != 0) {
+      file_.close();
+      return result::kFileNotReserved;
+    }
+  }
+  XFER_LOG(log::kTrace, "open | " << path_ << " | size=" << size);
+  return result::kSuccess;
+}
+
+std::int32_t FileSink::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length) {
+  if (!isOpen()) return result::kFileNotOpen;
+  for (std::uint64_t done = 0; done < length;) {
+    std::uint64_t written = 0;
+    const int error = file_.writeAt(offset + done, bytes + done, length - done, &written);
+    if (error != 0) {
+      writeFailed_.store(true, std::memory_order_relaxed);
+      XFER_LOG(log::kFailure, "writeAt | WriteFile failed | offset=" << offset + done << " | err=" << error);
+      return result::kWriteFailed;
+    }
+    done += written;
+  }
+  bytesWritten_.fetch_add(length, std::memory_order_relaxed);
+  return result::kSuccess;
+}
+
+std::int32_t FileSink::finalize(std::uint64_t size) {
+  if (!isOpen()) return result::kFileNotOpen;
+  if (const auto truncated = file_.truncate(size); truncated.error != 0) {
+    // Intended: the content is whole, only its tail is too long or too short.
+    XFER_LOG(log::kFailure, "finalize | truncate failed | err=" << truncated.error);
+  }
+  file_.close();
+  XFER_LOG(log::kTrace, "finalize | " << path_ << " | size=" << size);
+  return result::kSuccess;
+}
+
+}  // namespace xfer

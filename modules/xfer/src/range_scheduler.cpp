@@ -1,0 +1,164 @@
+#include "range_scheduler.h"
+
+#include <algorithm>
+
+#include "log.h"
+
+namespace xfer {
+namespace {
+
+constexpr const char* kLogTag = "RangeSched";
+
+// The sizes of a file's chunks, one after the other.
+class ChunkSizes {
+ public:
+  ChunkSizes(const DownloadPolicy& policy, std::uint64_t max)
+      : ramp_(policy.rampChunks), max_(max), factor_(policy.chunkGrowthFactor), next_(policy.initialChunkSize) {
+    if (!ramp_) next_ = max_;
+  }
+
+  std::uint64_t next() {
+    const std::uint64_t size = next_;  // the first one is not capped, even when it is larger than the maximum
+    if (!ramp_) return size;
+    next_ = size > max_ / factor_ ? max_ : size * factor_;  // dividing keeps the product from overflowing
+    return size;
+  }
+
+  /// How many chunks cover total bytes.
+  [[nodiscard]] std::uint64_t count(std::uint64_t total) const {
+    ChunkSizes sizes = *this;
+    for (std::uint64_t chunks = 0;; ++chunks) {
+      const std::uint64_t size = sizes.next();
+      if (size >= total) return chunks + 1;
+      if (sizes.next_ == size) return chunks + total / size + (total % size != 0 ? 1 : 0);  // it grows no more
+      total -= size;
+    }
+  }
+
+ private:
+  bool ramp_;
+  std::uint64_t max_;
+  std::uint64_t factor_;
+  std::uint64_t next_;
+};
+
+}  // namespace
+
+const char* unworkableField(const DownloadPolicy& policy) {
+  if (policy.numThreads == 0) return "numThreads";
+  if (policy.maxChunkSize == 0) return "maxChunkSize";
+  if (policy.rampChunks && policy.initialChunkSize == 0) return "initialChunkSize";
+  if (policy.rampChunks && policy.chunkGrowthFactor == 0) return "chunkGrowthFactor";
+  return nullptr;
+}
+
+RangeScheduler::RangeScheduler(std::uint64_t totalBytes, const DownloadPolicy& policy)
+    : total_(totalBytes), policy_(policy) {
+  buildRanges();
+}
+
+void RangeScheduler::buildRanges() {
+  if (total_ == 0) {
+    ranges_.push_back({0, 0, RangeState::Pending});
+    return;
+  }
+  std::uint64_t max = policy_.maxChunkSize;
+  if (policy_.numThreads > 1) {
+    // The initial size is only the condition here, not a lower bound of what follows.
+    const std::uint64_t share = total_ / policy_.numThreads;
+    if (share > policy_.initialChunkSize) max = std::min(share, max);
+  }
+  ChunkSizes sizes(policy_, max);
+  ranges_.reserve(sizes.count(total_));  // a list that memory cannot hold fails here, not after filling all of it
+  for (std::uint64_t offset = 0; offset < total_;) {
+    const std::uint64_t end = offset + std::min(sizes.next(), total_ - offset);
+    ranges_.push_back({offset, end, RangeState::Pending});
+    offset = end;
+  }
+  XFER_LOG(log::kTrace, "buildRanges | total=" << total_ << " | chunks=" << ranges_.size() << " | max_chunk=" << max
+                                               << " | first=" << ranges_.front().end - ranges_.front().start
+                                               << " | last=" << ranges_.back().end - ranges_.back().start);
+}
+
+std::vector<RangeScheduler::Range>::iterator RangeScheduler::find(std::uint64_t start) {
+  const auto found = std::lower_bound(ranges_.begin(), ranges_.end(), start,
+                                      [](const Range& range, std::uint64_t value) { return range.start < value; });
+  return found != ranges_.end() && found->start == start ? found : ranges_.end();
+}
+
+std::optional<std::pair<std::uint64_t, std::uint64_t>> RangeScheduler::nextPending() {
+  const sys::MutexLock lock(mutex_);
+  while (lowestPending_ < ranges_.size() && ranges_[lowestPending_].state != RangeState::Pending) ++lowestPending_;
+  if (lowestPending_ == ranges_.size()) return std::nullopt;
+  Range& range = ranges_[lowestPending_];
+  range.state = RangeState::Active;
+  return std::pair(range.start, range.end);
+}
+
+void RangeScheduler::markDone(Range& range) {
+  if (range.state == RangeState::Done) return;
+  range.state = RangeState::Done;
+  completedBytes_ += range.end - range.start;
+  ++doneCount_;
+}
+
+bool RangeScheduler::requeue(std::uint64_t start) {
+  const auto range = find(start);
+  if (range == ranges_.end() || range->state != RangeState::Active) return false;
+  range->state = RangeState::Pending;
+  lowestPending_ = std::min(lowestPending_, static_cast<std::size_t>(range - ranges_.begin()));
+  return true;
+}
+
+void RangeScheduler::complete(std::uint64_t start) {
+  const sys::MutexLock lock(mutex_);
+  const auto range = find(start);
+  if (range != ranges_.end() && range->state == RangeState::Active) {
+    markDone(*range);
+  } else {
+    XFER_LOG(log::kFailure, "complete | range_start=" << start << " not found as Active");
+  }
+}
+
+void RangeScheduler::fail(std::uint64_t start) {
+  const sys::MutexLock lock(mutex_);
+  if (requeue(start)) {
+    XFER_LOG(log::kRecovery, "fail | re-queued range start=" << start);
+  } else {
+    XFER_LOG(log::kFailure, "fail | range_start=" << start << " not found as Active");
+  }
+}
+
+void RangeScheduler::release(std::uint64_t start) {
+  const sys::MutexLock lock(mutex_);
+  static_cast<void>(requeue(start));
+}
+
+void RangeScheduler::completeFrom(std::uint64_t start) {
+  const sys::MutexLock lock(mutex_);
+  for (auto range = find(start); range != ranges_.end(); ++range) markDone(*range);
+}
+
+std::uint64_t RangeScheduler::openEnd() const {
+  const sys::MutexLock lock(mutex_);
+  const auto last = std::find_if(ranges_.rbegin(), ranges_.rend(),
+                                 [](const Range& range) { return range.state != RangeState::Done; });
+  return last == ranges_.rend() ? 0 : last->end;
+}
+
+bool RangeScheduler::allDone() const {
+  const sys::MutexLock lock(mutex_);
+  return doneCount_ == ranges_.size();
+}
+
+std::uint32_t RangeScheduler::rangeCount() const {
+  const sys::MutexLock lock(mutex_);
+  return static_cast<std::uint32_t>(ranges_.size());
+}
+
+std::uint64_t RangeScheduler::completedBytes() const {
+  const sys::MutexLock lock(mutex_);
+  return completedBytes_;
+}
+
+}  // namespace xfer

@@ -1,0 +1,82 @@
+// Cuts one remote file into byte ranges and hands them out.  Knows nothing of HTTP, time or attempts.
+//
+//   Pending --nextPending--> Active --complete--> Done        (Done is final)
+//      ^-------fail, release-----'
+//
+// Threads: every public member may be called from any thread; each holds mutex_ throughout.
+//          Leaf lock: only the logger is called under it.
+// Errors:  none reported; a report for a range that is not Active is logged and ignored.
+// Units:   offsets and lengths are bytes; ranges are half-open [start, end).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "sys/mutex.h"
+#include "xfer/download_job.h"
+
+namespace xfer {
+
+enum class RangeState : std::uint32_t { Pending = 0, Active = 1, Done = 2 };
+
+/// The name of a field with which no file can be cut or fetched; null when the policy can work.
+const char* unworkableField(const DownloadPolicy& policy);
+
+class RangeScheduler {
+ public:
+  /// Requires: unworkableField(policy) is null (not checked; cutting would never end).
+  /// A totalBytes of 0 gives one empty range, so that such a file still completes.
+  RangeScheduler(std::uint64_t totalBytes, const DownloadPolicy& policy);
+
+  /// Activates the lowest Pending range and returns its start and end; nullopt when none is Pending, which does not mean
+  /// finished: see allDone.
+  std::optional<std::pair<std::uint64_t, std::uint64_t>> nextPending() SYS_EXCLUDES(mutex_);
+
+  /// The Active range that starts here is Done.
+  void complete(std::uint64_t start) SYS_EXCLUDES(mutex_);
+
+  /// The Active range that starts here is Pending again.
+  void fail(std::uint64_t start) SYS_EXCLUDES(mutex_);
+
+  /// As fail, but says nothing, and does nothing when the range is not Active.
+  void release(std::uint64_t start) SYS_EXCLUDES(mutex_);
+
+  /// Every range from the one that starts here on is Done, whatever its state was.
+  void completeFrom(std::uint64_t start) SYS_EXCLUDES(mutex_);
+
+  /// The end of the last range that is not Done; 0 when all are.
+  [[nodiscard]] std::uint64_t openEnd() const SYS_EXCLUDES(mutex_);
+
+  [[nodiscard]] bool allDone() const SYS_EXCLUDES(mutex_);
+
+  /// The number of ranges, cut to 32 bits.
+  [[nodiscard]] std::uint32_t rangeCount() const SYS_EXCLUDES(mutex_);
+
+  /// The sum of the lengths of all Done ranges.
+  [[nodiscard]] std::uint64_t completedBytes() const SYS_EXCLUDES(mutex_);
+
+ private:
+  struct Range {
+    std::uint64_t start;
+    std::uint64_t end;
+    RangeState state;
+  };
+
+  void buildRanges() SYS_NO_THREAD_SAFETY_ANALYSIS;  // only in the constructor: nobody else has the object yet
+  std::vector<Range>::iterator find(std::uint64_t start) SYS_REQUIRES(mutex_);
+  bool requeue(std::uint64_t start) SYS_REQUIRES(mutex_);
+  void markDone(Range& range) SYS_REQUIRES(mutex_);
+
+  const std::uint64_t total_;
+  const DownloadPolicy policy_;
+
+  mutable sys::Mutex mutex_;
+  std::vector<Range> ranges_ SYS_GUARDED_BY(mutex_);       // ascending and contiguous; never re-cut
+  std::size_t lowestPending_ SYS_GUARDED_BY(mutex_) = 0;   // no range before it is Pending: keeps long lists fast
+  std::size_t doneCount_ SYS_GUARDED_BY(mutex_) = 0;
+  std::uint64_t completedBytes_ SYS_GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace xfer

@@ -1,0 +1,123 @@
+#include "request_text.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+
+namespace xfer {
+namespace {
+
+char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+struct MediaType {
+  std::string_view text;
+  std::int32_t code;
+};
+
+// The codes belong to the C interface.  "video/3gpp" can never decide, since "video/3gp" is part of it.
+constexpr std::array<MediaType, 10> kMediaTypes{{
+    {"video/mpeg", 5},
+    {"video/mp4", 1},
+    {"video/x-flv", 2},
+    {"video/webm", 4},
+    {"video/ogg", 6},
+    {"video/3gp", 3},
+    {"video/3gpp", 3},
+    {"image/jpeg", 12},
+    {"application/octet-stream", 7},
+    {"audio/mpeg", 11},
+}};
+
+}  // namespace
+
+void splitLines(const char* text, std::vector<std::string>& out) {
+  if (text == nullptr) return;
+  std::string_view rest(text);
+  while (!rest.empty()) {
+    const auto end = std::min(rest.find('\n'), rest.size());
+    if (end > 0) out.emplace_back(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+}
+
+RequestOptions parseRequestOptions(const char* options) {
+  constexpr std::string_view kPostFields = "OPT_POSTFIELDS=";
+  std::vector<std::string> lines;
+  splitLines(options, lines);
+  RequestOptions parsed;
+  for (const std::string& line : lines) {
+    if (line.starts_with(kPostFields)) {
+      parsed.postFields = line.substr(kPostFields.size());
+      parsed.post = true;
+    } else if (line.starts_with("REDIRECT_POLICY_NEVER")) {
+      parsed.followRedirects = false;
+    } else if (line.starts_with("OPT_POST")) {
+      parsed.post = true;
+    }
+  }
+  return parsed;
+}
+
+net::Proxy parseProxyAddress(const std::string& address) {
+  net::Proxy proxy;
+  const auto colon = address.find(':');
+  proxy.host = address.substr(0, colon);
+  if (colon != std::string::npos) proxy.port = std::atoi(address.c_str() + colon + 1);
+  return proxy;
+}
+
+net::Proxy parseProxySpec(const std::string& spec) {
+  if (spec.empty()) return {};
+  const auto at = spec.find('@');
+  if (at == std::string::npos) return parseProxyAddress(spec);
+  net::Proxy proxy = parseProxyAddress(spec.substr(at + 1));
+  const std::string credentials = spec.substr(0, at);
+  const auto colon = credentials.find(':');
+  proxy.username = credentials.substr(0, colon);
+  if (colon != std::string::npos) proxy.password = credentials.substr(colon + 1);
+  return proxy;
+}
+
+std::string proxyAddress(const net::Proxy& proxy) {
+  if (proxy.host.empty() || proxy.port <= 0) return proxy.host;
+  return proxy.host + ":" + std::to_string(proxy.port);
+}
+
+std::size_t findHeader(std::string_view rawHeaders, std::string_view name) {
+  const auto found = std::search(rawHeaders.begin(), rawHeaders.end(), name.begin(), name.end(),
+                                 [](char a, char b) { return lower(a) == lower(b); });
+  return found == rawHeaders.end() ? std::string_view::npos : static_cast<std::size_t>(found - rawHeaders.begin());
+}
+
+std::optional<std::string> contentRangeTotal(const std::string& rawHeaders) {
+  const auto name = findHeader(rawHeaders, "content-range:");
+  if (name == std::string::npos) return std::nullopt;
+  const auto slash = rawHeaders.find('/', name);
+  if (slash == std::string::npos) return std::nullopt;
+  const auto end = rawHeaders.find("\r\n", slash);
+  return rawHeaders.substr(slash + 1, end == std::string::npos ? end : end - slash - 1);
+}
+
+std::optional<std::string> contentLengthText(const std::string& rawHeaders) {
+  constexpr std::string_view kName = "content-length:";
+  const auto name = findHeader(rawHeaders, kName);
+  if (name == std::string::npos) return std::nullopt;
+  const auto value = std::min(rawHeaders.find_first_not_of(' ', name + kName.size()), rawHeaders.size());
+  return rawHeaders.substr(value);
+}
+
+std::int32_t mediaTypeFromHeaders(const std::string& rawHeaders) {
+  constexpr std::string_view kName = "content-type:";
+  const auto name = findHeader(rawHeaders, kName);
+  if (name == std::string::npos) return 0;
+  const auto begin = std::min(rawHeaders.find_first_not_of(' ', name + kName.size()), rawHeaders.size());
+  const auto end = rawHeaders.find_first_of("\r\n;", begin);
+  const std::string_view value = std::string_view(rawHeaders).substr(begin, end == std::string::npos ? end : end - begin);
+  const auto hit = std::find_if(kMediaTypes.begin(), kMediaTypes.end(),
+                                [&](const MediaType& type) { return value.find(type.text) != std::string_view::npos; });
+  return hit == kMediaTypes.end() ? 0 : hit->code;
+}
+
+}  // namespace xfer
