@@ -1,4 +1,4 @@
-#include "gate.h"
+#include "support/gate.h"
 
 #include <condition_variable>
 #include <mutex>

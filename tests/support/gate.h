@@ -11,7 +11,7 @@
 #include <functional>
 #include <memory>
 
-#include "test_timeout.h"
+#include "support/test_timeout.h"
 
 namespace support {
 

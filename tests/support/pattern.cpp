@@ -1,4 +1,4 @@
-#include "pattern.h"
+#include "support/pattern.h"
 
 #include <algorithm>
 #include <cstring>
@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "temp_dir.h"
+#include "support/temp_dir.h"
 
 namespace support {
 namespace {

@@ -1,4 +1,4 @@
-#include "received_request.h"
+#include "support/received_request.h"
 
 #include <algorithm>
 #include <charconv>

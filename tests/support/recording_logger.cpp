@@ -1,4 +1,4 @@
-#include "recording_logger.h"
+#include "support/recording_logger.h"
 
 #include <algorithm>
 

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "test_timeout.h"
+#include "support/test_timeout.h"
 
 namespace support {
 

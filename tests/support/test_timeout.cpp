@@ -1,4 +1,4 @@
-#include "test_timeout.h"
+#include "support/test_timeout.h"
 
 #include <cstdlib>
 

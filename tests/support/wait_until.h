@@ -6,7 +6,7 @@
 #include <chrono>
 #include <thread>
 
-#include "test_timeout.h"
+#include "support/test_timeout.h"
 
 namespace support {
 

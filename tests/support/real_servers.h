@@ -1,0 +1,65 @@
+// The servers and proxies that tests/servers/fixture.py runs during the tests with the label "servers".
+//
+// They serve one folder: empty.bin, one.bin, 1m.bin and 16m.bin of the pattern (see pattern.h; their sizes are
+// below), and page.txt.  The nginx ones have further paths, for each method:
+//   /redirect/<301|302|303|307|308>/<path>   to /<path>;  /redirect/loop to itself
+//   /status/<403|404|416|429|500|503>        an answer with this status
+//   /echo                                    200 with the request's body (one line of text) as body
+//   /method                                  200 with the request's method as body
+//   /private/<path>                          the folder, for user() with password() by Basic authentication
+//
+// Threads: any.
+// Errors:  std::runtime_error when XFER_TEST_SERVERS does not name the fixture's file: then the servers do not run.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace support {
+
+enum class RealServer {
+  Nginx,               // HTTP/1.1, ranges, keep-alive
+  NginxTls,            // the same with TLS
+  NginxH2,             // the same with TLS and HTTP/2
+  NginxWithoutRanges,  // max_ranges 0: a range gets a 200
+  NginxSlow,           // 1 MiB a second and connection
+  Apache,              // ranges
+  Lighttpd,            // ranges
+  Python,              // Python's http.server: HTTP/1.0, no ranges
+};
+
+/// Its name, for a parametrised test's.
+const char* nameOf(RealServer server);
+
+class RealServers {
+ public:
+  static constexpr std::uint64_t kSmallFileBytes = 1 << 20;       // 1m.bin
+  static constexpr std::uint64_t kBigFileBytes = (16 << 20) + 7;  // 16m.bin; no multiple of anything
+
+  RealServers();
+
+  /// The server's origin and the path, which starts with "/".
+  [[nodiscard]] std::string url(RealServer server, const std::string& path) const;
+
+  /// The certificate (its own authority, for 127.0.0.1 and localhost) that the TLS servers show, as a PEM file.
+  [[nodiscard]] std::string certificateFile() const;
+
+  /// The folder that is served.
+  [[nodiscard]] std::string documentRoot() const;
+
+  /// An HTTP proxy on 127.0.0.1 for everybody, and one that wants user() and password() by Basic authentication.
+  [[nodiscard]] std::uint16_t proxyPort() const;
+  [[nodiscard]] std::uint16_t authProxyPort() const;
+
+  [[nodiscard]] std::string user() const;
+  [[nodiscard]] std::string password() const;
+
+ private:
+  [[nodiscard]] const std::string& value(const std::string& key) const;
+  [[nodiscard]] std::uint16_t port(const std::string& key) const;
+
+  std::map<std::string, std::string> values_;
+};
+
+}  // namespace support
