@@ -23,7 +23,8 @@ constexpr std::uint64_t kLargestThrottledBuffer = 65536;
 
 std::uint64_t nowNs() {
   return static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+          .count());
 }
 
 std::string rangeText(std::uint64_t start, std::uint64_t end) {
@@ -37,8 +38,8 @@ std::string rangeText(std::uint64_t start, std::uint64_t end) {
 struct CurlMultiBackend::Transfer {
   enum class Body { Unjudged, Delivered, Dropped };
 
-  EasyPtr easy;  // destroyed after the list that it points to
-  SlistPtr headers;
+  SlistPtr headers;  // before the handle that points to it
+  EasyPtr easy;
   DataCallback onData;
   DoneCallback onDone;
   HeadCallback onHead;
@@ -55,8 +56,9 @@ struct CurlMultiBackend::Transfer {
   bool cutAtEnd = false;         // a body that goes on past end is ended there
   std::string errorBody;
 
-  std::list<Slot>::iterator slot;  // valid while active
   bool active = false;
+  std::list<Slot>::iterator slot;  // valid while active
+  std::uint64_t stagedOffset = 0;  // in the file, of what the slot's staging holds
   // Two reasons to hold a transfer; neither lifts the other.
   bool heldByHost = false;
   std::uint64_t throttledPiece = 0;  // size of the piece that has to wait for tokens; 0: none
@@ -115,12 +117,12 @@ struct CurlMultiBackend::Transfer {
   void flush() {
     std::vector<std::uint8_t>& staging = slot->staging;
     if (staging.empty()) return;
-    const std::uint64_t length = staging.size();
-    staging.clear();  // keeps the bytes where they are; cleared first so that an exception cannot deliver them twice
-    if (onData) onData(stagedOffset, staging.data(), length);
+    struct Clear {  // also after an exception: nothing is delivered twice
+      std::vector<std::uint8_t>& staging;
+      ~Clear() { staging.clear(); }
+    } const clear{staging};
+    if (onData) onData(stagedOffset, staging.data(), staging.size());
   }
-
-  std::uint64_t stagedOffset = 0;
 };
 
 // ---- Any thread ----
@@ -215,8 +217,8 @@ void CurlMultiBackend::configure(Transfer& transfer, const TransferRequest& requ
     // The limit is kept by the slot's token bucket: libcurl's own lets megabytes through before it looks and then falls
     // silent.  A small buffer makes small pieces, so that a low rate comes evenly; and a transfer that is held below
     // the low-speed limit on purpose must not be given up for it.
-    receiveBuffer = static_cast<long>(
-        std::clamp(request.maxRecvSpeed / 8, kSmallestReceiveBuffer, kLargestThrottledBuffer));
+    receiveBuffer =
+        static_cast<long>(std::clamp(request.maxRecvSpeed / 8, kSmallestReceiveBuffer, kLargestThrottledBuffer));
     lowSpeedLimit = std::min(lowSpeedLimit, request.maxRecvSpeed / 2);
   }
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, receiveBuffer);
@@ -439,7 +441,8 @@ void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode c
   long code = 0;
   if (curlResult == CURLE_OK) curl_easy_getinfo(transfer.easy.get(), CURLINFO_RESPONSE_CODE, &code);
   leaveMulti(transfer);
-  const std::int32_t status = transfer.head.head().status > 0 ? transfer.head.head().status : static_cast<std::int32_t>(code);
+  const std::int32_t status =
+      transfer.head.head().status > 0 ? transfer.head.head().status : static_cast<std::int32_t>(code);
   const std::uint64_t got = transfer.delivered();
 
   if (result == CURLE_OK && transfer.end != 0 && got < transfer.end - transfer.rangeStart) {
@@ -447,8 +450,8 @@ void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode c
     curl_off_t announced = -1;
     curl_easy_getinfo(transfer.easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
     if (announced >= 1 && static_cast<std::uint64_t>(announced) == transfer.position - transfer.bodyOffset) {
-      XFER_LOG(log::kRecovery, "short transfer (metadata mismatch, accepting) | range=" << transfer.rangeStart
-                                   << " | metadata=" << expected << " | server=" << got);
+      XFER_LOG(log::kRecovery, "short transfer (metadata mismatch, accepting) | range="
+                                   << transfer.rangeStart << " | metadata=" << expected << " | server=" << got);
     } else {
       XFER_LOG(log::kRecovery,
                "short transfer | range=" << transfer.rangeStart << " | expected=" << expected << " | got=" << got);
@@ -458,8 +461,8 @@ void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode c
   XFER_LOG(log::kTrace,
            "done | range=" << transfer.rangeStart << " | err=" << result << " | http=" << status << " | bytes=" << got);
   if (status >= 400 && !transfer.errorBody.empty()) {
-    XFER_LOG(log::kFailure, "HTTP " << status << " response body (" << transfer.errorBody.size()
-                                    << " bytes): " << transfer.errorBody);
+    XFER_LOG(log::kFailure,
+             "HTTP " << status << " response body (" << transfer.errorBody.size() << " bytes): " << transfer.errorBody);
   }
   finishTransfer(transfer, result, status, got);
 }

@@ -13,7 +13,8 @@
 //          and a thread that joins itself ends the process.
 //          Data, head and done callbacks run on the loop thread, one at a time; they must not block for long.  The done
 //          callback of a submit that fails at once runs on the submitting thread.
-// Errors:  through the done callback.  An exception from a callback is caught: from the done callback it is logged, from
+// Errors:  through the done callback.  An exception from a callback is caught: from the done callback it is logged,
+// from
 //          the others it ends the transfer with libcurl's write error (23).
 // Units:   offsets and lengths are bytes, half-open [start, end); speeds bytes per second.
 #pragma once
@@ -98,8 +99,8 @@ class ITransferBackend {
   virtual void cancelRange(std::uint64_t rangeStart) = 0;
 
   /// Ends the loop thread and every transfer, with 42; those that the loop had not taken over yet get no done callback.
-  /// Later submissions end at once, with 42.  Destruction does the same; a job calls it first so that no other thread is
-  /// inside the object when it goes.
+  /// Later submissions end at once, with 42.  Destruction does the same; a job calls it first so that no other thread
+  /// is inside the object when it goes.
   virtual void stop() = 0;
 };
 
@@ -172,13 +173,13 @@ class CurlMultiBackend final : public ITransferBackend {
 
   // Loop thread only; after it has ended, whoever destroys the backend.
   std::vector<QueuedCommand> takenCommands_;
-  Transfers taken_;    // submissions of this turn, until its commands are applied
-  Transfers waiting_;  // in front of the gate, oldest first
-  Transfers active_;   // on the multi handle
+  Transfers taken_;            // submissions of this turn, until its commands are applied
+  Transfers waiting_;          // in front of the gate, oldest first
+  Transfers active_;           // on the multi handle
   std::list<Slot> slots_;      // in use by active transfers
   std::list<Slot> freeSlots_;  // left by those that ended; the last one is the most recent
 
-  std::atomic<bool> running_{false};         // read by submit on other threads
+  std::atomic<bool> running_{false};          // read by submit on other threads
   std::atomic<std::int32_t> activeCount_{0};  // read by activeCount on other threads
   std::thread loop_;
 };

@@ -138,8 +138,8 @@ Response fetchStoppable(const Request& request, const StopSignal& stop) {
     curl_easy_setopt(easy.get(), CURLOPT_HEADERDATA, &toHeaders);
 
     if (!request.quiet) XFER_LOG_LINE(log::kTrace, 224, "--> fetch | " << request.url);
-    const CURLcode code = holdsLineBreak(request.cookie, request.headers) ? CURLE_BAD_FUNCTION_ARGUMENT
-                                                                         : perform(easy.get(), stop);
+    const CURLcode code =
+        holdsLineBreak(request.cookie, request.headers) ? CURLE_BAD_FUNCTION_ARGUMENT : perform(easy.get(), stop);
     if (code != CURLE_OK) {
       response.curlCode = code;
       if (!request.quiet) {

@@ -18,7 +18,8 @@ inline constexpr std::uint32_t kRecovery = 4;
 inline constexpr std::uint32_t kTrace = 6;
 
 template <class StreamText>
-void write(std::uint32_t level, const char* tag, const char* file, std::uint32_t line, StreamText&& streamText) noexcept {
+void write(std::uint32_t level, const char* tag, const char* file, std::uint32_t line,
+           StreamText&& streamText) noexcept {
   Keel::ILogger* logger = nullptr;
   if (createLogger(&logger) != 0) return;
   if (logger->threshold() >= level) {

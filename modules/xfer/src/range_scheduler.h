@@ -30,8 +30,8 @@ class RangeScheduler {
   /// A totalBytes of 0 gives one empty range, so that such a file still completes.
   RangeScheduler(std::uint64_t totalBytes, const DownloadPolicy& policy);
 
-  /// Activates the lowest Pending range and returns its start and end; nullopt when none is Pending, which does not mean
-  /// finished: see allDone.
+  /// Activates the lowest Pending range and returns its start and end; nullopt when none is Pending, which does not
+  /// mean finished: see allDone.
   std::optional<std::pair<std::uint64_t, std::uint64_t>> nextPending() SYS_EXCLUDES(mutex_);
 
   /// The Active range that starts here is Done.
@@ -73,8 +73,8 @@ class RangeScheduler {
   const DownloadPolicy policy_;
 
   mutable sys::Mutex mutex_;
-  std::vector<Range> ranges_ SYS_GUARDED_BY(mutex_);       // ascending and contiguous; never re-cut
-  std::size_t lowestPending_ SYS_GUARDED_BY(mutex_) = 0;   // no range before it is Pending: keeps long lists fast
+  std::vector<Range> ranges_ SYS_GUARDED_BY(mutex_);      // ascending and contiguous; never re-cut
+  std::size_t lowestPending_ SYS_GUARDED_BY(mutex_) = 0;  // no range before it is Pending: keeps long lists fast
   std::size_t doneCount_ SYS_GUARDED_BY(mutex_) = 0;
   std::uint64_t completedBytes_ SYS_GUARDED_BY(mutex_) = 0;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <stdexcept>
 
 namespace xfer {
 namespace {
@@ -108,13 +109,42 @@ std::optional<std::string> contentLengthText(const std::string& rawHeaders) {
   return rawHeaders.substr(value);
 }
 
+std::optional<std::uint64_t> remoteSize(std::int32_t status, const std::string& rawHeaders) {
+  if (status == 206) {
+    const auto total = contentRangeTotal(rawHeaders);
+    if (total && *total != "*") return std::strtoull(total->c_str(), nullptr, 10);
+  }
+  if (status == 200 || status == 206) {
+    // Intended: behind an unknown total this is the length of the one-byte part.
+    if (const auto length = contentLengthText(rawHeaders)) return std::strtoull(length->c_str(), nullptr, 10);
+  }
+  return std::nullopt;
+}
+
+std::string watchPagePath(std::string_view url) {
+  constexpr std::string_view kQuery = "watch?v=";
+  constexpr std::size_t kIdLength = 11;
+  const auto found = url.find(kQuery);
+  if (found == std::string_view::npos || url.size() - found < kQuery.size() + kIdLength) return "/";
+  return "/" + std::string(url.substr(found, kQuery.size() + kIdLength));
+}
+
+int parseStatus(const std::string& word) {
+  try {
+    return std::stoi(word);
+  } catch (const std::logic_error&) {
+    return -1;  // not a number, or too large for one
+  }
+}
+
 std::int32_t mediaTypeFromHeaders(const std::string& rawHeaders) {
   constexpr std::string_view kName = "content-type:";
   const auto name = findHeader(rawHeaders, kName);
   if (name == std::string::npos) return 0;
   const auto begin = std::min(rawHeaders.find_first_not_of(' ', name + kName.size()), rawHeaders.size());
   const auto end = rawHeaders.find_first_of("\r\n;", begin);
-  const std::string_view value = std::string_view(rawHeaders).substr(begin, end == std::string::npos ? end : end - begin);
+  const std::string_view value =
+      std::string_view(rawHeaders).substr(begin, end == std::string::npos ? end : end - begin);
   const auto hit = std::find_if(kMediaTypes.begin(), kMediaTypes.end(),
                                 [&](const MediaType& type) { return value.find(type.text) != std::string_view::npos; });
   return hit == kMediaTypes.end() ? 0 : hit->code;

@@ -51,4 +51,15 @@ std::optional<std::string> contentRangeTotal(const std::string& rawHeaders);
 /// The text of raw headers from the first Content-Length's value on, blanks skipped; nothing when there is none.
 std::optional<std::string> contentLengthText(const std::string& rawHeaders);
 
+/// The size of a remote file as the answer to a request for its first byte gives it: the Content-Range total of a 206,
+/// else the Content-Length of a 200 or 206; nothing when there is neither.
+std::optional<std::uint64_t> remoteSize(std::int32_t status, const std::string& rawHeaders);
+
+/// The path and query of the watch page that url names, for the Referer of its text download; "/" when it names none.
+/// What follows the page's id in url is dropped.
+std::string watchPagePath(std::string_view url);
+
+/// The number that an HTTP status word is; -1 when it is none.
+int parseStatus(const std::string& word);
+
 }  // namespace xfer

@@ -14,7 +14,8 @@ char lower(char c) {
 // Whether text begins with prefix, which is in lower case; if so, removes it.
 bool skip(std::string_view& text, std::string_view prefix) {
   if (text.size() < prefix.size()) return false;
-  const bool same = std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) { return a == lower(b); });
+  const bool same =
+      std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) { return a == lower(b); });
   if (same) text.remove_prefix(prefix.size());
   return same;
 }

@@ -20,10 +20,10 @@ struct ContentRange {
 std::optional<ContentRange> parseContentRange(std::string_view value);
 
 struct ResponseHead {
-  std::int32_t status = 0;                    ///< 0 until a status line was seen
-  std::optional<ContentRange> contentRange;   ///< nothing when the header is missing or cannot be read
-  bool multipartRanges = false;               ///< the body is of type multipart/byteranges
-  std::string strongEtag;                     ///< with its quotes; empty when there is none or a weak one
+  std::int32_t status = 0;                   ///< 0 until a status line was seen
+  std::optional<ContentRange> contentRange;  ///< nothing when the header is missing or cannot be read
+  bool multipartRanges = false;              ///< the body is of type multipart/byteranges
+  std::string strongEtag;                    ///< with its quotes; empty when there is none or a weak one
 };
 
 /// Takes header lines as libcurl delivers them, of interim responses and redirects too: the last status line starts

@@ -6,18 +6,18 @@
 namespace xfer::result {
 
 inline constexpr std::int32_t kSuccess = 0;
-inline constexpr std::int32_t kNoHandle = -1;           ///< no libcurl handle could be created: fetch, backend
-inline constexpr std::int32_t kWriteFailed = -1;        ///< a write to the file failed: FileSink::writeAt, job
-inline constexpr std::int32_t kTextException = -1;      ///< an exception was caught: xfer_downloadText
-inline constexpr std::int32_t kSizeException = 1;       ///< an exception was caught: xfer_getRemoteFileSize
-inline constexpr std::int32_t kNoSize = 100;            ///< no size in the answer: xfer_getRemoteFileSize
-inline constexpr std::int32_t kStopped = 102;           ///< cancelled, or failed without a code: xfer_getProgress
-inline constexpr std::int32_t kException = 100000;      ///< an exception was caught: C entries, job
-inline constexpr std::int32_t kUnknownId = 100001;      ///< no such download: C entries
-inline constexpr std::int32_t kNullUrl = 100001;        ///< xfer_downloadText
-inline constexpr std::int32_t kFileNotCreated = 100004; ///< FileSink::open
-inline constexpr std::int32_t kFileNotOpen = 100006;    ///< FileSink::writeAt, FileSink::finalize
-inline constexpr std::int32_t kEmptyBody = 100009;      ///< transfer done, body buffer empty: C entries
-inline constexpr std::int32_t kFileNotReserved = 100024;///< FileSink::open
+inline constexpr std::int32_t kNoHandle = -1;             ///< no libcurl handle could be created: fetch, backend
+inline constexpr std::int32_t kWriteFailed = -1;          ///< a write to the file failed: FileSink::writeAt, job
+inline constexpr std::int32_t kTextException = -1;        ///< an exception was caught: xfer_downloadText
+inline constexpr std::int32_t kSizeException = 1;         ///< an exception was caught: xfer_getRemoteFileSize
+inline constexpr std::int32_t kNoSize = 100;              ///< no size in the answer: xfer_getRemoteFileSize
+inline constexpr std::int32_t kStopped = 102;             ///< cancelled, or failed without a code: xfer_getProgress
+inline constexpr std::int32_t kException = 100000;        ///< an exception was caught: C entries, job
+inline constexpr std::int32_t kUnknownId = 100001;        ///< no such download: C entries
+inline constexpr std::int32_t kNullUrl = 100001;          ///< xfer_downloadText
+inline constexpr std::int32_t kFileNotCreated = 100004;   ///< FileSink::open
+inline constexpr std::int32_t kFileNotOpen = 100006;      ///< FileSink::writeAt, FileSink::finalize
+inline constexpr std::int32_t kEmptyBody = 100009;        ///< transfer done, body buffer empty: C entries
+inline constexpr std::int32_t kFileNotReserved = 100024;  ///< FileSink::open
 
 }  // namespace xfer::result

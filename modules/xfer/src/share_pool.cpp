@@ -1,7 +1,6 @@
 #include "share_pool.h"
 
 #include <algorithm>
-#include <array>
 
 #include "sys/never_destroyed.h"
 
@@ -10,26 +9,15 @@ namespace {
 
 // Enough for a host that works on this many requests at once to reuse every connection.
 constexpr std::size_t kMaxIdleShares = 16;
-constexpr unsigned kLockKinds = 8;
-
-}  // namespace
-
-struct Share {
-  std::array<sys::Mutex, kLockKinds> locks;  // before the handle: libcurl locks them while it destroys that
-  SharePtr handle;
-  std::string lastOrigin;
-};
-
-namespace {
 
 // Which access libcurl asks for (shared or single) makes no difference: every access is exclusive.
 void lockShare(CURL* /*easy*/, curl_lock_data kind, curl_lock_access /*access*/,
                void* share) SYS_NO_THREAD_SAFETY_ANALYSIS {
-  static_cast<Share*>(share)->locks[static_cast<unsigned>(kind) & (kLockKinds - 1)].lock();
+  static_cast<Share*>(share)->locks[static_cast<unsigned>(kind) & (Share::kLockKinds - 1)].lock();
 }
 
 void unlockShare(CURL* /*easy*/, curl_lock_data kind, void* share) SYS_NO_THREAD_SAFETY_ANALYSIS {
-  static_cast<Share*>(share)->locks[static_cast<unsigned>(kind) & (kLockKinds - 1)].unlock();
+  static_cast<Share*>(share)->locks[static_cast<unsigned>(kind) & (Share::kLockKinds - 1)].unlock();
 }
 
 std::unique_ptr<Share> makeShare() {
@@ -96,9 +84,11 @@ ShareLease SharePool::lease(std::string_view origin) {
   {
     const sys::MutexLock lock(mutex_);
     if (!open_) return {};
-    auto found = std::find_if(idle_.rbegin(), idle_.rend(), [&](const auto& share) { return share->lastOrigin == origin; });
+    auto found =
+        std::find_if(idle_.rbegin(), idle_.rend(), [&](const auto& share) { return share->lastOrigin == origin; });
     if (found == idle_.rend()) {
-      found = std::find_if(idle_.rbegin(), idle_.rend(), [&](const auto& share) { return share->handle.get() == primary_; });
+      found = std::find_if(idle_.rbegin(), idle_.rend(),
+                           [&](const auto& share) { return share->handle.get() == primary_; });
     }
     if (found == idle_.rend()) found = idle_.rbegin();
     if (found != idle_.rend()) {

@@ -9,6 +9,8 @@
 // Errors:  none; without a share things work unshared.
 #pragma once
 
+#include <array>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -19,14 +21,22 @@
 
 namespace xfer {
 
-struct Share;
 class SharePool;
+
+struct Share {
+  static constexpr unsigned kLockKinds = 8;
+
+  std::array<sys::Mutex, kLockKinds> locks;  // one a kind of data; before the handle: destroying that locks them
+  SharePtr handle;
+  std::string lastOrigin;
+};
 
 /// A share for one operation.  Everything that uses its handle must be gone before the lease is.
 class ShareLease {
  public:
   ShareLease() = default;
-  ShareLease(ShareLease&& other) noexcept : pool_(std::exchange(other.pool_, nullptr)), share_(std::move(other.share_)) {}
+  ShareLease(ShareLease&& other) noexcept
+      : pool_(std::exchange(other.pool_, nullptr)), share_(std::move(other.share_)) {}
   ShareLease& operator=(ShareLease&& other) noexcept;
   ~ShareLease();
 

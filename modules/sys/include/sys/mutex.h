@@ -59,7 +59,9 @@ class Condition {
   void wait(MutexLock& lock) { condition_.wait(lock.lock_); }
 
   /// Returns when notified or at the time given, whichever is first.
-  void waitUntil(MutexLock& lock, std::chrono::steady_clock::time_point when) { condition_.wait_until(lock.lock_, when); }
+  void waitUntil(MutexLock& lock, std::chrono::steady_clock::time_point when) {
+    condition_.wait_until(lock.lock_, when);
+  }
 
  private:
   std::condition_variable condition_;

@@ -1,6 +1,7 @@
 // A static object whose destructor does not run: threads may still use it while the process exits.
 //
-// What it owns on the heap has to be released by a call of its own (see sys::atUnload), or lives as long as the process.
+// What it owns on the heap has to be released by a call of its own (see sys::atUnload), or lives as long as the
+// process.
 #pragma once
 
 #include <new>

@@ -39,20 +39,20 @@ struct DownloadRequest {
 /// How to download.  A policy that cannot work (no connection at all, chunks of size 0 or that never grow past 0) makes
 /// the job end Failed with libcurl's bad-function-argument code, 43.
 struct DownloadPolicy {
-  std::uint16_t numThreads = 1;                ///< most range transfers in flight at once
-  std::uint64_t maxDownloadSpeed = 0;          ///< for the whole job; 0: unlimited.  Each transfer gets an equal share
-  bool rampChunks = true;                      ///< chunks grow from initialChunkSize; else all have maxChunkSize
-  std::uint64_t initialChunkSize = 1048576;    ///< size of the first chunk
-  std::uint64_t maxChunkSize = 16777216;       ///< most that a later chunk has
-  std::uint32_t chunkGrowthFactor = 4;         ///< from one chunk to the next
-  std::uint32_t probeTimeoutSec = 10;          ///< for the whole probe
-  std::uint32_t connectTimeoutSec = 20;        ///< of a range transfer; 0: libcurl's default
-  std::uint32_t transferTimeoutSec = 0;        ///< for a whole range transfer; 0: none
-  std::uint32_t lowSpeedLimit = 1024;          ///< bytes per second below which a transfer counts as stalled
-  std::uint32_t lowSpeedTimeSec = 30;          ///< how long a transfer may stall before it is given up
-  bool useHttp2 = false;                       ///< ask for HTTP/2 over TLS; else HTTP/1.1
-  bool tcpKeepAlive = true;                    ///< let TCP probe idle connections
-  bool multiplex = true;                       ///< let several transfers share one HTTP/2 connection
+  std::uint16_t numThreads = 1;              ///< most range transfers in flight at once
+  std::uint64_t maxDownloadSpeed = 0;        ///< for the whole job; 0: unlimited.  Each transfer gets an equal share
+  bool rampChunks = true;                    ///< chunks grow from initialChunkSize; else all have maxChunkSize
+  std::uint64_t initialChunkSize = 1048576;  ///< size of the first chunk
+  std::uint64_t maxChunkSize = 16777216;     ///< most that a later chunk has
+  std::uint32_t chunkGrowthFactor = 4;       ///< from one chunk to the next
+  std::uint32_t probeTimeoutSec = 10;        ///< for the whole probe
+  std::uint32_t connectTimeoutSec = 20;      ///< of a range transfer; 0: libcurl's default
+  std::uint32_t transferTimeoutSec = 0;      ///< for a whole range transfer; 0: none
+  std::uint32_t lowSpeedLimit = 1024;        ///< bytes per second below which a transfer counts as stalled
+  std::uint32_t lowSpeedTimeSec = 30;        ///< how long a transfer may stall before it is given up
+  bool useHttp2 = false;                     ///< ask for HTTP/2 over TLS; else HTTP/1.1
+  bool tcpKeepAlive = true;                  ///< let TCP probe idle connections
+  bool multiplex = true;                     ///< let several transfers share one HTTP/2 connection
 };
 
 /// The numbers are part of the interface.
@@ -96,6 +96,8 @@ XFER_API RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy
 
 class XFER_API DownloadJob {
  public:
+  class Impl;
+
   /// Starts nothing.
   DownloadJob(DownloadRequest request, DownloadPolicy policy);
 
@@ -133,7 +135,6 @@ class XFER_API DownloadJob {
   [[nodiscard]] DownloadSnapshot snapshot() const;
 
  private:
-  class Impl;
   std::unique_ptr<Impl> impl_;
 };
 

@@ -17,12 +17,12 @@
 namespace xfer {
 
 struct Request {
-  std::string url;                   ///< absolute, http or https
-  std::string cookie;                ///< value of the Cookie header; not sent when empty
-  std::vector<std::string> headers;  ///< whole lines "Name: value" without a line end
-  net::Proxy proxy;                  ///< used when its host is not empty
-  std::string body;                  ///< not empty: the request is a POST of these bytes
-  bool followRedirects = true;       ///< at most 20; a POST stays a POST
+  std::string url;                      ///< absolute, http or https
+  std::string cookie;                   ///< value of the Cookie header; not sent when empty
+  std::vector<std::string> headers;     ///< whole lines "Name: value" without a line end
+  net::Proxy proxy;                     ///< used when its host is not empty
+  std::string body;                     ///< not empty: the request is a POST of these bytes
+  bool followRedirects = true;          ///< at most 20; a POST stays a POST
   std::int32_t connectTimeoutSec = 15;  ///< 0 or less: none
   std::int32_t timeoutSec = 10;         ///< for the whole transfer; 0 or less: none
   std::int32_t lowSpeedTimeSec = 10;    ///< gives up after so long below 1024 bytes per second; 0 or less: never

@@ -1,0 +1,151 @@
+/*
+ * The C interface of xfer: requests into memory, downloads into files by numeric handle, and module-wide settings.
+ *
+ * Threads: every function may be called from any thread, unless it says otherwise.
+ * Errors:  by number.  0 is success.  Positive numbers below 100000 that a function does not name are libcurl's codes;
+ *          100000 is a caught exception (out of memory and the like), 100001 an unknown id.
+ * Texts:   UTF-8, ended by a zero byte, only read during the call.  A null text is taken as empty.
+ * Units:   sizes are bytes, speeds bytes per second.
+ *
+ * Arguments that several functions share:
+ *   headers  extra request header lines "Name: value", separated by line feeds
+ *   cookie   value of the Cookie header; null or empty: none
+ *   proxy    [username[:password]@]host[:port]; null or empty: the proxy of xfer_setProxy
+ *   options  option lines separated by line feeds: "OPT_POSTFIELDS=" and a body makes the request a POST,
+ *            "REDIRECT_POLICY_NEVER" refuses redirects; all else is ignored
+ */
+#ifndef XFER_XFER_H
+#define XFER_XFER_H
+
+#include <stdint.h>
+
+#include "xfer/export.h"
+
+#ifdef __cplusplus
+#include "sys/idata_buff.h"
+typedef sys::IDataBuff xfer_buffer;
+extern "C" {
+#else
+#include <stdbool.h>
+/* A buffer object of the host's; its interface is C++ (sys/idata_buff.h). */
+typedef struct xfer_buffer xfer_buffer;
+#endif
+
+/*
+ * Fetches url and blocks until that has ended.  There is no limit on the whole time; connecting may take 15 s, and a
+ * transfer below 1024 bytes per second for 10 s is given up.
+ *
+ * The response's headers (of redirects too) and its body are copied into the caller's buffers; an empty part leaves its
+ * buffer as it was.  The HTTP status is not judged: an error page is a success.
+ *
+ * 0; libcurl's code of a failed transfer (what had arrived is in the buffers); -1: no transfer handle; 100000;
+ * 100009: done, but outBody is empty.
+ */
+XFER_API int xfer_download(const char* url, const char* headers, const char* options, xfer_buffer* outHeaders,
+                           xfer_buffer* outBody, const char* cookie, const char* proxy);
+
+/*
+ * Fetches a page of the video site as a desktop browser would, and blocks.  The buffers are filled only when the
+ * answer's status is 200 to 299.
+ *
+ * 0; 100001: url is null; -1000 - status; -999: no status could be read; -1: a caught exception; else as xfer_download.
+ */
+XFER_API int32_t xfer_downloadText(const char* url, const char* cookie, xfer_buffer* outHeaders, xfer_buffer* outBody,
+                                   const char* proxy);
+
+/*
+ * Starts a request in the background and stores its id in *dlId.  The id must be collected with
+ * xfer_queryAsyncBuffer, or its result stays in memory until the module is unloaded.
+ *
+ * 0; 100000, and *dlId is not written.
+ */
+XFER_API int32_t xfer_downloadAsync(const char* url, uint64_t* dlId, const char* headers, const char* options,
+                                    const char* cookie, const char* proxy);
+
+/*
+ * Waits for the request with that id and copies its result as xfer_download does.  The id is unknown from then on.
+ *
+ * 0; libcurl's code of a failed transfer; 100000: a buffer could not be made large enough; 100001; 100009: done, but
+ * bodyOut is empty.
+ */
+XFER_API int32_t xfer_queryAsyncBuffer(uint64_t dlId, xfer_buffer* headersOut, xfer_buffer* bodyOut);
+
+/*
+ * Starts a download of url into the file at path and returns its id, never 0.  How it fares is xfer_getProgress's to
+ * tell, failures to start included.
+ *
+ * threads: connections at once; 0: the number of xfer_setNumThreads.  reserved is not read.  knownSize: the file's size
+ * if the host knows it; 0: the server is asked.  Throws what the standard library throws when memory or threads run
+ * out.
+ */
+XFER_API uint64_t xfer_downloadFile(const char* url, const char* path, const char* headers, uint16_t threads,
+                                    const char* cookie, uint64_t reserved, uint64_t knownSize, const char* proxy);
+
+/* Holds a download that is running; does nothing in any other state.  0; 100001. */
+XFER_API int32_t xfer_downloadPause(uint64_t dl_id);
+
+/* Lets a paused download run on; does nothing in any other state.  0; 100001. */
+XFER_API int32_t xfer_downloadResume(uint64_t dl_id);
+
+/*
+ * Cancels a download and forgets its id.  The partial file stays.  Takes well under a second.
+ *
+ * Whether there was such a download; one whose end xfer_getProgress has reported is gone.
+ */
+XFER_API bool xfer_stopDownloadHandle(uint64_t dl_id);
+
+/*
+ * Reports a download.  Always 0.
+ *
+ * *downloaded: the bytes received so far; *finished: 1 when it has ended, else 0; *errorCode: only written when it has
+ * ended: 0 when the file is whole, 102 when it was cancelled, else the failure (a libcurl code, an HTTP status, 100004
+ * and 100024 when the file could not be made, -1 when it could not be written).
+ *
+ * The first call that finds a download ended ends its life: later ones give the same *errorCode, and 0 in *downloaded.
+ * For an unknown id *finished is 1 and the others are not written.
+ */
+XFER_API int32_t xfer_getProgress(uint64_t dl_id, uint64_t* downloaded, uint32_t* errorCode, uint8_t* finished);
+
+/*
+ * Asks the server for the size of url, and blocks for 10 s a try at most.  retries is the number of tries, at least 1.
+ * *size is written on success only; *mediaType after each answer: 1 mp4, 2 flv, 3 3gp, 4 webm, 5 mpeg and 6 ogg video,
+ * 7 octet stream, 11 mpeg audio, 12 jpeg, 0 anything else.
+ *
+ * 0; libcurl's code of the last try; 100: the last answer held no size; 1: a caught exception.
+ */
+XFER_API int32_t xfer_getRemoteFileSize(const char* url, uint64_t* size, uint32_t* mediaType, const char* cookie,
+                                        const char* headers, uint16_t retries, const char* proxy);
+
+/*
+ * Sets the proxy for every call that is given none; null or empty: no proxy.  Running transfers keep theirs.
+ */
+XFER_API void xfer_setProxy(const char* proxy);
+
+/* Connections of a download that is started without a number; 1 until set. */
+XFER_API void xfer_setNumThreads(uint16_t value);
+
+/* Limit of each download that is started from now on, over all its connections; 0: none. */
+XFER_API void xfer_setMaxDownloadSpeed(uint64_t value);
+
+/* Whether xfer_download logs its traces when called on this thread. */
+XFER_API void xfer_setQuietMode(bool quiet);
+
+/* Brings libcurl up now and not with the first request. */
+XFER_API void xfer_ensureCurlInit(void);
+
+/* Ends libcurl.  For a host that is about to unload the module: nothing may be in flight, nothing may follow. */
+XFER_API void xfer_curlGlobalCleanup(void);
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+#include <string>
+
+/*
+ * The size of url in *length, which is -1 when it cannot be learned; whether it is greater than 0.  Blocks, uses no
+ * proxy.  Only for hosts that share the library's standard string.
+ */
+extern "C" XFER_API bool xfer_getContentLength(const std::string& url, int64_t* length);
+#endif
+
+#endif
