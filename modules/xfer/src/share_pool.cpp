@@ -84,12 +84,11 @@ ShareLease SharePool::lease(std::string_view origin) {
   {
     const sys::MutexLock lock(mutex_);
     if (!open_) return {};
-    auto found =
-        std::find_if(idle_.rbegin(), idle_.rend(), [&](const auto& share) { return share->lastOrigin == origin; });
-    if (found == idle_.rend()) {
-      found = std::find_if(idle_.rbegin(), idle_.rend(),
-                           [&](const auto& share) { return share->handle.get() == primary_; });
-    }
+    CURLSH* const primary = primary_;
+    const auto isNear = [&](const auto& share) { return share->lastOrigin == key; };
+    const auto isPrimary = [&](const auto& share) { return share->handle.get() == primary; };
+    auto found = std::find_if(idle_.rbegin(), idle_.rend(), isNear);
+    if (found == idle_.rend()) found = std::find_if(idle_.rbegin(), idle_.rend(), isPrimary);
     if (found == idle_.rend()) found = idle_.rbegin();
     if (found != idle_.rend()) {
       ShareLease leased(this, std::move(*found));
