@@ -1,0 +1,89 @@
+#include <windows.h>
+
+#include <algorithm>
+#include <limits>
+#include <string>
+
+#include "sys/file.h"
+
+namespace sys {
+namespace {
+
+constexpr std::uint64_t kMaxWrite = 0x7FFFFFFF;
+constexpr std::uint64_t kMaxOffset = static_cast<std::uint64_t>(std::numeric_limits<LONGLONG>::max());
+
+HANDLE asHandle(std::intptr_t handle) {
+  return reinterpret_cast<HANDLE>(handle);
+}
+
+int lastError() {
+  return static_cast<int>(::GetLastError());
+}
+
+// Strict: a path that is not UTF-8 comes out empty, and creating that fails.
+std::wstring widePath(const std::string& path) {
+  const auto length = static_cast<int>(std::min<std::size_t>(path.size(), std::numeric_limits<int>::max()));
+  const int needed = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.data(), length, nullptr, 0);
+  std::wstring wide(static_cast<std::size_t>(std::max(needed, 0)), L'\0');
+  if (needed > 0) ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.data(), length, wide.data(), needed);
+  return wide;
+}
+
+}  // namespace
+
+int File::create(const std::string& path) {
+  const HANDLE handle = ::CreateFileW(widePath(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return lastError();
+  handle_ = reinterpret_cast<std::intptr_t>(handle);
+  return 0;
+}
+
+File::ResizeResult File::truncate(std::uint64_t size) {
+  LARGE_INTEGER position{};
+  position.QuadPart = static_cast<LONGLONG>(size);
+  if (!::SetFilePointerEx(asHandle(handle_), position, nullptr, FILE_BEGIN)) {
+    return {ResizeResult::Call::Position, lastError()};
+  }
+  if (!::SetEndOfFile(asHandle(handle_))) return {ResizeResult::Call::SetEnd, lastError()};
+  return {};
+}
+
+// Setting the end reserves the room here.
+File::ResizeResult File::reserve(std::uint64_t size) {
+  return truncate(size);
+}
+
+int File::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length, std::uint64_t* written) {
+  *written = 0;
+  // The two highest offsets mean "append" to the system, and those before them lie behind any file.
+  if (offset > kMaxOffset) return ERROR_INVALID_PARAMETER;
+  OVERLAPPED at{};  // carries the position only; the handle is synchronous
+  at.Offset = static_cast<DWORD>(offset);
+  at.OffsetHigh = static_cast<DWORD>(offset >> 32);
+  DWORD done = 0;
+  if (!::WriteFile(asHandle(handle_), bytes, static_cast<DWORD>(std::min(length, kMaxWrite)), &done, &at)) {
+    return lastError();
+  }
+  if (done == 0) return ERROR_WRITE_FAULT;  // no progress and no reason given: not to be tried for ever
+  *written = done;
+  return 0;
+}
+
+void File::close() {
+  if (!isOpen()) return;
+  ::CloseHandle(asHandle(handle_));
+  handle_ = kClosed;
+}
+
+bool File::blockedByExisting(int error) {
+  return error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED;
+}
+
+void File::moveAside(const std::string& path, const std::string& sidePath) {
+  const std::wstring side = widePath(sidePath);
+  ::DeleteFileW(side.c_str());
+  ::MoveFileW(widePath(path).c_str(), side.c_str());
+}
+
+}  // namespace sys

@@ -1,0 +1,63 @@
+#include "sys/module.h"
+
+#include <windows.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdlib>
+
+#include "sys/mutex.h"
+#include "sys/never_destroyed.h"
+#include "unload_list.h"
+
+namespace sys {
+namespace {
+
+constexpr std::size_t kMostFunctions = 8;
+
+struct UnloadList {
+  Mutex mutex;
+  std::array<void (*)(), kMostFunctions> functions SYS_GUARDED_BY(mutex){};
+  std::size_t count SYS_GUARDED_BY(mutex) = 0;
+};
+
+UnloadList& unloadList() {
+  static NeverDestroyed<UnloadList> list;
+  return list.get();
+}
+
+}  // namespace
+
+void atUnload(void (*function)()) {
+  UnloadList& list = unloadList();
+  const MutexLock lock(list.mutex);
+  if (list.count == kMostFunctions) std::abort();  // a mistake in the library: it registers a fixed few
+  list.functions[list.count++] = function;
+}
+
+void runUnloadList() {
+  UnloadList& list = unloadList();
+  for (;;) {
+    void (*function)() = nullptr;
+    {
+      const MutexLock lock(list.mutex);
+      if (list.count == 0) return;
+      function = list.functions[--list.count];
+    }
+    function();
+  }
+}
+
+ModulePin::ModulePin() {
+  HMODULE module = nullptr;
+  ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&atUnload), &module);
+  module_ = module;
+}
+
+ModulePin::~ModulePin() {
+  // Whoever lets go of what was pinned is a host's thread inside one of our functions, so the host still holds a
+  // reference of its own and this is never the last one.
+  if (module_ != nullptr) ::FreeLibrary(static_cast<HMODULE>(module_));
+}
+
+}  // namespace sys
