@@ -1,0 +1,43 @@
+// The library's own byte buffer: one heap block that is always exactly as long as its content.  See sys/idata_buff.h for
+// what each operation does and who owns what.
+//
+// Threads: one at a time.
+// Errors:  resize reports lack of memory; the operations that make a string throw std::bad_alloc.
+// Units:   lengths are bytes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "sys/idata_buff.h"
+
+namespace sys {
+
+class DataBuff final : public IDataBuff {
+ public:
+  DataBuff() = default;
+  ~DataBuff() override;
+  DataBuff(const DataBuff&) = delete;
+  DataBuff& operator=(const DataBuff&) = delete;
+
+  bool resize(std::uint64_t n) override;
+  void clear() override;
+  void assign(const std::string& text) override;
+  void assign(const void* src, std::uint64_t n) override;
+  std::uint8_t* data() override { return data_; }
+  void attach(std::uint8_t* block, std::uint64_t n) override;
+  void takeFrom(IDataBuff* other) override;
+  std::uint8_t* release(std::uint64_t* n) override;
+  DataBuff* moveTo(IDataBuff* other) override;
+  void copyTo(std::wstring& out) override;
+  void copyTo(std::string& out) override;
+  std::string toString() override;
+  std::uint64_t size() override { return size_; }
+  bool empty() override { return size_ == 0; }
+
+ private:
+  std::uint8_t* data_ = nullptr;  // from the C heap; null when there is no block
+  std::uint64_t size_ = 0;        // of the content and of the block: there is no spare room
+};
+
+}  // namespace sys
