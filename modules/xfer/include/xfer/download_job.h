@@ -94,45 +94,45 @@ struct RemoteFileInfo {
 XFER_API RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
                                         int timeoutSec);
 
-class XFER_API DownloadJob {
+class DownloadJob {
  public:
-  class Impl;
+  class Impl;  ///< the library's own
 
   /// Starts nothing.
-  DownloadJob(DownloadRequest request, DownloadPolicy policy);
+  XFER_API DownloadJob(DownloadRequest request, DownloadPolicy policy);
 
   /// A job that was moved from may only be destroyed or assigned to.
-  DownloadJob(DownloadJob&& other) noexcept;
+  XFER_API DownloadJob(DownloadJob&& other) noexcept;
 
   /// Ends the download that this job held, if any, as destruction does.
-  DownloadJob& operator=(DownloadJob&& other) noexcept;
+  XFER_API DownloadJob& operator=(DownloadJob&& other) noexcept;
 
   DownloadJob(const DownloadJob&) = delete;
   DownloadJob& operator=(const DownloadJob&) = delete;
 
   /// Cancels a download that is not over and waits for its threads, well under a second.  The partial file stays.
-  ~DownloadJob();
+  XFER_API ~DownloadJob();
 
   /// Does nothing unless the job is Idle.  With a known size the first transfers are under way, or the job has failed,
   /// when it returns; without one a worker thread asks the server first.  Throws std::system_error
   /// (resource_unavailable_try_again) when that thread cannot be created.
-  void start();
+  XFER_API void start();
 
   /// Holds a Running job; does nothing in any other state.
-  void pause();
+  XFER_API void pause();
 
   /// Lets a Paused job run on; does nothing in any other state.
-  void resume();
+  XFER_API void resume();
 
   /// Asks the job to stop and returns at once; the state is Cancelled when its last transfer has been torn down.  The
   /// partial file stays.  Does nothing when the job is Cancelling or in a final state.
-  void cancel();
+  XFER_API void cancel();
 
   /// Blocks until the state is final.  A job that stays Paused, or was never started, keeps it waiting.
-  void wait();
+  XFER_API void wait();
 
   /// Never blocks for long.
-  [[nodiscard]] DownloadSnapshot snapshot() const;
+  [[nodiscard]] XFER_API DownloadSnapshot snapshot() const;
 
  private:
   std::unique_ptr<Impl> impl_;
