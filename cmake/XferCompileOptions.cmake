@@ -13,5 +13,5 @@ if(WIN32)
   target_compile_definitions(xfer_compile_options INTERFACE _WIN32_WINNT=0x0A00 NOMINMAX WIN32_LEAN_AND_MEAN UNICODE)
   # No run-time DLL of the compiler is needed beside what we ship; the loader may place the image anywhere.
   target_link_options(xfer_compile_options INTERFACE
-    -static -Wl,--gc-sections,--dynamicbase,--high-entropy-va,--nxcompat)
+    -static -Wl,--gc-sections,--dynamicbase,--high-entropy-va,--nxcompat $<$<CONFIG:Release>:-s>)
 endif()
