@@ -8,6 +8,7 @@
 #include "easy_options.h"
 #include "log.h"
 #include "result_codes.h"
+#include "sys/module.h"
 #include "xfer/fetch.h"
 
 namespace xfer {
@@ -255,6 +256,7 @@ void CurlMultiBackend::eventLoop() {
     cancelEverything();
   }
   XFER_LOG(log::kTrace, "eventLoop | stopped");
+  sys::releaseThreadState();
 }
 
 void CurlMultiBackend::turn() {

@@ -10,6 +10,7 @@
 #include "result_codes.h"
 #include "retry_policy.h"
 #include "share_pool.h"
+#include "sys/module.h"
 
 namespace xfer {
 namespace {
@@ -142,7 +143,10 @@ void DownloadJob::Impl::start() {
   if (request_.knownSize != 0) return runDoStart();
   const sys::MutexLock lock(workerMutex_);
   try {
-    worker_ = std::thread([this] { runDoStart(); });
+    worker_ = std::thread([this] {
+      runDoStart();
+      sys::releaseThreadState();
+    });
   } catch (...) {
     started_ = false;
     throw;

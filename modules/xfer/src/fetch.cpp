@@ -12,6 +12,7 @@
 #include "request_text.h"
 #include "result_codes.h"
 #include "share_pool.h"
+#include "sys/module.h"
 #include "sys/never_destroyed.h"
 
 namespace xfer {
@@ -161,7 +162,12 @@ Response fetchStoppable(const Request& request, const StopSignal& stop) {
 }
 
 std::future<Response> fetchAsync(const Request& request) {
-  return std::async(std::launch::async, [request] { return fetch(request); });
+  return std::async(std::launch::async, [request] {
+    struct EndOfThread {
+      ~EndOfThread() { sys::releaseThreadState(); }
+    } const endOfThread;
+    return fetch(request);
+  });
 }
 
 std::int64_t getContentLength(const std::string& url, const net::Proxy& proxy, const std::string& cookie) {

@@ -17,6 +17,10 @@ void onModuleUnload() noexcept;
 /// In a program that links the code directly it runs at exit on POSIX and never on Windows.
 void atUnload(void (*function)());
 
+/// To be called at the end of each thread that the library starts: gives back what the TLS library keeps for the thread.
+/// On POSIX that library sees the thread's end by itself; on Windows it is linked into this one, which does not.
+void releaseThreadState() noexcept;
+
 /// While one of these lives, the library cannot be unloaded.  On POSIX threads can be joined at unload, so it does
 /// nothing there.
 class ModulePin {

@@ -9,6 +9,8 @@ void atUnload(void (*function)()) {
   static_cast<void>(std::atexit(function));
 }
 
+void releaseThreadState() noexcept {}
+
 ModulePin::ModulePin() = default;
 ModulePin::~ModulePin() = default;
 

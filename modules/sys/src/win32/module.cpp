@@ -1,5 +1,6 @@
 #include "sys/module.h"
 
+#include <openssl/crypto.h>
 #include <windows.h>
 
 #include <array>
@@ -46,6 +47,10 @@ void runUnloadList() {
     }
     function();
   }
+}
+
+void releaseThreadState() noexcept {
+  OPENSSL_thread_stop();
 }
 
 ModulePin::ModulePin() {
