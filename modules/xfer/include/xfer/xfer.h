@@ -138,7 +138,9 @@ XFER_API void xfer_curlGlobalCleanup(void);
 
 #ifdef __cplusplus
 } /* extern "C" */
+#endif
 
+#if defined(__cplusplus) && !defined(XFER_NO_CXX_LIBRARY)
 #include <string>
 
 /*
