@@ -1,19 +1,31 @@
-# Sourced: the environment in which the project runs Wine.
-wine_programs=
-for folder in /usr/lib/wine /usr/lib/x86_64-linux-gnu/wine /opt/wine-stable/bin; do
-  if [ -x "$folder/wine64" ]; then
-    wine_programs=$folder
-    break
-  fi
-done
-[ -n "$wine_programs" ] || { echo "wine64 was not found: install the package wine64" >&2; exit 127; }
+# Sourced: the environment in which the project runs Wine, and the Wine folder that everything runs in.
+#
+# Needs: wine64 (its programs lie in a folder of their own), flock (util-linux).
+PATH=$PATH:/usr/lib/wine
+command -v wine64 >/dev/null || { echo "$(basename "$0"): install the package wine64" >&2; exit 127; }
 
-export WINEPREFIX=${XFER_WINEPREFIX:-${XDG_CACHE_HOME:-$HOME/.cache}/xfer/wine}
-export WINESERVER=$wine_programs/wineserver
 # File names beyond ASCII need a UTF-8 locale.
 export LC_ALL=C.UTF-8
 # Wine's debugger would swallow a crash, and the program would seem to have ended well.  The other two are offers to
 # download what no program here needs.
 export WINEDLLOVERRIDES='winedbg.exe=d;mscoree=;mshtml='
 export WINEDEBUG=${WINEDEBUG:--all}
-mkdir -p "$(dirname "$WINEPREFIX")"
+
+# use_wine_folder FOLDER: makes it the one that Wine runs in, and a Windows 10 when it is new.  An empty name is the
+# folder in the user's cache.  The streams are on the null device because Wine's services outlive the program that
+# starts them and would keep its pipes open.
+use_wine_folder() {
+  WINEPREFIX=$(realpath -m "${1:-${XDG_CACHE_HOME:-$HOME/.cache}/xfer/wine}")
+  export WINEPREFIX
+  [ -e "$WINEPREFIX/.windows-10" ] && return
+  mkdir -p "$WINEPREFIX"
+  (
+    flock 8
+    [ -e "$WINEPREFIX/.windows-10" ] && exit
+    wine64 wineboot --init && wine64 reg add 'HKCU\Software\Wine' /v Version /d win10 /f && wineserver -w &&
+      touch "$WINEPREFIX/.windows-10"
+  ) 8>"$WINEPREFIX/.lock" </dev/null >/dev/null 2>&1 || {
+    echo "$(basename "$0"): Wine could not set up $WINEPREFIX" >&2
+    exit 1
+  }
+}
