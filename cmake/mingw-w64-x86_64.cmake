@@ -25,6 +25,4 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(OPENSSL_USE_STATIC_LIBS ON)
 set(ZLIB_USE_STATIC_LIBS ON)
 
-# The Wine folder of a build tree is its own, so that ending a session there disturbs no other.
-set(XFER_WINE_FOLDER ${CMAKE_BINARY_DIR}/wine)
-set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/wine-run --folder ${XFER_WINE_FOLDER})
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/wine-run)

@@ -11,13 +11,14 @@ export LC_ALL=C.UTF-8
 export WINEDLLOVERRIDES='winedbg.exe=d;mscoree=;mshtml='
 export WINEDEBUG=${WINEDEBUG:--all}
 
-# use_wine_folder FOLDER: makes it the one that Wine runs in, and a Windows 10 when it is new.  An empty name is the
-# folder in the user's cache.  The streams are on the null device because Wine's services outlive the program that
-# starts them and would keep its pipes open.
-use_wine_folder() {
-  WINEPREFIX=$(realpath -m "${1:-${XDG_CACHE_HOME:-$HOME/.cache}/xfer/wine}")
-  export WINEPREFIX
-  [ -e "$WINEPREFIX/.windows-10" ] && return
+# XFER_WINE_FOLDER is the folder that Wine runs in, made into a Windows 10 when it is new.  Sessions and programs in
+# different folders do not know of each other.
+WINEPREFIX=$(realpath -m "${XFER_WINE_FOLDER:-${XDG_CACHE_HOME:-$HOME/.cache}/xfer/wine}")
+export WINEPREFIX
+
+# The streams are on the null device because Wine's services outlive the program that starts them and would keep its
+# pipes open.
+if [ ! -e "$WINEPREFIX/.windows-10" ]; then
   mkdir -p "$WINEPREFIX"
   (
     flock 8
@@ -28,4 +29,4 @@ use_wine_folder() {
     echo "$(basename "$0"): Wine could not set up $WINEPREFIX" >&2
     exit 1
   }
-}
+fi
