@@ -71,6 +71,9 @@ struct Finished {
   std::string err;
 };
 
+/// The program of this name in the folder of the running one, with the platform's ending.
+std::string siblingProgram(const std::string& name);
+
 /// Runs a program to its end; one that does not end in time is killed and throws std::runtime_error.
 Finished runProcess(const std::vector<std::string>& command, const ProcessOptions& options = {},
                     std::chrono::milliseconds timeout = testTimeout());

@@ -103,4 +103,8 @@ void Process::kill() {
   if (running()) ::kill(static_cast<pid_t>(id_), SIGKILL);
 }
 
+std::string siblingProgram(const std::string& name) {
+  return toUtf8(std::filesystem::read_symlink("/proc/self/exe").parent_path() / toPath(name));
+}
+
 }  // namespace support

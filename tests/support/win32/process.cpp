@@ -165,4 +165,10 @@ void Process::kill() {
   if (running()) ::TerminateProcess(reinterpret_cast<HANDLE>(handle_), 1);
 }
 
+std::string siblingProgram(const std::string& name) {
+  std::wstring own(32'768, L'\0');  // the longest path there is
+  own.resize(::GetModuleFileNameW(nullptr, own.data(), static_cast<DWORD>(own.size())));
+  return toUtf8(std::filesystem::path(own).parent_path() / toPath(name + ".exe"));
+}
+
 }  // namespace support
