@@ -1,7 +1,8 @@
 // Decides when the next piece of a rate-limited stream may pass.  Clock-free: callers give the time.
 //
-// Tokens are bytes.  They come in at the rate and are spent by pieces; what is not spent is kept for a tenth of a
-// second's worth (or one piece, if that is more), which bounds the burst after a lull.
+// Tokens are bytes.  They come in at the rate and are spent by pieces.  What is not spent is kept up to a tenth of a
+// second's worth, or one piece and what comes in until somebody looks again, if that is more; this bounds the burst
+// after a lull.
 //
 // Threads: one at a time.
 // Units:   bytes per second; times are nanoseconds of one monotonic clock.
@@ -40,11 +41,13 @@ class TokenBucket {
 
  private:
   static constexpr double kKeptSec = 0.1;
+  static constexpr double kLookSec = 0.02;  // two turns of the loop that asks
 
   void fill(std::uint64_t nowNs) {
     const double elapsedSec = static_cast<double>(nowNs - filledNs_) / 1e9;
     // The first fill only starts the clock.
-    if (filledNs_ != 0) tokens_ = std::min(tokens_ + elapsedSec * rate_, std::max(rate_ * kKeptSec, largest_));
+    if (filledNs_ != 0)
+      tokens_ = std::min(tokens_ + elapsedSec * rate_, std::max(rate_ * kKeptSec, largest_ + rate_ * kLookSec));
     filledNs_ = nowNs;
   }
 
