@@ -5,6 +5,9 @@ set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(CMAKE_SYSTEM_VERSION 10.0)
 
 set(XFER_WINDOWS_DEPS "$ENV{XFER_WINDOWS_DEPS}" CACHE PATH "Libraries for Windows, as scripts/windows-deps builds them")
+if(NOT XFER_WINDOWS_DEPS)
+  message(FATAL_ERROR "XFER_WINDOWS_DEPS is not set: give it the folder that scripts/windows-deps prints")
+endif()
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES XFER_WINDOWS_DEPS)
 
 set(host x86_64-w64-mingw32)
