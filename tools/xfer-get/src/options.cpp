@@ -1,0 +1,47 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+#include "outcome.h"
+
+namespace xfer_get {
+
+std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exitCode) {
+  Options options;
+  CLI::App app("Downloads a file over several connections at once, or prints what a server answers.", "xfer-get");
+  app.add_option("URL", options.url, "http or https")->required();
+  app.add_option("FILE", options.file, "where to store it; named after the URL when not given");
+  app.add_option("-n,--connections", options.connections, "connections at once")
+      ->check(CLI::Range(1, 256))
+      ->capture_default_str();
+  app.add_option("-l,--limit-rate", options.bytesPerSec, "most bytes per second; K, M and G are understood")
+      ->transform(CLI::AsSizeValue(false));
+  app.add_option("--known-size", options.knownSize, "size of the file, when it is known; saves the question");
+  app.add_option("-x,--proxy", options.proxy, "[user[:password]@]host[:port]");
+  app.add_option("-b,--cookie", options.cookie, "value of the Cookie header");
+  app.add_option("-H,--header", options.headers, "a request header line \"Name: value\"; may be repeated")
+      ->allow_extra_args(false);
+  auto* const print = app.add_flag("-p,--print", options.print, "print the answer's body instead of storing a file");
+  auto* const head = app.add_flag("-I,--head", options.head, "print the answer's headers");
+  app.add_flag("--info", options.info, "print size, range support and media type")->excludes(print)->excludes(head);
+  app.add_option("-d,--data", options.data, "send this as the body of a POST, and print the answer");
+  app.add_flag("--no-redirect", options.noRedirect, "do not follow redirects (with --print, --head or --data)");
+  auto* const quiet = app.add_flag("-q,--quiet", options.quiet, "write nothing but errors");
+  app.add_flag("-v,--verbose", options.verbosity, "log failures; twice: retries too; three times: everything")
+      ->excludes(quiet);
+  app.set_version_flag("-V,--version", std::string("xfer-get ") + XFER_VERSION);
+  app.footer(
+      "Exit codes: 0 done, 1 internal error, 2 usage, 3 file, 4 network, 5 HTTP status, 130 cancelled.\n"
+      "Progress, messages and the log go to standard error.  A partial file is left where it is.");
+  try {
+    std::reverse(arguments.begin(), arguments.end());  // the order in which the parser takes a vector
+    app.parse(arguments);
+  } catch (const CLI::ParseError& error) {
+    *exitCode = app.exit(error) == 0 ? kDone : kUsage;
+    return std::nullopt;
+  }
+  return options;
+}
+
+}  // namespace xfer_get

@@ -1,0 +1,33 @@
+// The command line.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace xfer_get {
+
+struct Options {
+  std::string url;
+  std::string file;  ///< empty: named after the URL
+  std::uint16_t connections = 4;
+  std::uint64_t bytesPerSec = 0;  ///< 0: unlimited
+  std::uint64_t knownSize = 0;    ///< 0: unknown
+  std::string proxy;
+  std::string cookie;
+  std::vector<std::string> headers;
+  std::string data;
+  bool print = false;
+  bool head = false;
+  bool info = false;
+  bool noRedirect = false;
+  bool quiet = false;
+  int verbosity = 0;
+};
+
+/// Reads the arguments (without the program's name).  Nothing when there is nothing left to do: *exitCode is set then,
+/// and help or an error has been written.
+std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exitCode);
+
+}  // namespace xfer_get

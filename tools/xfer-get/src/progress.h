@@ -1,0 +1,26 @@
+// The text of a download's progress.  Pure.
+//
+// Units: bytes, bytes per second, columns.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "xfer/xfer.hpp"
+
+namespace xfer_get {
+
+/// "999 B", "1.0 KiB", "12.3 MiB", ...
+std::string sizeText(std::uint64_t bytes);
+
+/// "0:07", "12:30", "3:00:00"; "--:--" when it is not known.
+std::string etaText(const xfer::DownloadSnapshot& snapshot);
+
+/// The line for a terminal of that many columns, never wider: a bar as wide as there is room for, percent, done and
+/// total, speed, time left, connections.
+std::string progressLine(const xfer::DownloadSnapshot& snapshot, unsigned connections, unsigned columns);
+
+/// The same figures without a bar, for a log.
+std::string plainLine(const xfer::DownloadSnapshot& snapshot, unsigned connections);
+
+}  // namespace xfer_get

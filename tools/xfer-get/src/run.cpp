@@ -1,0 +1,194 @@
+#include "run.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <thread>
+#include <utility>
+
+#include "file_name.h"
+#include "keel/keel.h"
+#include "options.h"
+#include "outcome.h"
+#include "progress.h"
+#include "terminal.h"
+#include "xfer/xfer.hpp"
+
+namespace xfer_get {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr auto kRedraw = std::chrono::milliseconds(200);
+constexpr auto kPlainLine = std::chrono::seconds(5);
+
+void say(const std::string& text) {
+  std::fprintf(stderr, "xfer-get: %s\n", text.c_str());
+}
+
+void writeRecord(void* /*context*/, std::uint32_t level, const char* tag, const char* text, const char* /*file*/,
+                 std::uint32_t line) {
+  const char* const word = level <= 3 ? "error" : level <= 4 ? "note" : "trace";
+  std::fprintf(stderr, "%s %s:%u  %s\n", word, tag != nullptr ? tag : "-", line, text);
+}
+
+void startLog(int verbosity) {
+  if (verbosity <= 0) return;
+  Keel::setLogThreshold(verbosity == 1 ? 3 : verbosity == 2 ? 4 : 6);
+  Keel::setRecordSink(writeRecord, nullptr);
+}
+
+// [user[:password]@]host[:port], read by the library's own rules.
+net::Proxy proxyOf(const std::string& spec) {
+  net::Proxy proxy;
+  const auto at = spec.find('@');
+  const std::string address = at == std::string::npos ? spec : spec.substr(at + 1);
+  const auto colon = address.find(':');
+  proxy.host = address.substr(0, colon);
+  if (colon != std::string::npos) proxy.port = std::atoi(address.c_str() + colon + 1);
+  if (at != std::string::npos) {
+    const std::string credentials = spec.substr(0, at);
+    const auto separator = credentials.find(':');
+    proxy.username = credentials.substr(0, separator);
+    if (separator != std::string::npos) proxy.password = credentials.substr(separator + 1);
+  }
+  return proxy;
+}
+
+// Shows a running download: one line that is drawn anew on a terminal, a line now and then elsewhere.
+class Display {
+ public:
+  Display(bool quiet, unsigned connections) : quiet_(quiet), connections_(connections) {}
+
+  void show(const xfer::DownloadSnapshot& snapshot) {
+    if (quiet_) return;
+    if (const unsigned columns = terminalColumns(); columns > 0) {
+      const std::string line = progressLine(snapshot, connections_, columns - 1);
+      std::fprintf(stderr, "\r%s%s", line.c_str(), std::string(columns - 1 - line.size(), ' ').c_str());
+      std::fflush(stderr);
+      drawn_ = true;
+    } else if (const auto now = Clock::now(); now >= nextPlain_) {
+      nextPlain_ = now + kPlainLine;
+      say(plainLine(snapshot, connections_));
+    }
+  }
+
+  void end(const xfer::DownloadSnapshot& snapshot) {
+    if (quiet_) return;
+    if (drawn_) {
+      show(snapshot);
+      std::fputc('\n', stderr);
+    }
+  }
+
+ private:
+  bool quiet_;
+  unsigned connections_;
+  bool drawn_ = false;
+  Clock::time_point nextPlain_ = Clock::now() + std::chrono::seconds(1);  // the speed is not known before
+};
+
+bool isFinal(xfer::JobState state) {
+  return state == xfer::JobState::Completed || state == xfer::JobState::Failed || state == xfer::JobState::Cancelled;
+}
+
+Outcome download(const Options& options) {
+  xfer::DownloadRequest request;
+  request.url = options.url;
+  request.path = options.file.empty() ? fileNameFromUrl(options.url) : options.file;
+  if (request.path.empty()) return {kUsage, "the URL gives no usable file name: name the file"};
+  request.cookie = options.cookie;
+  request.headers = options.headers;
+  request.proxy = proxyOf(options.proxy);
+  request.knownSize = options.knownSize;
+  xfer::DownloadPolicy policy;
+  policy.numThreads = options.connections;
+  policy.maxDownloadSpeed = options.bytesPerSec;
+
+  const std::string path = request.path;
+  Display display(options.quiet, options.connections);
+  const auto begin = Clock::now();
+  xfer::DownloadJob job(std::move(request), policy);
+  job.start();
+  xfer::DownloadSnapshot snapshot = job.snapshot();
+  for (auto next = begin; !isFinal(snapshot.state); snapshot = job.snapshot()) {
+    if (interrupted()) job.cancel();
+    if (Clock::now() >= next) {
+      display.show(snapshot);
+      next = Clock::now() + kRedraw;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  display.end(snapshot);
+  Outcome outcome = downloadOutcome(snapshot);
+  if (outcome.code == kFile) outcome.message += ": " + path;
+  if (outcome.code == kDone && !options.quiet) {
+    const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    const auto average =
+        static_cast<std::uint64_t>(static_cast<double>(snapshot.bytesDone) / (seconds > 0 ? seconds : 1));
+    say(path + ": " + sizeText(snapshot.bytesDone) + " at " + sizeText(average) + "/s");
+  }
+  return outcome;
+}
+
+bool print(const std::string& bytes) {
+  return std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size() && std::fflush(stdout) == 0;
+}
+
+Outcome ask(const Options& options) {
+  xfer::Request request;
+  request.url = options.url;
+  request.cookie = options.cookie;
+  request.headers = options.headers;
+  request.proxy = proxyOf(options.proxy);
+  request.body = options.data;
+  request.followRedirects = !options.noRedirect;
+  request.timeoutSec = 0;
+  const xfer::Response response = xfer::fetch(request);
+  const bool body = options.print || !options.head;
+  if ((options.head && !print(response.headers)) || (body && !print(response.body))) {
+    return {kFile, "standard output could not be written"};
+  }
+  return responseOutcome(response);
+}
+
+Outcome inform(const Options& options) {
+  constexpr int kTimeoutSec = 30;
+  const xfer::RemoteFileInfo info =
+      xfer::probeRemoteFile(options.url, proxyOf(options.proxy), options.cookie, kTimeoutSec);
+  Outcome outcome = infoOutcome(info);
+  if (outcome.code != kDone) return outcome;
+  const bool written = print("size: " + (info.size != 0 ? std::to_string(info.size) : std::string("unknown")) +
+                             "\nranges: " + (info.acceptRanges ? "yes" : "no") + "\ntype: " +
+                             (info.contentType.empty() ? std::string("unknown") : info.contentType) + "\n");
+  return written ? outcome : Outcome{kFile, "standard output could not be written"};
+}
+
+}  // namespace
+
+int run(const std::vector<std::string>& arguments) noexcept {
+  try {
+    int exitCode = kDone;
+    const auto options = parseOptions(arguments, &exitCode);
+    if (!options) return exitCode;
+    prepareStandardOutput();
+    startLog(options->verbosity);
+    Outcome outcome;
+    if (options->info) {
+      outcome = inform(*options);
+    } else if (options->print || options->head || !options->data.empty()) {
+      outcome = ask(*options);
+    } else {
+      watchInterrupts();
+      outcome = download(*options);
+    }
+    if (!outcome.message.empty()) say(outcome.message);
+    Keel::setRecordSink(nullptr, nullptr);
+    return outcome.code;
+  } catch (const std::exception& error) {
+    say(std::string("internal error: ") + error.what());
+    return kInternal;
+  }
+}
+
+}  // namespace xfer_get
