@@ -105,6 +105,46 @@ Reply patternReply(int code, std::string headers, std::uint64_t from, std::uint6
 
 }  // namespace
 
+Reply& Reply::send(std::string bytes, Pace pace) {
+  steps_.emplace_back(Send{std::move(bytes), pace});
+  return *this;
+}
+
+Reply& Reply::sendPattern(std::uint64_t from, std::uint64_t to, Pace pace, std::uint64_t seed) {
+  steps_.emplace_back(SendPattern{from, to, seed, pace});
+  return *this;
+}
+
+Reply& Reply::pause(std::chrono::milliseconds time) {
+  steps_.emplace_back(Wait{time, std::nullopt});
+  return *this;
+}
+
+Reply& Reply::stall() {
+  steps_.emplace_back(Wait{});
+  return *this;
+}
+
+Reply& Reply::waitFor(Gate gate) {
+  steps_.emplace_back(Wait{std::nullopt, std::move(gate)});
+  return *this;
+}
+
+Reply& Reply::open(Gate gate) {
+  steps_.emplace_back(Open{std::move(gate)});
+  return *this;
+}
+
+Reply& Reply::close() {
+  steps_.emplace_back(Close{});
+  return *this;
+}
+
+Reply& Reply::reset() {
+  steps_.emplace_back(Reset{});
+  return *this;
+}
+
 Reply full200(std::uint64_t total, const ReplyOptions& options) {
   std::string headers = options.acceptRanges ? "Accept-Ranges: bytes\r\n" : "";
   if (options.contentRange && !options.contentRange->empty()) {

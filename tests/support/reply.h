@@ -54,39 +54,32 @@ class Reply {
   struct Reset {};
   using Step = std::variant<Send, SendPattern, Wait, Open, Close, Reset>;
 
-  Reply& send(std::string bytes, Pace pace = {}) { return add(Send{std::move(bytes), pace}); }
+  Reply& send(std::string bytes, Pace pace = {});
 
   /// The pattern's bytes of [from, to); see pattern.h.
-  Reply& sendPattern(std::uint64_t from, std::uint64_t to, Pace pace = {}, std::uint64_t seed = 0) {
-    return add(SendPattern{from, to, seed, pace});
-  }
+  Reply& sendPattern(std::uint64_t from, std::uint64_t to, Pace pace = {}, std::uint64_t seed = 0);
 
-  Reply& pause(std::chrono::milliseconds time) { return add(Wait{time, std::nullopt}); }
+  Reply& pause(std::chrono::milliseconds time);
 
   /// Does nothing more until the client goes away or the server stops.
-  Reply& stall() { return add(Wait{}); }
+  Reply& stall();
 
   /// Goes on when the gate is opened.
-  Reply& waitFor(Gate gate) { return add(Wait{std::nullopt, std::move(gate)}); }
+  Reply& waitFor(Gate gate);
 
   /// Opens the gate, so that a test knows that the script has come this far: everything before it is with the
   /// operating system.
-  Reply& open(Gate gate) { return add(Open{std::move(gate)}); }
+  Reply& open(Gate gate);
 
   /// An orderly end of the connection.  What follows in the script is not run.
-  Reply& close() { return add(Close{}); }
+  Reply& close();
 
   /// A reset.  On Linux the client has everything that was sent before; elsewhere it may lose some of it.
-  Reply& reset() { return add(Reset{}); }
+  Reply& reset();
 
   [[nodiscard]] const std::vector<Step>& steps() const { return steps_; }
 
  private:
-  Reply& add(Step step) {
-    steps_.push_back(std::move(step));
-    return *this;
-  }
-
   std::vector<Step> steps_;
 };
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <optional>
 #include <thread>
 
 #include "support/census.h"
@@ -78,18 +77,23 @@ TEST(TempDir, filesOfAnyNameKeepTheirBytes) {
 TEST(Census, seesThreadsAndDescriptorsComeAndGo) {
   const TempDir folder;
   writeFile(folder.file("f"), "");
+  Gate end;
+  std::thread first([&] { EXPECT_TRUE(end.wait()); });
   const std::size_t threads = threadCount();
   const std::size_t handles = openHandleCount();
-  Gate end;
-  std::thread thread([&] { EXPECT_TRUE(end.wait()); });
-  std::optional<std::ofstream> file(std::in_place, toPath(folder.file("f")));
-  EXPECT_EQ(threadCount(), threads + 1);
-  EXPECT_GT(openHandleCount(), handles);
-  end.open();
-  thread.join();
-  file.reset();
-  EXPECT_TRUE(waitUntil([&] { return threadCount() == threads; }));
+  {
+    Gate secondEnd;
+    std::thread second([&] { EXPECT_TRUE(secondEnd.wait()); });
+    const std::ofstream file(toPath(folder.file("f")));
+    EXPECT_EQ(threadCount(), threads + 1);
+    EXPECT_GT(openHandleCount(), handles);
+    secondEnd.open();
+    second.join();
+  }
+  EXPECT_TRUE(waitUntil([&] { return threadCount() == threads; })) << threadCount() << " instead of " << threads;
   EXPECT_TRUE(waitUntil([&] { return openHandleCount() <= handles; })) << openHandleCount();
+  end.open();
+  first.join();
 }
 
 TEST(UnusedPort, refusesConnections) {
