@@ -71,7 +71,9 @@ std::string progressLine(const xfer::DownloadSnapshot& snapshot, unsigned connec
   if (figures.size() + kNarrowestBar + 3 > columns) return figures.substr(0, columns);
   const std::size_t width = std::min(kWidestBar, columns - figures.size() - 3);
   const std::size_t full = width * percent(snapshot) / 100;
-  return "[" + std::string(full, '#') + std::string(width - full, '.') + "] " + figures;
+  std::string line(1, '[');
+  line.append(full, '#').append(width - full, '.').append("] ").append(figures);
+  return line;
 }
 
 }  // namespace xfer_get
