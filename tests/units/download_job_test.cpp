@@ -297,12 +297,12 @@ TEST_F(DownloadJobTest, waitReturnsOnlyAtTheEndForEveryThreadInIt) {
   EXPECT_EQ(state(), JobState::Completed);
 }
 
-TEST_F(DownloadJobTest, waitOnTheWorkerThreadThrowsInsteadOfWaitingForItself) {
+TEST_F(DownloadJobTest, waitOnTheWorkerThreadThrowsEvenWhileAnotherThreadWaits) {
   std::error_code error;
   Gate asked;
   Gate goOn;
   world.probe = [&](const DownloadRequest&, int, const xfer::StopSignal&) {
-    static_cast<void>(goOn.wait());  // until start has left the thread to the job
+    static_cast<void>(goOn.wait());
     try {
       job->wait();
     } catch (const std::system_error& thrown) {
@@ -312,10 +312,15 @@ TEST_F(DownloadJobTest, waitOnTheWorkerThreadThrowsInsteadOfWaitingForItself) {
     return probed(10, true, 206);
   };
   started(0, 1);
-  goOn.open();
-  ASSERT_TRUE(asked.wait());
+  std::thread waiter([&] {
+    goOn.open();
+    job->wait();
+  });
+  EXPECT_TRUE(asked.wait());
   EXPECT_EQ(error, std::errc::resource_deadlock_would_occur);
-  ASSERT_TRUE(world.transfers.waitForSubmissions(1));
+  EXPECT_TRUE(world.transfers.waitForInFlight(0));
+  world.transfers.serve(0);
+  waiter.join();
 }
 
 TEST_F(DownloadJobTest, exportedJobsMoveBetweenHandles) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <system_error>
 #include <utility>
 
 #include "download_job_impl.h"
@@ -144,7 +145,9 @@ void DownloadJob::Impl::start() {
   const sys::MutexLock lock(workerMutex_);
   try {
     worker_ = std::thread([this] {
+      workerId_ = std::this_thread::get_id();
       runDoStart();
+      workerId_ = std::thread::id();  // another thread may get the same one
       sys::releaseThreadState();
     });
   } catch (...) {
@@ -174,6 +177,9 @@ void DownloadJob::Impl::cancel() {
 }
 
 void DownloadJob::Impl::wait() {
+  if (workerId_ == std::this_thread::get_id()) {
+    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+  }
   {
     const sys::MutexLock lock(workerMutex_);
     if (worker_.joinable()) worker_.join();

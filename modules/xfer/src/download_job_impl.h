@@ -144,6 +144,7 @@ class DownloadJob::Impl {
   std::atomic<bool> started_{false};
   sys::Mutex workerMutex_;  // held while joining: several threads may wait
   std::thread worker_ SYS_GUARDED_BY(workerMutex_);
+  std::atomic<std::thread::id> workerId_{};  // while it runs: it must not wait for itself, nor for workerMutex_
 };
 
 }  // namespace xfer

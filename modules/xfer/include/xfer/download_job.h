@@ -128,7 +128,8 @@ class DownloadJob {
   /// partial file stays.  Does nothing when the job is Cancelling or in a final state.
   XFER_API void cancel();
 
-  /// Blocks until the state is final.  A job that stays Paused, or was never started, keeps it waiting.
+  /// Blocks until the state is final.  A job that stays Paused, or was never started, keeps it waiting.  On the job's
+  /// own worker thread (a logger may get there) it throws std::system_error (resource_deadlock_would_occur).
   XFER_API void wait();
 
   /// Never blocks for long.
