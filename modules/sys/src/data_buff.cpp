@@ -65,7 +65,8 @@ std::uint8_t* DataBuff::release(std::uint64_t* n) {
 DataBuff* DataBuff::moveTo(IDataBuff* other) {
   other->clear();
   auto* const target = dynamic_cast<DataBuff*>(other);
-  target->data_ = release(&target->size_);  // intended: a buffer of another class is the caller's mistake, not tested for
+  target->data_ =
+      release(&target->size_);  // intended: a buffer of another class is the caller's mistake, not tested for
   return target;
 }
 

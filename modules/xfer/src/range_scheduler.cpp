@@ -54,6 +54,7 @@ const char* unworkableField(const DownloadPolicy& policy) {
 
 RangeScheduler::RangeScheduler(std::uint64_t totalBytes, const DownloadPolicy& policy)
     : total_(totalBytes), policy_(policy) {
+  const sys::MutexLock lock(mutex_);  // which nobody else can want yet
   buildRanges();
 }
 
@@ -75,9 +76,12 @@ void RangeScheduler::buildRanges() {
     ranges_.push_back({offset, end, RangeState::Pending});
     offset = end;
   }
-  XFER_LOG(log::kTrace, "buildRanges | total=" << total_ << " | chunks=" << ranges_.size() << " | max_chunk=" << max
-                                               << " | first=" << ranges_.front().end - ranges_.front().start
-                                               << " | last=" << ranges_.back().end - ranges_.back().start);
+  const Range& first = ranges_.front();
+  const Range& last = ranges_.back();
+  const std::size_t chunks = ranges_.size();
+  XFER_LOG(log::kTrace, "buildRanges | total=" << total_ << " | chunks=" << chunks << " | max_chunk=" << max
+                                               << " | first=" << first.end - first.start
+                                               << " | last=" << last.end - last.start);
 }
 
 std::vector<RangeScheduler::Range>::iterator RangeScheduler::find(std::uint64_t start) {

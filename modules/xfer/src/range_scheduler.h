@@ -64,7 +64,7 @@ class RangeScheduler {
     RangeState state;
   };
 
-  void buildRanges() SYS_NO_THREAD_SAFETY_ANALYSIS;  // only in the constructor: nobody else has the object yet
+  void buildRanges() SYS_REQUIRES(mutex_);
   std::vector<Range>::iterator find(std::uint64_t start) SYS_REQUIRES(mutex_);
   bool requeue(std::uint64_t start) SYS_REQUIRES(mutex_);
   void markDone(Range& range) SYS_REQUIRES(mutex_);

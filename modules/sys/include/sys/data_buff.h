@@ -1,5 +1,5 @@
-// The library's own byte buffer: one heap block that is always exactly as long as its content.  See sys/idata_buff.h for
-// what each operation does and who owns what.
+// The library's own byte buffer: one heap block that is always exactly as long as its content.  See sys/idata_buff.h
+// for what each operation does and who owns what.
 //
 // Threads: one at a time.
 // Errors:  resize reports lack of memory; the operations that make a string throw std::bad_alloc.

@@ -12,8 +12,8 @@ namespace sys {
 /// the other for every text; texts of less than 4 bytes stay as they are.
 std::string descrambleString(std::string text, bool decode);
 
-/// The form in which url is logged for a host of that name: one brand's builds do not show a certain text, which becomes
-/// "serv" wherever it occurs.  Every other host's URLs are logged as they are.
+/// The form in which url is logged for a host of that name: one brand's builds do not show a certain text, which
+/// becomes "serv" wherever it occurs.  Every other host's URLs are logged as they are.
 std::string loggedUrl(const char* settingsName, std::string url);
 
 /// What loggedUrl replaces, scrambled.

@@ -17,8 +17,9 @@ void onModuleUnload() noexcept;
 /// In a program that links the code directly it runs at exit on POSIX and never on Windows.
 void atUnload(void (*function)());
 
-/// To be called at the end of each thread that the library starts: gives back what the TLS library keeps for the thread.
-/// On POSIX that library sees the thread's end by itself; on Windows it is linked into this one, which does not.
+/// To be called at the end of each thread that the library starts: gives back what the TLS library keeps for the
+/// thread. On POSIX that library sees the thread's end by itself; on Windows it is linked into this one, which does
+/// not.
 void releaseThreadState() noexcept;
 
 /// While one of these lives, the library cannot be unloaded.  On POSIX threads can be joined at unload, so it does
@@ -26,12 +27,12 @@ void releaseThreadState() noexcept;
 class ModulePin {
  public:
   ModulePin();
-  ~ModulePin();
+  ~ModulePin();  // NOLINT(performance-trivially-destructible): it is not, on Windows
   ModulePin(const ModulePin&) = delete;
   ModulePin& operator=(const ModulePin&) = delete;
 
  private:
-  void* module_ = nullptr;  // on Windows, the counted handle of the module
+  [[maybe_unused]] void* module_ = nullptr;  // on Windows, the counted handle of the module
 };
 
 }  // namespace sys

@@ -1,0 +1,145 @@
+#include "file_sink.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "result_codes.h"
+#include "support/recording_logger.h"
+#include "support/temp_dir.h"
+
+using namespace xfer;
+using support::RecordingLogger;
+using support::TempDir;
+
+namespace {
+
+std::int32_t write(FileSink& sink, std::uint64_t offset, const std::string& text) {
+  return sink.writeAt(offset, reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+}
+
+TEST(FileSink, writesAtOffsetsIntoAFileOfFullSize) {
+  const TempDir folder;
+  const std::string path = folder.file("out.bin");
+  const RecordingLogger log;
+  FileSink sink;
+  ASSERT_EQ(sink.open(path, 10), 0);
+  EXPECT_EQ(support::fileSize(path), 10U);
+  EXPECT_EQ(write(sink, 5, "world"), 0);
+  EXPECT_EQ(write(sink, 0, "hello"), 0);
+  EXPECT_EQ(sink.bytesWritten(), 10U);
+  EXPECT_EQ(sink.finalize(10), 0);
+  EXPECT_FALSE(sink.isOpen());
+  EXPECT_EQ(support::readFile(path), "helloworld");
+  EXPECT_EQ(log.texts(6),
+            (std::vector<std::string>{"open | " + path + " | size=10", "finalize | " + path + " | size=10"}));
+  EXPECT_EQ(log.records().front().tag, "FileSink");
+}
+
+TEST(FileSink, sizeOf0ReservesNothing) {
+  const TempDir folder;
+  const RecordingLogger log;
+  FileSink sink;
+  EXPECT_EQ(sink.open(folder.file("empty"), 0), 0);
+  EXPECT_EQ(support::fileSize(folder.file("empty")), 0U);
+  EXPECT_TRUE(log.contains(" | size=0"));
+}
+
+TEST(FileSink, closedSinkRefusesWritesAndFinalize) {
+  const TempDir folder;
+  FileSink sink;
+  EXPECT_EQ(write(sink, 0, "x"), 100006);
+  EXPECT_EQ(sink.finalize(1), 100006);
+  ASSERT_EQ(sink.open(folder.file("f"), 4), 0);
+  ASSERT_EQ(sink.finalize(4), 0);
+  EXPECT_EQ(write(sink, 0, "x"), 100006);
+  EXPECT_EQ(sink.finalize(1), 100006);
+}
+
+TEST(FileSink, writeOfNothingIsASuccessThatTouchesNothing) {
+  const TempDir folder;
+  FileSink sink;
+  ASSERT_EQ(sink.open(folder.file("f"), 0), 0);
+  EXPECT_EQ(sink.writeAt(100, nullptr, 0), 0);
+  EXPECT_EQ(sink.bytesWritten(), 0U);
+  EXPECT_EQ(support::fileSize(folder.file("f")), 0U);
+}
+
+TEST(FileSink, finalizeCutsAndExtends) {
+  const TempDir folder;
+  FileSink sink;
+  ASSERT_EQ(sink.open(folder.file("f"), 10), 0);
+  ASSERT_EQ(sink.finalize(3), 0);
+  EXPECT_EQ(support::fileSize(folder.file("f")), 3U);
+  ASSERT_EQ(sink.open(folder.file("f"), 10), 0);
+  ASSERT_EQ(sink.finalize(20), 0);
+  EXPECT_EQ(support::fileSize(folder.file("f")), 20U);
+}
+
+TEST(FileSink, failedTruncationIsLoggedAndStillASuccess) {
+  const TempDir folder;
+  const RecordingLogger log(3);
+  FileSink sink;
+  ASSERT_EQ(sink.open(folder.file("f"), 10), 0);
+  EXPECT_EQ(sink.finalize(std::numeric_limits<std::uint64_t>::max()), 0);
+  EXPECT_FALSE(sink.isOpen());
+  ASSERT_EQ(log.texts().size(), 1U);
+  EXPECT_TRUE(log.texts()[0].starts_with("finalize | truncate failed | err=")) << log.texts()[0];
+}
+
+TEST(FileSink, failedWriteIsRememberedAndNotCounted) {
+  const TempDir folder;
+  const RecordingLogger log(3);
+  FileSink sink;
+  ASSERT_EQ(sink.open(folder.file("f"), 10), 0);
+  EXPECT_FALSE(sink.writeFailed());
+  const std::uint64_t beyond = std::numeric_limits<std::uint64_t>::max() - 100;
+  EXPECT_EQ(write(sink, beyond, "abc"), -1);
+  EXPECT_TRUE(sink.writeFailed());
+  EXPECT_EQ(sink.bytesWritten(), 0U);
+  EXPECT_TRUE(log.contains("writeAt | WriteFile failed | offset=" + std::to_string(beyond) + " | err="));
+  EXPECT_EQ(sink.finalize(10), 0);
+  ASSERT_EQ(sink.open(folder.file("f"), 10), 0);
+  EXPECT_FALSE(sink.writeFailed());
+}
+
+TEST(FileSink, fileThatCannotBeCreatedGives100004) {
+  const TempDir folder;
+  const RecordingLogger log(3);
+  FileSink sink;
+  const std::string path = folder.file("missing") + "/f";
+  EXPECT_EQ(sink.open(path, 10), 100004);
+  EXPECT_FALSE(sink.isOpen());
+  EXPECT_TRUE(log.contains("open | CreateFile failed | path=" + path + " | err="));
+  EXPECT_EQ(sink.open("", 10), 100004);
+}
+
+TEST(FileSink, sizeThatNoDiskHasGives100024AndAClosedSink) {
+  const TempDir folder;
+  const RecordingLogger log(3);
+  FileSink sink;
+  EXPECT_EQ(sink.open(folder.file("huge"), std::numeric_limits<std::uint64_t>::max()), 100024);
+  EXPECT_FALSE(sink.isOpen());
+  EXPECT_TRUE(log.contains("open | SetFilePointerEx failed | err="));
+}
+
+TEST(FileSink, pathsAreUtf8) {
+  const TempDir folder;
+  FileSink sink;
+  const std::string path = folder.file("\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80.bin");
+  ASSERT_EQ(sink.open(path, 3), 0);
+  ASSERT_EQ(write(sink, 0, "abc"), 0);
+  ASSERT_EQ(sink.finalize(3), 0);
+  EXPECT_EQ(support::readFile(path), "abc");
+}
+
+TEST(FileSink, openReplacesTheOldContent) {
+  const TempDir folder;
+  support::writeFile(folder.file("f"), "a much longer content than before");
+  FileSink sink;
+  ASSERT_EQ(sink.open(folder.file("f"), 4), 0);
+  ASSERT_EQ(sink.finalize(4), 0);
+  EXPECT_EQ(support::readFile(folder.file("f")), std::string(4, '\0'));
+}
+
+}  // namespace
