@@ -2,6 +2,8 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+# The libraries lie side by side, wherever that is.
+set_target_properties(xfer PROPERTIES INSTALL_RPATH $ORIGIN)
 install(TARGETS xfer keel EXPORT xfer-targets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -15,5 +17,6 @@ configure_package_config_file(cmake/xfer-config.cmake.in ${PROJECT_BINARY_DIR}/x
   INSTALL_DESTINATION ${package_folder})
 install(FILES ${PROJECT_BINARY_DIR}/xfer-config.cmake ${PROJECT_BINARY_DIR}/xfer-config-version.cmake
   DESTINATION ${package_folder})
+file(RELATIVE_PATH prefix_from_pc ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/xfer.pc.in ${PROJECT_BINARY_DIR}/xfer.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/xfer.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,43 @@
+// The library's own life: loaded and unloaded by a host, and in a process that ends under it.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+#include "support/process.h"
+#include "support/scripted_server.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using support::ReceivedRequest;
+
+TEST(LibraryLifetime, libraryThatIsUnloadedLeavesNothingBehind) {
+  const support::ScriptedServer server(support::patternFile(300'000));
+  const support::TempDir folder;
+  const support::Finished host =
+      support::runProcess({support::siblingProgram("load_host"), server.url("/file"), folder.file("out")});
+  EXPECT_EQ(host.exitCode, 0) << host.err;
+}
+
+class LeavingHost : public testing::TestWithParam<const char*> {};
+
+TEST_P(LeavingHost, endsAtOnceAndWithItsOwnExitCode) {
+  // Each answer stalls when a part of it is out.
+  const support::ScriptedServer server([](const ReceivedRequest& request) {
+    if (!request.range) return support::full200(1'000'000, {.bodyBytes = 100}).stall();
+    return support::range206(request, 1'000'000, {.bodyBytes = 100}).stall();
+  });
+  for (int round = 0; round < 10; ++round) {
+    SCOPED_TRACE(round);
+    const support::TempDir folder;
+    const support::Finished host = support::runProcess(
+        {support::siblingProgram("leaving_host"), GetParam(), server.url("/file"), folder.file("out")});
+    ASSERT_EQ(host.exitCode, 0) << host.err;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, LeavingHost, testing::Values("download", "request", "everything", "thread"),
+                         [](const auto& way) { return way.param; });
+
+}  // namespace
