@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -729,6 +730,28 @@ TEST_F(DownloadJobTest, retryAfterAFailureElsewhereDoesNothing) {
   endDelaysAndTimers(threads);
   EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10}));
   expectFailed(404, 404);
+}
+
+TEST_F(DownloadJobTest, noRangeIsLostBetweenThreadsThatSubmitAtOnce) {
+  // Retries come back on threads of their own while this one ends transfers.
+  for (int round = 0; round < 200; ++round) {
+    FakeJobWorld another;
+    another.endDelaysAtOnce();
+    DownloadJob::Impl one(request(40), policy(static_cast<std::uint16_t>(1 + round % 2)), another.environment());
+    one.start();
+    std::set<std::uint64_t> failed;
+    while (one.snapshot().state == JobState::Running) {
+      ASSERT_TRUE(waitUntil([&] { return !another.transfers.inFlight().empty(); })) << "round " << round;
+      const std::uint64_t range = another.transfers.inFlight().front();
+      if (failed.insert(range).second) {
+        another.transfers.finish(range, 0, 503);
+      } else {
+        another.transfers.serve(range);
+      }
+    }
+    ASSERT_EQ(one.snapshot().state, JobState::Completed) << "round " << round;
+    ASSERT_EQ(support::patternError(path, 40), "") << "round " << round;
+  }
 }
 
 // ---- Cancel and destruction ----

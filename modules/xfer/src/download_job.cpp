@@ -292,11 +292,17 @@ std::int32_t DownloadJob::Impl::transferLimit() const {
 void DownloadJob::Impl::submitRanges() {
   ITransferBackend& backend = *backend_;
   for (;;) {
+    const std::uint32_t requeues = requeues_;
     if (currentState() != JobState::Running || activeTransfers_ >= transferLimit()) return;
     // Counted before the state is looked at again: a cancel that comes now either sees this transfer, or is seen here.
     ++activeTransfers_;
     const auto range = currentState() == JobState::Running ? scheduler_.load()->nextPending() : std::nullopt;
-    if (!range) return releaseTransfer();
+    if (!range) {
+      releaseTransfer();
+      // Whoever put a range back meanwhile may have found the limit reached by what was counted here for nothing.
+      if (requeues == requeues_) return;
+      continue;
+    }
     try {
       const auto flight = std::make_shared<Flight>();
       flight->start = range->first;
@@ -446,6 +452,7 @@ void DownloadJob::Impl::onTransferDone(const Flight& flight, std::int32_t code, 
   releaseTransfer();
   if (flight.unjudged) {
     scheduler.release(flight.start);
+    ++requeues_;
     return submitRanges();
   }
   if (flight.refusal == RangeAnswer::Kind::Misplaced) return retryOrFail(flight.start, code, httpStatus);
@@ -480,6 +487,7 @@ void DownloadJob::Impl::retryOrFail(std::uint64_t rangeStart, std::int32_t code,
     // Intended: a retry whose delay ends while the job is paused is dropped for good.
     if (currentState() != JobState::Running) return;
     scheduler_.load()->fail(rangeStart);
+    ++requeues_;
     runSubmitRanges();
   });
 }

@@ -119,6 +119,7 @@ class DownloadJob::Impl {
   std::atomic<ITransferBackend*> backend_{nullptr};
 
   std::atomic<std::int32_t> activeTransfers_{0};  // reserved or submitted, and not yet reported done
+  std::atomic<std::uint32_t> requeues_{0};        // how often a range became pending again
   std::atomic<bool> oneAtATime_{false};           // the server sends whole files; set on the loop thread
 
   sys::Mutex flightsMutex_;
