@@ -54,6 +54,10 @@ using Instead = std::function<Reply(const ReceivedRequest&)>;
 
 class JobTrust : public testing::Test {
  protected:
+  void TearDown() override {
+    if (HasFailure()) support::tell(log);
+  }
+
   // The real engine, but what happens during a retry's delay is the test's.
   std::unique_ptr<DownloadJob::Impl> jobWithDelay(const xfer::DownloadRequest& request, const DownloadPolicy& policy,
                                                   std::function<void()> delay) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -9,6 +10,7 @@
 #include <utility>
 
 #include "job_state.h"
+#include "support/recording_logger.h"
 #include "support/wait_until.h"
 #include "xfer/download_job.h"
 
@@ -42,6 +44,13 @@ inline xfer::DownloadPolicy chunksOf(std::uint64_t bytes, std::uint16_t numThrea
   policy.rampChunks = false;
   policy.initialChunkSize = policy.maxChunkSize = bytes;
   return policy;
+}
+
+/// What was logged, for whoever looks into a failure.
+inline void tell(const RecordingLogger& log) {
+  for (const Record& record : log.records()) {
+    std::cerr << record.level << ' ' << record.tag.value_or("-") << ' ' << record.text << '\n';
+  }
 }
 
 /// Counts what comes with the same key.  Copies count together.

@@ -68,6 +68,7 @@ TEST(FailingWrite, endsTheJobFailedAndStopsItsOtherTransfers) {
   DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 3));
   job.start();
   ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 1000; }));
+  ASSERT_TRUE(server.waitForRequests(3));
   EXPECT_EQ(job.snapshot().state, JobState::Running) << "the file was reserved while there was room";
   {
     const FileSizeLimit limit(kChunk);
