@@ -82,7 +82,7 @@ TEST(RangeScheduler, shareEqualToTheFirstChunkLeavesTheMaximum) {
 }
 
 TEST(RangeScheduler, oneConnectionOrNoneLeavesTheMaximum) {
-  for (const std::uint16_t threads : {0, 1}) {
+  for (const std::uint16_t threads : {std::uint16_t{0}, std::uint16_t{1}}) {
     DownloadPolicy policy;
     policy.numThreads = threads;
     EXPECT_EQ(lengths(40 * kMiB, policy),

@@ -12,8 +12,8 @@ constexpr const char* kBrand = "Quillon";
 constexpr std::string_view kReplacement = "serv";
 
 // Only ever stored like this.
-constexpr std::array<unsigned char, 16> kScrambled{0x74, 0x63, 0x66, 0x6e, 0x66, 0x64, 0x65, 0x68,
-                                                   0x6d, 0x64, 0x77, 0x78, 0x73, 0x68, 0x6f, 0x76};
+constexpr std::array<unsigned char, 16> kScrambled{0x65, 0x63, 0x73, 0x60, 0x6a, 0x64, 0x2e, 0x66,
+                                                   0x65, 0x2c, 0x66, 0x73, 0x74, 0x64, 0x70, 0x6d};
 
 char plus(char byte, int n) {
   return static_cast<char>(static_cast<unsigned char>(static_cast<unsigned char>(byte) + n));

@@ -18,9 +18,8 @@
 //            not), so that an operation's entry is its slot + 1.
 //            Slots 3, 10, 11 and 12 need the same std::string on both sides.  Slot 12 even needs the same compiler:
 //            Microsoft passes the object first and then the place of the result, MinGW the other way round.
-// Ownership: a block of bytes is obtained with malloc or realloc and given back with free, of the same C library on
-// both
-//            sides.  Whoever made a buffer object deletes it.
+// Ownership: a block of bytes is obtained with malloc or realloc and given back with free, by the same C library on
+//            both sides.  Whoever made a buffer object deletes it.
 // Threads:   none of its own: one thread at a time uses a buffer.
 // Errors:    only resize reports one.  Nothing throws but the operations that make a string, for lack of memory.
 // Units:     lengths are bytes.

@@ -1,0 +1,401 @@
+#include "curl_multi_backend.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <mutex>
+#include <thread>
+
+#include "support/pattern.h"
+#include "support/recording_logger.h"
+#include "support/scripted_server.h"
+#include "support/unused_port.h"
+#include "support/wait_until.h"
+
+using namespace support;
+using namespace xfer;
+
+namespace {
+
+struct End {
+  std::uint64_t start = 0;
+  std::int32_t code = 0;
+  std::int32_t status = 0;
+  std::uint64_t bytes = 0;
+
+  bool operator==(const End&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const End& end) {
+  return out << "{" << end.start << ", " << end.code << ", " << end.status << ", " << end.bytes << "}";
+}
+
+// Collects what a backend's transfers bring and how they end.
+class Transfers {
+ public:
+  explicit Transfers(const DownloadPolicy& policy = {}) : backend_(std::make_unique<CurlMultiBackend>(policy)) {}
+
+  void submit(const TransferRequest& request) {
+    backend_->submit(
+        request,
+        [this](std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length) {
+          const std::lock_guard lock(mutex_);
+          wrong_ = wrong_ ||
+                   std::string(reinterpret_cast<const char*>(bytes), length) != patternBytes(offset, offset + length);
+          received_ += length;
+        },
+        [this](std::uint64_t start, std::int32_t code, std::int32_t status, std::uint64_t bytes) {
+          const std::lock_guard lock(mutex_);
+          ends_.push_back({start, code, status, bytes});
+        });
+  }
+
+  std::vector<End> ends(std::size_t count) {
+    EXPECT_TRUE(waitUntil([&] {
+      const std::lock_guard lock(mutex_);
+      return ends_.size() >= count;
+    }));
+    const std::lock_guard lock(mutex_);
+    return ends_;
+  }
+
+  std::uint64_t received() {
+    const std::lock_guard lock(mutex_);
+    EXPECT_FALSE(wrong_) << "bytes that do not belong where they were delivered";
+    return received_;
+  }
+
+  CurlMultiBackend& backend() { return *backend_; }
+  void destroyBackend() { backend_.reset(); }
+
+ private:
+  std::mutex mutex_;
+  std::vector<End> ends_;
+  std::uint64_t received_ = 0;
+  bool wrong_ = false;
+  std::unique_ptr<CurlMultiBackend> backend_;
+};
+
+TransferRequest range(const std::string& url, std::uint64_t start, std::uint64_t end) {
+  TransferRequest request;
+  request.url = url;
+  request.rangeStart = start;
+  request.rangeEnd = end;
+  return request;
+}
+
+DownloadPolicy threads(std::uint16_t count) {
+  DownloadPolicy policy;
+  policy.numThreads = count;
+  return policy;
+}
+
+TEST(Backend, asksForTheRangeInHttpsForm) {
+  ScriptedServer server(patternFile(1000));
+  Transfers transfers;
+  transfers.submit(range(server.url("/"), 0, 0));
+  transfers.submit(range(server.url("/"), 100, 0));
+  transfers.submit(range(server.url("/"), 0, 1));
+  EXPECT_EQ(transfers.ends(3), (std::vector<End>{{0, 0, 200, 1000}, {100, 0, 206, 900}, {0, 0, 206, 1}}));
+  EXPECT_EQ(server.requests()[0].header("Range"), std::nullopt);
+  EXPECT_EQ(server.requests()[1].header("Range"), "bytes=100-");
+  EXPECT_EQ(server.requests()[2].header("Range"), "bytes=0-0");
+  EXPECT_EQ(transfers.received(), 1901U);
+}
+
+TEST(Backend, callersUserAgentSuppressesOnlyTheDefaultOne) {
+  ScriptedServer server(patternFile(10));
+  Transfers transfers;
+  TransferRequest request = range(server.url("/"), 0, 10);
+  request.headers = {"User-Agent: x"};
+  request.cookie = "a=b";
+  transfers.submit(request);
+  transfers.ends(1);
+  EXPECT_EQ(server.requests()[0].headerLines,
+            (std::vector<std::string>{"Host: 127.0.0.1:" + std::to_string(server.port()), "Range: bytes=0-9",
+                                      "Cookie: a=b", "User-Agent: x", "Accept: */*", "Accept-Encoding: identity",
+                                      "Accept-Language: en-US"}));
+}
+
+TEST(Backend, errorPageNeverReachesTheDataCallback) {
+  ScriptedServer server([](const ReceivedRequest&) { return status(404, "gone"); });
+  const RecordingLogger log;
+  Transfers transfers;
+  transfers.submit(range(server.url("/"), 10, 20));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 18, 404, 0}}));
+  EXPECT_EQ(transfers.received(), 0U);
+  EXPECT_TRUE(log.contains("HTTP 404 response body (4 bytes): gone"));
+  EXPECT_TRUE(log.contains("short transfer | range=10 | expected=10 | got=0"));
+  EXPECT_TRUE(log.contains("done | range=10 | err=18 | http=404 | bytes=0"));
+  EXPECT_EQ(log.records().front().tag, "CurlMulti");
+}
+
+TEST(Backend, errorPageOfAnOpenRequestIsNoShortTransfer) {
+  ScriptedServer server([](const ReceivedRequest&) { return status(500, std::string(10'000, 'x')); });
+  const RecordingLogger log;
+  Transfers transfers;
+  transfers.submit(range(server.url("/"), 10, 0));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 0, 500, 0}}));
+  EXPECT_TRUE(log.contains("HTTP 500 response body (4096 bytes): xxx"));
+}
+
+TEST(Backend, shortBodyThatWasAnnouncedIsAccepted) {
+  ScriptedServer server(
+      [](const ReceivedRequest& request) { return range206(request, 1000, {.announced = 40, .bodyBytes = 40}); });
+  const RecordingLogger log;
+  Transfers transfers;
+  transfers.submit(range(server.url("/"), 100, 200));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 0, 206, 40}}));
+  EXPECT_EQ(log.texts(4), std::vector<std::string>{
+                              "short transfer (metadata mismatch, accepting) | range=100 | metadata=100 | server=40"});
+}
+
+TEST(Backend, shortBodyThatWasNotAnnouncedIsPartial) {
+  ScriptedServer server([](const ReceivedRequest& request) {
+    return range206(request, 1000, {.bodyBytes = 40, .framing = Framing::UntilClose});
+  });
+  Transfers transfers;
+  transfers.submit(range(server.url("/"), 100, 200));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 18, 206, 40}}));
+}
+
+TEST(Backend, callbackThatThrowsIsLoggedAndTheLoopGoesOn) {
+  ScriptedServer server(patternFile(10));
+  const RecordingLogger log;
+  Transfers transfers;
+  transfers.backend().submit(
+      range(server.url("/"), 0, 5), {},
+      [](std::uint64_t, std::int32_t, std::int32_t, std::uint64_t) { throw std::runtime_error("x"); });
+  EXPECT_TRUE(log.waitFor("finishTransfer | done_cb threw"));
+  transfers.submit(range(server.url("/"), 5, 10));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{5, 0, 206, 5}}));
+}
+
+TEST(Backend, cancelAllEndsActiveWaitingAndQueuedOnesOnceAndLaterOnesRun) {
+  ScriptedServer server([](const ReceivedRequest& request) {
+    return request.path() == "/stall" ? range206(request, 1000, {.bodyBytes = 0}).stall() : range206(request, 1000);
+  });
+  Transfers transfers(threads(2));
+  for (std::uint64_t i = 0; i < 5; ++i) transfers.submit(range(server.url("/stall"), i * 10, i * 10 + 10));
+  ASSERT_TRUE(server.waitForRequests(2));
+  EXPECT_EQ(transfers.backend().activeCount(), 2);
+  transfers.submit(range(server.url("/stall"), 50, 60));
+  transfers.backend().cancelAll();
+  transfers.submit(range(server.url("/good"), 60, 70));
+  const auto ends = transfers.ends(7);
+  ASSERT_EQ(ends.size(), 7U);
+  EXPECT_EQ(std::count_if(ends.begin(), ends.end(), [](const End& end) { return end.code == 42 && end.bytes == 0; }),
+            6);
+  EXPECT_EQ(ends.back(), (End{60, 0, 206, 10}));
+}
+
+TEST(Backend, cancelRangeEndsThatOneOnly) {
+  ScriptedServer server(
+      [](const ReceivedRequest& request) { return range206(request, 1000, {.bodyBytes = 0}).stall(); });
+  Transfers transfers(threads(2));
+  transfers.submit(range(server.url("/"), 0, 10));
+  transfers.submit(range(server.url("/"), 10, 20));
+  ASSERT_TRUE(server.waitForRequests(2));
+  transfers.backend().cancelRange(10);
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 42, 0, 0}}));
+  EXPECT_TRUE(waitUntil([&] { return transfers.backend().activeCount() == 1; }));
+}
+
+TEST(Backend, stopBehindACancelEndsEveryTransferExactlyOnce) {
+  ScriptedServer server(
+      [](const ReceivedRequest& request) { return range206(request, 1000, {.bodyBytes = 0}).stall(); });
+  Transfers transfers(threads(2));
+  for (std::uint64_t i = 0; i < 4; ++i) transfers.submit(range(server.url("/"), i * 10, i * 10 + 10));
+  ASSERT_TRUE(server.waitForRequests(2));
+  transfers.backend().cancelAll();
+  transfers.destroyBackend();
+  const auto ends = transfers.ends(4);
+  EXPECT_EQ(ends.size(), 4U);
+  for (const End& end : ends) EXPECT_EQ(end.code, 42);
+}
+
+TEST(Backend, afterStopSubmissionsEndAtOnce) {
+  Transfers transfers;
+  transfers.backend().stop();
+  transfers.submit(range("http://127.0.0.1/", 5, 10));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{5, 42, 0, 0}}));
+}
+
+TEST(Backend, pauseWithNothingActiveHasNoEffectOnLaterTransfers) {
+  ScriptedServer server(patternFile(10));
+  Transfers transfers;
+  transfers.backend().pause();
+  transfers.submit(range(server.url("/"), 0, 10));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{0, 0, 206, 10}}));
+}
+
+TEST(Backend, heldTransferGoesOnAfterResume) {
+  Gate gate;
+  ScriptedServer server([&](const ReceivedRequest&) {
+    return Reply()
+        .send("HTTP/1.1 206 x\r\nContent-Length: 1000\r\n\r\n")
+        .sendPattern(0, 500)
+        .waitFor(gate)
+        .sendPattern(500, 1000);
+  });
+  Transfers transfers;
+  transfers.submit(range(server.url("/"), 0, 1000));
+  ASSERT_TRUE(waitUntil([&] { return transfers.received() == 500; }));
+  transfers.backend().pause();
+  gate.open();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(transfers.received(), 500U);
+  transfers.backend().resume();
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{0, 0, 206, 1000}}));
+}
+
+TEST(Backend, throttleDoesNotLiftAPause) {
+  ScriptedServer server(patternFile(1'000'000));
+  Transfers transfers;
+  TransferRequest request = range(server.url("/"), 0, 200'000);
+  request.maxRecvSpeed = 100'000;
+  transfers.submit(request);
+  ASSERT_TRUE(waitUntil([&] { return transfers.received() > 0; }));
+  transfers.backend().pause();
+  std::uint64_t held = 0;
+  ASSERT_TRUE(waitUntil([&] {
+    const std::uint64_t before = std::exchange(held, transfers.received());
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return before == held && transfers.received() == held;
+  }));
+  EXPECT_LT(held, 200'000U);
+  transfers.backend().resume();
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{0, 0, 206, 200'000}}));
+}
+
+TEST(Backend, fourTransfersOnALimitOfOneRunOneAfterAnother) {
+  ScriptedServer server([](const ReceivedRequest& request) {
+    return range206(request, 1000, {.pace = {.bytesEach = 5, .rest = std::chrono::milliseconds(5)}});
+  });
+  Transfers transfers(threads(1));
+  for (std::uint64_t i = 0; i < 4; ++i) transfers.submit(range(server.url("/"), i * 10, i * 10 + 10));
+  EXPECT_EQ(transfers.ends(4),
+            (std::vector<End>{{0, 0, 206, 10}, {10, 0, 206, 10}, {20, 0, 206, 10}, {30, 0, 206, 10}}));
+  EXPECT_EQ(server.maxConcurrentRequests(), 1U);
+  EXPECT_EQ(server.connectionsAccepted(), 1U);
+}
+
+TEST(Backend, headerThatHoldsALineBreakIsRefusedWithoutAConnection) {
+  ScriptedServer server(patternFile(10));
+  Transfers transfers;
+  TransferRequest request = range(server.url("/"), 3, 10);
+  request.headers = {"X: a\nY: b"};
+  transfers.submit(request);
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{3, 43, 0, 0}}));
+  EXPECT_EQ(server.connectionsAccepted(), 0U);
+}
+
+TEST(Backend, unreachableHostEndsWithLibcurlsCode) {
+  Transfers transfers;
+  transfers.submit(range(UnusedPort().url("/"), 0, 10));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{0, 7, 0, 0}}));
+}
+
+TEST(Backend, submissionIsLoggedWithItsUrlCutTo120Characters) {
+  ScriptedServer server(patternFile(10));
+  const RecordingLogger log;
+  Transfers transfers;
+  const std::string url = server.url("/" + std::string(200, 'u'));
+  TransferRequest request = range(url, 0, 10);
+  request.cookie = "abc";
+  request.headers = {"A: b"};
+  transfers.submit(request);
+  transfers.ends(1);
+  EXPECT_TRUE(log.contains("submit | range=0 | cookie_len=3 | hdr_count=1 | url=" + url.substr(0, 120)));
+  EXPECT_FALSE(log.contains(url.substr(0, 121)));
+}
+
+// ---- Placement ----
+
+TransferRequest placed(const std::string& url, Placement placement) {
+  TransferRequest request = range(url, 100, 200);
+  request.onHead = [placement](const ResponseHead&) { return placement; };
+  return request;
+}
+
+TEST(Placement, wholeFileIsDeliveredFromTheRangesStartToTheNeededEnd) {
+  ScriptedServer server([](const ReceivedRequest&) { return full200(1000); });
+  Transfers transfers;
+  transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 0, 700, 0}));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 0, 200, 600}}));
+  EXPECT_EQ(transfers.received(), 600U);
+}
+
+TEST(Placement, bodyThatGoesOnPastTheRangeIsCut) {
+  ScriptedServer server([](const ReceivedRequest& request) {
+    return range206(request, 1000, {.bodyBytes = 300, .framing = Framing::UntilClose});
+  });
+  Transfers transfers;
+  transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 100, 200, 0}));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 0, 206, 100}}));
+  EXPECT_EQ(transfers.received(), 100U);
+}
+
+TEST(Placement, wholeFileThatEndsBeforeTheNeededEndIsShort) {
+  ScriptedServer server([](const ReceivedRequest&) { return full200(500, {.framing = Framing::UntilClose}); });
+  Transfers transfers;
+  transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 0, 1000, 0}));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 18, 200, 400}}));
+}
+
+TEST(Placement, stoppedAnswerDeliversNothingAndEndsWithItsCode) {
+  ScriptedServer server(patternFile(1000));
+  Transfers transfers;
+  transfers.submit(placed(server.url("/"), {Placement::Action::Stop, 0, 0, 33}));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 33, 206, 0}}));
+  EXPECT_EQ(transfers.received(), 0U);
+}
+
+// The body is refused while the loop lets go of the transfer, where no message of libcurl's reports it.
+TEST(Placement, answerThatIsRefusedOnResumeEndsTheTransfer) {
+  Gate gate;
+  ScriptedServer server([&](const ReceivedRequest&) {
+    return Reply().waitFor(gate).send("HTTP/1.1 206 x\r\nContent-Length: 100\r\n\r\n").sendPattern(100, 200);
+  });
+  Transfers transfers;
+  transfers.submit(placed(server.url("/"), {Placement::Action::Stop, 0, 0, 33}));
+  ASSERT_TRUE(server.waitForRequests(1));
+  transfers.backend().pause();
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  gate.open();
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  transfers.backend().resume();
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 33, 206, 0}}));
+}
+
+// ---- Speed ----
+
+TEST(SpeedLimit, holdsOverSixteenSlowTransfers) {
+  ScriptedServer server(patternFile(1'000'000));
+  Transfers transfers(threads(16));
+  for (std::uint64_t i = 0; i < 16; ++i) {
+    TransferRequest request = range(server.url("/"), i * 50'000, (i + 1) * 50'000);
+    request.maxRecvSpeed = 200'000 / 16;
+    transfers.submit(request);
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  const auto ends = transfers.ends(16);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  for (const End& end : ends) EXPECT_EQ(end.code, 0);
+  EXPECT_EQ(transfers.received(), 800'000U);
+  EXPECT_GT(seconds, 4.0 / 1.1) << "the limit makes them last 4 seconds";
+}
+
+TEST(BackendDeathTest, destructionFromACallbackEndsTheProcess) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(
+      {
+        auto* const backend = new CurlMultiBackend(DownloadPolicy{});
+        backend->submit(range(UnusedPort().url("/"), 0, 10), {},
+                        [&](std::uint64_t, std::int32_t, std::int32_t, std::uint64_t) { delete backend; });
+        std::this_thread::sleep_for(testTimeout());
+      },
+      "");
+}
+
+}  // namespace
