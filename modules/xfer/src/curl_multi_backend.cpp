@@ -130,7 +130,7 @@ struct CurlMultiBackend::Transfer {
 
 CurlMultiBackend::CurlMultiBackend(const DownloadPolicy& policy, std::string_view origin) : policy_(policy) {
   init();
-  share_ = sharePool().lease(origin);
+  share_ = sharePool().lease(origin, policy_.useHttp2 ? Wire::Http2 : Wire::Http1);
   multi_.reset(curl_multi_init());
   if (!multi_) {
     XFER_LOG(log::kFailure, "curl_multi_init failed");

@@ -79,17 +79,18 @@ CURLSH* SharePool::primary() const {
   return primary_;
 }
 
-ShareLease SharePool::lease(std::string_view origin) {
+ShareLease SharePool::lease(std::string_view origin, Wire wire) {
   std::string key(origin);
   {
     const sys::MutexLock lock(mutex_);
     if (!open_) return {};
     CURLSH* const primary = primary_;
-    const auto isNear = [&](const auto& share) { return share->lastOrigin == key; };
-    const auto isPrimary = [&](const auto& share) { return share->handle.get() == primary; };
+    const auto isNear = [&](const auto& share) { return share->wire == wire && share->lastOrigin == key; };
+    const auto isPrimary = [&](const auto& share) { return share->wire == wire && share->handle.get() == primary; };
+    const auto isFit = [&](const auto& share) { return share->wire == wire; };
     auto found = std::find_if(idle_.rbegin(), idle_.rend(), isNear);
     if (found == idle_.rend()) found = std::find_if(idle_.rbegin(), idle_.rend(), isPrimary);
-    if (found == idle_.rend()) found = idle_.rbegin();
+    if (found == idle_.rend()) found = std::find_if(idle_.rbegin(), idle_.rend(), isFit);
     if (found != idle_.rend()) {
       ShareLease leased(this, std::move(*found));
       idle_.erase(std::next(found).base());
@@ -99,6 +100,7 @@ ShareLease SharePool::lease(std::string_view origin) {
   }
   auto share = makeShare();
   if (!share) return {};
+  share->wire = wire;
   share->lastOrigin.swap(key);
   return {this, std::move(share)};
 }

@@ -23,11 +23,16 @@ namespace xfer {
 
 class SharePool;
 
+/// What the connections of a share speak.  libcurl puts several transfers on one HTTP/1.1 connection, and mixes their
+/// answers up, when it finds HTTP/2 connections to the same host beside it; so no share ever holds both.
+enum class Wire { Http1, Http2 };
+
 struct Share {
   static constexpr unsigned kLockKinds = 8;
 
   std::array<sys::Mutex, kLockKinds> locks;  // one a kind of data; before the handle: destroying that locks them
   SharePtr handle;
+  Wire wire = Wire::Http1;
   std::string lastOrigin;
 };
 
@@ -67,9 +72,9 @@ class SharePool {
   /// The handle of the share that the first taker gets; null while the pool is not open.
   [[nodiscard]] CURLSH* primary() const;
 
-  /// A share that nobody else uses: the idle one last used for the same origin, else the primary one, else another idle
-  /// one, else a new one.
-  ShareLease lease(std::string_view origin);
+  /// A share that nobody else uses: the idle one last used for the same origin, else the primary one (which is for
+  /// HTTP/1.1), else another idle one for the same wire, else a new one.
+  ShareLease lease(std::string_view origin, Wire wire = Wire::Http1);
 
  private:
   friend class ShareLease;
