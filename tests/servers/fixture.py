@@ -17,6 +17,7 @@ import json
 import os
 import pathlib
 import pwd
+import random
 import shutil
 import signal
 import socket
@@ -127,17 +128,22 @@ class Run:
 
 
 def free_ports(count):
-    """Ports of which nobody else gets one before all are chosen.  Between here and the servers' own bind somebody
-    might: then the server does not come up, and start fails."""
-    sockets = []
-    for _ in range(count):
-        probe = socket.socket()
-        probe.bind((HOST, 0))
-        sockets.append(probe)
-    ports = [probe.getsockname()[1] for probe in sockets]
-    for probe in sockets:
-        probe.close()
-    return ports
+    """Ports that the system does not give out by itself, or the tests that run beside this script would get them before
+    the servers bind them."""
+    first_given_out = int(pathlib.Path("/proc/sys/net/ipv4/ip_local_port_range").read_text().split()[0])
+    candidates = list(range(first_given_out // 2, first_given_out))
+    random.shuffle(candidates)
+    ports = []
+    for port in candidates:
+        with socket.socket() as probe:
+            try:
+                probe.bind((HOST, port))
+            except OSError:
+                continue
+        ports.append(port)
+        if len(ports) == count:
+            return ports
+    raise SystemExit("no free ports")
 
 
 def program(*names):

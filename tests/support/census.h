@@ -3,7 +3,8 @@
 // Some things come with the first use and stay: handles of the network with the first socket, the thread sanitizer's
 // own thread with the first thread.  So do what is measured once before the first count.  The system may list a joined
 // thread for a moment still: make the first count while the threads that came before it live (or before there were
-// any), and wait until the last count is right.
+// any), and wait until the last count is right.  On Windows a lock that a thread had to wait for may keep a handle:
+// count over many rounds, and take only as many handles as rounds for a leak.
 //
 // Threads: any.  What other threads start or open meanwhile is counted or not.
 // Errors:  std::runtime_error when the platform does not tell.

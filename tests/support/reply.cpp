@@ -76,7 +76,8 @@ void sendChunked(Reply& reply, std::uint64_t from, std::uint64_t to, const Reply
   reply.send("0\r\n\r\n");
 }
 
-Reply patternReply(int code, std::string headers, std::uint64_t from, std::uint64_t to, const ReplyOptions& options) {
+Reply patternReply(int code, const std::string& headers, std::uint64_t from, std::uint64_t to,
+                   const ReplyOptions& options) {
   std::string head = statusLine(code) + "Content-Type: " + options.contentType + "\r\n" + headers;
   if (!options.etag.empty()) head += "ETag: " + options.etag + "\r\n";
   for (const std::string& line : options.headers) head += line + "\r\n";

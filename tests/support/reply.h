@@ -100,7 +100,7 @@ struct ReplyOptions {
                                               // happens then is up to the caller: append close(), reset() or stall()
   bool acceptRanges = true;                   // full200: "Accept-Ranges: bytes"
   Framing framing = Framing::ContentLength;   // UntilClose closes after the body
-  std::size_t chunkBytes = 16 * 1024;         // of Framing::Chunked
+  std::size_t chunkBytes = 16'384;            // of Framing::Chunked
   Pace pace{};                                // of the body
   std::uint64_t seed = 0;                     // of the pattern
 };

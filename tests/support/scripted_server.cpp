@@ -22,7 +22,7 @@ namespace {
 using asio::ip::tcp;
 
 constexpr std::size_t kMaxHeadBytes = 1 << 20;
-constexpr std::size_t kWriteBytes = 64 * 1024;
+constexpr std::size_t kWriteBytes = 65'536;
 
 bool containsIgnoringCase(std::string text, const std::string& lowerCaseWord) {
   std::transform(text.begin(), text.end(), text.begin(),
@@ -103,6 +103,7 @@ class ScriptedServer::Impl::Connection : public std::enable_shared_from_this<Con
   void run() {
     asio::error_code ignored;
     socket_.set_option(tcp::no_delay(true), ignored);
+    socket_.non_blocking(true, ignored);
     while (alive_) {
       std::optional<ReceivedRequest> request = readRequest();
       if (!request) break;
@@ -146,8 +147,23 @@ class ScriptedServer::Impl::Connection : public std::enable_shared_from_this<Con
     });
   }
 
+  // Waits for room and then writes what fits: Wine sometimes never completes a pending write of a socket that is
+  // closed.
   bool write(const char* bytes, std::size_t length) {
-    return finish([&](auto handler) { asio::async_write(socket_, asio::buffer(bytes, length), handler); });
+    while (length > 0) {
+      io_.poll();  // the message of stop(), should there always be room
+      if (!alive_) return false;
+      asio::error_code error;
+      const std::size_t written = socket_.write_some(asio::buffer(bytes, length), error);
+      bytes += written;
+      length -= written;
+      if (error == asio::error::would_block) {
+        if (!finish([this](auto handler) { socket_.async_wait(tcp::socket::wait_write, handler); })) return false;
+      } else if (error) {
+        return false;
+      }
+    }
+    return true;
   }
 
   std::optional<ReceivedRequest> readRequest() {
@@ -309,7 +325,7 @@ class ScriptedServer::Impl::Connection : public std::enable_shared_from_this<Con
   // The connection's thread only.
   tcp::socket socket_;
   asio::steady_timer timer_;
-  std::array<char, 16 * 1024> piece_;
+  std::array<char, 16'384> piece_;
   std::string received_;  // what no request has taken yet
   bool alive_ = true;
   bool answering_ = false;
