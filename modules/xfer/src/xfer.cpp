@@ -259,13 +259,18 @@ int32_t xfer_queryAsyncBuffer(uint64_t dlId, sys::IDataBuff* headersOut, sys::ID
     pending = std::move(found->second);
     all.pendingResults.erase(found);
   }
-  const Response response = pending->value.get();
-  if (!copyOut(response.headers, headersOut) || !copyOut(response.body, bodyOut)) return result::kException;
-  if (response.curlCode != 0) {
-    XFER_LOG_LINE(log::kFailure, 496, "fetch error: curl code " << response.curlCode);
-    return response.curlCode;
+  try {
+    const Response response = pending->value.get();
+    if (!copyOut(response.headers, headersOut) || !copyOut(response.body, bodyOut)) throw std::bad_alloc();
+    if (response.curlCode != 0) {
+      XFER_LOG_LINE(log::kFailure, 496, "fetch error: curl code " << response.curlCode);
+      return response.curlCode;
+    }
+    return bodyOut->size() != 0 ? result::kSuccess : result::kEmptyBody;
+  } catch (...) {
+    XFER_LOG_LINE(log::kFailure, 501, "xfer_queryAsyncBuffer exception");
+    return result::kException;
   }
-  return bodyOut->size() != 0 ? result::kSuccess : result::kEmptyBody;
 }
 
 // ---- Remote sizes ----

@@ -65,7 +65,7 @@ XFER_API int32_t xfer_downloadAsync(const char* url, uint64_t* dlId, const char*
 /*
  * Waits for the request with that id and copies its result as xfer_download does.  The id is unknown from then on.
  *
- * 0; libcurl's code of a failed transfer; 100000: a buffer could not be made large enough; 100001; 100009: done, but
+ * 0; libcurl's code of a failed transfer; 100000: memory ran out, here or in the request; 100001; 100009: done, but
  * bodyOut is empty.
  */
 XFER_API int32_t xfer_queryAsyncBuffer(uint64_t dlId, xfer_buffer* headersOut, xfer_buffer* bodyOut);
