@@ -12,22 +12,35 @@ namespace {
 
 using support::ReceivedRequest;
 
+// Each answer stalls when a part of it is out.
+support::Reply stalling(const ReceivedRequest& request) {
+  if (!request.range) return support::full200(1'000'000, {.bodyBytes = 100}).stall();
+  return support::range206(request, 1'000'000, {.bodyBytes = 100}).stall();
+}
+
 TEST(LibraryLifetime, libraryThatIsUnloadedLeavesNothingBehind) {
   const support::ScriptedServer server(support::patternFile(300'000));
   const support::TempDir folder;
   const support::Finished host =
-      support::runProcess({support::siblingProgram("load_host"), server.url("/file"), folder.file("out")});
+      support::runProcess({support::siblingProgram("load_host"), "idle", server.url("/file"), folder.file("out")});
   EXPECT_EQ(host.exitCode, 0) << host.err;
+}
+
+TEST(LibraryLifetime, unloadWithADownloadAndARequestInFlightNeitherHangsNorCrashes) {
+  const support::ScriptedServer server(stalling);
+  for (int round = 0; round < 10; ++round) {
+    SCOPED_TRACE(round);
+    const support::TempDir folder;
+    const support::Finished host =
+        support::runProcess({support::siblingProgram("load_host"), "busy", server.url("/file"), folder.file("out")});
+    ASSERT_EQ(host.exitCode, 0) << host.err;
+  }
 }
 
 class LeavingHost : public testing::TestWithParam<const char*> {};
 
 TEST_P(LeavingHost, endsAtOnceAndWithItsOwnExitCode) {
-  // Each answer stalls when a part of it is out.
-  const support::ScriptedServer server([](const ReceivedRequest& request) {
-    if (!request.range) return support::full200(1'000'000, {.bodyBytes = 100}).stall();
-    return support::range206(request, 1'000'000, {.bodyBytes = 100}).stall();
-  });
+  const support::ScriptedServer server(stalling);
   for (int round = 0; round < 10; ++round) {
     SCOPED_TRACE(round);
     const support::TempDir folder;

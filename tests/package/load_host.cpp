@@ -1,0 +1,104 @@
+// load_host WAY URL PATH: a host that loads the library, uses it and unloads it.
+//   idle   again and again, with nothing in flight; URL is a file of 300000 bytes
+//   busy   once, while a download and a request run; URL sends a part and stalls
+// Exit code: 0 when all is as it should be; else what it says on standard error.
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "loaded_library.h"
+#include "support/census.h"
+#include "support/wait_until.h"
+
+namespace {
+
+constexpr std::size_t kRounds = 10;
+
+int complain(const char* what, int code) {
+  std::fprintf(stderr, "%s\n", what);
+  return code;
+}
+
+// The part of the interface that these hosts use, looked up by name.
+struct Interface {
+  explicit Interface(const LoadedLibrary& library)
+      : download(library.function<std::uint64_t(const char*, const char*, const char*, std::uint16_t, const char*,
+                                                std::uint64_t, std::uint64_t, const char*)>("xfer_downloadFile")),
+        progress(library.function<std::int32_t(std::uint64_t, std::uint64_t*, std::uint32_t*, std::uint8_t*)>(
+            "xfer_getProgress")),
+        remoteSize(library.function<std::int32_t(const char*, std::uint64_t*, std::uint32_t*, const char*, const char*,
+                                                 std::uint16_t, const char*)>("xfer_getRemoteFileSize")),
+        request(library.function<std::int32_t(const char*, std::uint64_t*, const char*, const char*, const char*,
+                                              const char*)>("xfer_downloadAsync")) {}
+
+  std::uint64_t (*download)(const char*, const char*, const char*, std::uint16_t, const char*, std::uint64_t,
+                            std::uint64_t, const char*);
+  std::int32_t (*progress)(std::uint64_t, std::uint64_t*, std::uint32_t*, std::uint8_t*);
+  std::int32_t (*remoteSize)(const char*, std::uint64_t*, std::uint32_t*, const char*, const char*, std::uint16_t,
+                             const char*);
+  std::int32_t (*request)(const char*, std::uint64_t*, const char*, const char*, const char*, const char*);
+};
+
+int useOnce(const char* url, const char* path) {
+  LoadedLibrary library(XFER_LIBRARY);
+  const Interface xfer(library);
+  std::uint64_t size = 0;
+  std::uint32_t type = 0;
+  if (xfer.remoteSize(url, &size, &type, "", "", 1, "") != 0 || size != 300'000) return complain("wrong size", 5);
+  const std::uint64_t id = xfer.download(url, path, "", 4, "", 0, 0, "");
+  std::uint64_t done = 0;
+  std::uint32_t error = 0;
+  std::uint8_t finished = 0;
+  const bool ended = support::waitUntil([&] {
+    xfer.progress(id, &done, &error, &finished);
+    return finished != 0;
+  });
+  if (!ended || error != 0 || done != size) return complain("the download failed", 6);
+  library.unload();
+  if (LoadedLibrary::isLoaded(XFER_LIBRARY)) return complain("the library is still there", 7);
+  return 0;
+}
+
+int useAgainAndAgain(const char* url, const char* path) {
+  // The first use brings the system's own libraries in, with what they keep.
+  if (const int code = useOnce(url, path); code != 0) return code;
+  const std::size_t threads = support::threadCount();
+  const std::size_t handles = support::openHandleCount();
+  for (std::size_t round = 0; round < kRounds; ++round) {
+    if (const int code = useOnce(url, path); code != 0) return code;
+  }
+  if (!support::waitUntil([&] { return support::threadCount() <= threads; })) return complain("a thread is left", 8);
+  if (support::openHandleCount() >= handles + kRounds) return complain("handles are left", 9);
+  return 0;
+}
+
+int unloadWhileBusy(const char* url, const char* path) {
+  LoadedLibrary library(XFER_LIBRARY);
+  const Interface xfer(library);
+  const std::uint64_t id = xfer.download(url, path, "", 4, "", 0, 1'000'000, "");
+  std::uint64_t done = 0;
+  std::uint32_t error = 0;
+  std::uint8_t finished = 0;
+  const bool runs = support::waitUntil([&] {
+    xfer.progress(id, &done, &error, &finished);
+    return done > 0;
+  });
+  std::uint64_t requestId = 0;
+  if (!runs || xfer.request(url, &requestId, "", "", "", "") != 0) return complain("nothing is in flight", 10);
+  library.unload();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string way = argc == 4 ? argv[1] : "";
+  try {
+    if (way == "idle") return useAgainAndAgain(argv[2], argv[3]);
+    if (way == "busy") return unloadWhileBusy(argv[2], argv[3]);
+  } catch (const std::exception& error) {
+    return complain(error.what(), 3);
+  }
+  return complain("usage: load_host idle|busy URL PATH", 2);
+}
