@@ -111,15 +111,15 @@ TEST_F(ExhaustedMemory, inTheBodyIsThrownByFetchAndLeavesNothingBehind) {
     EXPECT_THROW(xfer::fetch(request), std::bad_alloc);
   }
   ASSERT_TRUE(support::waitUntil([&] { return server.concurrentRequests() == 0; }));
-  const std::size_t handles = support::openHandleCount();
+  const std::size_t handles = support::openFileCount();
   constexpr int kRounds = 20;
   for (int round = 0; round < kRounds; ++round) {
     const AllocationLimit limit;
     EXPECT_THROW(xfer::fetch(request), std::bad_alloc);
     EXPECT_EQ(g_refused, 1);
   }
-  EXPECT_TRUE(support::waitUntil([&] { return support::openHandleCount() < handles + kRounds / 2; }))
-      << support::openHandleCount() << " descriptors, at first " << handles;
+  EXPECT_TRUE(support::waitUntil([&] { return support::openFileCount() < handles + kRounds / 2; }))
+      << support::openFileCount() << " descriptors, at first " << handles;
   const xfer::Response whole = xfer::fetch(request);
   EXPECT_EQ(whole.curlCode, 0);
   EXPECT_EQ(whole.body, support::patternBytes(0, kBodyBytes)) << "the next request has all the memory that it needs";

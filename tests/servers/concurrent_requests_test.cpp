@@ -72,15 +72,15 @@ class ConcurrentRequests : public testing::TestWithParam<RealServer> {
     std::thread([] {}).join();
     support::RawClient(static_cast<std::uint16_t>(RealServers().proxyPort()));
     threads_ = support::threadCount();
-    handles_ = support::openHandleCount();
+    handles_ = support::openFileCount();
   }
 
   static void TearDownTestSuite() {
     xfer_curlGlobalCleanup();
     EXPECT_TRUE(support::waitUntil([] { return support::threadCount() <= threads_; }))
         << support::threadCount() << " threads, at first " << threads_;
-    EXPECT_TRUE(support::waitUntil([] { return support::openHandleCount() <= handles_; }))
-        << support::openHandleCount() << " descriptors, at first " << handles_;
+    EXPECT_TRUE(support::waitUntil([] { return support::openFileCount() <= handles_; }))
+        << support::openFileCount() << " descriptors, at first " << handles_;
   }
 
   static std::size_t threads_;

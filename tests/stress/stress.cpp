@@ -794,16 +794,16 @@ int main(int argc, char** argv) {
   }
   useThreadsAndSockets();
   const std::size_t threads = support::threadCount();
-  const std::size_t handles = support::openHandleCount();
+  const std::size_t handles = support::openFileCount();
 
   Outcomes outcomes;
   runWorkers(*options, outcomes);
   xfer::shutdown();
 
   // A name's lookup may outlive the request that asked for it, and a joined thread is listed for a moment still.
-  if (!support::waitUntil([&] { return support::threadCount() <= threads && support::openHandleCount() <= handles; })) {
+  if (!support::waitUntil([&] { return support::threadCount() <= threads && support::openFileCount() <= handles; })) {
     outcomes.wrong("left behind: threads " + std::to_string(support::threadCount()) + ", at first " +
-                   std::to_string(threads) + "; descriptors " + std::to_string(support::openHandleCount()) +
+                   std::to_string(threads) + "; descriptors " + std::to_string(support::openFileCount()) +
                    ", at first " + std::to_string(handles));
   }
   if (outcomes.slowestEnd() > kSlowestEnd) outcomes.wrong("a job took too long to end");

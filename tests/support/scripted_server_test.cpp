@@ -176,7 +176,7 @@ TEST(ScriptedServer, leavesNoThreadAndNoDescriptorBehind) {
   constexpr std::size_t kRounds = 10;
   const ScriptedServer other(patternFile(1));  // holds what comes with the first server and stays
   const std::size_t threads = threadCount();
-  const std::size_t handles = openHandleCount();
+  const std::size_t handles = openFileCount();
   for (std::size_t i = 0; i < kRounds; ++i) {
     ScriptedServer server(patternFile(1000));
     RawClient client(server.port());
@@ -184,7 +184,7 @@ TEST(ScriptedServer, leavesNoThreadAndNoDescriptorBehind) {
     EXPECT_EQ(client.receive(10).size(), 10u);
   }
   EXPECT_TRUE(waitUntil([&] { return threadCount() == threads; })) << threadCount() << " instead of " << threads;
-  EXPECT_TRUE(waitUntil([&] { return openHandleCount() < handles + kRounds; })) << openHandleCount();
+  EXPECT_TRUE(waitUntil([&] { return openFileCount() < handles + kRounds; })) << openFileCount();
 }
 
 TEST(ScriptedServer, stoppedServerRefusesAndKeepsItsRecords) {

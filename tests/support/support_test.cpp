@@ -80,18 +80,18 @@ TEST(Census, seesThreadsAndDescriptorsComeAndGo) {
   Gate end;
   std::thread first([&] { EXPECT_TRUE(end.wait()); });
   const std::size_t threads = threadCount();
-  const std::size_t handles = openHandleCount();
+  const std::size_t handles = openFileCount();
   {
     Gate secondEnd;
     std::thread second([&] { EXPECT_TRUE(secondEnd.wait()); });
     const std::ofstream file(toPath(folder.file("f")));
     EXPECT_EQ(threadCount(), threads + 1);
-    EXPECT_GT(openHandleCount(), handles);
+    EXPECT_GT(openFileCount(), handles);
     secondEnd.open();
     second.join();
   }
   EXPECT_TRUE(waitUntil([&] { return threadCount() == threads; })) << threadCount() << " instead of " << threads;
-  EXPECT_TRUE(waitUntil([&] { return openHandleCount() <= handles; })) << openHandleCount();
+  EXPECT_TRUE(waitUntil([&] { return openFileCount() <= handles; })) << openFileCount();
   end.open();
   first.join();
 }

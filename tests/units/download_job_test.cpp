@@ -218,6 +218,19 @@ TEST_F(DownloadJobTest, resumeLeavesFreeSlotsToTheNextTransferThatFinishes) {
   EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10, 20, 30}));
 }
 
+TEST_F(DownloadJobTest, resumeSubmitsWhenEveryTransferEndedDuringThePause) {
+  started(40, 2);
+  job->pause();
+  world.transfers.serve(0);
+  world.transfers.serve(10);
+  EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10}));
+  job->resume();
+  EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10, 20, 30})) << "nobody else would";
+  world.transfers.serve(20);
+  world.transfers.serve(30);
+  EXPECT_EQ(state(), JobState::Completed);
+}
+
 TEST_F(DownloadJobTest, cancelOfAnIdleJobIsFinalAtOnceAndLeavesNothingToStart) {
   make(30, 2);
   job->cancel();
@@ -757,7 +770,7 @@ TEST_F(DownloadJobTest, noRangeIsLostBetweenThreadsThatSubmitAtOnce) {
 // ---- Cancel and destruction ----
 
 TEST_F(DownloadJobTest, cancelWithTransfersInFlightEndsWithTheLastOfThem) {
-  const std::size_t handles = support::openHandleCount();
+  const std::size_t handles = support::openFileCount();
   started(40, 3);
   world.transfers.deliver(0, 0, support::patternBytes(0, 5));
   job->cancel();
@@ -766,10 +779,10 @@ TEST_F(DownloadJobTest, cancelWithTransfersInFlightEndsWithTheLastOfThem) {
   EXPECT_EQ(state(), JobState::Cancelling);
   world.transfers.finish(20, 42, 0);
   EXPECT_EQ(state(), JobState::Cancelling);
-  EXPECT_EQ(support::openHandleCount(), handles + 1) << "the file";
+  EXPECT_EQ(support::openFileCount(), handles + 1) << "the file";
   world.transfers.finish(0, 42, 0);
   EXPECT_EQ(state(), JobState::Cancelled);
-  EXPECT_EQ(support::openHandleCount(), handles) << "is closed";
+  EXPECT_EQ(support::openFileCount(), handles) << "is closed";
   EXPECT_EQ(content().substr(0, 5), support::patternBytes(0, 5)) << "and left as it was";
   EXPECT_EQ(support::fileSize(path), 40U);
   EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10, 20}));
@@ -808,7 +821,7 @@ TEST_F(DownloadJobTest, cancelDuringARetryDelayIsFinalAtOnceAndEndsTheDelay) {
 }
 
 TEST_F(DownloadJobTest, destructionEndsTransfersRetriesAndTheFileAndLeavesThePartialFile) {
-  const std::size_t handles = support::openHandleCount();
+  const std::size_t handles = support::openFileCount();
   const std::size_t threads = support::threadCount();
   started(40, 2);
   world.transfers.deliver(10, 10, support::patternBytes(10, 20));
@@ -817,7 +830,7 @@ TEST_F(DownloadJobTest, destructionEndsTransfersRetriesAndTheFileAndLeavesThePar
   job.reset();
   EXPECT_EQ(world.transfers.inFlight(), Starts{});
   EXPECT_EQ(world.transfers.count(BackendCommand::Stop), 1U);
-  EXPECT_EQ(support::openHandleCount(), handles);
+  EXPECT_EQ(support::openFileCount(), handles);
   EXPECT_TRUE(waitUntil([&] { return support::threadCount() <= threads; }));
   EXPECT_EQ(support::fileSize(path), 40U);
   EXPECT_EQ(content().substr(10, 10), support::patternBytes(10, 20));

@@ -97,10 +97,10 @@ TEST(RetryTimers, whatFinishedTimersHeldIsGivenBackWhenTheNextIsScheduled) {
   };
   runOne();
   const std::size_t threads = support::threadCount();
-  const std::size_t handles = support::openHandleCount();
+  const std::size_t handles = support::openFileCount();
   for (int timer = 0; timer < 200; ++timer) runOne();
   EXPECT_TRUE(waitUntil([&] { return support::threadCount() <= threads; }));
-  EXPECT_LE(support::openHandleCount(), handles + 20);
+  EXPECT_LE(support::openFileCount(), handles + 20);
 }
 
 }  // namespace

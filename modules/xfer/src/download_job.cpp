@@ -163,7 +163,10 @@ void DownloadJob::Impl::pause() {
 
 void DownloadJob::Impl::resume() {
   if (!tryTransition(JobState::Paused, JobState::Running)) return;
-  if (ITransferBackend* const backend = backend_) backend->resume();
+  backend_.load()->resume();
+  // Slots that came free during the pause are refilled when the next transfer ends.  When every transfer has ended
+  // meanwhile there is no next one, and the job would stand still for ever.
+  if (activeTransfers_ == 0) runSubmitRanges();
 }
 
 void DownloadJob::Impl::cancel() {

@@ -25,7 +25,7 @@ std::size_t threadCount() {
   return entriesOf("/proc/self/task");
 }
 
-std::size_t openHandleCount() {
+std::size_t openFileCount() {
   return entriesOf("/proc/self/fd") - 1;  // without the one that lists them
 }
 

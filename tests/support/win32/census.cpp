@@ -3,11 +3,27 @@
 #include <windows.h>
 // after windows.h
 #include <tlhelp32.h>
+#include <winternl.h>
 
+#include <array>
 #include <cstdint>
 #include <stdexcept>
+#include <string_view>
 
 namespace support {
+namespace {
+
+// The name of the type of what the handle stands for; empty when there is nothing.
+std::wstring_view typeOf(HANDLE handle) {
+  constexpr auto kObjectTypeInformation = static_cast<OBJECT_INFORMATION_CLASS>(2);
+  alignas(PUBLIC_OBJECT_TYPE_INFORMATION) static thread_local std::array<unsigned char, 1024> buffer;
+  ULONG length = 0;
+  if (::NtQueryObject(handle, kObjectTypeInformation, buffer.data(), buffer.size(), &length) != 0) return {};
+  const UNICODE_STRING& name = reinterpret_cast<const PUBLIC_OBJECT_TYPE_INFORMATION*>(buffer.data())->TypeName;
+  return {name.Buffer, name.Length / sizeof(wchar_t)};
+}
+
+}  // namespace
 
 std::size_t threadCount() {
   const HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
@@ -22,13 +38,12 @@ std::size_t threadCount() {
   return count;
 }
 
-std::size_t openHandleCount() {
-  // GetProcessHandleCount says 0 under Wine.  Handles are multiples of 4, the lowest free one is given out first.
+std::size_t openFileCount() {
+  // Handles are multiples of 4, and the lowest free one is given out first.
   constexpr std::uintptr_t kMostHandles = 16'384;
   std::size_t count = 0;
   for (std::uintptr_t i = 1; i <= kMostHandles; ++i) {
-    DWORD flags = 0;
-    if (::GetHandleInformation(reinterpret_cast<HANDLE>(4 * i), &flags)) ++count;
+    if (typeOf(reinterpret_cast<HANDLE>(4 * i)) == L"File") ++count;
   }
   return count;
 }

@@ -118,7 +118,8 @@ class DownloadJob {
   /// (resource_unavailable_try_again) when that thread cannot be created.
   XFER_API void start();
 
-  /// Holds a Running job; does nothing in any other state.
+  /// Holds a Running job; does nothing in any other state.  A range that waits for its next try when the pause begins
+  /// and is due before it ends is lost, and the job cannot complete any more.
   XFER_API void pause();
 
   /// Lets a Paused job run on; does nothing in any other state.
