@@ -25,7 +25,8 @@ constexpr std::size_t kUnlimited = std::numeric_limits<std::size_t>::max();
 std::atomic<std::size_t> g_largest{kUnlimited};
 std::atomic<int> g_refused{0};
 
-void* allocate(std::size_t size) {
+// Not inlined: the compiler would take malloc and free here for a mistake of who calls new and delete.
+[[gnu::noinline]] void* allocate(std::size_t size) {
   if (size > g_largest) {
     ++g_refused;
     throw std::bad_alloc();
@@ -33,6 +34,10 @@ void* allocate(std::size_t size) {
   void* const block = std::malloc(size != 0 ? size : 1);
   if (block == nullptr) throw std::bad_alloc();
   return block;
+}
+
+[[gnu::noinline]] void release(void* block) {
+  std::free(block);
 }
 
 }  // namespace
@@ -44,16 +49,16 @@ void* operator new[](std::size_t size) {
   return allocate(size);
 }
 void operator delete(void* block) noexcept {
-  std::free(block);
+  release(block);
 }
 void operator delete[](void* block) noexcept {
-  std::free(block);
+  release(block);
 }
 void operator delete(void* block, std::size_t /*size*/) noexcept {
-  std::free(block);
+  release(block);
 }
 void operator delete[](void* block, std::size_t /*size*/) noexcept {
-  std::free(block);
+  release(block);
 }
 
 namespace {
