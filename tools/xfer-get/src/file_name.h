@@ -8,8 +8,7 @@ namespace xfer_get {
 
 /// The last segment of url's path with its percent escapes decoded; "index.html" when the path ends in a slash or there
 /// is none.  Never a path: empty when the decoded name holds a slash, a backslash, a colon or a control character, or
-/// is
-/// "." or "..".
+/// is "." or "..".
 std::string fileNameFromUrl(std::string_view url);
 
 }  // namespace xfer_get

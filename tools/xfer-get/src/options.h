@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "net/proxy.h"
+
 namespace xfer_get {
 
 struct Options {
@@ -14,7 +16,7 @@ struct Options {
   std::uint16_t connections = 4;
   std::uint64_t bytesPerSec = 0;  ///< 0: unlimited
   std::uint64_t knownSize = 0;    ///< 0: unknown
-  std::string proxy;
+  net::Proxy proxy;               ///< empty host: none
   std::string cookie;
   std::vector<std::string> headers;
   std::string data;

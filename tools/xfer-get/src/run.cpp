@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <thread>
 #include <utility>
@@ -36,23 +35,6 @@ void startLog(int verbosity) {
   if (verbosity <= 0) return;
   Keel::setLogThreshold(verbosity == 1 ? 3 : verbosity == 2 ? 4 : 6);
   Keel::setRecordSink(writeRecord, nullptr);
-}
-
-// [user[:password]@]host[:port], read by the library's own rules.
-net::Proxy proxyOf(const std::string& spec) {
-  net::Proxy proxy;
-  const auto at = spec.find('@');
-  const std::string address = at == std::string::npos ? spec : spec.substr(at + 1);
-  const auto colon = address.find(':');
-  proxy.host = address.substr(0, colon);
-  if (colon != std::string::npos) proxy.port = std::atoi(address.c_str() + colon + 1);
-  if (at != std::string::npos) {
-    const std::string credentials = spec.substr(0, at);
-    const auto separator = credentials.find(':');
-    proxy.username = credentials.substr(0, separator);
-    if (separator != std::string::npos) proxy.password = credentials.substr(separator + 1);
-  }
-  return proxy;
 }
 
 // Shows a running download: one line that is drawn anew on a terminal, a line now and then elsewhere.
@@ -99,7 +81,7 @@ Outcome download(const Options& options) {
   if (request.path.empty()) return {kUsage, "the URL gives no usable file name: name the file"};
   request.cookie = options.cookie;
   request.headers = options.headers;
-  request.proxy = proxyOf(options.proxy);
+  request.proxy = options.proxy;
   request.knownSize = options.knownSize;
   xfer::DownloadPolicy policy;
   policy.numThreads = options.connections;
@@ -140,7 +122,7 @@ Outcome ask(const Options& options) {
   request.url = options.url;
   request.cookie = options.cookie;
   request.headers = options.headers;
-  request.proxy = proxyOf(options.proxy);
+  request.proxy = options.proxy;
   request.body = options.data;
   request.followRedirects = !options.noRedirect;
   request.timeoutSec = 0;
@@ -154,8 +136,7 @@ Outcome ask(const Options& options) {
 
 Outcome inform(const Options& options) {
   constexpr int kTimeoutSec = 30;
-  const xfer::RemoteFileInfo info =
-      xfer::probeRemoteFile(options.url, proxyOf(options.proxy), options.cookie, kTimeoutSec);
+  const xfer::RemoteFileInfo info = xfer::probeRemoteFile(options.url, options.proxy, options.cookie, kTimeoutSec);
   Outcome outcome = infoOutcome(info);
   if (outcome.code != kDone) return outcome;
   const bool written = print("size: " + (info.size != 0 ? std::to_string(info.size) : std::string("unknown")) +

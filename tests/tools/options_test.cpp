@@ -1,0 +1,141 @@
+#include "options.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using xfer_get::Options;
+using Arguments = std::vector<std::string>;
+
+struct Parsed {
+  std::optional<Options> options;
+  int exitCode = -1;
+  std::string out;
+  std::string err;
+};
+
+Parsed parse(const Arguments& arguments) {
+  Parsed parsed;
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  parsed.options = xfer_get::parseOptions(arguments, &parsed.exitCode);
+  parsed.out = testing::internal::GetCapturedStdout();
+  parsed.err = testing::internal::GetCapturedStderr();
+  return parsed;
+}
+
+Options accepted(const Arguments& arguments) {
+  const Parsed parsed = parse(arguments);
+  EXPECT_TRUE(parsed.options) << parsed.err;
+  EXPECT_EQ(parsed.out + parsed.err, "");
+  return parsed.options.value_or(Options());
+}
+
+TEST(Options, urlAloneIsADownloadOverFourConnections) {
+  const Options options = accepted({"http://host/file"});
+  EXPECT_EQ(options.url, "http://host/file");
+  EXPECT_EQ(options.file, "");
+  EXPECT_EQ(options.connections, 4);
+  EXPECT_EQ(options.bytesPerSec, 0U);
+  EXPECT_FALSE(options.print || options.head || options.info || options.noRedirect || options.quiet);
+}
+
+TEST(Options, mayStandBeforeAndBehindTheUrl) {
+  const Options options = accepted({"-n", "8", "http://host/file", "out.bin", "-q"});
+  EXPECT_EQ(options.connections, 8);
+  EXPECT_EQ(options.file, "out.bin");
+  EXPECT_TRUE(options.quiet);
+}
+
+TEST(Options, ratesUnderstandUnits) {
+  for (const auto& [text, rate] : std::vector<std::pair<std::string, std::uint64_t>>{
+           {"5000", 5000}, {"20K", 20 << 10}, {"3m", 3 << 20}, {"1G", 1 << 30}}) {
+    EXPECT_EQ(accepted({"-l", text, "http://host/file"}).bytesPerSec, rate) << text;
+  }
+}
+
+TEST(Options, headersCollectAndDoNotTakeTheUrl) {
+  const Options options = accepted({"-H", "A: 1", "-H", "B: 2, 3", "http://host/file"});
+  EXPECT_EQ(options.headers, (Arguments{"A: 1", "B: 2, 3"}));
+  EXPECT_EQ(options.url, "http://host/file");
+}
+
+TEST(Options, proxyIsTakenApart) {
+  const Options options = accepted({"-x", "user:pass@proxy:3128", "http://host/file"});
+  EXPECT_EQ(options.proxy.host, "proxy");
+  EXPECT_EQ(options.proxy.port, 3128);
+  EXPECT_EQ(options.proxy.username, "user");
+  EXPECT_EQ(options.proxy.password, "pass");
+}
+
+TEST(Options, verbosityCounts) {
+  EXPECT_EQ(accepted({"http://host/file"}).verbosity, 0);
+  EXPECT_EQ(accepted({"-vvv", "http://host/file"}).verbosity, 3);
+}
+
+TEST(Options, printAndHeadGoTogether) {
+  const Options options = accepted({"-p", "-I", "-d", "a=b", "--no-redirect", "http://host/file"});
+  EXPECT_TRUE(options.print && options.head && options.noRedirect);
+  EXPECT_EQ(options.data, "a=b");
+}
+
+TEST(Options, thatCannotWorkAreRefusedWithAReason) {
+  const std::vector<std::pair<Arguments, std::string>> cases = {
+      {{}, "URL"},
+      {{"-n", "0", "u"}, "connections"},
+      {{"-n", "257", "u"}, "connections"},
+      {{"-n", "many", "u"}, "connections"},
+      {{"-l", "fast", "u"}, "limit-rate"},
+      {{"-l", "-5", "u"}, "limit-rate"},
+      {{"-l", "K", "u"}, "limit-rate"},
+      {{"-l", "1KK", "u"}, "limit-rate"},
+      {{"-l", "16777216T", "u"}, "limit-rate"},
+      {{"--known-size", "5K", "u"}, "known-size"},
+      {{"-n", "-1", "u"}, "connections"},
+      {{"--known-size", "-1", "u"}, "known-size"},
+      {{"--known-size", "1.5", "u"}, "known-size"},
+      {{"--known-size", "99999999999999999999", "u"}, "known-size"},
+      {{"-x", "proxy:port", "u"}, "proxy"},
+      {{"-q", "-v", "u"}, "quiet"},
+      {{"--info", "-p", "u"}, "info"},
+      {{"--info", "-d", "x", "u"}, "info"},
+      {{"-d", "", "u"}, "data"},
+      {{"--no-redirect", "u"}, "no-redirect"},
+      {{"-p", "u", "file"}, "FILE"},
+      {{"--info", "u", "file"}, "FILE"},
+      {{"-d", "x", "u", "file"}, "FILE"},
+      {{"u", "file", "more"}, "more"},
+      {{"--colour", "u"}, "colour"},
+  };
+  for (const auto& [arguments, reason] : cases) {
+    const Parsed parsed = parse(arguments);
+    EXPECT_FALSE(parsed.options) << reason;
+    EXPECT_EQ(parsed.exitCode, 2) << reason;
+    EXPECT_NE(parsed.err.find(reason), std::string::npos) << parsed.err;
+    EXPECT_EQ(parsed.out, "") << reason;
+  }
+}
+
+TEST(Options, helpNamesEveryExitCodeAndSucceeds) {
+  const Parsed parsed = parse({"--help"});
+  EXPECT_FALSE(parsed.options);
+  EXPECT_EQ(parsed.exitCode, 0);
+  EXPECT_EQ(parsed.err, "");
+  for (const char* text :
+       {"0 done", "1 internal", "2 usage", "3 file", "4 network", "5 HTTP status", "130 cancelled"}) {
+    EXPECT_NE(parsed.out.find(text), std::string::npos) << text;
+  }
+}
+
+TEST(Options, versionSucceeds) {
+  const Parsed parsed = parse({"--version"});
+  EXPECT_EQ(parsed.exitCode, 0);
+  EXPECT_EQ(parsed.out.rfind("xfer-get ", 0), 0U);
+}
+
+}  // namespace

@@ -1,0 +1,245 @@
+// The program as its users run it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "support/pattern.h"
+#include "support/process.h"
+#include "support/scripted_server.h"
+#include "support/temp_dir.h"
+#include "support/unused_port.h"
+#include "support/wait_until.h"
+
+namespace {
+
+using support::Finished;
+using support::patternFile;
+using support::ReceivedRequest;
+using support::Reply;
+using support::ScriptedServer;
+
+constexpr std::uint64_t kSize = 5'000'003;
+
+// What a text stream of Windows writes, with the line ends that the program wrote.
+std::string text(std::string bytes) {
+  bytes.erase(std::remove(bytes.begin(), bytes.end(), '\r'), bytes.end());
+  return bytes;
+}
+
+class XferGet : public testing::Test {
+ protected:
+  static std::vector<std::string> command(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), support::siblingProgram("xfer-get"));
+    return arguments;
+  }
+
+  Finished get(const std::vector<std::string>& arguments) const {
+    return support::runProcess(command(arguments), {.folder = folder_.path()});
+  }
+
+  [[nodiscard]] std::string file(const std::string& name) const { return folder_.file(name); }
+
+  const support::TempDir folder_;
+};
+
+TEST_F(XferGet, storesTheFileOverManyConnectionsAndOverOne) {
+  ScriptedServer server(patternFile(kSize));
+  for (const char* connections : {"8", "1"}) {
+    const Finished done = get({server.url("/file"), file("out"), "-n", connections});
+    EXPECT_EQ(done.exitCode, 0) << done.err;
+    EXPECT_EQ(done.out, "") << "standard output is for --print and its kin";
+    EXPECT_EQ(support::patternError(file("out"), kSize), "");
+    EXPECT_NE(done.err.find("4.8 MiB at "), std::string::npos) << done.err;
+  }
+}
+
+TEST_F(XferGet, namesTheFileAfterTheUrl) {
+  ScriptedServer server(patternFile(1000));
+  const Finished done = get({server.url("/folder/some%20file.bin?x=/y")});
+  EXPECT_EQ(done.exitCode, 0) << done.err;
+  EXPECT_EQ(support::listFolder(folder_.path()), std::vector<std::string>{"some file.bin"});
+  EXPECT_EQ(support::patternError(file("some file.bin"), 1000), "");
+}
+
+TEST_F(XferGet, refusesAUrlWhoseNameWouldLeaveTheFolder) {
+  const Finished done = get({"http://127.0.0.1:9/..%2Fescape"});
+  EXPECT_EQ(done.exitCode, 2);
+  EXPECT_NE(done.err.find("name the file"), std::string::npos) << done.err;
+  EXPECT_EQ(support::listFolder(folder_.path()), std::vector<std::string>{});
+}
+
+TEST_F(XferGet, knownSizeSavesTheQuestion) {
+  ScriptedServer server(patternFile(1000));
+  EXPECT_EQ(get({server.url("/file"), "out", "--known-size", "1000"}).exitCode, 0);
+  ASSERT_EQ(server.requests().size(), 1U);
+  EXPECT_EQ(server.requests().front().range, (support::RequestedRange{0, 999}));
+  EXPECT_EQ(support::patternError(file("out"), 1000), "");
+}
+
+TEST_F(XferGet, sendsCookieAndHeaders) {
+  ScriptedServer server(patternFile(1000));
+  EXPECT_EQ(get({server.url("/file"), "out", "-b", "a=b; c=d", "-H", "X-One: 1", "-H", "X-Two: 2"}).exitCode, 0);
+  ASSERT_GE(server.requests().size(), 2U);
+  const ReceivedRequest range = server.requests().back();
+  EXPECT_EQ(range.header("Cookie"), "a=b; c=d");
+  EXPECT_EQ(range.header("X-One"), "1");
+  EXPECT_EQ(range.header("X-Two"), "2");
+}
+
+TEST_F(XferGet, goesThroughTheProxyThatIsNamed) {
+  ScriptedServer proxy(patternFile(1000));
+  const Finished done =
+      get({"http://example.invalid/file", "out", "-x", "user:pass@127.0.0.1:" + std::to_string(proxy.port())});
+  EXPECT_EQ(done.exitCode, 0) << done.err;
+  ASSERT_FALSE(proxy.requests().empty());
+  EXPECT_EQ(proxy.requests().front().target, "http://example.invalid/file");
+  EXPECT_EQ(proxy.requests().front().header("Proxy-Authorization"), "Basic dXNlcjpwYXNz");
+}
+
+TEST_F(XferGet, exitCodeTellsWhatWentWrong) {
+  const support::UnusedPort unused;
+  ScriptedServer server([](const ReceivedRequest& request) {
+    if (request.path() == "/missing") return support::status(404, "not here");
+    if (request.path() == "/forbidden" && request.range != support::RequestedRange{0, 0}) {
+      return support::status(403, "no");
+    }
+    return support::range206(request, 1000);
+  });
+  const struct {
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::string words;
+  } cases[] = {
+      {{"ftp://127.0.0.1/file", "out"}, 2, "http"},
+      {{"http://", "out"}, 2, ""},
+      {{server.url("/file"), file("no such folder") + "/out"}, 3, "no such folder"},
+      {{unused.url("/file"), "out"}, 4, "connect"},
+      {{server.url("/file"), "out", "-x", "127.0.0.1:" + std::to_string(unused.port())}, 4, "connect"},
+      {{server.url("/missing"), "out"}, 5, "404"},
+      {{server.url("/forbidden"), "out"}, 5, "403"},
+      {{"-p", server.url("/missing")}, 5, "404"},
+      {{"-p", unused.url("/file")}, 4, "connect"},
+      {{"--info", server.url("/missing")}, 5, "404"},
+  };
+  for (const auto& one : cases) {
+    const Finished done = get(one.arguments);
+    EXPECT_EQ(done.exitCode, one.exitCode) << one.arguments.front() << ": " << done.err;
+    EXPECT_NE(done.err.find(one.words), std::string::npos) << done.err;
+    EXPECT_EQ(text(done.err).rfind("xfer-get: ", 0), 0U) << done.err;
+    EXPECT_EQ(done.err.empty() ? ' ' : done.err.back(), '\n');
+  }
+}
+
+TEST_F(XferGet, usageErrorIsToldOnStandardError) {
+  const Finished done = get({});
+  EXPECT_EQ(done.exitCode, 2);
+  EXPECT_EQ(done.out, "");
+  EXPECT_NE(done.err.find("URL"), std::string::npos) << done.err;
+}
+
+TEST_F(XferGet, interruptCancelsAndLeavesThePartialFile) {
+  ScriptedServer server([](const ReceivedRequest& request) {
+    if (request.range == support::RequestedRange{0, 0}) return support::range206(request, kSize);
+    return support::range206(request, kSize, {.bodyBytes = 1000}).stall();
+  });
+  support::Process running(command({server.url("/file"), "out", "-n", "2"}), {.folder = folder_.path()});
+  ASSERT_TRUE(server.waitForRequests(3));
+  running.interrupt();
+  EXPECT_EQ(running.wait(), 130) << running.err();
+  EXPECT_NE(running.err().find("cancelled; the partial file was left in place"), std::string::npos) << running.err();
+  EXPECT_EQ(support::fileSize(file("out")), kSize) << "as it was reserved";
+}
+
+TEST_F(XferGet, printWritesTheBodyAndNothingElse) {
+  ScriptedServer server(patternFile(100'000));
+  const Finished done = get({"--print", server.url("/file")});
+  EXPECT_EQ(done.exitCode, 0);
+  EXPECT_TRUE(done.out == support::patternBytes(0, 100'000)) << done.out.size() << " bytes";
+  EXPECT_EQ(done.err, "");
+  EXPECT_EQ(support::listFolder(folder_.path()), std::vector<std::string>{});
+}
+
+TEST_F(XferGet, printOfAnErrorPageWritesItAndFails) {
+  ScriptedServer server([](const ReceivedRequest&) { return support::status(404, "not here"); });
+  const Finished done = get({"-p", server.url("/file")});
+  EXPECT_EQ(done.exitCode, 5);
+  EXPECT_EQ(done.out, "not here");
+}
+
+TEST_F(XferGet, headWritesTheHeadersAlone) {
+  ScriptedServer server([](const ReceivedRequest&) {
+    return Reply().send("HTTP/1.1 200 OK\r\nX-One: 1\r\nContent-Length: 4\r\n\r\nbody");
+  });
+  EXPECT_EQ(get({"--head", server.url("/file")}).out, "HTTP/1.1 200 OK\r\nX-One: 1\r\nContent-Length: 4\r\n\r\n");
+  EXPECT_EQ(get({"-I", "-p", server.url("/file")}).out, "HTTP/1.1 200 OK\r\nX-One: 1\r\nContent-Length: 4\r\n\r\nbody");
+}
+
+TEST_F(XferGet, infoTellsSizeRangesAndType) {
+  ScriptedServer server(patternFile(1234));
+  EXPECT_EQ(get({"--info", server.url("/file")}).out, "size: 1234\nranges: yes\ntype: application/octet-stream\n");
+  server.setHandler(
+      [](const ReceivedRequest&) { return Reply().send("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nbody").close(); });
+  EXPECT_EQ(get({"--info", server.url("/file")}).out, "size: unknown\nranges: no\ntype: unknown\n");
+}
+
+TEST_F(XferGet, dataIsPostedAndTheAnswerPrinted) {
+  ScriptedServer server([](const ReceivedRequest&) { return support::status(200, "thanks"); });
+  const Finished done = get({"-d", "a=1&b=2", server.url("/form")});
+  EXPECT_EQ(done.exitCode, 0) << done.err;
+  EXPECT_EQ(done.out, "thanks");
+  EXPECT_EQ(server.requests().at(0).method, "POST");
+  EXPECT_EQ(server.requests().at(0).body, "a=1&b=2");
+}
+
+TEST_F(XferGet, redirectIsFollowedUnlessRefused) {
+  ScriptedServer server([](const ReceivedRequest& request) {
+    return request.path() == "/old" ? support::redirect(302, "/new") : support::status(200, "new");
+  });
+  EXPECT_EQ(get({"-p", server.url("/old")}).out, "new");
+  const Finished refused = get({"-I", "--no-redirect", server.url("/old")});
+  EXPECT_EQ(refused.exitCode, 0);
+  EXPECT_EQ(refused.out.rfind("HTTP/1.1 302", 0), 0U) << refused.out;
+}
+
+TEST_F(XferGet, quietWritesNothingOnSuccessAndTheErrorOtherwise) {
+  ScriptedServer server(patternFile(1000));
+  const Finished done = get({"-q", server.url("/file"), "out"});
+  EXPECT_EQ(done.exitCode, 0);
+  EXPECT_EQ(done.err, "");
+  const support::UnusedPort unused;
+  EXPECT_NE(get({"-q", unused.url("/file"), "out"}).err, "");
+}
+
+TEST_F(XferGet, verbosityDecidesWhatIsLogged) {
+  for (const int verbosity : {0, 1, 2, 3}) {
+    ScriptedServer server([](const ReceivedRequest& request) {
+      if (request.number == 1) return support::status(503, "busy");  // the first try of the range
+      return support::range206(request, 1000);
+    });
+    std::vector<std::string> arguments = {server.url("/file"), "out"};
+    for (int i = 0; i < verbosity; ++i) arguments.emplace_back("-v");
+    const Finished done = get(arguments);
+    EXPECT_EQ(done.exitCode, 0) << done.err;
+    const auto logged = [&](const char* words) { return done.err.find(words) != std::string::npos; };
+    EXPECT_EQ(logged("response body (4 bytes): busy"), verbosity >= 1) << done.err;
+    EXPECT_EQ(logged("retry scheduled | range=0"), verbosity >= 2) << done.err;
+    EXPECT_EQ(logged("doStart | probed | size=1000"), verbosity >= 3) << done.err;
+  }
+}
+
+TEST_F(XferGet, withoutATerminalProgressIsPlainLines) {
+  ScriptedServer server([](const ReceivedRequest& request) {
+    if (request.range == support::RequestedRange{0, 0}) return support::range206(request, kSize);
+    return support::range206(request, kSize, {.pace = {kSize / 10, std::chrono::milliseconds(150)}});
+  });
+  const Finished done = get({server.url("/file"), "out", "-n", "1"});
+  EXPECT_EQ(done.exitCode, 0) << done.err;
+  const std::string err = text(done.err);
+  EXPECT_NE(err.find("% "), std::string::npos) << err;
+  EXPECT_EQ(done.err.find("\r["), std::string::npos) << "nothing is redrawn";
+}
+
+}  // namespace
