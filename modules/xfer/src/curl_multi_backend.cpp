@@ -67,6 +67,7 @@ struct CurlMultiBackend::Transfer {
   // What the transfer ended itself with, by refusing to take more; libcurl only sees a failed write.
   std::optional<std::int32_t> ownResult;
 
+  [[nodiscard]] bool held() const { return heldByHost || throttledPiece != 0; }
   [[nodiscard]] bool errorResponse() const { return head.head().status >= 400; }
   [[nodiscard]] std::uint64_t delivered() const { return position > rangeStart ? position - rangeStart : 0; }
 
@@ -361,6 +362,12 @@ void CurlMultiBackend::addTransfer() {
 
 // The transfer's place in active_ is the caller's to give up.
 void CurlMultiBackend::leaveMulti(Transfer& transfer) {
+  if (transfer.held()) {
+    // libcurl 7.88 never frees what it keeps of a paused transfer when others still use the connection (HTTP/2): it is
+    // offered once more here, and refused.
+    transfer.ownResult = CURLE_ABORTED_BY_CALLBACK;
+    curl_easy_pause(transfer.easy.get(), CURLPAUSE_CONT);
+  }
   curl_multi_remove_handle(multi_.get(), transfer.easy.get());
   transfer.slot->staging.clear();
   freeSlots_.splice(freeSlots_.end(), slots_, transfer.slot);
