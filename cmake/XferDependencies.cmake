@@ -2,8 +2,6 @@
 find_package(Threads REQUIRED)
 if(WIN32)
   # The static libcurl of scripts/windows-deps brings its own package file and its dependencies.
-  set(OPENSSL_USE_STATIC_LIBS ON)
-  set(ZLIB_USE_STATIC_LIBS ON)
   find_package(CURL CONFIG REQUIRED)
   add_library(xfer_curl ALIAS CURL::libcurl_static)
 else()

@@ -1,4 +1,5 @@
-"""Compares the export table of a DLL with a list, and its imports with what every Windows has."""
+"""Compares the export table of a DLL with a list, and its imports with what every Windows has; the file must tell its
+version."""
 import argparse
 import re
 import subprocess
@@ -10,7 +11,7 @@ SYSTEM = {"advapi32.dll", "bcrypt.dll", "crypt32.dll", "kernel32.dll", "msvcrt.d
 
 def main():
     parser = argparse.ArgumentParser()
-    for name in ("objdump", "dll", "exports"):
+    for name in ("objdump", "dll", "exports", "version"):
         parser.add_argument("--" + name, required=True)
     args = parser.parse_args()
     dump = subprocess.run([args.objdump, "-p", args.dll], check=True, capture_output=True, text=True).stdout
@@ -27,6 +28,10 @@ def main():
     for flag in ("DYNAMIC_BASE", "NX_COMPAT", "HIGH_ENTROPY_VA"):
         if flag not in dump:
             problems.append(f"image flag missing: {flag}")
+    with open(args.dll, "rb") as file:
+        resource = file.read().partition("ProductVersion\0".encode("utf-16-le"))[2]
+    if not resource.lstrip(b"\0").startswith((args.version + "\0").encode("utf-16-le")):
+        problems.append(f"version resource missing, or not {args.version}")
     print(f"{len(exported)} exports, {len(imported)} imported libraries")
     print("\n".join(problems))
     return 1 if problems or not exported or not imported else 0
