@@ -722,15 +722,6 @@ class HostWorker {
 
 // ---- The program ----
 
-}  // namespace
-
-// libcurl 7.88, when a name's lookup is given up, still reads what the lookup's own thread may have freed by then.
-extern "C" const char* __tsan_default_suppressions() {
-  return "race:destroy_async_data\n";
-}
-
-namespace {
-
 struct Options {
   std::uint64_t seconds = 20;
   std::uint64_t seed = std::random_device()();
