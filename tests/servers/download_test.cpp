@@ -146,4 +146,20 @@ TEST(Http2, jobAfterRequestsOfHttp11ToTheSameServerCompletes) {
   }
 }
 
+// Connections that are full, on their way out or go another way make libcurl begin new ones beside them.
+TEST(Http2, jobsSurviveConnectionsThatAreShortLivedAndFull) {
+  const RealServers servers;
+  const support::TempDir folder;
+  const std::string url = servers.url(RealServer::NginxShortH2, "/16m.bin");
+  const std::string path = folder.file("out");
+  const net::Proxy proxy{.host = "127.0.0.1", .port = servers.proxyPort(), .username = {}, .password = {}};
+  for (int round = 0; round < 10; ++round) {
+    SCOPED_TRACE(round);
+    const xfer::DownloadSnapshot end =
+        download(url, path, manyRanges(RealServer::NginxH2), round % 2 == 0 ? net::Proxy() : proxy);
+    EXPECT_EQ(end.state, xfer::JobState::Completed) << "error " << end.errorCode;
+    EXPECT_EQ(support::patternError(path, RealServers::kBigFileBytes), "");
+  }
+}
+
 }  // namespace

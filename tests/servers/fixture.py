@@ -236,6 +236,7 @@ def nginx_configuration(work, ports):
       {server("Nginx")}
       {server("NginxTls", listen="ssl")}
       {server("NginxH2", listen="ssl http2")}
+      {server("NginxShortH2", "keepalive_requests 20; http2_max_concurrent_streams 3;", listen="ssl http2")}
       {server("NginxWithoutRanges", "max_ranges 0;")}
       {server("NginxSlow", "limit_rate 1m;")}
     }}
@@ -352,6 +353,7 @@ PORT_NAMES = (
     "Nginx",
     "NginxTls",
     "NginxH2",
+    "NginxShortH2",
     "NginxWithoutRanges",
     "NginxSlow",
     "Apache",
@@ -395,8 +397,8 @@ def start(folder):
     lines = [f"documentRoot={work}/documents", f"certificate={work}/certificate.pem"]
     lines += [f"user={USER}", f"password={PASSWORD}"]
     lines += [f"proxyPort={ports['proxy']}", f"authProxyPort={ports['authProxy']}"]
-    for name in PORT_NAMES[:8]:
-        scheme = "https" if name in ("NginxTls", "NginxH2") else "http"
+    for name in PORT_NAMES[:9]:
+        scheme = "https" if name in ("NginxTls", "NginxH2", "NginxShortH2") else "http"
         lines.append(f"{name}.origin={scheme}://{HOST}:{ports[name]}")
     (folder / "servers.env").write_text("\n".join(lines) + "\n")
 

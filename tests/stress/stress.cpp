@@ -345,14 +345,14 @@ class Targets {
   Target real(Random& random) const {
     static const RealServer kServers[] = {RealServer::Nginx,    RealServer::Nginx,
                                           RealServer::NginxTls, RealServer::NginxTls,
-                                          RealServer::NginxH2,  RealServer::NginxH2,
+                                          RealServer::NginxH2,  RealServer::NginxShortH2,
                                           RealServer::Apache,   RealServer::Lighttpd,
                                           RealServer::Python,   RealServer::NginxWithoutRanges};
     const RealServer server = random.oneOf(kServers);
     const bool small = !random.oneIn(10);
     Target target{support::nameOf(server), real_->url(server, small ? "/1m.bin" : "/16m.bin"), Target::Fate::Good,
                   small ? RealServers::kSmallFileBytes : RealServers::kBigFileBytes};
-    target.http2 = server == RealServer::NginxH2;
+    target.http2 = server == RealServer::NginxH2 || server == RealServer::NginxShortH2;
     if (random.oneIn(8))
       target.proxy = {.host = "127.0.0.1", .port = real_->proxyPort(), .username = {}, .password = {}};
     return target;

@@ -16,6 +16,8 @@ const char* nameOf(RealServer server) {
       return "NginxTls";
     case RealServer::NginxH2:
       return "NginxH2";
+    case RealServer::NginxShortH2:
+      return "NginxShortH2";
     case RealServer::NginxWithoutRanges:
       return "NginxWithoutRanges";
     case RealServer::NginxSlow:

@@ -22,6 +22,7 @@ enum class RealServer {
   Nginx,               // HTTP/1.1, ranges, keep-alive
   NginxTls,            // the same with TLS
   NginxH2,             // the same with TLS and HTTP/2
+  NginxShortH2,        // the same, 3 requests at once and 20 in all on a connection
   NginxWithoutRanges,  // max_ranges 0: a range gets a 200
   NginxSlow,           // 1 MiB a second and connection
   Apache,              // ranges

@@ -21,6 +21,8 @@ constexpr std::size_t kMaxLoggedUrl = 120;
 constexpr std::size_t kStaging = 524288;
 constexpr std::uint64_t kSmallestReceiveBuffer = 1024;
 constexpr std::uint64_t kLargestThrottledBuffer = 65536;
+constexpr std::uint64_t kDefaultConnectTimeoutSec = 300;  // libcurl's
+constexpr int kMostGoneConnections = 3;
 
 std::uint64_t nowNs() {
   return static_cast<std::uint64_t>(
@@ -48,6 +50,8 @@ struct CurlMultiBackend::Transfer {
   std::uint64_t rangeStart = 0;
   std::uint64_t rangeEnd = 0;
   std::uint64_t maxRecvSpeed = 0;
+  std::uint64_t firstAddedNs = 0;  // to the multi handle; 0: not yet
+  int goneConnections = 0;         // ended under this transfer before any answer
 
   ResponseHeadReader head;
   Body body = Body::Unjudged;
@@ -266,6 +270,7 @@ void CurlMultiBackend::turn() {
     takenCommands_.swap(commands_);
     taken_.splice(taken_.end(), submissions_);
   }
+  waiting_.splice(waiting_.begin(), putBack_);
   for (const QueuedCommand& queued : takenCommands_) apply(queued);
   takenCommands_.clear();
   if (!running_) {
@@ -332,6 +337,7 @@ void CurlMultiBackend::cancelEverything() {
   }
   const auto all = [](const Transfer&) { return true; };
   cancel(active_, all);
+  cancel(putBack_, all);
   cancel(waiting_, all);
   cancel(queued, all);
 }
@@ -356,6 +362,7 @@ void CurlMultiBackend::addTransfer() {
   transfer.slot = std::prev(slots_.end());
   transfer.slot->bucket.setRate(transfer.maxRecvSpeed, nowNs());
   transfer.active = true;
+  if (transfer.firstAddedNs == 0) transfer.firstAddedNs = nowNs();
   active_.splice(active_.end(), waiting_, waiting_.begin());
   ++activeCount_;
 }
@@ -433,8 +440,29 @@ void CurlMultiBackend::processCompleted() {
       curl_easy_cleanup(easy);
       continue;
     }
-    completeTransfer(position, result);
+    if (isWorthAnotherTry(**position, result)) {
+      putBack(position);
+    } else {
+      completeTransfer(position, result);
+    }
   }
+}
+
+// An HTTP/2 server may end a connection at any time, and many do after so many requests: that is nobody's failure.
+bool CurlMultiBackend::isWorthAnotherTry(Transfer& transfer, CURLcode result) const {
+  if (!policy_.useHttp2 || transfer.head.head().status != 0) return false;
+  // Sent on a connection that the server was about to end.
+  if (result == CURLE_HTTP2) return ++transfer.goneConnections <= kMostGoneConnections;
+  // Not sent: libcurl 7.88 puts a transfer on a connection that is still being made, next to one that is full or ends.
+  const std::uint64_t seconds = policy_.connectTimeoutSec > 0 ? policy_.connectTimeoutSec : kDefaultConnectTimeoutSec;
+  return result == CURLE_FAILED_INIT && nowNs() - transfer.firstAddedNs < seconds * 1'000'000'000;
+}
+
+void CurlMultiBackend::putBack(Transfers::iterator position) {
+  Transfer& transfer = **position;
+  leaveMulti(transfer);
+  transfer.ownResult.reset();
+  putBack_.splice(putBack_.end(), active_, position);
 }
 
 void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode curlResult) {

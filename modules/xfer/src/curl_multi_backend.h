@@ -156,6 +156,8 @@ class CurlMultiBackend final : public ITransferBackend {
   void leaveMulti(Transfer& transfer);
   void flushBodies();
   void processCompleted();
+  [[nodiscard]] bool isWorthAnotherTry(Transfer& transfer, CURLcode result) const;
+  void putBack(Transfers::iterator position);
   void completeTransfer(Transfers::iterator position, CURLcode result);
   void finishTransfer(const Transfer& transfer, std::int32_t result, std::int32_t httpStatus, std::uint64_t bytes);
   void resumeThrottled();
@@ -175,6 +177,7 @@ class CurlMultiBackend final : public ITransferBackend {
   std::vector<QueuedCommand> takenCommands_;
   Transfers taken_;            // submissions of this turn, until its commands are applied
   Transfers waiting_;          // in front of the gate, oldest first
+  Transfers putBack_;          // to be tried again: go to the front of waiting_ in the next turn
   Transfers active_;           // on the multi handle
   std::list<Slot> slots_;      // in use by active transfers
   std::list<Slot> freeSlots_;  // left by those that ended; the last one is the most recent
