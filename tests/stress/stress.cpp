@@ -60,7 +60,6 @@ constexpr int kFetchThreads = 8;
 constexpr int kJobThreads = 5;
 constexpr int kHostThreads = 4;  // these use the C interface
 constexpr std::uint16_t kRangesAtOnce = 8;
-constexpr milliseconds kSlowestEnd{5000};  // of a job that is cancelled or destroyed
 
 constexpr std::uint64_t mixed(std::uint64_t number) {
   return support::patternWord(number, 1);
@@ -806,7 +805,8 @@ int main(int argc, char** argv) {
                    std::to_string(threads) + "; descriptors " + std::to_string(support::openFileCount()) +
                    ", at first " + std::to_string(handles));
   }
-  if (outcomes.slowestEnd() > kSlowestEnd) outcomes.wrong("a job took too long to end");
+  // Five seconds for what takes a tenth of one: the machine has far fewer processors than this program has threads.
+  if (outcomes.slowestEnd() > support::testTimeout() / 4) outcomes.wrong("a job took too long to end");
   for (const char* needed :
        {"fetch-done", "fetch-failed", "size", "refused-header", "job-completed", "job-failed", "job-cancelled",
         "job-destroyed", "job-replaced", "c-request-done", "c-download-completed", "c-download-stopped"}) {

@@ -70,8 +70,8 @@ TEST(PlainLine, neverSaysMoreThanAHundredPercent) {
 
 TEST(ProgressLine, hasABarAsFullAsThePercentage) {
   const std::string line = progressLine(running(1 << 20, 4 << 20, 1 << 20), 8, 100);
-  EXPECT_EQ(line, "[" + std::string(10, '#') + std::string(30, '.') + "] " +
-                      plainLine(running(1 << 20, 4 << 20, 1 << 20), 8));
+  const std::string bar = "[##########..............................] ";
+  EXPECT_EQ(line, bar + plainLine(running(1 << 20, 4 << 20, 1 << 20), 8));
 }
 
 TEST(ProgressLine, isNeverWiderThanTheTerminal) {

@@ -140,19 +140,6 @@ TEST_F(XferGet, usageErrorIsToldOnStandardError) {
   EXPECT_NE(done.err.find("URL"), std::string::npos) << done.err;
 }
 
-TEST_F(XferGet, interruptCancelsAndLeavesThePartialFile) {
-  ScriptedServer server([](const ReceivedRequest& request) {
-    if (request.range == support::RequestedRange{0, 0}) return support::range206(request, kSize);
-    return support::range206(request, kSize, {.bodyBytes = 1000}).stall();
-  });
-  support::Process running(command({server.url("/file"), "out", "-n", "2"}), {.folder = folder_.path()});
-  ASSERT_TRUE(server.waitForRequests(3));
-  running.interrupt();
-  EXPECT_EQ(running.wait(), 130) << running.err();
-  EXPECT_NE(running.err().find("cancelled; the partial file was left in place"), std::string::npos) << running.err();
-  EXPECT_EQ(support::fileSize(file("out")), kSize) << "as it was reserved";
-}
-
 TEST_F(XferGet, printWritesTheBodyAndNothingElse) {
   ScriptedServer server(patternFile(100'000));
   const Finished done = get({"--print", server.url("/file")});
