@@ -1,0 +1,137 @@
+#!/usr/bin/env python3
+"""Times xfer-get beside other downloaders on the same file, from an nginx that it starts on the loopback interface.
+
+    benchmarks/compare.py --xfer-get build/release/bin/xfer-get [--mib 512] [--rounds 7]
+
+The programs take turns within each round, so that what else the machine does falls on all of them; a figure is the median
+of a program's times, and the ratio that to curl's in the same run.  Every file is compared with the original before its
+time counts.  Programs that are not installed are left out and named.  Needs nginx, openssl and curl.
+"""
+import argparse
+import filecmp
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+
+def free_port():
+    with socket.socket() as listener:
+        listener.bind(("127.0.0.1", 0))
+        return listener.getsockname()[1]
+
+
+class Nginx:
+    """Serves folder/www: plainly, with TLS, and plainly at 32 MiB a second for each connection."""
+
+    def __init__(self, folder):
+        self.ports = [free_port() for _ in range(3)]
+        subprocess.run(
+            ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
+             "-keyout", folder / "key.pem", "-out", folder / "certificate.pem"],
+            check=True, capture_output=True)
+        temporary = " ".join(f"{kind}_temp_path {folder}/{kind};"
+                             for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
+        (folder / "nginx.conf").write_text(f"""
+            daemon off; worker_processes 2; pid {folder}/nginx.pid; error_log stderr crit;
+            events {{ worker_connections 512; }}
+            http {{
+              {temporary} access_log off; sendfile on; root {folder}/www; keepalive_requests 100000;
+              ssl_certificate {folder}/certificate.pem; ssl_certificate_key {folder}/key.pem;
+              server {{ listen 127.0.0.1:{self.ports[0]}; }}
+              server {{ listen 127.0.0.1:{self.ports[1]} ssl; }}
+              server {{ listen 127.0.0.1:{self.ports[2]}; limit_rate 32m; }}
+            }}""")
+        os.chmod(folder, 0o755)
+        nginx = shutil.which("nginx", path=os.environ["PATH"] + ":/usr/sbin")
+        self.process = subprocess.Popen([nginx, "-e", "stderr", "-p", folder, "-c", folder / "nginx.conf"])
+        for port in self.ports:
+            while True:
+                try:
+                    socket.create_connection(("127.0.0.1", port), timeout=1).close()
+                    break
+                except OSError:
+                    if self.process.poll() is not None:
+                        raise SystemExit("nginx has ended at once")
+                    time.sleep(0.02)
+
+    def situations(self):
+        plain, tls, limited = self.ports
+        return (("plain", f"http://127.0.0.1:{plain}/big.bin"), ("TLS", f"https://127.0.0.1:{tls}/big.bin"),
+                ("32 MiB/s a connection", f"http://127.0.0.1:{limited}/big.bin"))
+
+    def stop(self):
+        self.process.send_signal(signal.SIGTERM)
+        self.process.wait(timeout=10)
+
+
+def competitors(xfer_get):
+    everyone = {
+        "curl": ["curl", "-sk", "-o", "{file}", "{url}"],
+        "xfer-get -n 1": [xfer_get, "-q", "-n", "1", "{url}", "{file}"],
+        "xfer-get -n 8": [xfer_get, "-q", "-n", "8", "{url}", "{file}"],
+        "aria2c -x 8": ["aria2c", "-q", "--check-certificate=false", "--allow-overwrite=true", "--no-conf", "-x", "8",
+                        "-s", "8", "-k", "1M", "--file-allocation=falloc", "-d", "{folder}", "-o", "{name}", "{url}"],
+        "wget": ["wget", "-q", "--no-check-certificate", "-O", "{file}", "{url}"],
+    }
+    missing = [name for name, command in everyone.items() if shutil.which(command[0]) is None]
+    if "curl" in missing or not os.access(xfer_get, os.X_OK):
+        raise SystemExit("curl and xfer-get are needed")
+    if missing:
+        print("not installed, left out: " + ", ".join(missing))
+    return {name: command for name, command in everyone.items() if name not in missing}
+
+
+def timed(command, url, target):
+    words = [str(word).format(url=url, file=target, folder=target.parent, name=target.name) for word in command]
+    begin = time.perf_counter()
+    subprocess.run(words, check=True, timeout=600)
+    return time.perf_counter() - begin
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--xfer-get", required=True)
+    parser.add_argument("--mib", type=int, default=512)
+    parser.add_argument("--rounds", type=int, default=7)
+    args = parser.parse_args()
+    programs = competitors(args.xfer_get)
+
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="xfer-benchmark-"))
+    nginx = None
+    try:
+        (folder / "www").mkdir()
+        original = folder / "www" / "big.bin"
+        with open(original, "wb") as file:
+            for _ in range(args.mib):
+                file.write(os.urandom(1 << 20))
+        nginx = Nginx(folder)
+        target = folder / "target.bin"
+        print(f"{args.mib} MiB, median of {args.rounds} rounds")
+        for situation, url in nginx.situations():
+            times = {name: [] for name in programs}
+            for _ in range(args.rounds):
+                for name, command in programs.items():
+                    target.unlink(missing_ok=True)
+                    seconds = timed(command, url, target)
+                    if not filecmp.cmp(original, target, shallow=False):
+                        raise SystemExit(f"{name} stored another file")
+                    times[name].append(seconds)
+            base = statistics.median(times["curl"])
+            for name, seconds in times.items():
+                median = statistics.median(seconds)
+                print(f"{situation:24} {name:16} {median:7.3f} s  {min(seconds):.3f}..{max(seconds):.3f}  "
+                      f"{args.mib / median:7.0f} MiB/s  {median / base:5.2f} of curl's time")
+    finally:
+        if nginx:
+            nginx.stop()
+        shutil.rmtree(folder)
+
+
+sys.exit(main())
