@@ -228,13 +228,13 @@ TEST(Fetch, fiftyInSequenceUseOneConnection) {
   EXPECT_EQ(server.connectionsAccepted(), 1U);
 }
 
-TEST(Fetch, eightThreadsStayBelowThirtyTwoConnections) {
+TEST(Fetch, thirtyThousandRequestsOnEightThreadsStayBelowThirtyTwoConnections) {
   ScriptedServer server(patternFile(100));
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([&] {
-      for (int i = 0; i < 400; ++i) wrong += xfer::fetch(get(server.url("/x"))).body != patternBytes(0, 100) ? 1 : 0;
+      for (int i = 0; i < 3750; ++i) wrong += xfer::fetch(get(server.url("/x"))).body != patternBytes(0, 100) ? 1 : 0;
     });
   }
   for (auto& thread : threads) thread.join();
