@@ -218,6 +218,16 @@ TEST_F(JobTrust, connectionsAreReusedFromFetchesToAJobAndBack) {
   EXPECT_LE(server.connectionsAccepted(), before + 1);
 }
 
+TEST_F(JobTrust, connectionsAreReusedFromJobToJob) {
+  ScriptedServer server(patternFile(16 * kChunk));
+  for (int round = 0; round < 10; ++round) {
+    DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, 4));
+    EXPECT_EQ(run(job).state, JobState::Completed);
+  }
+  EXPECT_EQ(server.requests().size(), 160U);
+  EXPECT_LE(server.connectionsAccepted(), 4U);
+}
+
 // ---- Servers without ranges ----
 
 TEST_F(JobTrust, fileFromAServerWithoutRangesIsRightAndFetchedOnce) {
