@@ -13,8 +13,8 @@
 //          and a thread that joins itself ends the process.
 //          Data, head and done callbacks run on the loop thread, one at a time; they must not block for long.  The done
 //          callback of a submit that fails at once runs on the submitting thread.
-// Errors:  through the done callback.  An exception from a callback is caught: from the done callback it is logged, from
-//          the others it ends the transfer with libcurl's write error (23).
+// Errors:  through the done callback.  An exception from a callback is caught: from the done callback it is logged,
+//          from the others it ends the transfer with libcurl's write error (23).
 // Units:   offsets and lengths are bytes, half-open [start, end); speeds bytes per second.
 #pragma once
 
