@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <thread>
 
+#include "support/gate.h"
 #include "support/pattern.h"
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
@@ -14,6 +16,24 @@
 
 using namespace support;
 using namespace xfer;
+
+namespace {
+
+std::atomic<int> g_wakeups{0};
+
+}  // namespace
+
+// The linker sends the calls that wake a loop up through here: a command is in its queue once its call has been made.
+extern "C" {
+
+CURLMcode __real_curl_multi_wakeup(CURLM* multi);
+
+CURLMcode __wrap_curl_multi_wakeup(CURLM* multi) {
+  const CURLMcode result = __real_curl_multi_wakeup(multi);
+  ++g_wakeups;
+  return result;
+}
+}
 
 namespace {
 
@@ -212,6 +232,28 @@ TEST(Backend, stopBehindACancelEndsEveryTransferExactlyOnce) {
   const auto ends = transfers.ends(4);
   EXPECT_EQ(ends.size(), 4U);
   for (const End& end : ends) EXPECT_EQ(end.code, 42);
+}
+
+TEST(Backend, submissionTakenTogetherWithAStopGetsNoDoneCallback) {
+  ScriptedServer server(patternFile(10));
+  CurlMultiBackend backend(threads(1));
+  Gate first;
+  Gate goOn;
+  std::atomic<int> others{0};
+  backend.submit(range(server.url("/"), 0, 10), {}, [&](std::uint64_t, std::int32_t, std::int32_t, std::uint64_t) {
+    first.open();
+    EXPECT_TRUE(goOn.wait());  // the loop stands here
+  });
+  ASSERT_TRUE(first.wait());
+  backend.submit(range(server.url("/"), 3, 10), {},
+                 [&](std::uint64_t, std::int32_t, std::int32_t, std::uint64_t) { ++others; });
+  const int wakeups = g_wakeups;
+  std::thread stopper([&] { backend.stop(); });
+  EXPECT_TRUE(waitUntil([&] { return g_wakeups > wakeups; })) << "the stop is queued";
+  goOn.open();
+  stopper.join();
+  EXPECT_EQ(others, 0);
+  EXPECT_EQ(server.requests().size(), 1U);
 }
 
 TEST(Backend, afterStopSubmissionsEndAtOnce) {

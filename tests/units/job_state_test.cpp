@@ -5,6 +5,8 @@
 #include <array>
 #include <string>
 
+#include "end_code.h"
+
 namespace {
 
 using xfer::JobState;
@@ -48,6 +50,15 @@ TEST(JobState, onlyTheLastThreeAreFinal) {
 
 TEST(JobState, aValueThatIsNoStateIsNeverEntered) {
   EXPECT_FALSE(xfer::mayFollow(JobState::Running, static_cast<JobState>(8)));
+}
+
+TEST(EndCode, is102ForACancelledJobAndForAFailureWithoutACode) {
+  EXPECT_EQ(xfer::endCode(JobState::Cancelled, 0), 102U);
+  EXPECT_EQ(xfer::endCode(JobState::Cancelled, 7), 102U);
+  EXPECT_EQ(xfer::endCode(JobState::Failed, 0), 102U);
+  EXPECT_EQ(xfer::endCode(JobState::Failed, 28), 28U);
+  EXPECT_EQ(xfer::endCode(JobState::Failed, -1), 0xFFFFFFFFU);
+  EXPECT_EQ(xfer::endCode(JobState::Completed, 0), 0U);
 }
 
 }  // namespace

@@ -13,7 +13,9 @@
 #include <string>
 #include <utility>
 
+#include "end_code.h"
 #include "fetch_stoppable.h"
+#include "job_state.h"
 #include "keel/keel.h"
 #include "log.h"
 #include "proxy_setting.h"
@@ -32,7 +34,6 @@ namespace {
 using xfer::DownloadJob;
 using xfer::DownloadPolicy;
 using xfer::DownloadRequest;
-using xfer::JobState;
 using xfer::Request;
 using xfer::Response;
 namespace log = xfer::log;
@@ -116,21 +117,6 @@ bool copyOut(const std::string& part, sys::IDataBuff* out) {
   if (!out->resize(part.size())) return false;
   std::memcpy(out->data(), part.data(), part.size());
   return true;
-}
-
-std::uint32_t resultCode(const xfer::DownloadSnapshot& snapshot) {
-  switch (snapshot.state) {
-    case JobState::Failed:
-      return static_cast<std::uint32_t>(snapshot.errorCode != 0 ? snapshot.errorCode : result::kStopped);
-    case JobState::Cancelled:
-      return static_cast<std::uint32_t>(result::kStopped);
-    default:
-      return static_cast<std::uint32_t>(result::kSuccess);
-  }
-}
-
-bool hasEnded(JobState state) {
-  return state == JobState::Completed || state == JobState::Failed || state == JobState::Cancelled;
 }
 
 }  // namespace
@@ -399,11 +385,11 @@ int32_t xfer_getProgress(uint64_t dl_id, uint64_t* downloaded, uint32_t* errorCo
   }
   const xfer::DownloadSnapshot snapshot = live->second->value.snapshot();
   *downloaded = snapshot.bytesDone;
-  if (!hasEnded(snapshot.state)) {
+  if (!xfer::isFinal(snapshot.state)) {
     *finished = 0;
     return result::kSuccess;
   }
-  *errorCode = resultCode(snapshot);
+  *errorCode = xfer::endCode(snapshot.state, snapshot.errorCode);
   all.finishedResults.emplace(dl_id, *errorCode);
   all.liveJobs.erase(live);
   return result::kSuccess;
