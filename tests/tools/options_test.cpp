@@ -52,6 +52,12 @@ TEST(Options, mayStandBeforeAndBehindTheUrl) {
   EXPECT_TRUE(options.quiet);
 }
 
+TEST(Options, connectionsAreFrom1To256) {
+  EXPECT_EQ(accepted({"-n", "1", "http://host/file"}).connections, 1);
+  EXPECT_EQ(accepted({"-n256", "http://host/file"}).connections, 256);
+  EXPECT_EQ(accepted({"--connections=16", "http://host/file"}).connections, 16);
+}
+
 TEST(Options, ratesUnderstandUnits) {
   for (const auto& [text, rate] : std::vector<std::pair<std::string, std::uint64_t>>{
            {"5000", 5000}, {"20K", 20 << 10}, {"3m", 3 << 20}, {"1G", 1 << 30}}) {
@@ -90,6 +96,8 @@ TEST(Options, thatCannotWorkAreRefusedWithAReason) {
       {{"-n", "0", "u"}, "connections"},
       {{"-n", "257", "u"}, "connections"},
       {{"-n", "many", "u"}, "connections"},
+      {{"-n", "", "u"}, "connections"},
+      {{"-n"}, "connections"},
       {{"-l", "fast", "u"}, "limit-rate"},
       {{"-l", "-5", "u"}, "limit-rate"},
       {{"-l", "K", "u"}, "limit-rate"},
@@ -101,12 +109,20 @@ TEST(Options, thatCannotWorkAreRefusedWithAReason) {
       {{"--known-size", "1.5", "u"}, "known-size"},
       {{"--known-size", "99999999999999999999", "u"}, "known-size"},
       {{"-x", "proxy:port", "u"}, "proxy"},
+      {{"-x", "", "u"}, "proxy"},
       {{"-q", "-v", "u"}, "quiet"},
       {{"--info", "-p", "u"}, "info"},
+      {{"--info", "-I", "u"}, "info"},
+      {{"--info", "-H", "A: 1", "u"}, "info"},
+      {{"-H", "A", "u"}, "Name: value"},
+      {{"-H", ": 1", "u"}, "Name: value"},
+      {{"-H", "A: 1", "-H", "", "u"}, "Name: value"},
       {{"--info", "-d", "x", "u"}, "info"},
       {{"-d", "", "u"}, "data"},
       {{"--no-redirect", "u"}, "no-redirect"},
+      {{"u", ""}, "FILE"},
       {{"-p", "u", "file"}, "FILE"},
+      {{"-I", "u", "file"}, "FILE"},
       {{"--info", "u", "file"}, "FILE"},
       {{"-d", "x", "u", "file"}, "FILE"},
       {{"u", "file", "more"}, "more"},
@@ -116,9 +132,19 @@ TEST(Options, thatCannotWorkAreRefusedWithAReason) {
     const Parsed parsed = parse(arguments);
     EXPECT_FALSE(parsed.options) << reason;
     EXPECT_EQ(parsed.exitCode, 2) << reason;
+    EXPECT_EQ(parsed.err.rfind("xfer-get: ", 0), 0U) << parsed.err;
     EXPECT_NE(parsed.err.find(reason), std::string::npos) << parsed.err;
+    EXPECT_EQ(parsed.err.empty() ? ' ' : parsed.err.back(), '\n') << reason;
     EXPECT_EQ(parsed.out, "") << reason;
   }
+}
+
+TEST(Options, refusedProxyIsNotRepeated) {
+  EXPECT_EQ(parse({"-x", "user:secret@proxy:port", "u"}).err.find("secret"), std::string::npos);
+}
+
+TEST(Options, thatMakeNoDifferenceToARequestAreHarmless) {
+  EXPECT_TRUE(accepted({"-p", "-n", "8", "-l", "1K", "--known-size", "5", "-q", "u"}).print);
 }
 
 TEST(Options, helpNamesEveryExitCodeAndSucceeds) {

@@ -33,6 +33,10 @@ TEST(DownloadOutcome, ofACancelledOneIs130) {
   DownloadSnapshot snapshot;
   snapshot.state = JobState::Cancelled;
   EXPECT_EQ(downloadOutcome(snapshot).code, 130);
+  EXPECT_EQ(downloadOutcome(snapshot).message, "cancelled") << "before the size was known there was no file";
+  snapshot.totalBytes = 1000;
+  EXPECT_EQ(downloadOutcome(snapshot).code, 130);
+  EXPECT_EQ(downloadOutcome(snapshot).message, "cancelled; the partial file was left in place");
 }
 
 TEST(DownloadOutcome, tellsTheKindsOfFailureApart) {
@@ -56,6 +60,23 @@ TEST(DownloadOutcome, namesTheStatusOrTheCode) {
   EXPECT_NE(downloadOutcome(failed(404)).message.find("404"), std::string::npos);
   EXPECT_NE(downloadOutcome(failed(7)).message.find("(code 7)"), std::string::npos);
   EXPECT_NE(downloadOutcome(failed(92)).message.find("(code 92)"), std::string::npos);
+}
+
+// Whatever libcurl makes up: no failure ends in exit code 0, without a word, or in a sentence that hides its number.
+TEST(DownloadOutcome, ofAnyLibcurlCodeIsAFailureWithItsNumber) {
+  for (std::int32_t code = 1; code < 100; ++code) {
+    const Outcome outcome = downloadOutcome(failed(code));
+    EXPECT_NE(outcome.code, xfer_get::kDone) << code;
+    EXPECT_NE(outcome.code, xfer_get::kHttpStatus) << code;
+    EXPECT_NE(outcome.message.find("(code " + std::to_string(code) + ")"), std::string::npos) << outcome.message;
+  }
+}
+
+TEST(DownloadOutcome, ofAnyErrorStatusIs5) {
+  for (std::int32_t status = 400; status < 600; ++status) {
+    EXPECT_EQ(downloadOutcome(failed(status)).code, 5) << "met by the question for the size: " << status;
+    EXPECT_EQ(downloadOutcome(failed(status, status)).code, 5) << "met by a range: " << status;
+  }
 }
 
 TEST(ResponseOutcome, isTheStatusUnlessTheTransferFailed) {

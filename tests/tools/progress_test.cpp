@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <string>
 
 namespace {
 
@@ -74,12 +75,20 @@ TEST(ProgressLine, hasABarAsFullAsThePercentage) {
   EXPECT_EQ(line, bar + plainLine(running(1 << 20, 4 << 20, 1 << 20), 8));
 }
 
+TEST(ProgressLine, hasAnEmptyBarForAnUnknownSizeAndAFullOneForTooMuch) {
+  EXPECT_EQ(progressLine(running(1 << 20, 0, 0), 1, 100).rfind("[" + std::string(40, '.') + "] ", 0), 0U);
+  EXPECT_EQ(progressLine(running(3000, 1000, 0), 1, 100).rfind("[" + std::string(40, '#') + "] ", 0), 0U);
+}
+
 TEST(ProgressLine, isNeverWiderThanTheTerminal) {
   for (const DownloadSnapshot& snapshot :
        {running(0, 0, 0), running(123'456'789, 987'654'321'012, 55'555'555), running(3000, 1000, 10),
         running(std::numeric_limits<std::uint64_t>::max(), std::numeric_limits<std::uint64_t>::max(), 1)}) {
+    const std::string figures = plainLine(snapshot, 256);
     for (unsigned columns = 0; columns <= 200; ++columns) {
-      EXPECT_LE(progressLine(snapshot, 256, columns).size(), columns);
+      const std::string line = progressLine(snapshot, 256, columns);
+      EXPECT_LE(line.size(), columns);
+      EXPECT_TRUE(line == figures.substr(0, columns) || line.find("] " + figures) != std::string::npos) << line;
     }
   }
 }

@@ -33,8 +33,11 @@ TEST(ProxyText, mayHoldALogin) {
 }
 
 TEST(ProxyText, isRefusedWhenItIsOfAnotherForm) {
-  for (const char* text : {"", ":", ":3128", "proxy:", "proxy:0", "proxy:65536", "proxy:port", "proxy:80x", "user@",
-                           "@proxy", ":pass@proxy", "pro xy:80", "socks5://proxy:1", "https://proxy:1", "a/b"}) {
+  for (const char* text :
+       {"",          ":",       ":3128",  "proxy:",      "proxy:0",   "proxy:65536",      "proxy:port",
+        "proxy:80x", "user@",   "@proxy", ":pass@proxy", "pro xy:80", "socks5://proxy:1", "https://proxy:1",
+        "a/b",       "::1",     "::1:80", "[::1",        "[]:80",     "[::1]x:80",        "[::1]80",
+        "::1]",      "proxy\t", "proxy?", "http://",     "proxy:-1",  "proxy:+1",         "user@@"}) {
     EXPECT_FALSE(proxyFromText(text)) << text;
   }
 }

@@ -1,8 +1,9 @@
 // The program as its users run it.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,7 @@
 #include "support/scripted_server.h"
 #include "support/temp_dir.h"
 #include "support/unused_port.h"
-#include "support/wait_until.h"
+#include "terminal.h"
 
 namespace {
 
@@ -22,12 +23,6 @@ using support::Reply;
 using support::ScriptedServer;
 
 constexpr std::uint64_t kSize = 5'000'003;
-
-// What a text stream of Windows writes, with the line ends that the program wrote.
-std::string text(std::string bytes) {
-  bytes.erase(std::remove(bytes.begin(), bytes.end(), '\r'), bytes.end());
-  return bytes;
-}
 
 class XferGet : public testing::Test {
  protected:
@@ -71,6 +66,33 @@ TEST_F(XferGet, refusesAUrlWhoseNameWouldLeaveTheFolder) {
   EXPECT_EQ(support::listFolder(folder_.path()), std::vector<std::string>{});
 }
 
+TEST_F(XferGet, namesNoFileLikeADeviceWhereFoldersHaveThem) {
+  ScriptedServer server(patternFile(1000));
+  const Finished done = get({server.url("/aux.c")});
+  if (xfer_get::everyFolderHasDevices()) {
+    EXPECT_EQ(done.exitCode, 2);
+    EXPECT_NE(done.err.find("name the file"), std::string::npos) << done.err;
+    EXPECT_TRUE(server.requests().empty());
+  } else {
+    EXPECT_EQ(done.exitCode, 0) << done.err;
+    EXPECT_EQ(support::patternError(file("aux.c"), 1000), "");
+  }
+}
+
+TEST_F(XferGet, replacesALongerFileOfThatName) {
+  ScriptedServer server(patternFile(1000));
+  support::writeFile(file("out"), std::string(5000, 'x'));
+  EXPECT_EQ(get({server.url("/file"), "out"}).exitCode, 0);
+  EXPECT_EQ(support::patternError(file("out"), 1000), "");
+}
+
+TEST_F(XferGet, storesAnEmptyFile) {
+  ScriptedServer server(patternFile(0));
+  const Finished done = get({server.url("/file"), "out"});
+  EXPECT_EQ(done.exitCode, 0) << done.err;
+  EXPECT_EQ(support::fileSize(file("out")), 0U);
+}
+
 TEST_F(XferGet, knownSizeSavesTheQuestion) {
   ScriptedServer server(patternFile(1000));
   EXPECT_EQ(get({server.url("/file"), "out", "--known-size", "1000"}).exitCode, 0);
@@ -103,6 +125,7 @@ TEST_F(XferGet, exitCodeTellsWhatWentWrong) {
   const support::UnusedPort unused;
   ScriptedServer server([](const ReceivedRequest& request) {
     if (request.path() == "/missing") return support::status(404, "not here");
+    if (request.path() == "/closed") return Reply().close();
     if (request.path() == "/forbidden" && request.range != support::RequestedRange{0, 0}) {
       return support::status(403, "no");
     }
@@ -120,7 +143,9 @@ TEST_F(XferGet, exitCodeTellsWhatWentWrong) {
       {{server.url("/file"), "out", "-x", "127.0.0.1:" + std::to_string(unused.port())}, 4, "connect"},
       {{server.url("/missing"), "out"}, 5, "404"},
       {{server.url("/forbidden"), "out"}, 5, "403"},
+      {{server.url("/closed"), "out"}, 4, "nothing"},
       {{"-p", server.url("/missing")}, 5, "404"},
+      {{"-p", server.url("/closed")}, 4, "nothing"},
       {{"-p", unused.url("/file")}, 4, "connect"},
       {{"--info", server.url("/missing")}, 5, "404"},
   };
@@ -128,7 +153,7 @@ TEST_F(XferGet, exitCodeTellsWhatWentWrong) {
     const Finished done = get(one.arguments);
     EXPECT_EQ(done.exitCode, one.exitCode) << one.arguments.front() << ": " << done.err;
     EXPECT_NE(done.err.find(one.words), std::string::npos) << done.err;
-    EXPECT_EQ(text(done.err).rfind("xfer-get: ", 0), 0U) << done.err;
+    EXPECT_EQ(done.err.rfind("xfer-get: ", 0), 0U) << done.err;
     EXPECT_EQ(done.err.empty() ? ' ' : done.err.back(), '\n');
   }
 }
@@ -137,6 +162,7 @@ TEST_F(XferGet, usageErrorIsToldOnStandardError) {
   const Finished done = get({});
   EXPECT_EQ(done.exitCode, 2);
   EXPECT_EQ(done.out, "");
+  EXPECT_EQ(done.err.rfind("xfer-get: ", 0), 0U) << done.err;
   EXPECT_NE(done.err.find("URL"), std::string::npos) << done.err;
 }
 
@@ -224,9 +250,11 @@ TEST_F(XferGet, withoutATerminalProgressIsPlainLines) {
   });
   const Finished done = get({server.url("/file"), "out", "-n", "1"});
   EXPECT_EQ(done.exitCode, 0) << done.err;
-  const std::string err = text(done.err);
-  EXPECT_NE(err.find("% "), std::string::npos) << err;
+  EXPECT_EQ(done.out, "");
+  EXPECT_NE(done.err.find("% "), std::string::npos) << done.err;
   EXPECT_EQ(done.err.find("\r["), std::string::npos) << "nothing is redrawn";
+  std::istringstream lines(done.err);
+  for (std::string line; std::getline(lines, line);) EXPECT_EQ(line.rfind("xfer-get: ", 0), 0U) << line;
 }
 
 }  // namespace

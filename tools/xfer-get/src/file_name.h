@@ -11,4 +11,7 @@ namespace xfer_get {
 /// is "." or "..".
 std::string fileNameFromUrl(std::string_view url);
 
+/// Whether Windows takes name for a device and not for a file, whatever folder it is in: "nul", "com1.txt".
+bool namesDeviceOfWindows(std::string_view name);
+
 }  // namespace xfer_get

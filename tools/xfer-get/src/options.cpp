@@ -13,21 +13,33 @@ namespace {
 // The parser takes "-1" for a large number.
 std::uint64_t bytes(const char* option, const std::string& text, bool unitsAllowed) {
   const auto size = sizeFromText(text, unitsAllowed);
-  if (!size) throw CLI::ValidationError(option, "is not a number of bytes: " + text);
+  if (!size) throw CLI::ValidationError(option, "not a number of bytes: " + text);
   return *size;
 }
 
-// What the parser cannot say by itself.
-void checkTogether(const Options& options, bool hasData) {
+void checkHeader(const std::string& line) {
+  const auto colon = line.find(':');
+  if (colon == 0 || colon == std::string::npos) {
+    throw CLI::ValidationError("--header", "not of the form \"Name: value\": " + line);
+  }
+}
+
+// What the parser cannot say by itself, or says badly.
+void checkTogether(const Options& options, bool hasFile, bool hasData) {
   const bool asks = options.print || options.head || hasData;
-  if (hasData && options.data.empty()) throw CLI::ValidationError("--data", "is empty: there is nothing to send");
-  if (options.info && hasData) throw CLI::ValidationError("--info", "asks for no body, so it cannot send --data");
-  if ((asks || options.info) && !options.file.empty()) {
+  if (hasFile && options.file.empty()) throw CLI::ValidationError("FILE", "empty: leave it out to use the URL's name");
+  if (hasData && options.data.empty()) throw CLI::ValidationError("--data", "empty: there is nothing to send");
+  if (options.info && asks) throw CLI::ValidationError("--info", "cannot go with --print, --head and --data");
+  if (options.info && !options.headers.empty()) {
+    throw CLI::ValidationError("--header", "cannot go with --info, which sends no further headers");
+  }
+  if ((asks || options.info) && hasFile) {
     throw CLI::ValidationError("FILE", "is for downloads; --print, --head, --info and --data write to standard output");
   }
   if (options.noRedirect && !asks) {
     throw CLI::ValidationError("--no-redirect", "is for --print, --head and --data; a download follows redirects");
   }
+  if (options.quiet && options.verbosity > 0) throw CLI::ValidationError("--quiet", "cannot go with --verbose");
 }
 
 }  // namespace
@@ -35,10 +47,16 @@ void checkTogether(const Options& options, bool hasData) {
 std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exitCode) {
   Options options;
   CLI::App app("Downloads a file over several connections at once, or prints what a server answers.", "xfer-get");
+  app.get_formatter()->column_width(32);
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return std::string("xfer-get: ") + error.what() + "\nRun xfer-get --help for more information.\n";
+  });
   app.add_option("URL", options.url, "http or https")->required();
-  app.add_option("FILE", options.file, "where to store it; named after the URL when not given");
-  app.add_option("-n,--connections", options.connections, "connections at once")
-      ->check(CLI::Range(1, 256))
+  auto* const file = app.add_option("FILE", options.file,
+                                    "where to store it, replacing what is there; named after the URL when not given");
+  app.add_option("-n,--connections", options.connections, "most connections at once")
+      ->check(CLI::Range(1, 256).description(""))
+      ->type_name("1..256")
       ->capture_default_str();
   app.add_option_function<std::string>(
          "-l,--limit-rate",
@@ -54,31 +72,32 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
          "-x,--proxy",
          [&](const std::string& text) {
            const auto proxy = proxyFromText(text);
-           if (!proxy)
-             throw CLI::ValidationError("--proxy", "is not of the form [user[:password]@]host[:port]: " + text);
+           if (!proxy) throw CLI::ValidationError("--proxy", "not of the form [user[:password]@]host[:port]");
            options.proxy = *proxy;
          },
          "[user[:password]@]host[:port]; the port is 80 when not given")
-      ->type_name("TEXT");
+      ->type_name("PROXY");
   app.add_option("-b,--cookie", options.cookie, "value of the Cookie header");
   app.add_option("-H,--header", options.headers, "a request header line \"Name: value\"; may be repeated")
+      ->type_name("LINE")
       ->allow_extra_args(false);
-  auto* const print = app.add_flag("-p,--print", options.print, "print the answer's body instead of storing a file");
-  auto* const head = app.add_flag("-I,--head", options.head, "print the answer's headers");
-  app.add_flag("--info", options.info, "print size, range support and media type")->excludes(print)->excludes(head);
+  app.add_flag("-p,--print", options.print, "print the answer's body instead of storing a file");
+  app.add_flag("-I,--head", options.head, "print the answer's headers; with --print both");
+  app.add_flag("--info", options.info, "print size, range support and media type");
   auto* const data = app.add_option("-d,--data", options.data, "send this as the body of a POST, and print the answer");
   app.add_flag("--no-redirect", options.noRedirect, "do not follow redirects (with --print, --head or --data)");
-  auto* const quiet = app.add_flag("-q,--quiet", options.quiet, "write nothing but errors");
-  app.add_flag("-v,--verbose", options.verbosity, "log failures; twice: retries too; three times: everything")
-      ->excludes(quiet);
+  app.add_flag("-q,--quiet", options.quiet, "write nothing but errors");
+  app.add_flag("-v,--verbose", options.verbosity, "log failures; twice: retries too; three times: everything");
   app.set_version_flag("-V,--version", std::string("xfer-get ") + XFER_VERSION);
   app.footer(
       "Exit codes: 0 done, 1 internal error, 2 usage, 3 file, 4 network, 5 HTTP status, 130 cancelled.\n"
-      "Progress, messages and the log go to standard error.  A partial file is left where it is.");
+      "Progress, messages and the log go to standard error.  A download that fails or is cancelled\n"
+      "may leave a partial file, which has the size of the whole one.");
   try {
     std::reverse(arguments.begin(), arguments.end());  // the order in which the parser takes a vector
     app.parse(arguments);
-    checkTogether(options, data->count() > 0);
+    for (const std::string& line : options.headers) checkHeader(line);
+    checkTogether(options, file->count() > 0, data->count() > 0);
   } catch (const CLI::ParseError& error) {
     *exitCode = app.exit(error) == 0 ? kDone : kUsage;
     return std::nullopt;

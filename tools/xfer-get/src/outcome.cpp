@@ -57,7 +57,9 @@ bool isErrorStatus(std::int32_t status) {
 
 Outcome downloadOutcome(const xfer::DownloadSnapshot& snapshot) {
   if (snapshot.state == xfer::JobState::Completed) return {};
-  if (snapshot.state == xfer::JobState::Cancelled) return {kCancelled, "cancelled; the partial file was left in place"};
+  if (snapshot.state == xfer::JobState::Cancelled) {
+    return {kCancelled, snapshot.totalBytes != 0 ? "cancelled; the partial file was left in place" : "cancelled"};
+  }
   if (isErrorStatus(snapshot.httpStatus)) return statusOutcome(snapshot.httpStatus);
   // A status that the question for the size met comes as the code itself; libcurl's codes end below 100.
   if (snapshot.errorCode >= 100 && snapshot.errorCode < 1000) return statusOutcome(snapshot.errorCode);

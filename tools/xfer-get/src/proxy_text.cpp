@@ -1,5 +1,6 @@
 #include "proxy_text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 
@@ -12,6 +13,14 @@ std::optional<std::int32_t> portFromText(std::string_view text) {
   const auto [end, error] = std::from_chars(text.data(), last, port);
   if (error != std::errc() || end != last || port == 0) return std::nullopt;
   return port;
+}
+
+bool isHost(std::string_view text) {
+  if (text.size() > 2 && text.front() == '[' && text.back() == ']') text = text.substr(1, text.size() - 2);
+  constexpr std::string_view kNever = "/\\?#[]";
+  return !text.empty() && std::none_of(text.begin(), text.end(), [&](char c) {
+    return static_cast<unsigned char>(c) <= ' ' || c == 0x7F || kNever.find(c) != std::string_view::npos;
+  });
 }
 
 }  // namespace
@@ -36,7 +45,7 @@ std::optional<net::Proxy> proxyFromText(std::string_view text) {
     if (!port) return std::nullopt;
     proxy.port = *port;
   }
-  if (proxy.host.empty() || proxy.host.find_first_of(" /") != std::string::npos) return std::nullopt;
+  if (!isHost(proxy.host)) return std::nullopt;
   return proxy;
 }
 

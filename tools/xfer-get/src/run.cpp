@@ -37,14 +37,16 @@ void startLog(int verbosity) {
   Keel::setRecordSink(writeRecord, nullptr);
 }
 
-// Shows a running download: one line that is drawn anew on a terminal, a line now and then elsewhere.
+// Shows a running download: one line that is drawn anew on a terminal; a line now and then elsewhere, and between the
+// records of a log.
 class Display {
  public:
-  Display(bool quiet, unsigned connections) : quiet_(quiet), connections_(connections) {}
+  explicit Display(const Options& options)
+      : quiet_(options.quiet), redraws_(options.verbosity == 0), connections_(options.connections) {}
 
   void show(const xfer::DownloadSnapshot& snapshot) {
     if (quiet_) return;
-    if (const unsigned columns = terminalColumns(); columns > 0) {
+    if (const unsigned columns = redraws_ ? terminalColumns() : 0; columns > 0) {
       const std::string line = progressLine(snapshot, connections_, columns - 1);
       std::fprintf(stderr, "\r%s%s", line.c_str(), std::string(columns - 1 - line.size(), ' ').c_str());
       std::fflush(stderr);
@@ -56,15 +58,14 @@ class Display {
   }
 
   void end(const xfer::DownloadSnapshot& snapshot) {
-    if (quiet_) return;
-    if (drawn_) {
-      show(snapshot);
-      std::fputc('\n', stderr);
-    }
+    if (!drawn_) return;
+    show(snapshot);
+    std::fputc('\n', stderr);
   }
 
  private:
   bool quiet_;
+  bool redraws_;
   unsigned connections_;
   bool drawn_ = false;
   Clock::time_point nextPlain_ = Clock::now() + std::chrono::seconds(1);  // the speed is not known before
@@ -74,10 +75,17 @@ bool isFinal(xfer::JobState state) {
   return state == xfer::JobState::Completed || state == xfer::JobState::Failed || state == xfer::JobState::Cancelled;
 }
 
+// Empty when there is none that can be used.
+std::string nameFor(const std::string& url) {
+  std::string name = fileNameFromUrl(url);
+  if (everyFolderHasDevices() && namesDeviceOfWindows(name)) name.clear();
+  return name;
+}
+
 Outcome download(const Options& options) {
   xfer::DownloadRequest request;
   request.url = options.url;
-  request.path = options.file.empty() ? fileNameFromUrl(options.url) : options.file;
+  request.path = options.file.empty() ? nameFor(options.url) : options.file;
   if (request.path.empty()) return {kUsage, "the URL gives no usable file name: name the file"};
   request.cookie = options.cookie;
   request.headers = options.headers;
@@ -88,7 +96,7 @@ Outcome download(const Options& options) {
   policy.maxDownloadSpeed = options.bytesPerSec;
 
   const std::string path = request.path;
-  Display display(options.quiet, options.connections);
+  Display display(options);
   const auto begin = Clock::now();
   xfer::DownloadJob job(std::move(request), policy);
   job.start();

@@ -17,4 +17,7 @@ void watchInterrupts();
 /// Bytes written to standard output come out as they are, and a reader that goes away is an error and not a signal.
 void prepareStandardOutput();
 
+/// Whether some names are those of devices in every folder.
+bool everyFolderHasDevices();
+
 }  // namespace xfer_get

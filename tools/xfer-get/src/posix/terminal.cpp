@@ -37,4 +37,8 @@ void prepareStandardOutput() {
   std::signal(SIGPIPE, SIG_IGN);
 }
 
+bool everyFolderHasDevices() {
+  return false;
+}
+
 }  // namespace xfer_get

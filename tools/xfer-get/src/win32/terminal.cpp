@@ -37,4 +37,8 @@ void prepareStandardOutput() {
   static_cast<void>(_setmode(_fileno(stdout), _O_BINARY));
 }
 
+bool everyFolderHasDevices() {
+  return true;
+}
+
 }  // namespace xfer_get

@@ -1,0 +1,154 @@
+// What the program shows on a terminal, and what it does when standard output cannot take more.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "support/process.h"
+#include "support/scripted_server.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using support::patternFile;
+using support::Process;
+using support::ReceivedRequest;
+using support::ScriptedServer;
+
+constexpr std::uint64_t kSize = 1'000'000;
+
+class Terminal {
+ public:
+  explicit Terminal(unsigned short columns) : fd_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    winsize size{};
+    size.ws_row = 24;
+    size.ws_col = columns;
+    if (fd_ < 0 || ::grantpt(fd_) != 0 || ::unlockpt(fd_) != 0 || ::ioctl(fd_, TIOCSWINSZ, &size) != 0) {
+      throw std::system_error(errno, std::generic_category(), "a terminal");
+    }
+    std::vector<char> name(256);
+    if (::ptsname_r(fd_, name.data(), name.size()) != 0)
+      throw std::system_error(errno, std::generic_category(), "name");
+    path_ = name.data();
+  }
+
+  ~Terminal() { ::close(fd_); }
+
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+  // What is written to it until nobody has it open any more.  Only to be called once the child has opened it, which a
+  // started Process has.
+  std::string readToEnd() const {
+    std::string text;
+    const auto deadline = std::chrono::steady_clock::now() + support::testTimeout();
+    while (std::chrono::steady_clock::now() < deadline) {
+      pollfd ready{fd_, POLLIN, 0};
+      if (::poll(&ready, 1, 100) <= 0) continue;
+      char bytes[4096];
+      const ssize_t n = ::read(fd_, bytes, sizeof bytes);
+      if (n < 0 && errno == EIO) return text;  // the other side's end
+      if (n > 0) text.append(bytes, static_cast<std::size_t>(n));
+    }
+    ADD_FAILURE() << "not over in time: " << text;
+    return text;
+  }
+
+ private:
+  int fd_;
+  std::string path_;
+};
+
+// The pieces between line feeds and carriage returns.
+std::vector<std::string> pieces(const std::string& text) {
+  std::vector<std::string> pieces(1);
+  for (const char c : text) {
+    if (c != '\r' && c != '\n') {
+      pieces.back() += c;
+    } else if (!pieces.back().empty()) {
+      pieces.emplace_back();
+    }
+  }
+  return pieces;
+}
+
+class XferGetOnATerminal : public testing::Test {
+ protected:
+  struct Shown {
+    std::optional<int> exitCode;
+    std::string text;
+  };
+
+  Shown get(unsigned short columns, const std::vector<std::string>& options = {}) const {
+    std::vector<std::string> command = {support::siblingProgram("xfer-get"), server_.url("/file"), "out"};
+    command.insert(command.end(), options.begin(), options.end());
+    const Terminal terminal(columns);
+    Process child(command, {.folder = folder_.path(), .errFile = terminal.path()});
+    std::string text = terminal.readToEnd();
+    return {child.wait(), std::move(text)};
+  }
+
+  // Slow enough for a few drawings.
+  ScriptedServer server_{[](const ReceivedRequest& request) {
+    if (request.range == support::RequestedRange{0, 0}) return support::range206(request, kSize);
+    return support::range206(request, kSize, {.pace = {kSize / 4, std::chrono::milliseconds(200)}});
+  }};
+  const support::TempDir folder_;
+};
+
+TEST_F(XferGetOnATerminal, redrawsOneLineThatNeverWraps) {
+  for (const unsigned short columns : std::vector<unsigned short>{120, 80, 20, 1}) {
+    const Shown shown = get(columns);
+    EXPECT_EQ(shown.exitCode, 0) << shown.text;
+    const std::vector<std::string> drawn = pieces(shown.text.substr(0, shown.text.find("xfer-get: ")));
+    if (columns > 1) {
+      EXPECT_GE(drawn.size(), 3U) << shown.text;
+    }
+    for (const std::string& line : drawn) EXPECT_LT(line.size(), columns) << line;
+    EXPECT_EQ(shown.text.find("\n"), shown.text.find("\nxfer-get: ")) << "one line, then the message: " << shown.text;
+    EXPECT_EQ(shown.text.back(), '\n');
+  }
+}
+
+TEST_F(XferGetOnATerminal, endsWithAFullBar) {
+  const Shown shown = get(100);
+  EXPECT_NE(shown.text.find("\r[........"), std::string::npos) << shown.text;
+  EXPECT_NE(shown.text.find("#] 100% 976.6 KiB of 976.6 KiB"), std::string::npos) << shown.text;
+}
+
+TEST_F(XferGetOnATerminal, drawsNoBarBetweenTheRecordsOfALog) {
+  const Shown shown = get(100, {"-vvv"});
+  EXPECT_EQ(shown.exitCode, 0) << shown.text;
+  EXPECT_EQ(shown.text.find('['), std::string::npos) << shown.text;
+  for (const std::string& line : pieces(shown.text)) {
+    EXPECT_TRUE(line.empty() || line.rfind("trace ", 0) == 0 || line.rfind("xfer-get: ", 0) == 0) << line;
+  }
+}
+
+TEST_F(XferGetOnATerminal, quietShowsNothing) {
+  EXPECT_EQ(get(100, {"-q"}).text, "");
+}
+
+TEST(XferGetOutput, thatCannotBeWrittenIsAFileError) {
+  ScriptedServer server(patternFile(1000));
+  for (const char* option : {"--print", "--head", "--info"}) {
+    Process child({support::siblingProgram("xfer-get"), option, server.url("/file")}, {.outFile = "/dev/full"});
+    EXPECT_EQ(child.wait(), 3) << option;
+    EXPECT_EQ(child.err(), "xfer-get: standard output could not be written\n") << option;
+  }
+}
+
+}  // namespace
