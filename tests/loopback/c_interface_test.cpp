@@ -128,30 +128,38 @@ TEST(Download, brandsTraceIsRewrittenAndTheRequestIsNot) {
   EXPECT_EQ(server.requests().at(0).target, "/" + hidden);
 }
 
-// A host's buffer that has no memory.
-class FullBuffer : public sys::IDataBuff {
+// A host's buffer that holds so many bytes, and always answers that it cannot.
+class DenyingBuffer : public sys::IDataBuff {
  public:
-  bool resize(std::uint64_t) override { return false; }
+  explicit DenyingBuffer(std::uint64_t room) : room_(room) {}
+  bool resize(std::uint64_t n) override {
+    if (n <= room_) bytes_.resize(n);
+    return false;
+  }
   void clear() override {}
   void assign(const std::string&) override {}
   void assign(const void*, std::uint64_t) override {}
-  std::uint8_t* data() override { return nullptr; }
+  std::uint8_t* data() override { return reinterpret_cast<std::uint8_t*>(bytes_.data()); }
   void attach(std::uint8_t*, std::uint64_t) override {}
   void takeFrom(sys::IDataBuff*) override {}
   std::uint8_t* release(std::uint64_t*) override { return nullptr; }
   sys::DataBuff* moveTo(sys::IDataBuff*) override { return nullptr; }
   void copyTo(std::wstring&) override {}
   void copyTo(std::string&) override {}
-  std::string toString() override { return {}; }
-  std::uint64_t size() override { return 0; }
-  bool empty() override { return true; }
+  std::string toString() override { return bytes_; }
+  std::uint64_t size() override { return bytes_.size(); }
+  bool empty() override { return bytes_.empty(); }
+
+ private:
+  const std::uint64_t room_;
+  std::string bytes_;
 };
 
 TEST(Download, bufferThatCannotGrowEndsTheCallWith100000) {
   ScriptedServer server(patternFile(10));
   const RecordingLogger log;
   sys::DataBuff headers;
-  FullBuffer body;
+  DenyingBuffer body(5);
   EXPECT_EQ(xfer_download(server.url("/").c_str(), nullptr, nullptr, &headers, &body, nullptr, nullptr), 100000);
   EXPECT_EQ(recordOf(log.records(), "xfer_download exception").line, 336U);
   EXPECT_EQ(log.texts().back(), "<-- xfer_download");
@@ -159,6 +167,17 @@ TEST(Download, bufferThatCannotGrowEndsTheCallWith100000) {
   ASSERT_EQ(xfer_downloadAsync(server.url("/").c_str(), &id, nullptr, nullptr, nullptr, nullptr), 0);
   EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 100000);
   EXPECT_EQ(xfer_downloadText(server.url("/").c_str(), nullptr, &headers, &body, nullptr), -1);
+}
+
+TEST(Download, bufferThatHoldsThePartIsFilledWhateverItsResizeAnswers) {
+  ScriptedServer server(patternFile(10));
+  DenyingBuffer headers(1000);
+  DenyingBuffer body(10);
+  EXPECT_EQ(xfer_download(server.url("/").c_str(), nullptr, nullptr, &headers, &body, nullptr, nullptr), 0);
+  EXPECT_EQ(body.toString(), support::patternBytes(0, 10));
+  DenyingBuffer text(10);
+  EXPECT_EQ(xfer_downloadText(server.url("/").c_str(), nullptr, &headers, &text, nullptr), 0);
+  EXPECT_EQ(text.toString(), support::patternBytes(0, 10));
 }
 
 TEST(Logging, thresholdSelectsByLevel) {

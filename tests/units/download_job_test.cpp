@@ -558,6 +558,24 @@ TEST_F(DownloadJobTest, forbiddenRangeIsNotRetriedAndEndsTheOthers) {
   EXPECT_EQ(world.delaysMs().size(), 0U);
 }
 
+TEST_F(DownloadJobTest, failedJobClosesItsFileWithTheLastTransfer) {
+  const std::size_t handles = support::openFileCount();
+  started(40, 2);
+  world.transfers.finish(10, 0, 404);
+  EXPECT_EQ(state(), JobState::Failed);
+  EXPECT_EQ(support::openFileCount(), handles + 1) << "the file, which the other transfer may still write";
+  world.transfers.finish(0, 42, 0);
+  EXPECT_EQ(support::openFileCount(), handles) << "is closed";
+}
+
+TEST_F(DownloadJobTest, failedJobWithNothingInFlightClosesItsFileAtOnce) {
+  const std::size_t handles = support::openFileCount();
+  started(10, 1);
+  world.transfers.finish(0, 0, 403);
+  EXPECT_EQ(state(), JobState::Failed);
+  EXPECT_EQ(support::openFileCount(), handles);
+}
+
 TEST_F(DownloadJobTest, emptyAnswerIsARejectionToo) {
   started(40, 2);
   world.transfers.finish(0, 0, 204);

@@ -219,6 +219,7 @@ void DownloadJob::Impl::failOnException() {
   XFER_LOG(log::kFailure, "job exception");
   failJob(result::kException, 0);
   stopTransfers();
+  settle();
 }
 
 void DownloadJob::Impl::runDoStart() noexcept {
@@ -340,11 +341,20 @@ void DownloadJob::Impl::submitRanges() {
   }
 }
 
-// Gives up a counted transfer; the last one of a job that is being cancelled completes the cancel.
+// Gives up a counted transfer.
 void DownloadJob::Impl::releaseTransfer() {
-  const bool last = activeTransfers_.fetch_sub(1) <= 1;
-  if (!last || currentState() != JobState::Cancelling) return;
-  sink_.close();
+  if (activeTransfers_.fetch_sub(1) <= 1) settle();
+}
+
+// A job that is to end closes its file once nothing is in flight that may still write to it; that completes a cancel.
+void DownloadJob::Impl::settle() {
+  const JobState state = currentState();
+  if (activeTransfers_ > 0 || (state != JobState::Cancelling && !isFinal(state))) return;
+  {
+    // A submitter that counted a transfer for nothing may be the last one too.
+    const sys::MutexLock lock(closingMutex_);
+    sink_.close();
+  }
   markCancelled();
 }
 
@@ -464,8 +474,7 @@ void DownloadJob::Impl::onTransferDone(const Flight& flight, std::int32_t code, 
       return;
     case Verdict::Rejected:
       XFER_LOG(log::kFailure, "cdn reject | range=" << flight.start << " | err=" << code << " | http=" << httpStatus);
-      failJob(code != 0 ? code : httpStatus, httpStatus);
-      return stopTransfers();
+      return failTransfer(code, httpStatus);
     case Verdict::Retryable:
       return retryOrFail(flight.start, code, httpStatus);
     case Verdict::Fatal:
@@ -497,8 +506,13 @@ void DownloadJob::Impl::retryOrFail(std::uint64_t rangeStart, std::int32_t code,
 
 void DownloadJob::Impl::failFatally(std::uint64_t rangeStart, std::int32_t code, std::int32_t httpStatus) {
   XFER_LOG(log::kFailure, "fatal | range=" << rangeStart << " | err=" << code << " | http=" << httpStatus);
+  failTransfer(code, httpStatus);
+}
+
+void DownloadJob::Impl::failTransfer(std::int32_t code, std::int32_t httpStatus) {
   failJob(code != 0 ? code : httpStatus, httpStatus);
   stopTransfers();
+  settle();
 }
 
 void DownloadJob::Impl::finalizeFile() {

@@ -83,6 +83,7 @@ class DownloadJob::Impl {
   void runSubmitRanges() noexcept;
   [[nodiscard]] std::int32_t transferLimit() const;
   void releaseTransfer();
+  void settle() SYS_EXCLUDES(closingMutex_);
   void stopTransfers();
 
   Placement onHead(const std::shared_ptr<Flight>& flight, const ResponseHead& head);
@@ -92,6 +93,7 @@ class DownloadJob::Impl {
   void onTransferDone(const Flight& flight, std::int32_t code, std::int32_t httpStatus);
   void retryOrFail(std::uint64_t rangeStart, std::int32_t code, std::int32_t httpStatus);
   void failFatally(std::uint64_t rangeStart, std::int32_t code, std::int32_t httpStatus);
+  void failTransfer(std::int32_t code, std::int32_t httpStatus);
   void failWriting(std::int32_t error);
   void failOnException();
   void finalizeFile();
@@ -109,7 +111,8 @@ class DownloadJob::Impl {
   std::int32_t errorCode_ SYS_GUARDED_BY(stateMutex_) = 0;
   std::int32_t httpStatus_ SYS_GUARDED_BY(stateMutex_) = 0;
 
-  FileSink sink_;  // opened by doStart; written on the loop thread; closed when nothing is in flight
+  FileSink sink_;            // opened by doStart; written on the loop thread; closed when nothing is in flight
+  sys::Mutex closingMutex_;  // held while closing it
 
   // Built by doStart, which then publishes the pointers: whoever reads one that is not null may use the object until
   // teardown has joined all threads.

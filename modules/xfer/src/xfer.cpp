@@ -111,12 +111,16 @@ Request makeDownload(const char* url, const char* headers, const char* options, 
   return request;
 }
 
-// An empty part leaves its buffer untouched.  False when the buffer cannot hold the part.
-bool copyOut(const std::string& part, sys::IDataBuff* out) {
-  if (part.empty()) return true;
-  if (!out->resize(part.size())) return false;
-  std::memcpy(out->data(), part.data(), part.size());
-  return true;
+// The buffer's size tells whether it holds the part: what resize answers is the host's business.
+void fill(sys::IDataBuff& out, const void* bytes, std::uint64_t size) {
+  out.resize(size);
+  if (out.size() != size) throw std::bad_alloc();
+  if (size != 0) std::memcpy(out.data(), bytes, size);
+}
+
+// An empty part leaves its buffer untouched.
+void copyOut(const std::string& part, sys::IDataBuff* out) {
+  if (!part.empty()) fill(*out, part.data(), part.size());
 }
 
 }  // namespace
@@ -164,7 +168,8 @@ int xfer_download(const char* url, const char* headers, const char* options, sys
     Request request = makeDownload(url, headers, options, cookie, proxy);
     request.quiet = quiet;
     const Response response = xfer::fetch(request);
-    if (!copyOut(response.headers, outHeaders) || !copyOut(response.body, outBody)) throw std::bad_alloc();
+    copyOut(response.headers, outHeaders);
+    copyOut(response.body, outBody);
     if (response.curlCode != 0) {
       XFER_LOG_LINE(log::kFailure, 329, "fetch error: curl code " << response.curlCode);
       return response.curlCode;
@@ -201,10 +206,8 @@ int32_t xfer_downloadText(const char* url, const char* cookie, sys::IDataBuff* o
     words >> protocol >> statusWord;
     const int status = xfer::parseStatus(statusWord);
     if (status < 200 || status > 299) return -1000 - status;
-    for (const auto& [from, to] : {std::pair{&headers, outHeaders}, std::pair{&body, outBody}}) {
-      if (!to->resize(from->size())) throw std::bad_alloc();
-      if (!from->empty()) std::memcpy(to->data(), from->data(), from->size());
-    }
+    fill(*outHeaders, headers.data(), headers.size());
+    fill(*outBody, body.data(), body.size());
     return result::kSuccess;
   } catch (...) {
     return result::kTextException;
@@ -247,7 +250,8 @@ int32_t xfer_queryAsyncBuffer(uint64_t dlId, sys::IDataBuff* headersOut, sys::ID
   }
   try {
     const Response response = pending->value.get();
-    if (!copyOut(response.headers, headersOut) || !copyOut(response.body, bodyOut)) throw std::bad_alloc();
+    copyOut(response.headers, headersOut);
+    copyOut(response.body, bodyOut);
     if (response.curlCode != 0) {
       XFER_LOG_LINE(log::kFailure, 496, "fetch error: curl code " << response.curlCode);
       return response.curlCode;

@@ -63,7 +63,7 @@ enum class JobState : std::uint32_t {
   Paused = 3,      ///< transfers are held
   Cancelling = 4,  ///< transfers are being torn down
   Completed = 5,   ///< the file is whole
-  Failed = 6,      ///< stopped with an error
+  Failed = 6,      ///< stopped with an error; the file is closed as soon as the last transfer has been torn down
   Cancelled = 7,   ///< stopped by cancel or by destruction
 };
 
