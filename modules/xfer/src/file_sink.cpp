@@ -11,13 +11,13 @@ constexpr const char* kLogTag = "FileSink";
 }  // namespace
 
 std::int32_t FileSink::open(const std::string& path, std::uint64_t size) {
-  using Call = sys::File::ResizeResult::Call;
+  using Call = sys::DiskFile::ResizeResult::Call;
   path_ = path;
   bytesWritten_ = 0;
   writeFailed_ = false;
   int error = file_.create(path_);
-  if (error != 0 && sys::File::blockedByExisting(error)) {
-    sys::File::moveAside(path_, path_ + ".bak");
+  if (error != 0 && sys::DiskFile::blockedByExisting(error)) {
+    sys::DiskFile::moveAside(path_, path_ + ".bak");
     error = file_.create(path_);
   }
   if (error != 0) {

@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <string>
 
-#include "sys/file.h"
+#include "sys/disk_file.h"
 
 namespace xfer {
 
@@ -43,7 +43,7 @@ class FileSink {
 
  private:
   std::string path_;
-  sys::File file_;
+  sys::DiskFile file_;
   std::atomic<std::uint64_t> bytesWritten_{0};  // several writers
   std::atomic<bool> writeFailed_{false};        // several writers
 };

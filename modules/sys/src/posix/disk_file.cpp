@@ -1,4 +1,4 @@
-#include "sys/file.h"
+#include "sys/disk_file.h"
 
 #include <fcntl.h>
 #include <sys/types.h>
@@ -22,13 +22,13 @@ int truncateTo(int descriptor, off_t size) {
   return 0;
 }
 
-File::ResizeResult setEndFailed(int error) {
-  return {error != 0 ? File::ResizeResult::Call::SetEnd : File::ResizeResult::Call::None, error};
+DiskFile::ResizeResult setEndFailed(int error) {
+  return {error != 0 ? DiskFile::ResizeResult::Call::SetEnd : DiskFile::ResizeResult::Call::None, error};
 }
 
 }  // namespace
 
-int File::create(const std::string& path) {
+int DiskFile::create(const std::string& path) {
   int descriptor = -1;
   do {
     descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
@@ -38,7 +38,7 @@ int File::create(const std::string& path) {
   return 0;
 }
 
-File::ResizeResult File::reserve(std::uint64_t size) {
+DiskFile::ResizeResult DiskFile::reserve(std::uint64_t size) {
   if (size > kMaxOffset) return {ResizeResult::Call::Position, EINVAL};
   const auto descriptor = static_cast<int>(handle_);
   while (::fallocate(descriptor, 0, 0, static_cast<off_t>(size)) != 0) {
@@ -52,12 +52,12 @@ File::ResizeResult File::reserve(std::uint64_t size) {
   return {};
 }
 
-File::ResizeResult File::truncate(std::uint64_t size) {
+DiskFile::ResizeResult DiskFile::truncate(std::uint64_t size) {
   if (size > kMaxOffset) return {ResizeResult::Call::Position, EINVAL};
   return setEndFailed(truncateTo(static_cast<int>(handle_), static_cast<off_t>(size)));
 }
 
-int File::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length, std::uint64_t* written) {
+int DiskFile::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length, std::uint64_t* written) {
   *written = 0;
   if (offset > kMaxOffset) return EINVAL;
   for (;;) {
@@ -72,18 +72,18 @@ int File::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t
   }
 }
 
-void File::close() {
+void DiskFile::close() {
   if (!isOpen()) return;
   ::close(static_cast<int>(handle_));
   handle_ = kClosed;
 }
 
-bool File::blockedByExisting(int error) {
+bool DiskFile::blockedByExisting(int error) {
   // A program that is running, and a file that may not be written: the folder may still allow another name.
   return error == ETXTBSY || error == EACCES || error == EPERM;
 }
 
-void File::moveAside(const std::string& path, const std::string& sidePath) {
+void DiskFile::moveAside(const std::string& path, const std::string& sidePath) {
   ::unlink(sidePath.c_str());
   static_cast<void>(std::rename(path.c_str(), sidePath.c_str()));
 }

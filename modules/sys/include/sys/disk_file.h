@@ -11,7 +11,7 @@
 
 namespace sys {
 
-class File {
+class DiskFile {
  public:
   /// Which of the two calls that change a file's size failed, and its error code; error 0: neither.
   struct ResizeResult {
@@ -19,10 +19,10 @@ class File {
     int error = 0;
   };
 
-  File() = default;
-  ~File() { close(); }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
+  DiskFile() = default;
+  ~DiskFile() { close(); }
+  DiskFile(const DiskFile&) = delete;
+  DiskFile& operator=(const DiskFile&) = delete;
 
   /// Creates path, or empties it when it exists.  Others may read the file while it is open.
   /// Requires: not open.

@@ -4,7 +4,7 @@
 #include <limits>
 #include <string>
 
-#include "sys/file.h"
+#include "sys/disk_file.h"
 
 namespace sys {
 namespace {
@@ -31,7 +31,7 @@ std::wstring widePath(const std::string& path) {
 
 }  // namespace
 
-int File::create(const std::string& path) {
+int DiskFile::create(const std::string& path) {
   const HANDLE handle = ::CreateFileW(widePath(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                                       FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE) return lastError();
@@ -39,7 +39,7 @@ int File::create(const std::string& path) {
   return 0;
 }
 
-File::ResizeResult File::truncate(std::uint64_t size) {
+DiskFile::ResizeResult DiskFile::truncate(std::uint64_t size) {
   LARGE_INTEGER position{};
   position.QuadPart = static_cast<LONGLONG>(size);
   if (!::SetFilePointerEx(asHandle(handle_), position, nullptr, FILE_BEGIN)) {
@@ -50,11 +50,11 @@ File::ResizeResult File::truncate(std::uint64_t size) {
 }
 
 // Setting the end reserves the room here.
-File::ResizeResult File::reserve(std::uint64_t size) {
+DiskFile::ResizeResult DiskFile::reserve(std::uint64_t size) {
   return truncate(size);
 }
 
-int File::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length, std::uint64_t* written) {
+int DiskFile::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length, std::uint64_t* written) {
   *written = 0;
   // The two highest offsets mean "append" to the system, and those before them lie behind any file.
   if (offset > kMaxOffset) return ERROR_INVALID_PARAMETER;
@@ -70,17 +70,17 @@ int File::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t
   return 0;
 }
 
-void File::close() {
+void DiskFile::close() {
   if (!isOpen()) return;
   ::CloseHandle(asHandle(handle_));
   handle_ = kClosed;
 }
 
-bool File::blockedByExisting(int error) {
+bool DiskFile::blockedByExisting(int error) {
   return error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED;
 }
 
-void File::moveAside(const std::string& path, const std::string& sidePath) {
+void DiskFile::moveAside(const std::string& path, const std::string& sidePath) {
   const std::wstring side = widePath(sidePath);
   ::DeleteFileW(side.c_str());
   ::MoveFileW(widePath(path).c_str(), side.c_str());
