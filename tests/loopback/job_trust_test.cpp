@@ -268,8 +268,9 @@ TEST_F(JobTrust, wholeFileInTheMiddleOfRangesGivesTheRightFile) {
 
 TEST_F(JobTrust, wholeFileThatBreaksOffIsFetchedAgain) {
   const Tally asked;
-  ScriptedServer server([asked](const ReceivedRequest&) {
-    if (asked.add(0) == 0) return full200(kSize, {.bodyBytes = 3 * kChunk}).close();
+  ScriptedServer server([asked](const ReceivedRequest& request) {
+    const std::uint64_t from = request.range->first;
+    if (asked.add(from) == 0 && from == 0) return full200(kSize, {.bodyBytes = 3 * kChunk}).close();
     return full200(kSize);
   });
   const auto job = jobWithoutDelay(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1));

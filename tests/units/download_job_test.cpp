@@ -723,6 +723,26 @@ TEST_F(DownloadJobTest, fewerBytesThanAnnouncedAreAcceptedAndTheFileCut) {
   EXPECT_EQ(jobLog(6), Lines{"4 finalize adjusted | metadata=30 | actual=25"});
 }
 
+TEST_F(DownloadJobTest, shortRangeBehindWhichThereIsMoreFailsTheJobInsteadOfLeavingAHole) {
+  started(30, 3);
+  world.transfers.serve(20);
+  world.transfers.deliver(0, 0, support::patternBytes(0, 5));
+  world.transfers.finish(0, 0, 206, 5);
+  expectFailed(18, 206);
+  EXPECT_EQ(jobLog(6), (Lines{"3 onTransferDone | bytes are missing | from=5 | written_up_to=30",
+                              "3 fatal | range=0 | err=18 | http=206"}));
+  EXPECT_EQ(world.transfers.count(BackendCommand::CancelAll), 1U);
+}
+
+TEST_F(DownloadJobTest, contentThatArrivesBehindAShortRangeFailsTheJob) {
+  started(30, 1);
+  world.transfers.deliver(0, 0, support::patternBytes(0, 5));
+  world.transfers.finish(0, 0, 206, 5);
+  EXPECT_EQ(state(), JobState::Running) << "the file may end there";
+  world.transfers.serve(10);
+  expectFailed(18, 206);
+}
+
 // ---- Pause and retry ----
 
 TEST_F(DownloadJobTest, retryWhoseDelayEndsWhilePausedIsDroppedForGood) {

@@ -310,7 +310,7 @@ void DownloadJob::Impl::submitRanges() {
     try {
       const auto flight = std::make_shared<Flight>();
       flight->start = range->first;
-      flight->end = range->second;
+      flight->end = flight->neededEnd = range->second;
       {
         const sys::MutexLock lock(flightsMutex_);
         flights_[flight->start] = flight;
@@ -392,7 +392,8 @@ Placement DownloadJob::Impl::onHead(const std::shared_ptr<Flight>& flight, const
   }
   leadWholeFile(*flight);
   flight->wholeFile = true;
-  return {Action::Deliver, 0, scheduler_.load()->openEnd(), 0};
+  flight->neededEnd = scheduler_.load()->openEnd();
+  return {Action::Deliver, 0, flight->neededEnd, 0};
 }
 
 // Ends every other transfer in flight: the leader brings their bytes.
@@ -438,18 +439,23 @@ void DownloadJob::Impl::onDone(const std::shared_ptr<Flight>& flight, std::int32
     if (code == CURLE_OPERATION_TIMEDOUT && httpStatus == 206 && length != 0 && bytes < (length + 3) / 4) {
       ++slowTimeouts_;
     }
-    onTransferDone(*flight, code, httpStatus);
+    onTransferDone(*flight, code, httpStatus, bytes);
   } catch (...) {
     failOnException();
   }
 }
 
-void DownloadJob::Impl::onTransferDone(const Flight& flight, std::int32_t code, std::int32_t httpStatus) {
+void DownloadJob::Impl::onTransferDone(const Flight& flight, std::int32_t code, std::int32_t httpStatus,
+                                       std::uint64_t bytes) {
   const JobState state = currentState();
   if (isFinal(state) || state == JobState::Cancelling) return releaseTransfer();
   RangeScheduler& scheduler = *scheduler_;
   const Verdict verdict = classifyTransfer(code, httpStatus);
   if (!flight.unjudged && verdict == Verdict::Success) {
+    if (leavesHole(flight, bytes)) {
+      releaseTransfer();
+      return failFatally(flight.start, CURLE_PARTIAL_FILE, httpStatus);
+    }
     if (flight.wholeFile) {
       scheduler.completeFrom(flight.start);
     } else {
@@ -480,6 +486,17 @@ void DownloadJob::Impl::onTransferDone(const Flight& flight, std::int32_t code, 
     case Verdict::Fatal:
       return failFatally(flight.start, code, httpStatus);
   }
+}
+
+// A range may be accepted although it is shorter than asked: then the file ends there, and is cut there.  It does not
+// when there is content behind it: such a file must not pass for whole.
+bool DownloadJob::Impl::leavesHole(const Flight& flight, std::uint64_t bytes) {
+  const std::uint64_t reached = flight.start + bytes;
+  if (reached < flight.neededEnd) contentEnd_ = std::min(contentEnd_, reached);
+  if (highWaterMark_ <= contentEnd_) return false;
+  XFER_LOG(log::kFailure,
+           "onTransferDone | bytes are missing | from=" << contentEnd_ << " | written_up_to=" << highWaterMark_);
+  return true;
 }
 
 void DownloadJob::Impl::retryOrFail(std::uint64_t rangeStart, std::int32_t code, std::int32_t httpStatus) {

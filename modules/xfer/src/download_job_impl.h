@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <thread>
@@ -65,6 +66,7 @@ class DownloadJob::Impl {
   struct Flight {
     std::uint64_t start = 0;
     std::uint64_t end = 0;
+    std::uint64_t neededEnd = 0;                           // loop thread only: where what it is to bring ends; 0: open
     bool wholeFile = false;                                // loop thread only: its answer is the file from byte 0
     RangeAnswer::Kind refusal = RangeAnswer::Kind::Range;  // loop thread only: Misplaced or FileChanged when refused
     std::atomic<bool> unjudged{false};  // another transfer brings its bytes: how it ends says nothing
@@ -90,7 +92,8 @@ class DownloadJob::Impl {
   void onData(const Flight& flight, std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length);
   void onDone(const std::shared_ptr<Flight>& flight, std::int32_t code, std::int32_t httpStatus,
               std::uint64_t bytes) noexcept;
-  void onTransferDone(const Flight& flight, std::int32_t code, std::int32_t httpStatus);
+  void onTransferDone(const Flight& flight, std::int32_t code, std::int32_t httpStatus, std::uint64_t bytes);
+  [[nodiscard]] bool leavesHole(const Flight& flight, std::uint64_t bytes);
   void retryOrFail(std::uint64_t rangeStart, std::int32_t code, std::int32_t httpStatus);
   void failFatally(std::uint64_t rangeStart, std::int32_t code, std::int32_t httpStatus);
   void failTransfer(std::int32_t code, std::int32_t httpStatus);
@@ -130,6 +133,9 @@ class DownloadJob::Impl {
 
   sys::Mutex retryMutex_;
   std::unordered_map<std::uint64_t, std::int32_t> retryAttempts_ SYS_GUARDED_BY(retryMutex_);  // by range start
+
+  // Loop thread only: where the file ends, as far as a range that was accepted short tells.
+  std::uint64_t contentEnd_ = std::numeric_limits<std::uint64_t>::max();
 
   RemoteIdentity identity_;  // doStart before the first transfer, then the loop thread
 
