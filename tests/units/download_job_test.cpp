@@ -625,7 +625,7 @@ TEST_F(DownloadJobTest, attemptsAreCountedForEachRangeAcrossCauses) {
   world.endDelaysAtOnce();
   started(20, 2);
   for (const int code : {7, 28, 56}) {
-    for (const std::uint64_t range : {0, 10}) {
+    for (const std::uint64_t range : std::vector<std::uint64_t>{0, 10}) {
       ASSERT_TRUE(world.transfers.waitForInFlight(range));
       world.transfers.finish(range, code, 0);
     }
