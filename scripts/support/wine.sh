@@ -4,6 +4,12 @@
 PATH=$PATH:/usr/lib/wine
 command -v wine64 >/dev/null || { echo "$(basename "$0"): install the package wine64" >&2; exit 127; }
 
+# Each thread and handle of every program costs descriptors, most of them in the one process of Wine's server: the usual
+# limit of 1024 is met by a few dozen downloads at once, and then threads do not start.
+descriptors=$(ulimit -H -n)
+[ "$descriptors" != unlimited ] && [ "$descriptors" -lt 65536 ] || descriptors=65536
+ulimit -S -n "$descriptors"
+
 # File names beyond ASCII need a UTF-8 locale.
 export LC_ALL=C.UTF-8
 # Wine's debugger would swallow a crash, and the program would seem to have ended well.  The other two are offers to
