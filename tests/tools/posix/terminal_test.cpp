@@ -9,12 +9,14 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "support/gate.h"
 #include "support/process.h"
 #include "support/scripted_server.h"
 #include "support/temp_dir.h"
@@ -51,8 +53,8 @@ class Terminal {
   [[nodiscard]] const std::string& path() const { return path_; }
 
   // What is written to it until nobody has it open any more.  Only to be called once the child has opened it, which a
-  // started Process has.
-  std::string readToEnd() const {
+  // started Process has.  onText gets all that was written so far, whenever there is more.
+  std::string readToEnd(const std::function<void(const std::string&)>& onText) const {
     std::string text;
     const auto deadline = std::chrono::steady_clock::now() + support::testTimeout();
     while (std::chrono::steady_clock::now() < deadline) {
@@ -61,7 +63,9 @@ class Terminal {
       char bytes[4096];
       const ssize_t n = ::read(fd_, bytes, sizeof bytes);
       if (n < 0 && errno == EIO) return text;  // the other side's end
-      if (n > 0) text.append(bytes, static_cast<std::size_t>(n));
+      if (n <= 0) continue;
+      text.append(bytes, static_cast<std::size_t>(n));
+      onText(text);
     }
     ADD_FAILURE() << "not over in time: " << text;
     return text;
@@ -92,12 +96,14 @@ class XferGetOnATerminal : public testing::Test {
     std::string text;
   };
 
-  Shown get(unsigned short columns, const std::vector<std::string>& options = {}) const {
+  Shown get(
+      unsigned short columns, const std::vector<std::string>& options = {},
+      const std::function<void(const std::string&)>& onText = [](const std::string&) {}) const {
     std::vector<std::string> command = {support::siblingProgram("xfer-get"), server_.url("/file"), "out"};
     command.insert(command.end(), options.begin(), options.end());
     const Terminal terminal(columns);
     Process child(command, {.folder = folder_.path(), .errFile = terminal.path()});
-    std::string text = terminal.readToEnd();
+    std::string text = terminal.readToEnd(onText);
     return {child.wait(), std::move(text)};
   }
 
@@ -123,9 +129,21 @@ TEST_F(XferGetOnATerminal, redrawsOneLineThatNeverWraps) {
   }
 }
 
-TEST_F(XferGetOnATerminal, endsWithAFullBar) {
-  const Shown shown = get(100);
-  EXPECT_NE(shown.text.find("\r["), std::string::npos) << shown.text;
+TEST_F(XferGetOnATerminal, beginsWithAnEmptyBarAndEndsWithAFullOne) {
+  const std::string emptyBar = "\r[........";
+  support::Gate drawn;
+  server_.setHandler([drawn](const ReceivedRequest& request) {
+    if (request.range == support::RequestedRange{0, 0}) return support::range206(request, kSize);
+    return support::Reply()
+        .send("HTTP/1.1 206 Partial Content\r\nContent-Length: " + std::to_string(kSize) + "\r\n\r\n")
+        .waitFor(drawn)
+        .sendPattern(0, kSize);
+  });
+  const Shown shown = get(100, {}, [&](const std::string& text) {
+    if (text.find(emptyBar) != std::string::npos) drawn.open();
+  });
+  EXPECT_EQ(shown.exitCode, 0) << shown.text;
+  EXPECT_NE(shown.text.find(emptyBar), std::string::npos) << shown.text;
   EXPECT_NE(shown.text.find("#] 100% 976.6 KiB of 976.6 KiB"), std::string::npos) << shown.text;
 }
 
