@@ -104,7 +104,7 @@ void FakeTransfers::serve(std::uint64_t rangeStart) {
   const std::uint64_t rangeEnd = transfer->request.rangeEnd;
   xfer::ResponseHead head;
   head.status = 206;
-  head.contentRange = xfer::ContentRange{rangeStart, std::nullopt};
+  head.contentRange = xfer::ContentRange{rangeStart, rangeEnd - 1, std::nullopt};
   answer(rangeStart, head);
   deliver(rangeStart, rangeStart, patternBytes(rangeStart, rangeEnd));
   finish(rangeStart, 0, 206, rangeEnd - rangeStart);

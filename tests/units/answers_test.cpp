@@ -1,6 +1,8 @@
 // What response heads say, what becomes of their bodies, and when a piece of them may pass.
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "range_answer.h"
 #include "response_head.h"
 #include "token_bucket.h"
@@ -30,12 +32,119 @@ TEST(ResponseHead, onlyStrongEntityTagsAreKept) {
   EXPECT_EQ(head({"HTTP/1.1 200 OK", "ETag: W/\"x\""}).strongEtag, "");
 }
 
+TEST(ResponseHead, entityTagsReplaceEachOther) {
+  const ResponseHead weak = head({"HTTP/1.1 200 OK", "ETag: \"x\"", "ETag: W/\"y\""});
+  EXPECT_EQ(weak.weakEtag, "W/\"y\"");
+  EXPECT_EQ(weak.strongEtag, "");
+  const ResponseHead strong = head({"HTTP/1.1 200 OK", "ETag: W/\"y\"", "ETag: \"x\" "});
+  EXPECT_EQ(strong.weakEtag, "");
+  EXPECT_EQ(strong.strongEtag, "\"x\"");
+}
+
+TEST(ResponseHead, fieldsAreFoundByTheirWholeNamesInAnyCase) {
+  EXPECT_EQ(head({"HTTP/1.1 200 OK", "X-Content-Length: 5", "X: Content-Length: 5", " Content-Length: 5",
+                  "Content-Length : 5", "Content-Length-Was: 5", "Content-Length"})
+                .contentLength,
+            std::nullopt);
+  const ResponseHead all =
+      head({"HTTP/1.1 200 OK", "CONTENT-LENGTH:\t 5\t", "accept-ranges:Bytes", "cOnTeNt-TyPe:  text/html ; charset=x",
+            "LAST-modified: Sun, 06 Nov 1994 08:49:37 GMT ", "transfer-ENCODING:"});
+  EXPECT_EQ(all.contentLength, 5U);
+  EXPECT_TRUE(all.acceptRangesBytes);
+  EXPECT_EQ(all.contentType, "text/html");
+  EXPECT_EQ(all.lastModified, "Sun, 06 Nov 1994 08:49:37 GMT");
+  EXPECT_TRUE(all.transferEncoding);
+}
+
+TEST(ResponseHead, rangesAreAcceptedWhereBytesIsOneOfTheUnits) {
+  EXPECT_TRUE(head({"HTTP/1.1 200 OK", "Accept-Ranges: items, bytes"}).acceptRangesBytes);
+  EXPECT_FALSE(head({"HTTP/1.1 200 OK", "Accept-Ranges: none"}).acceptRangesBytes);
+  EXPECT_FALSE(head({"HTTP/1.1 200 OK", "Accept-Ranges: kilobytes"}).acceptRangesBytes);
+  EXPECT_FALSE(head({"HTTP/1.1 200 OK"}).acceptRangesBytes);
+}
+
+TEST(ResponseHead, lengthIsDigitsThatFit64Bits) {
+  const auto length = [](const std::string& text) {
+    return head({"HTTP/1.1 200 OK", ("Content-Length: " + text).c_str()}).contentLength;
+  };
+  EXPECT_EQ(length("0"), 0U);
+  EXPECT_EQ(length("007"), 7U);
+  EXPECT_EQ(length("18446744073709551615"), 18446744073709551615U);
+  for (const char* bad : {"", "3x", "-5", "+5", "1 2", "0x10", "18446744073709551616", "99999999999999999999", ","}) {
+    EXPECT_EQ(length(bad), std::nullopt) << bad;
+  }
+}
+
+TEST(ResponseHead, lengthsThatDifferAreNoLength) {
+  for (const auto& [first, second] : {std::pair("3", "4"), {"4", "3"}, {"3", "3x"}, {"99999999999999999999", "1"}}) {
+    const std::string one = "Content-Length: " + std::string(first);
+    const std::string two = "Content-Length: " + std::string(second);
+    const ResponseHead fields = head({"HTTP/1.1 200 OK", one.c_str(), two.c_str()});
+    EXPECT_TRUE(fields.contentLengthsDiffer) << one << " " << two;
+    EXPECT_EQ(fields.bodyLength(), std::nullopt);
+    const ResponseHead list = head({"HTTP/1.1 200 OK", (one + ", " + second).c_str()});
+    EXPECT_TRUE(list.contentLengthsDiffer) << one << " " << second;
+    EXPECT_EQ(list.bodyLength(), std::nullopt);
+  }
+}
+
+TEST(ResponseHead, lengthThatIsRepeatedCounts) {
+  const ResponseHead repeated = head({"HTTP/1.1 200 OK", "Content-Length: 3, 03", "content-length: 3,"});
+  EXPECT_FALSE(repeated.contentLengthsDiffer);
+  EXPECT_EQ(repeated.bodyLength(), 3U);
+}
+
+TEST(ResponseHead, lengthBesideATransferEncodingIsNoLength) {
+  EXPECT_EQ(head({"HTTP/1.1 200 OK", "Content-Length: 3"}).bodyLength(), 3U);
+  const ResponseHead both = head({"HTTP/1.1 200 OK", "Content-Length: 3", "Transfer-Encoding: chunked"});
+  EXPECT_EQ(both.bodyLength(), std::nullopt);
+  EXPECT_EQ(both.contentLength, 3U);
+}
+
+TEST(ResponseHead, totalOfAnUnsatisfiedRangeIsRead) {
+  const ResponseHead empty = head({"HTTP/1.1 416 x", "Content-Range: bytes */0"});
+  EXPECT_EQ(empty.unsatisfiedTotal, 0U);
+  EXPECT_FALSE(empty.contentRange);
+  for (const char* bad : {"Content-Range: bytes */", "Content-Range: bytes */*", "Content-Range: bytes */-1",
+                          "Content-Range: bytes */0 x", "Content-Range: */0", "Content-Range: bytes 0-0/1"}) {
+    EXPECT_EQ(head({"HTTP/1.1 416 x", bad}).unsatisfiedTotal, std::nullopt) << bad;
+  }
+}
+
+TEST(ResponseHead, nothingOfEarlierResponsesIsKept) {
+  const ResponseHead last =
+      head({"HTTP/1.1 200 Connection established", "Content-Length: 9", "", "HTTP/1.1 302 Found", "Content-Length: 145",
+            "Content-Length: 146", "Transfer-Encoding: chunked", "Accept-Ranges: bytes", "Content-Type: text/html",
+            "ETag: W/\"x\"", "Last-Modified: x", "Content-Range: bytes */0", "", "HTTP/1.1 200 OK", "Content-Length: 7",
+            ""});
+  EXPECT_EQ(last.bodyLength(), 7U);
+  EXPECT_FALSE(last.contentLengthsDiffer);
+  EXPECT_FALSE(last.transferEncoding);
+  EXPECT_FALSE(last.acceptRangesBytes);
+  EXPECT_EQ(last.contentType, "");
+  EXPECT_EQ(last.weakEtag, "");
+  EXPECT_EQ(last.lastModified, "");
+  EXPECT_EQ(last.unsatisfiedTotal, std::nullopt);
+}
+
+TEST(ResponseHead, trailersSayNothing) {
+  const ResponseHead chunked = head({"HTTP/1.1 200 OK", "Transfer-Encoding: chunked", "", "Content-Length: 3",
+                                     "Content-Length: 4", "ETag: \"x\"", "Content-Range: bytes 0-0/5", ""});
+  EXPECT_EQ(chunked.contentLength, std::nullopt);
+  EXPECT_FALSE(chunked.contentLengthsDiffer);
+  EXPECT_EQ(chunked.strongEtag, "");
+  EXPECT_FALSE(chunked.contentRange);
+}
+
 TEST(ContentRange, isReadOnlyInItsOwnForm) {
   EXPECT_EQ(parseContentRange("bytes 5-9/100")->first, 5U);
+  EXPECT_EQ(parseContentRange("bytes 5-9/100")->last, 9U);
   EXPECT_EQ(parseContentRange("bytes 5-9/100")->total, 100U);
   EXPECT_EQ(parseContentRange("BYTES 5-9/*")->total, std::nullopt);
+  EXPECT_EQ(parseContentRange("bytes 5-5/6")->total, 6U);
   for (const char* bad : {"", "bytes", "bytes */100", "bytes 5/100", "bytes -5-9/100", "bytes 5-9", "bytes 5-9/",
-                          "items 5-9/100", "bytes 99999999999999999999-9/100", "bytes 5-9/100 x"}) {
+                          "items 5-9/100", "bytes 99999999999999999999-9/100", "bytes 5-9/100 x", "bytes 5-4/100",
+                          "bytes 5-9/9", "bytes 0-0/0", "bytes 5-9/99999999999999999999"}) {
     EXPECT_FALSE(parseContentRange(bad)) << bad;
   }
 }

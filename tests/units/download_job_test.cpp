@@ -53,7 +53,7 @@ RemoteFileInfo probed(std::uint64_t size, bool ranges, std::int32_t status) {
 ResponseHead head206(std::uint64_t first) {
   ResponseHead head;
   head.status = 206;
-  head.contentRange = xfer::ContentRange{first, std::nullopt};
+  head.contentRange = xfer::ContentRange{first, first + 9, std::nullopt};
   return head;
 }
 
