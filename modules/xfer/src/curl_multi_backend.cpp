@@ -1,14 +1,15 @@
 #include "curl_multi_backend.h"
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
-#include <optional>
 #include <utility>
 
 #include "easy_options.h"
 #include "log.h"
 #include "result_codes.h"
 #include "sys/module.h"
+#include "transfer_end.h"
 #include "xfer/fetch.h"
 
 namespace xfer {
@@ -41,69 +42,87 @@ std::string rangeText(std::uint64_t start, std::uint64_t end) {
 struct CurlMultiBackend::Transfer {
   enum class Body { Unjudged, Delivered, Dropped };
 
-  SlistPtr headers;  // before the handle that points to it
-  EasyPtr easy;
+  // The request: constant from submit on.
+  TransferRequest request;
   DataCallback onData;
   DoneCallback onDone;
-  HeadCallback onHead;
-  std::uint64_t sequence = 0;
-  std::uint64_t rangeStart = 0;
-  std::uint64_t rangeEnd = 0;
-  std::uint64_t maxRecvSpeed = 0;
-  std::uint64_t firstAddedNs = 0;  // to the multi handle; 0: not yet
-  int goneConnections = 0;         // ended under this transfer before any answer
+  Ticket ticket = 0;
+  SlistPtr headers;  // before the handle that points to it
+  EasyPtr easy;
 
-  ResponseHeadReader head;
-  Body body = Body::Unjudged;
-  std::uint64_t bodyOffset = 0;  // in the file, of the body's first byte
-  std::uint64_t position = 0;    // in the file, of the next body byte
-  std::uint64_t end = 0;         // where the needed part ends; 0: open
-  bool cutAtEnd = false;         // a body that goes on past end is ended there
-  std::string errorBody;
+  // Over all attempts.
+  std::optional<std::uint64_t> firstAddedNs;  // to the multi handle
+  int goneConnections = 0;                    // ended under this transfer before any answer
+  bool pausedByHost = false;                  // by pause; only where the request does not say itself when it is held
+
+  // What one attempt learns and holds: one that is put back starts clean.
+  struct Attempt {
+    ResponseHeadReader head;
+    bool bodyBegun = false;  // the head is final; what comes in header lines now are trailers
+    Body body = Body::Unjudged;
+    std::uint64_t bodyOffset = 0;                // in the file, of the body's first byte
+    std::uint64_t position = 0;                  // in the file, of the next body byte
+    std::optional<std::uint64_t> end;            // exclusive end of the needed part; nothing: open
+    std::optional<std::uint64_t> namedEnd;       // exclusive end of what the answer itself names
+    std::optional<std::int32_t> codeAtEnd;       // result of a body that goes on past end; nothing: it may
+    std::string errorBody;
+    std::uint64_t stagedOffset = 0;              // in the file, of what the slot's staging holds
+    // Two reasons to hold a transfer; neither lifts the other.
+    bool heldByHost = false;
+    std::optional<std::uint64_t> throttledPiece;  // size of the piece that has to wait for tokens
+    // What the transfer ended itself with, by refusing to take more; libcurl only sees a failed write.
+    std::optional<std::int32_t> ownResult;
+  } attempt;
 
   bool active = false;
   std::list<Slot>::iterator slot;  // valid while active
-  std::uint64_t stagedOffset = 0;  // in the file, of what the slot's staging holds
-  // Two reasons to hold a transfer; neither lifts the other.
-  bool heldByHost = false;
-  std::uint64_t throttledPiece = 0;  // size of the piece that has to wait for tokens; 0: none
 
-  // What the transfer ended itself with, by refusing to take more; libcurl only sees a failed write.
-  std::optional<std::int32_t> ownResult;
+  void beginAttempt() {
+    attempt = {};
+    attempt.bodyOffset = attempt.position = request.rangeStart;
+    if (request.rangeEnd != 0) attempt.end = request.rangeEnd;
+  }
 
-  [[nodiscard]] bool held() const { return heldByHost || throttledPiece != 0; }
-  [[nodiscard]] bool errorResponse() const { return head.head().status >= 400; }
-  [[nodiscard]] std::uint64_t delivered() const { return position > rangeStart ? position - rangeStart : 0; }
+  [[nodiscard]] bool hostHolds() const { return request.isHeld ? request.isHeld() : pausedByHost; }
+  [[nodiscard]] bool held() const { return attempt.heldByHost || attempt.throttledPiece; }
+  [[nodiscard]] std::int32_t status() const { return attempt.head.head().status; }
+  [[nodiscard]] bool errorResponse() const { return status() >= 400; }
+  [[nodiscard]] std::uint64_t delivered() const {
+    return attempt.position > request.rangeStart ? attempt.position - request.rangeStart : 0;
+  }
 
   // Judges the head; false when the transfer is to end here.
   bool judge() {
-    body = Body::Delivered;
-    if (!onHead) return true;
-    const Placement placement = onHead(head.head());
+    attempt.body = Body::Delivered;
+    if (!request.onHead) return true;
+    const Placement placement = request.onHead(attempt.head.head());
     switch (placement.action) {
       case Placement::Action::Stop:
-        ownResult = placement.code;
+        attempt.ownResult = placement.code;
         return false;
       case Placement::Action::Drop:
-        body = Body::Dropped;
+        attempt.body = Body::Dropped;
         return true;
       case Placement::Action::Deliver:
         break;
     }
-    bodyOffset = position = placement.bodyOffset;
-    end = placement.end;
-    cutAtEnd = true;
+    attempt.bodyOffset = attempt.position = placement.bodyOffset;
+    attempt.end = placement.end;
+    attempt.namedEnd = placement.namedEnd;
+    attempt.codeAtEnd = placement.code;
     return true;
   }
 
   // Takes a piece of the body; false when the transfer is to end here, since all that is needed has arrived.
   bool take(const std::uint8_t* bytes, std::uint64_t length) {
-    const bool goesOn = cutAtEnd && end != 0 && length > end - std::min(end, position);
-    if (goesOn) length = end - std::min(end, position);
-    const std::uint64_t before = std::min(length, rangeStart - std::min(rangeStart, position));
-    stage(bytes + before, position + before, length - before);
-    position += length;
-    if (goesOn) ownResult = result::kSuccess;
+    const std::uint64_t room = attempt.end ? *attempt.end - std::min(*attempt.end, attempt.position) : length;
+    const bool goesOn = attempt.codeAtEnd && length > room;
+    if (goesOn) length = room;
+    const std::uint64_t before =
+        std::min(length, request.rangeStart - std::min(request.rangeStart, attempt.position));
+    stage(bytes + before, attempt.position + before, length - before);
+    attempt.position += length;
+    if (goesOn) attempt.ownResult = attempt.codeAtEnd;
     return !goesOn;
   }
 
@@ -115,7 +134,7 @@ struct CurlMultiBackend::Transfer {
       return;
     }
     if (staging.capacity() == 0) staging.reserve(kStaging);
-    if (staging.empty()) stagedOffset = offset;
+    if (staging.empty()) attempt.stagedOffset = offset;
     staging.insert(staging.end(), bytes, bytes + length);
   }
 
@@ -127,7 +146,7 @@ struct CurlMultiBackend::Transfer {
       std::vector<std::uint8_t>& staging;
       ~Clear() { staging.clear(); }
     } const clear{staging};
-    if (onData) onData(stagedOffset, staging.data(), staging.size());
+    if (onData) onData(attempt.stagedOffset, staging.data(), staging.size());
   }
 };
 
@@ -152,25 +171,59 @@ CurlMultiBackend::~CurlMultiBackend() {
   stop();
 }
 
-void CurlMultiBackend::stop() {
-  command(BackendCommand::Stop);
-  if (loop_.joinable()) loop_.join();
-  // What a submit appended after the loop had ended: its running check had passed just before.
-  const sys::MutexLock lock(mutex_);
-  submissions_.clear();
-}
-
-void CurlMultiBackend::command(BackendCommand command, std::uint64_t rangeStart) {
-  {
-    const sys::MutexLock lock(mutex_);
-    commands_.push_back({command, rangeStart, nextSequence_});
-  }
+void CurlMultiBackend::wake() noexcept {
   if (multi_) curl_multi_wakeup(multi_.get());
 }
 
-void CurlMultiBackend::submit(const TransferRequest& request, DataCallback onData, DoneCallback onDone) {
+void CurlMultiBackend::stop() noexcept {
+  {
+    const sys::MutexLock lock(mutex_);
+    commands_.stop = true;
+  }
+  wake();
+  if (loop_.joinable()) loop_.join();
+  // What a submit appended after the loop had ended: its running check had passed just before.
+  Transfers late;
+  const sys::MutexLock lock(mutex_);
+  late.splice(late.end(), submissions_);
+}
+
+void CurlMultiBackend::cancelAll() noexcept {
+  {
+    const sys::MutexLock lock(mutex_);
+    commands_.cancelBelow = lastTicket_ + 1;
+  }
+  wake();
+}
+
+void CurlMultiBackend::cancel(Ticket ticket) noexcept {
+  {
+    const sys::MutexLock lock(mutex_);
+    const auto live = live_.find(ticket);
+    if (live == live_.end()) return;
+    live->second = true;
+    commands_.cancelSome = true;
+  }
+  wake();
+}
+
+void CurlMultiBackend::setHold(bool hold) noexcept {
+  {
+    const sys::MutexLock lock(mutex_);
+    commands_.hold = hold;
+  }
+  wake();
+}
+
+Ticket CurlMultiBackend::submit(const TransferRequest& request, DataCallback onData, DoneCallback onDone) {
+  const auto nextTicket = [this] {
+    const sys::MutexLock lock(mutex_);
+    return ++lastTicket_;
+  };
   const auto failAtOnce = [&](std::int32_t code) {
-    if (onDone) onDone(request.rangeStart, code, 0, 0);
+    const Ticket ticket = nextTicket();
+    if (onDone) onDone(request.rangeStart, {code, 0, 0});
+    return ticket;
   };
   if (!running_) return failAtOnce(CURLE_ABORTED_BY_CALLBACK);
   if (holdsLineBreak(request.cookie, request.headers)) return failAtOnce(CURLE_BAD_FUNCTION_ARGUMENT);
@@ -182,23 +235,25 @@ void CurlMultiBackend::submit(const TransferRequest& request, DataCallback onDat
     XFER_LOG(log::kFailure, "submit | curl_easy_init failed");
     return failAtOnce(result::kNoHandle);
   }
-  configure(transfer, request);
+  transfer.request = request;
+  configure(transfer);
+  transfer.beginAttempt();
   transfer.onData = std::move(onData);
   transfer.onDone = std::move(onDone);
+  Ticket ticket = 0;
   {
     const sys::MutexLock lock(mutex_);
-    transfer.sequence = nextSequence_++;
+    ticket = transfer.ticket = ++lastTicket_;
+    live_.emplace(ticket, false);
     submissions_.splice(submissions_.end(), one);
   }
-  curl_multi_wakeup(multi_.get());
+  wake();
+  return ticket;
 }
 
-void CurlMultiBackend::configure(Transfer& transfer, const TransferRequest& request) {
+void CurlMultiBackend::configure(Transfer& transfer) {
   CURL* const easy = transfer.easy.get();
-  transfer.onHead = request.onHead;
-  transfer.rangeStart = transfer.bodyOffset = transfer.position = request.rangeStart;
-  transfer.rangeEnd = transfer.end = request.rangeEnd;
-  transfer.maxRecvSpeed = request.maxRecvSpeed;
+  const TransferRequest& request = transfer.request;
   curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
   if (request.rangeStart != 0 || request.rangeEnd != 0) {
     curl_easy_setopt(easy, CURLOPT_RANGE, rangeText(request.rangeStart, request.rangeEnd).c_str());
@@ -248,7 +303,12 @@ void CurlMultiBackend::configure(Transfer& transfer, const TransferRequest& requ
 
 // ---- Loop thread ----
 
+void CurlMultiBackend::assertLoopThread() const {
+  assert(loopId_ == std::this_thread::get_id());
+}
+
 void CurlMultiBackend::eventLoop() {
+  loopId_ = std::this_thread::get_id();
   XFER_LOG(log::kTrace,
            "eventLoop | started | http2=" << (policy_.useHttp2 ? "yes" : "no") << " | max_conn=" << policy_.numThreads);
   try {
@@ -257,7 +317,7 @@ void CurlMultiBackend::eventLoop() {
     // Out of memory: nobody may be left waiting for a transfer that nothing drives any more.
     XFER_LOG(log::kFailure, "eventLoop exception");
     running_ = false;
-    cancel(taken_, [](const Transfer&) { return true; });
+    cancelWhere(taken_, [](const Transfer&) { return true; });
     cancelEverything();
   }
   XFER_LOG(log::kTrace, "eventLoop | stopped");
@@ -265,14 +325,14 @@ void CurlMultiBackend::eventLoop() {
 }
 
 void CurlMultiBackend::turn() {
+  Commands commands;
   {
     const sys::MutexLock lock(mutex_);
-    takenCommands_.swap(commands_);
+    commands = std::exchange(commands_, {});
     taken_.splice(taken_.end(), submissions_);
   }
   waiting_.splice(waiting_.begin(), putBack_);
-  for (const QueuedCommand& queued : takenCommands_) apply(queued);
-  takenCommands_.clear();
+  apply(commands);
   if (!running_) {
     cancelEverything();
     taken_.clear();  // never begun: they end without a word
@@ -285,40 +345,36 @@ void CurlMultiBackend::turn() {
   curl_multi_perform(multi_.get(), &running);
   flushBodies();
   processCompleted();
-  resumeThrottled();
+  updateHolds();
   const bool canAdmit = hasRoom() && !waiting_.empty();
   curl_multi_poll(multi_.get(), nullptr, 0, canAdmit ? 0 : kPollMs, nullptr);
 }
 
-void CurlMultiBackend::apply(const QueuedCommand& queued) {
-  switch (queued.command) {
-    case BackendCommand::CancelAll:
-    case BackendCommand::CancelRange: {
-      const bool all = queued.command == BackendCommand::CancelAll;
-      const auto meant = [&](const Transfer& transfer) {
-        return transfer.sequence < queued.sequence && (all || transfer.rangeStart == queued.rangeStart);
-      };
-      cancel(active_, meant);
-      cancel(waiting_, meant);
-      cancel(taken_, meant);
-      break;
-    }
-    case BackendCommand::PauseAll:
-    case BackendCommand::ResumeAll:
-      for (auto next = active_.begin(); next != active_.end();) {
-        const auto position = next++;
-        (*position)->heldByHost = queued.command == BackendCommand::PauseAll;
-        applyPauses(position);
-      }
-      break;
-    case BackendCommand::Stop:
-      running_ = false;
-      break;
+void CurlMultiBackend::apply(const Commands& commands) {
+  if (commands.cancelBelow != 0 || commands.cancelSome) {
+    const auto meant = [&](const Transfer& transfer) {
+      if (transfer.ticket < commands.cancelBelow) return true;
+      if (!commands.cancelSome) return false;
+      const sys::MutexLock lock(mutex_);
+      const auto live = live_.find(transfer.ticket);
+      return live != live_.end() && live->second;
+    };
+    cancelWhere(active_, meant);
+    cancelWhere(waiting_, meant);
+    cancelWhere(taken_, meant);
   }
+  if (commands.hold) {
+    for (const auto& transfer : active_) transfer->pausedByHost = *commands.hold;
+    // One that was put back while it was held is let go too.
+    for (const auto& transfer : waiting_) transfer->pausedByHost = transfer->pausedByHost && *commands.hold;
+    updateHolds();
+  }
+  if (commands.stop) running_ = false;
 }
 
 template <class Predicate>
-void CurlMultiBackend::cancel(Transfers& transfers, Predicate&& which) {
+void CurlMultiBackend::cancelWhere(Transfers& transfers, Predicate&& which) {
+  assertLoopThread();
   Transfers ended;
   for (auto next = transfers.begin(); next != transfers.end();) {
     const auto position = next++;
@@ -326,7 +382,7 @@ void CurlMultiBackend::cancel(Transfers& transfers, Predicate&& which) {
     if ((*position)->active) leaveMulti(**position);
     ended.splice(ended.end(), transfers, position);
   }
-  for (const auto& transfer : ended) finishTransfer(*transfer, CURLE_ABORTED_BY_CALLBACK, 0, 0);
+  for (const auto& transfer : ended) finishTransfer(*transfer, {CURLE_ABORTED_BY_CALLBACK, 0, 0});
 }
 
 void CurlMultiBackend::cancelEverything() {
@@ -336,10 +392,10 @@ void CurlMultiBackend::cancelEverything() {
     queued.splice(queued.end(), submissions_);
   }
   const auto all = [](const Transfer&) { return true; };
-  cancel(active_, all);
-  cancel(putBack_, all);
-  cancel(waiting_, all);
-  cancel(queued, all);
+  cancelWhere(active_, all);
+  cancelWhere(putBack_, all);
+  cancelWhere(waiting_, all);
+  cancelWhere(queued, all);
 }
 
 bool CurlMultiBackend::hasRoom() const {
@@ -347,6 +403,7 @@ bool CurlMultiBackend::hasRoom() const {
 }
 
 void CurlMultiBackend::addTransfer() {
+  assertLoopThread();
   if (freeSlots_.empty()) freeSlots_.emplace_back();
   Transfer& transfer = *waiting_.front();
   if (share_.handle() != nullptr) curl_easy_setopt(transfer.easy.get(), CURLOPT_SHARE, share_.handle());
@@ -355,24 +412,25 @@ void CurlMultiBackend::addTransfer() {
     XFER_LOG(log::kFailure, "addTransfer | curl_multi_add_handle: " << curl_multi_strerror(added));
     Transfers refused;
     refused.splice(refused.end(), waiting_, waiting_.begin());
-    finishTransfer(transfer, result::kNoHandle, 0, 0);
+    finishTransfer(transfer, {result::kNoHandle, 0, 0});
     return;
   }
   slots_.splice(slots_.end(), freeSlots_, std::prev(freeSlots_.end()));
   transfer.slot = std::prev(slots_.end());
-  transfer.slot->bucket.setRate(transfer.maxRecvSpeed, nowNs());
+  transfer.slot->bucket.setRate(transfer.request.maxRecvSpeed, nowNs());
   transfer.active = true;
-  if (transfer.firstAddedNs == 0) transfer.firstAddedNs = nowNs();
+  if (!transfer.firstAddedNs) transfer.firstAddedNs = nowNs();
   active_.splice(active_.end(), waiting_, waiting_.begin());
   ++activeCount_;
 }
 
 // The transfer's place in active_ is the caller's to give up.
 void CurlMultiBackend::leaveMulti(Transfer& transfer) {
+  assertLoopThread();
   if (transfer.held()) {
     // libcurl 7.88 never frees what it keeps of a paused transfer when others still use the connection (HTTP/2): it is
     // offered once more here, and refused.
-    transfer.ownResult = CURLE_ABORTED_BY_CALLBACK;
+    transfer.attempt.ownResult = CURLE_ABORTED_BY_CALLBACK;
     curl_easy_pause(transfer.easy.get(), CURLPAUSE_CONT);
   }
   curl_multi_remove_handle(multi_.get(), transfer.easy.get());
@@ -383,9 +441,10 @@ void CurlMultiBackend::leaveMulti(Transfer& transfer) {
 }
 
 std::size_t CurlMultiBackend::onHeader(char* bytes, std::size_t size, std::size_t count, void* userdata) {
-  auto& transfer = *static_cast<Transfer*>(userdata);
+  auto& attempt = static_cast<Transfer*>(userdata)->attempt;
+  if (attempt.bodyBegun) return size * count;
   try {
-    transfer.head.add({bytes, size * count});
+    attempt.head.add({bytes, size * count});
   } catch (...) {
     return 0;  // out of memory: ends the transfer with libcurl's write error
   }
@@ -394,23 +453,26 @@ std::size_t CurlMultiBackend::onHeader(char* bytes, std::size_t size, std::size_
 
 std::size_t CurlMultiBackend::onBody(char* bytes, std::size_t size, std::size_t count, void* userdata) {
   auto& transfer = *static_cast<Transfer*>(userdata);
+  auto& attempt = transfer.attempt;
   const std::size_t length = size * count;
   try {
-    if (transfer.ownResult) return CURL_WRITEFUNC_ERROR;
+    if (attempt.ownResult) return CURL_WRITEFUNC_ERROR;
+    attempt.bodyBegun = true;
     if (transfer.errorResponse()) {
-      transfer.errorBody.append(bytes, std::min(length, kMaxErrorBody - transfer.errorBody.size()));
+      attempt.errorBody.append(bytes, std::min(length, kMaxErrorBody - attempt.errorBody.size()));
       return length;
     }
-    if (transfer.heldByHost) return CURL_WRITEFUNC_PAUSE;
-    if (transfer.body == Transfer::Body::Unjudged && !transfer.judge()) return CURL_WRITEFUNC_ERROR;
+    attempt.heldByHost = attempt.heldByHost || transfer.hostHolds();
+    if (attempt.heldByHost) return CURL_WRITEFUNC_PAUSE;
+    if (attempt.body == Transfer::Body::Unjudged && !transfer.judge()) return CURL_WRITEFUNC_ERROR;
     if (!transfer.slot->bucket.take(length, nowNs())) {
-      transfer.throttledPiece = length;
+      attempt.throttledPiece = length;
       return CURL_WRITEFUNC_PAUSE;
     }
-    if (transfer.body == Transfer::Body::Dropped) return length;
+    if (attempt.body == Transfer::Body::Dropped) return length;
     return transfer.take(reinterpret_cast<const std::uint8_t*>(bytes), length) ? length : CURL_WRITEFUNC_ERROR;
   } catch (...) {
-    transfer.ownResult = CURLE_WRITE_ERROR;
+    attempt.ownResult = CURLE_WRITE_ERROR;
     return CURL_WRITEFUNC_ERROR;
   }
 }
@@ -450,18 +512,17 @@ void CurlMultiBackend::processCompleted() {
 
 // An HTTP/2 server may end a connection at any time, and many do after so many requests: that is nobody's failure.
 bool CurlMultiBackend::isWorthAnotherTry(Transfer& transfer, CURLcode result) const {
-  if (!policy_.useHttp2 || transfer.head.head().status != 0) return false;
+  if (!policy_.useHttp2 || transfer.status() != 0) return false;
   // Sent on a connection that the server was about to end.
   if (result == CURLE_HTTP2) return ++transfer.goneConnections <= kMostGoneConnections;
   // Not sent: libcurl 7.88 puts a transfer on a connection that is still being made, next to one that is full or ends.
   const std::uint64_t seconds = policy_.connectTimeoutSec > 0 ? policy_.connectTimeoutSec : kDefaultConnectTimeoutSec;
-  return result == CURLE_FAILED_INIT && nowNs() - transfer.firstAddedNs < seconds * 1'000'000'000;
+  return result == CURLE_FAILED_INIT && nowNs() - *transfer.firstAddedNs < seconds * 1'000'000'000;
 }
 
 void CurlMultiBackend::putBack(Transfers::iterator position) {
-  Transfer& transfer = **position;
-  leaveMulti(transfer);
-  transfer.ownResult.reset();
+  leaveMulti(**position);
+  (*position)->beginAttempt();
   putBack_.splice(putBack_.end(), active_, position);
 }
 
@@ -469,69 +530,89 @@ void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode c
   Transfers ended;
   ended.splice(ended.end(), active_, position);
   Transfer& transfer = **position;
-  std::int32_t result = transfer.ownResult.value_or(curlResult);
+  auto& attempt = transfer.attempt;
   try {
     transfer.flush();
+    // An answer without a body says something of the file too.
+    const bool unjudged = attempt.body == Transfer::Body::Unjudged && transfer.status() != 0;
+    if (curlResult == CURLE_OK && unjudged && !transfer.errorResponse()) static_cast<void>(transfer.judge());
   } catch (...) {
-    result = CURLE_WRITE_ERROR;
+    attempt.ownResult = CURLE_WRITE_ERROR;
   }
+  std::int32_t result = attempt.ownResult.value_or(curlResult);
   long code = 0;
+  curl_off_t announced = -1;
   if (curlResult == CURLE_OK) curl_easy_getinfo(transfer.easy.get(), CURLINFO_RESPONSE_CODE, &code);
+  curl_easy_getinfo(transfer.easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+  // libcurl also tells a length that the coding of the body makes void.
+  if (transfer.request.onHead && !attempt.head.head().bodyLength()) announced = -1;
   leaveMulti(transfer);
-  const std::int32_t status =
-      transfer.head.head().status > 0 ? transfer.head.head().status : static_cast<std::int32_t>(code);
+  const std::int32_t status = transfer.status() > 0 ? transfer.status() : static_cast<std::int32_t>(code);
   const std::uint64_t got = transfer.delivered();
 
-  if (result == CURLE_OK && transfer.end != 0 && got < transfer.end - transfer.rangeStart) {
-    const std::uint64_t expected = transfer.end - transfer.rangeStart;
-    curl_off_t announced = -1;
-    curl_easy_getinfo(transfer.easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
-    if (announced >= 1 && static_cast<std::uint64_t>(announced) == transfer.position - transfer.bodyOffset) {
-      XFER_LOG(log::kRecovery, "short transfer (metadata mismatch, accepting) | range="
-                                   << transfer.rangeStart << " | metadata=" << expected << " | server=" << got);
-    } else {
-      XFER_LOG(log::kRecovery,
-               "short transfer | range=" << transfer.rangeStart << " | expected=" << expected << " | got=" << got);
-      result = CURLE_PARTIAL_FILE;
+  if (result == CURLE_OK && attempt.end && attempt.body != Transfer::Body::Dropped) {
+    const std::uint64_t start = transfer.request.rangeStart;
+    const std::uint64_t expected = *attempt.end - std::min(*attempt.end, start);
+    switch (judgeEnd({start, attempt.bodyOffset, attempt.position, attempt.end, attempt.namedEnd, announced})) {
+      case EndVerdict::Whole:
+      case EndVerdict::WholeAsNamed:
+        break;
+      case EndVerdict::ShortAccepted:
+        XFER_LOG(log::kRecovery, "short transfer (metadata mismatch, accepting) | range="
+                                     << start << " | metadata=" << expected << " | server=" << got);
+        break;
+      case EndVerdict::Short:
+        XFER_LOG(log::kRecovery, "short transfer | range=" << start << " | expected=" << expected << " | got=" << got);
+        result = CURLE_PARTIAL_FILE;
+        break;
     }
   }
-  XFER_LOG(log::kTrace,
-           "done | range=" << transfer.rangeStart << " | err=" << result << " | http=" << status << " | bytes=" << got);
-  if (status >= 400 && !transfer.errorBody.empty()) {
+  XFER_LOG(log::kTrace, "done | range=" << transfer.request.rangeStart << " | err=" << result << " | http=" << status
+                                        << " | bytes=" << got);
+  if (status >= 400 && !attempt.errorBody.empty()) {
     XFER_LOG(log::kFailure,
-             "HTTP " << status << " response body (" << transfer.errorBody.size() << " bytes): " << transfer.errorBody);
+             "HTTP " << status << " response body (" << attempt.errorBody.size() << " bytes): " << attempt.errorBody);
   }
-  finishTransfer(transfer, result, status, got);
+  finishTransfer(transfer, {result, status, got});
 }
 
-void CurlMultiBackend::finishTransfer(const Transfer& transfer, std::int32_t result, std::int32_t httpStatus,
-                                      std::uint64_t bytes) {
+void CurlMultiBackend::finishTransfer(const Transfer& transfer, const TransferEnd& end) {
+  assertLoopThread();
+  {
+    const sys::MutexLock lock(mutex_);
+    live_.erase(transfer.ticket);
+  }
   if (!transfer.onDone) return;
   try {
-    transfer.onDone(transfer.rangeStart, result, httpStatus, bytes);
+    transfer.onDone(transfer.request.rangeStart, end);
   } catch (...) {
     XFER_LOG(log::kFailure, "finishTransfer | done_cb threw");
   }
 }
 
-void CurlMultiBackend::resumeThrottled() {
+// Holds and lets go what the host, or the speed limit, wants held or let go since the last look.
+void CurlMultiBackend::updateHolds() {
   const std::uint64_t now = nowNs();
   for (auto next = active_.begin(); next != active_.end();) {
     const auto position = next++;
     Transfer& transfer = **position;
-    if (transfer.throttledPiece == 0 || transfer.heldByHost) continue;
-    if (!transfer.slot->bucket.wouldTake(transfer.throttledPiece, now)) continue;
-    transfer.throttledPiece = 0;
-    applyPauses(position);
+    auto& attempt = transfer.attempt;
+    const bool hostHolds = transfer.hostHolds();
+    const bool changed = hostHolds != attempt.heldByHost;
+    attempt.heldByHost = hostHolds;
+    const bool fits =
+        attempt.throttledPiece && !hostHolds && transfer.slot->bucket.wouldTake(*attempt.throttledPiece, now);
+    if (fits) attempt.throttledPiece.reset();
+    if (changed || fits) applyHolds(position);
   }
 }
 
-void CurlMultiBackend::applyPauses(Transfers::iterator position) {
+void CurlMultiBackend::applyHolds(Transfers::iterator position) {
   const Transfer& transfer = **position;
   int held = CURLPAUSE_CONT;
-  if (transfer.heldByHost) {
+  if (transfer.attempt.heldByHost) {
     held = CURLPAUSE_ALL;
-  } else if (transfer.throttledPiece != 0) {
+  } else if (transfer.attempt.throttledPiece) {
     held = CURLPAUSE_RECV;
   }
   const CURLcode result = curl_easy_pause(transfer.easy.get(), held);

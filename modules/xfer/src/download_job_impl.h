@@ -1,35 +1,27 @@
-// The inside of a DownloadJob: one run from the probe to the finished file.
+// The inside of a DownloadJob: it wires the core's decisions to the world.  Calls and callbacks become the core's events;
+// what the core then wants done is done here, on the thread that brought the event.
 //
 // What the world does (libcurl, the clock, waiting) comes in through a JobEnvironment, so that tests put fakes there.
 //
-// Answers that are not the range asked for: a server may send the whole file instead (200).  Such a body is placed from
-// byte 0 and makes every later range superfluous.  From the first one on the job runs one transfer at a time: the one
-// with the lowest start leads, the others in flight are ended without being judged and their ranges wait; when the
-// leader ends well, all ranges from its start on are complete.  So the file is fetched once, and counted once.
-//
 // Threads: as DownloadJob.  doStart runs on the worker (size unknown) or on the caller of start; the callbacks run on
-// the
-//          backend's loop thread; a retry runs on its timer's thread.
-// Errors:  none is thrown by what runs on the job's own threads: trouble ends the job Failed.
+//          the backend's loop thread; a retry runs on its timer's thread.
+//          One short lock, mutex_, is around the core.  What the core wants is done after it was released.
+// Errors:  none is thrown by what runs on the job's own threads: trouble ends the job Failed.  pause, resume, cancel and
+//          destruction neither allocate nor throw, but for what they submit.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <limits>
-#include <map>
 #include <memory>
 #include <thread>
-#include <unordered_map>
 
-#include "curl_multi_backend.h"
 #include "file_sink.h"
-#include "job_state.h"
-#include "range_answer.h"
-#include "range_scheduler.h"
+#include "job_core.h"
 #include "retry_timers.h"
 #include "stop_signal.h"
 #include "sys/mutex.h"
+#include "transfer_backend.h"
 #include "xfer/download_job.h"
 
 namespace xfer {
@@ -55,98 +47,62 @@ class DownloadJob::Impl {
   Impl& operator=(const Impl&) = delete;
 
   void start();
-  void pause();
-  void resume();
-  void cancel();
+  void pause() noexcept;
+  void resume() noexcept;
+  void cancel() noexcept;
   void wait();
   [[nodiscard]] DownloadSnapshot snapshot() const;
 
- private:
-  /// One range transfer between submit and its done callback.
-  struct Flight {
-    std::uint64_t start = 0;
-    std::uint64_t end = 0;
-    std::uint64_t neededEnd = 0;                           // loop thread only: where what it is to bring ends; 0: open
-    bool wholeFile = false;                                // loop thread only: its answer is the file from byte 0
-    RangeAnswer::Kind refusal = RangeAnswer::Kind::Range;  // loop thread only: Misplaced or FileChanged when refused
-    std::atomic<bool> unjudged{false};  // another transfer brings its bytes: how it ends says nothing
-  };
+  /// See JobCore::standsStill.
+  [[nodiscard]] bool standsStill() const;
 
-  // Each of these is one short hold of stateMutex_.
-  [[nodiscard]] JobState currentState() const SYS_EXCLUDES(stateMutex_);
-  bool tryTransition(JobState from, JobState to) SYS_EXCLUDES(stateMutex_);
-  void failJob(std::int32_t code, std::int32_t httpStatus) SYS_EXCLUDES(stateMutex_);
-  void markCancelled() SYS_EXCLUDES(stateMutex_);
-  bool enter(JobState to) SYS_REQUIRES(stateMutex_);
+ private:
+  using FlightPtr = JobCore::FlightPtr;
+
+  template <class Event>
+  decltype(auto) withCore(Event&& event) SYS_EXCLUDES(mutex_);
+  template <class Event>
+  void post(Event&& event) noexcept SYS_EXCLUDES(mutex_);
+  void carryOut(const JobActions& actions);
+  void failOnException() noexcept;
 
   void runDoStart() noexcept;
   void doStart();
-  void submitRanges();
-  void runSubmitRanges() noexcept;
-  [[nodiscard]] std::int32_t transferLimit() const;
-  void releaseTransfer();
-  void settle() SYS_EXCLUDES(closingMutex_);
-  void stopTransfers();
+  void refill();
+  void submit(const FlightPtr& flight);
+  void cancelSuperseded() noexcept SYS_EXCLUDES(mutex_);
+  void finalizeFile(std::uint64_t size);
+  void closeFile() noexcept;
 
-  Placement onHead(const std::shared_ptr<Flight>& flight, const ResponseHead& head);
-  void onData(const Flight& flight, std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length);
-  void onDone(const std::shared_ptr<Flight>& flight, std::int32_t code, std::int32_t httpStatus,
-              std::uint64_t bytes) noexcept;
-  void onTransferDone(const Flight& flight, std::int32_t code, std::int32_t httpStatus, std::uint64_t bytes);
-  [[nodiscard]] bool leavesHole(const Flight& flight, std::uint64_t bytes);
-  void retryOrFail(std::uint64_t rangeStart, std::int32_t code, std::int32_t httpStatus);
-  void failFatally(std::uint64_t rangeStart, std::int32_t code, std::int32_t httpStatus);
-  void failTransfer(std::int32_t code, std::int32_t httpStatus);
-  void failWriting(std::int32_t error);
-  void failOnException();
-  void finalizeFile();
+  void onData(JobCore::Flight& flight, std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length);
   void measureSpeed(std::uint64_t length);
-  void leadWholeFile(const Flight& leader);
 
   // Constant after construction.
   const DownloadRequest request_;
   const DownloadPolicy policy_;
   const JobEnvironment environment_;
 
-  mutable sys::Mutex stateMutex_;
-  sys::Condition stateChanged_;  // notified on every change of state_
-  JobState state_ SYS_GUARDED_BY(stateMutex_) = JobState::Idle;
-  std::int32_t errorCode_ SYS_GUARDED_BY(stateMutex_) = 0;
-  std::int32_t httpStatus_ SYS_GUARDED_BY(stateMutex_) = 0;
+  mutable sys::Mutex mutex_;
+  sys::Condition stateChanged_;  // notified on every change of the core's state
+  JobCore core_ SYS_GUARDED_BY(mutex_);
+  std::atomic<bool> paused_{false};  // what the core's state is; for the loop thread, which asks it at every turn
 
-  FileSink sink_;            // opened by doStart; written on the loop thread; closed when nothing is in flight
-  sys::Mutex closingMutex_;  // held while closing it
+  // Opened by doStart before the first transfer, written on the loop thread, cut and closed by whoever the core told to:
+  // it tells one thread, and only when nothing is in flight.
+  FileSink sink_;
 
-  // Built by doStart, which then publishes the pointers: whoever reads one that is not null may use the object until
+  // Made by doStart, which then publishes the pointer: a thread that reads one that is not null may use the object until
   // teardown has joined all threads.
-  std::unique_ptr<RangeScheduler> schedulerOwner_;
   std::unique_ptr<ITransferBackend> backendOwner_;
-  std::atomic<RangeScheduler*> scheduler_{nullptr};
   std::atomic<ITransferBackend*> backend_{nullptr};
 
-  std::atomic<std::int32_t> activeTransfers_{0};  // reserved or submitted, and not yet reported done
-  std::atomic<std::uint32_t> requeues_{0};        // how often a range became pending again
-  std::atomic<bool> oneAtATime_{false};           // the server sends whole files; set on the loop thread
-
-  sys::Mutex flightsMutex_;
-  std::map<std::uint64_t, std::shared_ptr<Flight>> flights_ SYS_GUARDED_BY(flightsMutex_);  // by range start
-
-  sys::Mutex retryMutex_;
-  std::unordered_map<std::uint64_t, std::int32_t> retryAttempts_ SYS_GUARDED_BY(retryMutex_);  // by range start
-
-  // Loop thread only: where the file ends, as far as a range that was accepted short tells.
-  std::uint64_t contentEnd_ = std::numeric_limits<std::uint64_t>::max();
-
-  RemoteIdentity identity_;  // doStart before the first transfer, then the loop thread
-
-  // Written by the loop thread (totalBytes_ by doStart), read by snapshot.
-  std::atomic<std::int32_t> slowTimeouts_{0};
+  // Written by the loop thread, read by snapshot.
   std::atomic<std::uint64_t> bytesDone_{0};
-  std::atomic<std::uint64_t> totalBytes_{0};
   std::atomic<std::uint64_t> bytesPerSec_{0};
-  std::atomic<std::uint64_t> highWaterMark_{0};  // largest end offset written so far
-  std::atomic<std::uint64_t> speedWindowBytes_{0};
-  std::atomic<std::uint64_t> speedWindowStart_{0};
+
+  // The loop thread's; doStart sets the start before the first transfer.
+  std::uint64_t speedWindowBytes_ = 0;
+  std::uint64_t speedWindowStart_ = 0;
 
   StopSignal stopping_;  // set by cancel and teardown: ends the probe and the waits of retries
   RetryTimers retryTimers_;

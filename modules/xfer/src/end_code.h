@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "result_codes.h"
-#include "xfer/download_job.h"
+#include "xfer/download_records.h"
 
 namespace xfer {
 

@@ -1,7 +1,7 @@
 // Which state of a job may follow which.  Pure.
 #pragma once
 
-#include "xfer/download_job.h"
+#include "xfer/download_records.h"
 
 namespace xfer {
 

@@ -1,6 +1,7 @@
 #include "range_scheduler.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "log.h"
 
@@ -84,19 +85,23 @@ void RangeScheduler::buildRanges() {
                                                << " | last=" << last.end - last.start);
 }
 
-std::vector<RangeScheduler::Range>::iterator RangeScheduler::find(std::uint64_t start) {
+std::vector<RangeScheduler::Range>::const_iterator RangeScheduler::find(std::uint64_t start) const {
   const auto found = std::lower_bound(ranges_.begin(), ranges_.end(), start,
                                       [](const Range& range, std::uint64_t value) { return range.start < value; });
   return found != ranges_.end() && found->start == start ? found : ranges_.end();
 }
 
-std::optional<std::pair<std::uint64_t, std::uint64_t>> RangeScheduler::nextPending() {
+std::vector<RangeScheduler::Range>::iterator RangeScheduler::find(std::uint64_t start) {
+  return ranges_.begin() + (std::as_const(*this).find(start) - ranges_.cbegin());
+}
+
+std::optional<ByteRange> RangeScheduler::nextPending() {
   const sys::MutexLock lock(mutex_);
   while (lowestPending_ < ranges_.size() && ranges_[lowestPending_].state != RangeState::Pending) ++lowestPending_;
   if (lowestPending_ == ranges_.size()) return std::nullopt;
   Range& range = ranges_[lowestPending_];
   range.state = RangeState::Active;
-  return std::pair(range.start, range.end);
+  return ByteRange{range.start, range.end};
 }
 
 void RangeScheduler::markDone(Range& range) {
@@ -141,6 +146,12 @@ void RangeScheduler::release(std::uint64_t start) {
 void RangeScheduler::completeFrom(std::uint64_t start) {
   const sys::MutexLock lock(mutex_);
   for (auto range = find(start); range != ranges_.end(); ++range) markDone(*range);
+}
+
+std::uint64_t RangeScheduler::endOf(std::uint64_t start) const {
+  const sys::MutexLock lock(mutex_);
+  const auto range = find(start);
+  return range == ranges_.end() ? start : range->end;
 }
 
 std::uint64_t RangeScheduler::openEnd() const {

@@ -11,11 +11,11 @@
 
 #include <cstdint>
 #include <optional>
-#include <utility>
 #include <vector>
 
+#include "byte_range.h"
 #include "sys/mutex.h"
-#include "xfer/download_job.h"
+#include "xfer/download_records.h"
 
 namespace xfer {
 
@@ -30,9 +30,9 @@ class RangeScheduler {
   /// A totalBytes of 0 gives one empty range, so that such a file still completes.
   RangeScheduler(std::uint64_t totalBytes, const DownloadPolicy& policy);
 
-  /// Activates the lowest Pending range and returns its start and end; nullopt when none is Pending, which does not
+  /// Activates the lowest Pending range and returns it; nullopt when none is Pending, which does not
   /// mean finished: see allDone.
-  std::optional<std::pair<std::uint64_t, std::uint64_t>> nextPending() SYS_EXCLUDES(mutex_);
+  std::optional<ByteRange> nextPending() SYS_EXCLUDES(mutex_);
 
   /// The Active range that starts here is Done.
   void complete(std::uint64_t start) SYS_EXCLUDES(mutex_);
@@ -45,6 +45,9 @@ class RangeScheduler {
 
   /// Every range from the one that starts here on is Done, whatever its state was.
   void completeFrom(std::uint64_t start) SYS_EXCLUDES(mutex_);
+
+  /// The end of the range that starts here; start itself when there is none.
+  [[nodiscard]] std::uint64_t endOf(std::uint64_t start) const SYS_EXCLUDES(mutex_);
 
   /// The end of the last range that is not Done; 0 when all are.
   [[nodiscard]] std::uint64_t openEnd() const SYS_EXCLUDES(mutex_);
@@ -65,6 +68,7 @@ class RangeScheduler {
   };
 
   void buildRanges() SYS_REQUIRES(mutex_);
+  [[nodiscard]] std::vector<Range>::const_iterator find(std::uint64_t start) const SYS_REQUIRES(mutex_);
   std::vector<Range>::iterator find(std::uint64_t start) SYS_REQUIRES(mutex_);
   bool requeue(std::uint64_t start) SYS_REQUIRES(mutex_);
   void markDone(Range& range) SYS_REQUIRES(mutex_);

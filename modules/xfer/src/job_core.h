@@ -1,0 +1,267 @@
+// What a download job decides: its state, what is in flight, what is fetched next, which answers count, and when the
+// file is whole.  Events come in, and each says what is to be done about it; nothing is done here.
+//
+// Answers that are not the range asked for: a server may send the whole file instead (200).  Such a body is placed from
+// byte 0 and makes every later range superfluous.  From the first one on the job runs one transfer at a time: the one
+// with the lowest start leads, the others in flight are superseded and their ranges wait; when the leader ends well, all
+// ranges from its start on are complete.  So the file is fetched once, and counted once.
+//
+// A server may also send less of a range than asked while it says that the file goes on: the rest is asked for at once.
+//
+// A doubt: a weak validator that changes between answers may mean another version, or nothing.  The answer is put back,
+// what is in flight may end, and then a sample of what was delivered is fetched again and compared.
+//
+// Knows no lock, no thread, no clock, no file and no libcurl; it only logs.
+//
+// Threads: one at a time.  Flight::superseded may be read at any time.
+// Errors:  pause, resume, cancel, fail and the transitions neither allocate nor throw.  Every other event may throw
+//          std::bad_alloc; the job is then to be failed with fail().
+// Units:   offsets and lengths are bytes, half-open [start, end); delays milliseconds.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "body_placement.h"
+#include "byte_range.h"
+#include "content_sample.h"
+#include "file_extent.h"
+#include "range_scheduler.h"
+#include "remote_version.h"
+#include "transfer_backend.h"
+#include "xfer/download_records.h"
+
+namespace xfer {
+
+/// A further attempt at a range, after a delay.
+struct Retry {
+  std::uint64_t id = 0;  ///< to be handed to retryDue
+  std::uint64_t delayMs = 0;
+};
+
+/// What an event makes necessary.  Order does not matter, but for what is said.
+struct JobActions {
+  bool refill = false;            ///< call next until it has nothing more
+  bool cancelSuperseded = false;  ///< cancel the transfers of superseded flights
+  bool cancelAll = false;         ///< cancel every transfer
+  bool close = false;             ///< close the file: nothing is in flight that may still write to it
+  std::optional<std::uint64_t> finalize{};  ///< cut the file to this size and close it, then call finalized
+  std::optional<Retry> retry{};             ///< call retryDue after the delay
+};
+
+class JobCore {
+ public:
+  /// One range transfer from next to ended.
+  struct Flight {
+    enum class Refusal {
+      None,
+      Unusable,  ///< of this answer; another one may be better
+      Changed    ///< of the job: the remote file is another one
+    };
+    /// What the head of an accepted answer says.
+    struct Answer {
+      AnswerClaim claim;
+      std::optional<std::uint64_t> neededEnd;  ///< as placed
+      Validator validator;
+    };
+
+    std::uint64_t id = 0;
+    ByteRange asked{};                  ///< an end of 0: as long as it goes
+    std::uint64_t rangeStart = 0;       ///< of the planned range that it serves
+    std::uint64_t generation = 0;       ///< of the plan that the range is from
+    bool sample = false;                ///< its bytes are compared and do not reach the file
+    std::optional<Ticket> ticket{};     ///< once the backend has given it
+    std::optional<Answer> answer{};     ///< once accepted
+    Refusal refusal = Refusal::None;
+    std::atomic<bool> superseded{false};  ///< other transfers bring its bytes; its result is ignored
+
+    // The data path's own: written by the thread that delivers, read once the transfer has ended.
+    std::optional<StreamHasher> hasher{};     ///< when the answer's validator cannot decide alone
+    std::vector<std::uint8_t> sampled{};      ///< of a sample
+  };
+  using FlightPtr = std::shared_ptr<Flight>;
+
+  explicit JobCore(const DownloadPolicy& policy) : policy_(policy) {}
+
+  // ---- State ----
+
+  [[nodiscard]] JobState state() const { return state_; }
+  [[nodiscard]] bool ending() const;  ///< Cancelling or final
+  [[nodiscard]] std::int32_t errorCode() const { return errorCode_; }
+  [[nodiscard]] std::int32_t httpStatus() const { return httpStatus_; }
+  [[nodiscard]] std::uint64_t totalBytes() const { return totalBytes_; }
+
+  /// Whether so many transfers timed out early that the server is likely holding the client back.
+  [[nodiscard]] bool throttled() const;
+
+  [[nodiscard]] std::size_t inFlight() const { return flights_.size(); }
+
+  /// Whether the job can never end by itself although nobody has to act: a retry fell due while the job was paused, or
+  /// every range ended then.
+  [[nodiscard]] bool standsStill() const;
+
+  /// Calls back with the ticket of each transfer that is to be cancelled.
+  template <class Callback>
+  void forEachSuperseded(Callback&& callback) const {
+    for (const auto& [id, flight] : flights_) {
+      if (flight->superseded && flight->ticket) callback(*flight->ticket);
+    }
+  }
+
+  // ---- Start ----
+
+  /// Idle to Probing; false when the job is not Idle.
+  bool beginProbe() { return state_ == JobState::Idle && enter(JobState::Probing); }
+
+  /// How the size became known.
+  enum class SizeFrom { Host, ProbedRange, ProbedFile };
+
+  /// Sets the size to work with; 0: unknown, whatever it is from.
+  void setSize(std::uint64_t size, SizeFrom from);
+
+  /// Cuts the file into ranges.  The file is open from here on.
+  void plan(const DownloadPolicy& policy);
+
+  /// Enters Running, or Cancelled when the job was cancelled meanwhile.
+  JobActions run();
+
+  // ---- Events ----
+
+  /// The next transfer to submit; null when there is none to submit now.
+  FlightPtr next();
+
+  /// The backend has taken the flight's transfer; true: it is to be cancelled at once, a stop went past it.
+  bool submitted(Flight& flight, Ticket ticket);
+
+  /// The flight could not be submitted.
+  JobActions abandoned(const FlightPtr& flight) noexcept;
+
+  /// The head of an answer; says what becomes of its body.
+  Placement answered(const FlightPtr& flight, const ResponseHead& head, JobActions& actions);
+
+  JobActions ended(const FlightPtr& flight, const TransferEnd& end);
+
+  JobActions retryDue(std::uint64_t id);
+
+  /// A write to the file failed, or its final size could not be set.
+  JobActions writeFailed(std::int32_t error);
+
+  /// The file was cut and closed, or could not be: see JobActions::finalize.
+  JobActions finalized(std::int32_t error);
+
+  /// The file was closed: see JobActions::close.
+  void closed() noexcept;
+
+  /// False when the job is not Running; nothing changes then.
+  bool pause() noexcept { return state_ == JobState::Running && enter(JobState::Paused); }
+
+  /// False when the job is not Paused; nothing changes then.
+  bool resume(JobActions& actions) noexcept;
+
+  JobActions cancel() noexcept;
+
+  /// Ends the job Failed, unless it has ended; the first failure is the one that counts.
+  JobActions fail(std::int32_t code, std::int32_t httpStatus) noexcept;
+
+  void markCancelled() noexcept { enter(JobState::Cancelled); }
+
+ private:
+  /// What is known of one planned range beside its state in the scheduler.
+  struct Progress {
+    std::size_t attempts = 0;  // failed ones, over the job's life
+    std::uint64_t reached = 0;  // exclusive end of what its well-ended transfers brought; 0: nothing yet
+    int smallAnswers = 0;       // in a row
+  };
+
+  /// A validator changed, and a sample is to tell whether the bytes did.
+  struct Doubt {
+    Validator candidate;
+    bool prepared = false;  // blocks are picked: what was in flight has ended
+    bool waiting = false;   // for the next attempt
+    std::vector<HashedBlock> blocks;
+    std::size_t index = 0;            // of the block that is being fetched
+    std::vector<std::uint8_t> bytes;  // of that block, so far
+    std::size_t attempts = 0;         // failed ones
+    int answersOfOldVersion = 0;
+  };
+
+  bool enter(JobState to) noexcept;
+  void settle(JobActions& actions) noexcept;
+  void proceed(JobActions& actions);
+  [[nodiscard]] std::size_t limit() const { return oneAtATime_ ? 1 : policy_.numThreads; }
+  [[nodiscard]] bool isLowest(const Flight& flight) const;
+  [[nodiscard]] bool othersAreAnswered(const Flight& flight) const;
+
+  FlightPtr addFlight();
+  FlightPtr nextRange();
+  FlightPtr nextSample();
+
+  Placement refuse(Flight& flight, Flight::Refusal refusal, const char* reason);
+  static Placement putBack(Flight& flight);
+  Placement place(Flight& flight, const AnswerClaim& claim, const Validator& validator, JobActions& actions);
+  void supersedeOthers(const Flight& leader, JobActions& actions);
+  void replan(JobActions& actions);
+  void giveWay(std::optional<std::uint64_t> size);
+  void noteHostsSize();
+
+  void succeeded(Flight& flight, const TransferEnd& end, JobActions& actions);
+  [[nodiscard]] bool endWholeFile(Flight& flight, std::uint64_t reached, const TransferEnd& end, JobActions& actions);
+  void continueRange(const Flight& flight, std::uint64_t reached, const TransferEnd& end, JobActions& actions);
+  void completeFrom(std::uint64_t rangeStart);
+  void finishIfWhole(const Flight& flight, const TransferEnd& end, JobActions& actions);
+  void failed(const Flight& flight, const TransferEnd& end, JobActions& actions);
+  void retryOrFail(std::uint64_t rangeStart, const TransferEnd& end, JobActions& actions);
+  void failFatally(std::uint64_t rangeStart, const TransferEnd& end, JobActions& actions);
+  void failFrom(std::int32_t code, std::int32_t httpStatus, JobActions& actions) noexcept;
+
+  Placement raiseDoubt(Flight& flight, const Validator& validator);
+  void prepareSample(JobActions& actions);
+  Placement answeredSample(Flight& flight, const AnswerClaim& claim, const Validator& validator);
+  void sampleEnded(Flight& flight, const TransferEnd& end, JobActions& actions);
+  void sampleSucceeded(Flight& flight, const TransferEnd& end, JobActions& actions);
+
+  const DownloadPolicy policy_;
+
+  JobState state_ = JobState::Idle;
+  std::int32_t errorCode_ = 0;
+  std::int32_t httpStatus_ = 0;
+  bool fileOpen_ = false;
+  bool finalizing_ = false;  // the file is being cut
+  bool closing_ = false;     // the file is being closed, or is closed
+  bool finalized_ = false;
+  bool retryDropped_ = false;
+
+  std::uint64_t totalBytes_ = 0;
+  bool hostGaveSize_ = false;
+  bool hostsSizeNoted_ = false;
+  bool partsNoted_ = false;
+  FileExtent extent_;
+  RemoteVersion version_;
+  ContentSample sample_;
+  std::optional<Doubt> doubt_;
+  int doubtsInARow_ = 0;  // without a transfer that ended well in between
+
+  DownloadPolicy planPolicy_;
+  std::uint64_t planSize_ = 0;
+  std::uint64_t generation_ = 0;  // of the plan
+  std::unique_ptr<RangeScheduler> scheduler_;
+  std::map<std::uint64_t, Progress> progress_;  // by range start
+  std::deque<ByteRange> rests_;                 // ranges whose next part is to be asked for at once
+
+  std::uint64_t lastFlight_ = 0;
+  std::map<std::uint64_t, FlightPtr> flights_;  // by id, so oldest first
+  bool oneAtATime_ = false;                     // the server sends whole files
+
+  std::uint64_t lastRetry_ = 0;
+  std::map<std::uint64_t, std::optional<std::uint64_t>> retries_;  // by id: the range's start; nothing: the sample
+
+  std::int32_t slowTimeouts_ = 0;
+};
+
+}  // namespace xfer
