@@ -160,6 +160,28 @@ TEST_F(JobTrust, twoJobsOfOneConnectionToOneHostBothComplete) {
   EXPECT_EQ(patternError(folder.file("two.bin"), 4000), "");
 }
 
+TEST_F(JobTrust, secondJobOnOneFileFailsAndTheFirstCompletes) {
+  Gate secondEnded;
+  ScriptedServer server([secondEnded](const ReceivedRequest& request) {
+    return Reply()
+        .waitFor(secondEnded)
+        .send("HTTP/1.1 206 Partial Content\r\nContent-Length: " + std::to_string(kChunk) + "\r\n\r\n")
+        .sendPattern(request.range->first, request.range->first + kChunk);
+  });
+  DownloadJob first(requestFor(server.url("/file"), path, 4 * kChunk), chunksOf(kChunk, 2));
+  first.start();
+  ASSERT_TRUE(server.waitForRequests(2));
+  DownloadJob second(requestFor(server.url("/file"), path, kChunk), chunksOf(kChunk, 2));
+  const DownloadSnapshot end = run(second);
+  EXPECT_EQ(end.state, JobState::Failed);
+  EXPECT_EQ(end.errorCode, 100004);
+  EXPECT_EQ(server.requests().size(), 2U) << "the second asks for nothing";
+  secondEnded.open();
+  EXPECT_EQ(waitForEnd(first).state, JobState::Completed);
+  EXPECT_EQ(patternError(path, 4 * kChunk), "");
+  EXPECT_EQ(support::listFolder(folder.path()), std::vector<std::string>{"out.bin"});
+}
+
 TEST_F(JobTrust, jobBesideALongFetchCompletesBeforeTheFetchDoes) {
   Gate jobDone;
   ScriptedServer server([jobDone](const ReceivedRequest& request) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <limits>
 
 #include "result_codes.h"
@@ -17,6 +18,8 @@ namespace {
 std::int32_t write(FileSink& sink, std::uint64_t offset, const std::string& text) {
   return sink.writeAt(offset, reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
 }
+
+void doNotWait(std::chrono::milliseconds /*time*/) {}
 
 TEST(FileSink, writesAtOffsetsIntoAFileOfFullSize) {
   const TempDir folder;
@@ -131,6 +134,38 @@ TEST(FileSink, pathsAreUtf8) {
   ASSERT_EQ(write(sink, 0, "abc"), 0);
   ASSERT_EQ(sink.finalize(3), 0);
   EXPECT_EQ(support::readFile(path), "abc");
+}
+
+TEST(FileSink, secondSinkOnOnePathIsRefusedAndChangesNothing) {
+  const TempDir folder;
+  FileSink first;
+  ASSERT_EQ(first.open(folder.file("f"), 5), 0);
+  ASSERT_EQ(write(first, 0, "first"), 0);
+  FileSink second(doNotWait);
+  EXPECT_EQ(second.open(folder.file("f"), 20), 100004);
+  EXPECT_FALSE(second.isOpen());
+  EXPECT_EQ(support::readFile(folder.file("f")), "first") << "others may read meanwhile";
+  EXPECT_EQ(support::listFolder(folder.path()), std::vector<std::string>{"f"});
+  EXPECT_EQ(write(first, 0, "whole"), 0);
+  EXPECT_EQ(first.finalize(5), 0);
+  EXPECT_EQ(support::readFile(folder.file("f")), "whole");
+}
+
+TEST(FileSink, fileIsFreeAgainOnceItsSinkIsClosed) {
+  const TempDir folder;
+  const auto expectFree = [&](const char* after) {
+    FileSink next(doNotWait);
+    EXPECT_EQ(next.open(folder.file("f"), 5), 0) << after;
+  };
+  FileSink sink;
+  ASSERT_EQ(sink.open(folder.file("f"), 5), 0);
+  sink.close();
+  expectFree("close");
+  ASSERT_EQ(sink.open(folder.file("f"), 5), 0);
+  ASSERT_EQ(sink.finalize(5), 0);
+  expectFree("finalize");
+  ASSERT_EQ(sink.open(folder.file("f"), std::numeric_limits<std::uint64_t>::max()), 100024);
+  expectFree("a size that cannot be reserved");
 }
 
 TEST(FileSink, openReplacesTheOldContent) {

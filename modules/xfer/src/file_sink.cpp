@@ -1,5 +1,7 @@
 #include "file_sink.h"
 
+#include <thread>
+
 #include "log.h"
 #include "result_codes.h"
 
@@ -7,18 +9,37 @@ namespace xfer {
 namespace {
 
 constexpr const char* kLogTag = "FileSink";
+constexpr std::chrono::milliseconds kPollInterval{5};
 
 }  // namespace
+
+FileSink::FileSink() : FileSink([](std::chrono::milliseconds time) { std::this_thread::sleep_for(time); }) {}
+
+// Polls: nobody announces that another process has let go.
+int FileSink::createPatiently() {
+  int error = file_.create(path_);
+  std::chrono::milliseconds waited{0};
+  while (sys::DiskFile::heldByWriter(error) && waited < kPatience) {
+    wait_(kPollInterval);
+    waited += kPollInterval;
+    error = file_.create(path_);
+  }
+  return error;
+}
 
 std::int32_t FileSink::open(const std::string& path, std::uint64_t size) {
   using Call = sys::DiskFile::ResizeResult::Call;
   path_ = path;
   bytesWritten_ = 0;
   writeFailed_ = false;
-  int error = file_.create(path_);
+  int error = createPatiently();
   if (error != 0 && sys::DiskFile::blockedByExisting(error)) {
     sys::DiskFile::moveAside(path_, path_ + ".bak");
-    error = file_.create(path_);
+    error = createPatiently();
+  }
+  if (sys::DiskFile::heldByWriter(error)) {
+    XFER_LOG(log::kFailure, "open | another job or process is writing the file | path=" << path_);
+    return result::kFileNotCreated;
   }
   if (error != 0) {
     XFER_LOG(log::kFailure, "open | CreateFile failed | path=" << path_ << " | err=" << error);

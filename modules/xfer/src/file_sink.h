@@ -3,15 +3,21 @@
 //
 //   Closed --open--> Open --finalize or close--> Closed
 //
-// Threads: writeAt may run on several threads at once for ranges that do not overlap.  open, finalize and close need
-//          the sink to themselves: the file must not be closed while a write is in flight.
+// An open sink is the only writer of its file: see sys::DiskFile.
+//
+// Threads: a job writes on one thread, its loop thread, and reads the counters on others.  writeAt allows more: several
+//          threads at once for ranges that do not overlap.  open, finalize and close need the sink to themselves: the
+//          file must not be closed while a write is in flight.
 // Errors:  by result code (see result_codes.h) and a failure record; none throws.
 // Units:   offsets, sizes and lengths are bytes; paths are UTF-8.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "sys/disk_file.h"
 
@@ -19,8 +25,19 @@ namespace xfer {
 
 class FileSink {
  public:
+  /// How long open waits for another writer to let go: a job that was just cancelled has the file a moment longer.
+  static constexpr std::chrono::milliseconds kPatience{1000};
+
+  using Wait = std::function<void(std::chrono::milliseconds)>;
+
+  FileSink();
+
+  /// wait takes the place of sleeping.
+  explicit FileSink(Wait wait) : wait_(std::move(wait)) {}
+
   /// Creates path at the given size, or replaces what is there; a file that cannot be replaced is moved to path +
-  /// ".bak" first, over an older one, and stays there.  kFileNotCreated or kFileNotReserved leave the sink closed.
+  /// ".bak" first, over an older one, and stays there.  A file that another writer still has after kPatience is refused
+  /// with kFileNotCreated and stays as it is.  kFileNotCreated or kFileNotReserved leave the sink closed.
   /// Requires: closed.
   std::int32_t open(const std::string& path, std::uint64_t size);
 
@@ -42,10 +59,15 @@ class FileSink {
   [[nodiscard]] bool writeFailed() const { return writeFailed_.load(std::memory_order_relaxed); }
 
  private:
+  int createPatiently();
+
+  const Wait wait_;
   std::string path_;
   sys::DiskFile file_;
-  std::atomic<std::uint64_t> bytesWritten_{0};  // several writers
-  std::atomic<bool> writeFailed_{false};        // several writers
+
+  // Atomic: writeAt may run on several threads, and others read them meanwhile.
+  std::atomic<std::uint64_t> bytesWritten_{0};
+  std::atomic<bool> writeFailed_{false};
 };
 
 }  // namespace xfer

@@ -1,5 +1,9 @@
 // A file that is written at any offset, on the operating system's own calls.  One twin a platform implements it.
 //
+// An open DiskFile is the only one of its file, in this process and in others; a second create is refused and changes
+// nothing.  POSIX: where the file system can lock, and among programs that use this class; a device or a FIFO may have
+// several.
+//
 // Threads: writeAt may run on several threads at once for ranges that do not overlap; everything else needs the file
 //          to itself.
 // Errors:  0 is success, any other number the operating system's own error code.
@@ -24,7 +28,8 @@ class DiskFile {
   DiskFile(const DiskFile&) = delete;
   DiskFile& operator=(const DiskFile&) = delete;
 
-  /// Creates path, or empties it when it exists.  Others may read the file while it is open.
+  /// Creates path, or empties it when it exists.  Others may read the file while it is open.  See heldByWriter and
+  /// blockedByExisting for what may be done about a failure.
   /// Requires: not open.
   int create(const std::string& path);
 
@@ -39,10 +44,14 @@ class DiskFile {
   /// of several threads need no lock.
   int writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length, std::uint64_t* written);
 
-  /// Does nothing when the file is not open.
+  /// Lets the next writer in.  Does nothing when the file is not open.
   void close();
 
   [[nodiscard]] bool isOpen() const { return handle_ != kClosed; }
+
+  /// Whether a create failed with error because another DiskFile has the file, or had when it was opened: the same
+  /// create may succeed once that is closed, and the file must stay where it is.  Windows does not tell: always false.
+  static bool heldByWriter(int error);
 
   /// Whether a create that failed with error can succeed once the file that is in its way has another name.
   static bool blockedByExisting(int error);

@@ -1,6 +1,7 @@
 #include "sys/disk_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -15,11 +16,77 @@ namespace {
 constexpr auto kMaxOffset = static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
 constexpr std::uint64_t kMaxWrite = 0x7FFFFFFF;  // more than the kernel takes in one call anyway
 
+constexpr int kHeldByWriter = EAGAIN;  // what a lock that another writer holds answers
+
 int truncateTo(int descriptor, off_t size) {
   while (::ftruncate(descriptor, size) != 0) {
     if (errno != EINTR) return errno;
   }
   return 0;
+}
+
+// Opens path, but neither empties it nor takes it from another writer.  -1 and errno when that fails.
+int openForWriting(const char* path) {
+  int low = -1;
+  do {
+    low = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+  } while (low < 0 && errno == EINTR);
+  if (low < 0 || low > STDERR_FILENO) return low;
+  // The host has closed a standard stream: what it prints there must not land in the file.
+  const int above = ::fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int error = errno;
+  ::close(low);
+  errno = error;
+  return above;
+}
+
+// What stands for the right to write a file: an advisory lock of the open file description.  Unlike a lock of the
+// process it excludes a second job in this process and outlives the closing of other descriptors of the file.  It is
+// not an flock, so that a host or a shell may hold one of its own on the file that it lets a job write.  It lies behind
+// the last byte that a file can have: some network file systems enforce locks, and others may read what is written.
+struct flock writersLock(short type) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = std::numeric_limits<off_t>::max();
+  lock.l_len = 1;
+  return lock;
+}
+
+// Whether another writer holds the file; if not, this one does from now on.  A file system that cannot lock is used
+// without.
+bool heldByAnother(int descriptor) {
+  struct flock lock = writersLock(F_WRLCK);
+  while (::fcntl(descriptor, F_OFD_SETLK, &lock) != 0) {
+    if (errno != EINTR) return errno == EAGAIN || errno == EACCES;
+  }
+  return false;
+}
+
+// The same for a file that may not be opened for writing, and without taking it.
+bool heldByAnother(const char* path) {
+  const int descriptor = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  struct flock lock = writersLock(F_WRLCK);
+  const bool held = ::fcntl(descriptor, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+  ::close(descriptor);
+  return held;
+}
+
+bool names(const char* path, const struct stat& file) {
+  struct stat named {};
+  return ::stat(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
+}
+
+// Makes this the file's one writer, then empties it.
+int takeOver(int descriptor, const char* path) {
+  struct stat opened {};
+  if (::fstat(descriptor, &opened) != 0) return errno;
+  if (!S_ISREG(opened.st_mode)) return 0;  // a device or a FIFO has no content to protect, and nothing to empty
+  if (heldByAnother(descriptor)) return kHeldByWriter;
+  // Somebody renamed or replaced the file before it was locked: its content is no longer this path's.
+  if (!names(path, opened)) return kHeldByWriter;
+  return truncateTo(descriptor, 0);
 }
 
 DiskFile::ResizeResult setEndFailed(int error) {
@@ -29,13 +96,16 @@ DiskFile::ResizeResult setEndFailed(int error) {
 }  // namespace
 
 int DiskFile::create(const std::string& path) {
-  int descriptor = -1;
-  do {
-    descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  } while (descriptor < 0 && errno == EINTR);
-  if (descriptor < 0) return errno;
+  const int descriptor = openForWriting(path.c_str());
+  if (descriptor < 0) {
+    const int error = errno;
+    // What another writer holds is not to be moved aside either.
+    return blockedByExisting(error) && heldByAnother(path.c_str()) ? kHeldByWriter : error;
+  }
   handle_ = descriptor;
-  return 0;
+  const int error = takeOver(descriptor, path.c_str());
+  if (error != 0) close();
+  return error;
 }
 
 DiskFile::ResizeResult DiskFile::reserve(std::uint64_t size) {
@@ -74,13 +144,21 @@ int DiskFile::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint
 
 void DiskFile::close() {
   if (!isOpen()) return;
-  ::close(static_cast<int>(handle_));
+  const auto descriptor = static_cast<int>(handle_);
+  // Closing alone would leave the lock with a child that the host forked meanwhile.
+  struct flock lock = writersLock(F_UNLCK);
+  static_cast<void>(::fcntl(descriptor, F_OFD_SETLK, &lock));
+  ::close(descriptor);
   handle_ = kClosed;
 }
 
 bool DiskFile::blockedByExisting(int error) {
   // A program that is running, and a file that may not be written: the folder may still allow another name.
   return error == ETXTBSY || error == EACCES || error == EPERM;
+}
+
+bool DiskFile::heldByWriter(int error) {
+  return error == kHeldByWriter;
 }
 
 void DiskFile::moveAside(const std::string& path, const std::string& sidePath) {

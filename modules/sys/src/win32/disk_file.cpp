@@ -80,6 +80,12 @@ bool DiskFile::blockedByExisting(int error) {
   return error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED;
 }
 
+// A sharing violation may come from a reader as well, so it counts as blocked: what another writer holds cannot be
+// renamed, and the second create fails like the first.
+bool DiskFile::heldByWriter(int /*error*/) {
+  return false;
+}
+
 void DiskFile::moveAside(const std::string& path, const std::string& sidePath) {
   const std::wstring side = widePath(sidePath);
   ::DeleteFileW(side.c_str());
