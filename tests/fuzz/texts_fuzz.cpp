@@ -6,9 +6,9 @@
 #include <string_view>
 #include <vector>
 
+#include "body_placement.h"
 #include "easy_options.h"
 #include "fuzz/promise.h"
-#include "range_answer.h"
 #include "remote_file.h"
 #include "request_text.h"
 #include "response_head.h"
@@ -69,16 +69,18 @@ void judgesAnswers(const std::string& text) {
     rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
   }
   const xfer::ResponseHead& head = reader.head();
-  xfer::RemoteIdentity identity{kTotal, "\"earlier\""};
-  const xfer::RangeAnswer answer = xfer::judgeAnswer(head, kStart, kEnd, identity);
-  if (answer.kind != xfer::RangeAnswer::Kind::Range && answer.kind != xfer::RangeAnswer::Kind::WholeFile) return;
-  promise(head.status == 200 || head.status == 206, "only these statuses bring content");
-  promise(head.strongEtag.empty() || head.strongEtag == "\"earlier\"", "of the same file");
-  if (answer.kind == xfer::RangeAnswer::Kind::WholeFile) return promise(head.status == 200, "a whole file is a 200");
-  promise(head.status == 206 && !head.multipartRanges, "a range is a plain 206");
-  if (!head.contentRange) return;
+  const xfer::AnswerClaim claim = xfer::readClaim(head, kStart);
+  using Kind = xfer::AnswerClaim::Kind;
+  promise(claim.kind != Kind::NoContent || (head.status != 200 && head.status != 206), "these statuses bring content");
+  if (claim.kind == Kind::WholeFile) {
+    promise(head.status == 200 && !head.contentLengthsDiffer, "a whole file is a 200 of one length");
+    promise(claim.endIsSeen || !claim.length, "a length shows where a body ends");
+  }
+  if (claim.kind != Kind::Range) return;
+  promise(head.status == 206 && !head.multipartRanges && !head.contentLengthsDiffer, "a range is a plain 206");
+  if (!head.contentRange) return promise(!claim.total && !claim.namedEnd, "that names nothing");
   promise(head.contentRange->first == kStart, "that begins where it was asked to");
-  promise(head.contentRange->total.value_or(kTotal) == kTotal, "in a file of the same size");
+  promise(claim.namedEnd > kStart && (!claim.total || *claim.namedEnd <= *claim.total), "and ends inside of the file");
 }
 
 void scramblesAndBack(const std::string& text) {

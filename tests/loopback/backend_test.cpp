@@ -56,8 +56,8 @@ class Transfers {
  public:
   explicit Transfers(const DownloadPolicy& policy = {}) : backend_(std::make_unique<CurlMultiBackend>(policy)) {}
 
-  void submit(const TransferRequest& request) {
-    backend_->submit(
+  Ticket submit(const TransferRequest& request) {
+    return backend_->submit(
         request,
         [this](std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length) {
           const std::lock_guard lock(mutex_);
@@ -65,9 +65,9 @@ class Transfers {
                    std::string(reinterpret_cast<const char*>(bytes), length) != patternBytes(offset, offset + length);
           received_ += length;
         },
-        [this](std::uint64_t start, std::int32_t code, std::int32_t status, std::uint64_t bytes) {
+        [this](std::uint64_t start, const TransferEnd& end) {
           const std::lock_guard lock(mutex_);
-          ends_.push_back({start, code, status, bytes});
+          ends_.push_back({start, end.code, end.status, end.bytes});
         });
   }
 
@@ -94,8 +94,7 @@ class Transfers {
     later.rangeStart = std::numeric_limits<std::uint64_t>::max() - 1;
     Gate over;
     backend_->pause();
-    backend_->submit(later, {}, [over](auto...) mutable { over.open(); });
-    backend_->cancelRange(later.rangeStart);
+    backend_->cancel(backend_->submit(later, {}, [over](auto...) mutable { over.open(); }));
     EXPECT_TRUE(over.wait());
   }
 
@@ -199,7 +198,7 @@ TEST(Backend, callbackThatThrowsIsLoggedAndTheLoopGoesOn) {
   Transfers transfers;
   transfers.backend().submit(
       range(server.url("/"), 0, 5), {},
-      [](std::uint64_t, std::int32_t, std::int32_t, std::uint64_t) { throw std::runtime_error("x"); });
+      [](std::uint64_t, const TransferEnd&) { throw std::runtime_error("x"); });
   EXPECT_TRUE(log.waitFor("finishTransfer | done_cb threw"));
   transfers.submit(range(server.url("/"), 5, 10));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{5, 0, 206, 5}}));
@@ -223,14 +222,14 @@ TEST(Backend, cancelAllEndsActiveWaitingAndQueuedOnesOnceAndLaterOnesRun) {
   EXPECT_EQ(ends.back(), (End{60, 0, 206, 10}));
 }
 
-TEST(Backend, cancelRangeEndsThatOneOnly) {
+TEST(Backend, cancelEndsTheTransferOfThatTicketOnly) {
   ScriptedServer server(
       [](const ReceivedRequest& request) { return range206(request, 1000, {.bodyBytes = 0}).stall(); });
   Transfers transfers(threads(2));
   transfers.submit(range(server.url("/"), 0, 10));
-  transfers.submit(range(server.url("/"), 10, 20));
+  const Ticket second = transfers.submit(range(server.url("/"), 10, 20));
   ASSERT_TRUE(server.waitForRequests(2));
-  transfers.backend().cancelRange(10);
+  transfers.backend().cancel(second);
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 42, 0, 0}}));
   EXPECT_TRUE(waitUntil([&] { return transfers.backend().activeCount() == 1; }));
 }
@@ -254,13 +253,13 @@ TEST(Backend, submissionTakenTogetherWithAStopGetsNoDoneCallback) {
   Gate first;
   Gate goOn;
   std::atomic<int> others{0};
-  backend.submit(range(server.url("/"), 0, 10), {}, [&](std::uint64_t, std::int32_t, std::int32_t, std::uint64_t) {
+  backend.submit(range(server.url("/"), 0, 10), {}, [&](std::uint64_t, const TransferEnd&) {
     first.open();
     EXPECT_TRUE(goOn.wait());  // the loop stands here
   });
   ASSERT_TRUE(first.wait());
   backend.submit(range(server.url("/"), 3, 10), {},
-                 [&](std::uint64_t, std::int32_t, std::int32_t, std::uint64_t) { ++others; });
+                 [&](std::uint64_t, const TransferEnd&) { ++others; });
   const int wakeups = g_wakeups;
   std::thread stopper([&] { backend.stop(); });
   EXPECT_TRUE(waitUntil([&] { return g_wakeups > wakeups; })) << "the stop is queued";
@@ -444,7 +443,7 @@ TEST(BackendDeathTest, destructionFromACallbackEndsTheProcess) {
       {
         auto* const backend = new CurlMultiBackend(DownloadPolicy{});
         backend->submit(range(UnusedPort().url("/"), 0, 10), {},
-                        [&](std::uint64_t, std::int32_t, std::int32_t, std::uint64_t) { delete backend; });
+                        [&](std::uint64_t, const TransferEnd&) { delete backend; });
         std::this_thread::sleep_for(testTimeout());
       },
       "");

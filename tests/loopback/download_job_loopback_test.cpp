@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "curl_multi_backend.h"
 #include "download_job_impl.h"
 #include "support/census.h"
 #include "support/gate.h"

@@ -80,8 +80,10 @@ std::string orderOfArrival(const std::string& url, std::uint16_t limit, bool htt
           if (!std::equal(expected.begin(), expected.end(), reinterpret_cast<const char*>(bytes)))
             wrong = "wrong bytes";
         },
-        [&](std::uint64_t, std::int32_t code, std::int32_t status, std::uint64_t) {
-          if (code != 0 || status != 206) wrong = "code " + std::to_string(code) + ", status " + std::to_string(status);
+        [&](std::uint64_t, const xfer::TransferEnd& end) {
+          if (end.code != 0 || end.status != 206) {
+            wrong = "code " + std::to_string(end.code) + ", status " + std::to_string(end.status);
+          }
           ++done;
         });
   }

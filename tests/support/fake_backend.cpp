@@ -1,5 +1,7 @@
 #include "support/fake_backend.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
@@ -52,7 +54,7 @@ std::vector<BackendCall> FakeTransfers::calls() const {
   return calls_;
 }
 
-std::size_t FakeTransfers::count(xfer::BackendCommand command) const {
+std::size_t FakeTransfers::count(BackendCommand command) const {
   const sys::MutexLock lock(mutex_);
   return static_cast<std::size_t>(
       std::count_if(calls_.begin(), calls_.end(), [&](const BackendCall& call) { return call.command == command; }));
@@ -81,7 +83,7 @@ void FakeTransfers::end(Transfer& transfer, std::int32_t code, std::int32_t http
     const sys::MutexLock lock(mutex_);
     transfer.ended = true;
   }
-  transfer.onDone(transfer.request.rangeStart, code, httpStatus, bytes);
+  transfer.onDone(transfer.request.rangeStart, {code, httpStatus, bytes});
 }
 
 xfer::Placement FakeTransfers::answer(std::uint64_t rangeStart, const xfer::ResponseHead& head) {
@@ -114,7 +116,7 @@ void FakeTransfers::stop() {
   std::vector<std::shared_ptr<Transfer>> ending;
   {
     const sys::MutexLock lock(mutex_);
-    if (!stopped_) calls_.push_back({xfer::BackendCommand::Stop, 0});
+    if (!stopped_) calls_.push_back({BackendCommand::Stop, 0});
     stopped_ = true;
     for (const auto& transfer : transfers_) {
       if (!transfer->ended) ending.push_back(transfer);
@@ -123,7 +125,8 @@ void FakeTransfers::stop() {
   for (const auto& transfer : ending) end(*transfer, CURLE_ABORTED_BY_CALLBACK, 0, 0);
 }
 
-void FakeBackend::submit(const xfer::TransferRequest& request, xfer::DataCallback onData, xfer::DoneCallback onDone) {
+xfer::Ticket FakeBackend::submit(const xfer::TransferRequest& request, xfer::DataCallback onData,
+                                 xfer::DoneCallback onDone) {
   const auto transfer = std::make_shared<FakeTransfers::Transfer>();
   transfer->request = request;
   transfer->onData = std::move(onData);
@@ -134,9 +137,17 @@ void FakeBackend::submit(const xfer::TransferRequest& request, xfer::DataCallbac
     if (transfers_.throws_) throw std::runtime_error("submit");
     refusal = transfers_.stopped_ ? CURLE_ABORTED_BY_CALLBACK : transfers_.refusal_;
     transfer->ended = refusal.has_value();
+    transfer->ticket = transfers_.transfers_.size() + 1;
     transfers_.transfers_.push_back(transfer);
   }
-  if (refusal) transfer->onDone(request.rangeStart, *refusal, 0, 0);
+  if (refusal) transfer->onDone(request.rangeStart, {*refusal, 0, 0});
+  return transfer->ticket;
+}
+
+void FakeBackend::cancel(xfer::Ticket ticket) noexcept {
+  const sys::MutexLock lock(transfers_.mutex_);
+  const auto& transfer = *transfers_.transfers_.at(ticket - 1);
+  if (!transfer.ended) transfers_.calls_.push_back({BackendCommand::Cancel, transfer.request.rangeStart});
 }
 
 std::int32_t FakeBackend::activeCount() const {

@@ -21,14 +21,16 @@
 #include <string>
 #include <vector>
 
-#include "curl_multi_backend.h"
 #include "sys/mutex.h"
+#include "transfer_backend.h"
 
 namespace support {
 
+enum class BackendCommand { CancelAll, Pause, Resume, Cancel, Stop };
+
 struct BackendCall {
-  xfer::BackendCommand command{};
-  std::uint64_t rangeStart = 0;  // of CancelRange
+  BackendCommand command{};
+  std::uint64_t rangeStart = 0;  // Cancel: of the transfer
 
   bool operator==(const BackendCall&) const = default;
 };
@@ -54,7 +56,7 @@ class FakeTransfers {
 
   /// What the backend was told beside submissions, oldest first.
   [[nodiscard]] std::vector<BackendCall> calls() const;
-  [[nodiscard]] std::size_t count(xfer::BackendCommand command) const;
+  [[nodiscard]] std::size_t count(BackendCommand command) const;
 
   /// Every later submission ends at once with this code.
   void refuseSubmissions(std::int32_t code);
@@ -74,6 +76,7 @@ class FakeTransfers {
  private:
   friend class FakeBackend;
   struct Transfer {
+    xfer::Ticket ticket = 0;
     xfer::TransferRequest request;
     xfer::DataCallback onData;
     xfer::DoneCallback onDone;
@@ -99,13 +102,14 @@ class FakeBackend final : public xfer::ITransferBackend {
   FakeBackend(const FakeBackend&) = delete;
   FakeBackend& operator=(const FakeBackend&) = delete;
 
-  void submit(const xfer::TransferRequest& request, xfer::DataCallback onData, xfer::DoneCallback onDone) override;
-  void cancelAll() override { record({xfer::BackendCommand::CancelAll, 0}); }
-  void pause() override { record({xfer::BackendCommand::PauseAll, 0}); }
-  void resume() override { record({xfer::BackendCommand::ResumeAll, 0}); }
+  xfer::Ticket submit(const xfer::TransferRequest& request, xfer::DataCallback onData,
+                      xfer::DoneCallback onDone) override;
+  void cancelAll() noexcept override { record({BackendCommand::CancelAll, 0}); }
+  void pause() noexcept override { record({BackendCommand::Pause, 0}); }
+  void resume() noexcept override { record({BackendCommand::Resume, 0}); }
   [[nodiscard]] std::int32_t activeCount() const override;
-  void cancelRange(std::uint64_t rangeStart) override { record({xfer::BackendCommand::CancelRange, rangeStart}); }
-  void stop() override { transfers_.stop(); }
+  void cancel(xfer::Ticket ticket) noexcept override;
+  void stop() noexcept override { transfers_.stop(); }
 
  private:
   void record(const BackendCall& call);

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "range_answer.h"
+#include "body_placement.h"
 #include "response_head.h"
 #include "token_bucket.h"
 
@@ -149,46 +149,53 @@ TEST(ContentRange, isReadOnlyInItsOwnForm) {
   }
 }
 
-RangeAnswer::Kind judged(const ResponseHead& answer, RemoteIdentity identity = {}) {
-  return judgeAnswer(answer, 10, 20, identity).kind;
+using Kind = AnswerClaim::Kind;
+
+AnswerClaim claim(std::initializer_list<const char*> lines) {
+  return readClaim(head(lines), 10);
 }
 
-TEST(RangeAnswer, rangeThatWasAskedForIsTaken) {
-  EXPECT_EQ(judged(head({"HTTP/1.1 206 x", "Content-Range: bytes 10-19/100"})), RangeAnswer::Kind::Range);
+TEST(AnswerClaim, ofTheRangeAskedForNamesItsEndAndTheTotal) {
+  const AnswerClaim range = claim({"HTTP/1.1 206 x", "Content-Range: bytes 10-14/100"});
+  EXPECT_EQ(range.kind, Kind::Range);
+  EXPECT_EQ(range.namedEnd, 15U);
+  EXPECT_EQ(range.total, 100U);
+  EXPECT_EQ(claim({"HTTP/1.1 206 x", "Content-Range: bytes 10-14/*"}).total, std::nullopt);
 }
 
-TEST(RangeAnswer, withoutAReadableContentRangeIsTakenAsAsked) {
-  EXPECT_EQ(judged(head({"HTTP/1.1 206 x"})), RangeAnswer::Kind::Range);
-  EXPECT_EQ(judged(head({"HTTP/1.1 206 x", "Content-Range: nonsense"})), RangeAnswer::Kind::Range);
+TEST(AnswerClaim, withoutAReadableContentRangeIsTakenAsAsked) {
+  for (const char* value : {"X: y", "Content-Range: nonsense", "Content-Range: bytes 10-5/100"}) {
+    const AnswerClaim range = claim({"HTTP/1.1 206 x", value});
+    EXPECT_EQ(range.kind, Kind::Range) << value;
+    EXPECT_EQ(range.namedEnd, std::nullopt) << value;
+    EXPECT_EQ(range.total, std::nullopt) << value;
+  }
 }
 
-TEST(RangeAnswer, thatStartsElsewhereOrIsMultipartIsMisplaced) {
-  EXPECT_EQ(judged(head({"HTTP/1.1 206 x", "Content-Range: bytes 11-19/100"})), RangeAnswer::Kind::Misplaced);
-  EXPECT_EQ(judged(head({"HTTP/1.1 206 x", "Content-Type: Multipart/Byteranges; boundary=x"})),
-            RangeAnswer::Kind::Misplaced);
+TEST(AnswerClaim, thatStartsElsewhereOrIsMultipartOrContradictsItselfIsUnusable) {
+  EXPECT_EQ(claim({"HTTP/1.1 206 x", "Content-Range: bytes 11-19/100"}).kind, Kind::Unusable);
+  EXPECT_EQ(claim({"HTTP/1.1 206 x", "Content-Type: Multipart/Byteranges; boundary=x"}).kind, Kind::Unusable);
+  EXPECT_EQ(claim({"HTTP/1.1 206 x", "Content-Length: 3", "Content-Length: 4"}).kind, Kind::Unusable);
+  EXPECT_EQ(claim({"HTTP/1.1 200 x", "Content-Length: 3", "Content-Length: 4"}).kind, Kind::Unusable);
 }
 
-TEST(RangeAnswer, withAnotherTotalOrEntityTagMeansAChangedFile) {
-  EXPECT_EQ(judged(head({"HTTP/1.1 206 x", "Content-Range: bytes 10-19/100"}), {101, ""}),
-            RangeAnswer::Kind::FileChanged);
-  EXPECT_EQ(judged(head({"HTTP/1.1 206 x", "ETag: \"b\""}), {std::nullopt, "\"a\""}), RangeAnswer::Kind::FileChanged);
-  EXPECT_EQ(judged(head({"HTTP/1.1 206 x", "ETag: W/\"b\""}), {std::nullopt, "\"a\""}), RangeAnswer::Kind::Range);
+TEST(AnswerClaim, of200IsTheWholeFileWithItsLengthOrAnEndThatIsSeenOrNot) {
+  const AnswerClaim sized = claim({"HTTP/1.1 200 OK", "Content-Length: 77"});
+  EXPECT_EQ(sized.kind, Kind::WholeFile);
+  EXPECT_EQ(sized.length, 77U);
+  EXPECT_TRUE(sized.endIsSeen);
+  const AnswerClaim chunked = claim({"HTTP/1.1 200 OK", "Content-Length: 77", "Transfer-Encoding: chunked"});
+  EXPECT_EQ(chunked.length, std::nullopt);
+  EXPECT_TRUE(chunked.endIsSeen);
+  const AnswerClaim open = claim({"HTTP/1.1 200 OK"});
+  EXPECT_EQ(open.length, std::nullopt);
+  EXPECT_FALSE(open.endIsSeen);
 }
 
-TEST(RangeAnswer, identityIsLearntFromUsableAnswersOnly) {
-  RemoteIdentity identity;
-  judgeAnswer(head({"HTTP/1.1 206 x", "Content-Range: bytes 0-9/77", "ETag: \"m\""}), 10, 20, identity);
-  EXPECT_FALSE(identity.total);
-  judgeAnswer(head({"HTTP/1.1 206 x", "Content-Range: bytes 10-19/77", "ETag: \"m\""}), 10, 20, identity);
-  EXPECT_EQ(identity.total, 77U);
-  EXPECT_EQ(identity.strongEtag, "\"m\"");
-}
-
-TEST(RangeAnswer, of200IsTheWholeFileAndOthersAreNoContent) {
-  EXPECT_EQ(judged(head({"HTTP/1.1 200 OK"})), RangeAnswer::Kind::WholeFile);
-  EXPECT_EQ(judged(head({"HTTP/1.1 304 Not Modified"})), RangeAnswer::Kind::NoContent);
-  RemoteIdentity identity;
-  EXPECT_EQ(judgeAnswer(head({"HTTP/1.1 200 OK"}), 0, 0, identity).kind, RangeAnswer::Kind::Range);
+TEST(AnswerClaim, ofAnyOtherStatusBringsNoContent) {
+  for (const char* status : {"HTTP/1.1 203 x", "HTTP/1.1 204 x", "HTTP/1.1 300 x", "HTTP/1.1 304 x", "HTTP/1.1 404 x"}) {
+    EXPECT_EQ(claim({status, "Content-Length: 5"}).kind, Kind::NoContent) << status;
+  }
 }
 
 constexpr std::uint64_t kSecond = 1'000'000'000;

@@ -29,7 +29,7 @@ using support::BackendCall;
 using support::FakeJobWorld;
 using support::Gate;
 using support::waitUntil;
-using xfer::BackendCommand;
+using support::BackendCommand;
 using xfer::DownloadJob;
 using xfer::DownloadPolicy;
 using xfer::DownloadRequest;
@@ -200,11 +200,11 @@ TEST_F(DownloadJobTest, resumeOfARunningJobAndPauseOfAPausedOneDoNothing) {
   job->pause();
   EXPECT_EQ(state(), JobState::Paused);
   job->pause();
-  EXPECT_EQ(world.transfers.calls(), (std::vector<BackendCall>{{BackendCommand::PauseAll, 0}}));
+  EXPECT_EQ(world.transfers.calls(), (std::vector<BackendCall>{{BackendCommand::Pause, 0}}));
   job->resume();
   EXPECT_EQ(state(), JobState::Running);
   EXPECT_EQ(world.transfers.calls(),
-            (std::vector<BackendCall>{{BackendCommand::PauseAll, 0}, {BackendCommand::ResumeAll, 0}}));
+            (std::vector<BackendCall>{{BackendCommand::Pause, 0}, {BackendCommand::Resume, 0}}));
 }
 
 TEST_F(DownloadJobTest, resumeLeavesFreeSlotsToTheNextTransferThatFinishes) {
@@ -1012,7 +1012,7 @@ TEST_F(DownloadJobTest, wholeFileInPlaceOfTheFirstRangeCompletesTheJob) {
   EXPECT_EQ(placement.bodyOffset, 0U);
   EXPECT_EQ(placement.end, 40U);
   EXPECT_EQ(world.transfers.calls(),
-            (std::vector<BackendCall>{{BackendCommand::CancelRange, 10}, {BackendCommand::CancelRange, 20}}));
+            (std::vector<BackendCall>{{BackendCommand::Cancel, 10}, {BackendCommand::Cancel, 20}}));
   world.transfers.finish(10, 42, 0);
   world.transfers.finish(20, 42, 0);
   EXPECT_EQ(world.transfers.inFlight(), Starts{0}) << "nothing goes out beside it";

@@ -13,7 +13,6 @@ using support::RecordingLogger;
 
 namespace {
 
-using ByteRange = std::pair<std::uint64_t, std::uint64_t>;
 constexpr std::uint64_t kMiB = 1048576;
 constexpr std::uint64_t kMax64 = std::numeric_limits<std::uint64_t>::max();
 
@@ -29,9 +28,9 @@ std::vector<std::uint64_t> lengths(std::uint64_t total, const DownloadPolicy& po
   std::vector<std::uint64_t> result;
   std::uint64_t offset = 0;
   while (const auto range = ranges.nextPending()) {
-    EXPECT_EQ(range->first, offset);
-    result.push_back(range->second - range->first);
-    offset = range->second;
+    EXPECT_EQ(range->start, offset);
+    result.push_back(range->end - range->start);
+    offset = range->end;
   }
   EXPECT_EQ(offset, total);
   return result;
@@ -43,7 +42,7 @@ TEST(RangeScheduler, emptyFileIsOneRangeThatCompletesWithoutARecord) {
   EXPECT_FALSE(log.contains("buildRanges"));
   EXPECT_EQ(ranges.rangeCount(), 1U);
   EXPECT_FALSE(ranges.allDone());
-  EXPECT_EQ(ranges.nextPending(), ByteRange(0, 0));
+  EXPECT_EQ(ranges.nextPending(), (ByteRange{0, 0}));
   ranges.complete(0);
   EXPECT_TRUE(ranges.allDone());
 }
@@ -127,20 +126,20 @@ TEST(RangeScheduler, completeOfAPendingOrUnknownRangeChangesNothing) {
   ranges.complete(10);
   ranges.complete(7);
   EXPECT_EQ(log.texts().size(), 2U);
-  EXPECT_EQ(ranges.nextPending(), ByteRange(0, 10));
-  EXPECT_EQ(ranges.nextPending(), ByteRange(10, 20));
+  EXPECT_EQ(ranges.nextPending(), (ByteRange{0, 10}));
+  EXPECT_EQ(ranges.nextPending(), (ByteRange{10, 20}));
 }
 
 // A range that comes back after a retry goes out again before any that never ran.
 TEST(RangeScheduler, requeuedRangeGoesOutBeforeNeverStartedOnes) {
   const RecordingLogger log(4);
   RangeScheduler ranges(30, fixedChunks(10));
-  ASSERT_EQ(ranges.nextPending(), ByteRange(0, 10));
-  ASSERT_EQ(ranges.nextPending(), ByteRange(10, 20));
+  ASSERT_EQ(ranges.nextPending(), (ByteRange{0, 10}));
+  ASSERT_EQ(ranges.nextPending(), (ByteRange{10, 20}));
   ranges.fail(0);
   EXPECT_EQ(log.texts(4), std::vector<std::string>{"fail | re-queued range start=0"});
-  EXPECT_EQ(ranges.nextPending(), ByteRange(0, 10));
-  EXPECT_EQ(ranges.nextPending(), ByteRange(20, 30));
+  EXPECT_EQ(ranges.nextPending(), (ByteRange{0, 10}));
+  EXPECT_EQ(ranges.nextPending(), (ByteRange{20, 30}));
   EXPECT_EQ(ranges.nextPending(), std::nullopt);
 }
 
@@ -167,7 +166,7 @@ TEST(RangeScheduler, releaseSaysNothingAndLeavesADoneRangeAlone) {
   ranges.release(0);
   ranges.release(10);
   EXPECT_TRUE(log.texts().empty());
-  EXPECT_EQ(ranges.nextPending(), ByteRange(10, 20));
+  EXPECT_EQ(ranges.nextPending(), (ByteRange{10, 20}));
   EXPECT_EQ(ranges.nextPending(), std::nullopt);
 }
 
@@ -187,7 +186,7 @@ TEST(RangeScheduler, twoMillionRangesAreWorkedThrough) {
   constant.chunkGrowthFactor = 1;
   RangeScheduler ranges(kRanges * kMiB, constant);
   EXPECT_EQ(ranges.rangeCount(), kRanges);
-  while (const auto range = ranges.nextPending()) ranges.complete(range->first);
+  while (const auto range = ranges.nextPending()) ranges.complete(range->start);
   EXPECT_TRUE(ranges.allDone());
   EXPECT_EQ(ranges.completedBytes(), kRanges * kMiB);
 }
@@ -204,8 +203,8 @@ TEST(RangeScheduler, handsEachRangeToOneThreadOnly) {
   for (auto& mine : taken) {
     threads.emplace_back([&ranges, &mine] {
       while (const auto range = ranges.nextPending()) {
-        mine.insert(range->first);
-        ranges.complete(range->first);
+        mine.insert(range->start);
+        ranges.complete(range->start);
       }
     });
   }

@@ -155,6 +155,7 @@ DownloadJob::Impl::Impl(DownloadRequest request, DownloadPolicy policy, JobEnvir
       policy_(policy),
       environment_(std::move(environment)),
       core_(policy),
+      sink_([this](std::chrono::milliseconds time) { stopping_.waitFor(time); }),
       retryTimers_([this](std::uint64_t delayMs) { environment_.waitForRetry(delayMs, stopping_); }) {}
 
 DownloadJob::Impl::~Impl() {
@@ -287,7 +288,8 @@ void DownloadJob::Impl::doStart() {
     XFER_LOG(log::kFailure, "doStart | sink open failed | err=" << error);
     return failWith(error);
   }
-  if (stopped()) return markCancelled();
+  post([](JobCore& core) { return core.fileOpened(); });
+  if (stopped()) return;
   DownloadPolicy policy = policy_;
   // The job goes on submitting as many as it likes; the backend runs one after the other.
   if (!ranges || size == 0) policy.numThreads = 1;

@@ -111,8 +111,14 @@ void JobCore::setSize(std::uint64_t size, SizeFrom from) {
   }
 }
 
-void JobCore::plan(const DownloadPolicy& policy) {
+JobActions JobCore::fileOpened() noexcept {
+  JobActions actions;
   fileOpen_ = true;
+  settle(actions);
+  return actions;
+}
+
+void JobCore::plan(const DownloadPolicy& policy) {
   planPolicy_ = policy;
   planSize_ = totalBytes_;
   scheduler_ = std::make_unique<RangeScheduler>(planSize_, planPolicy_);

@@ -125,7 +125,10 @@ class JobCore {
   /// Sets the size to work with; 0: unknown, whatever it is from.
   void setSize(std::uint64_t size, SizeFrom from);
 
-  /// Cuts the file into ranges.  The file is open from here on.
+  /// The file is open, and the core says when to close it.
+  JobActions fileOpened() noexcept;
+
+  /// Cuts the file into ranges.
   void plan(const DownloadPolicy& policy);
 
   /// Enters Running, or Cancelled when the job was cancelled meanwhile.
