@@ -117,12 +117,12 @@ XFER_API bool xfer_stopDownloadHandle(uint64_t dl_id);
  *
  * *downloaded: the bytes received so far; *finished: 1 when it has ended, else 0; *errorCode: only written when it has
  * ended: 0 when the file is whole, 102 when it was cancelled, else the failure (a libcurl code, an HTTP status, 100000
- * for an exception, 100004 and 100024 when the file could not be made, 100006 when it was not open, -1 when it could not
- * be written or there was no transfer handle).
+ * for an exception, 100004 and 100024 when the file could not be made, 100006 when it was not open, -1 when it could
+ * not be written or there was no transfer handle).
  *
  * The first call that finds a download ended ends its life: later ones give the same *errorCode, and 0 in *downloaded.
- * That result stays, by design, until the module is unloaded: about 64 bytes a download.  For an unknown id *finished is
- * 1 and the others are not written.
+ * That result stays, by design, until the module is unloaded: about 64 bytes a download.  For an unknown id *finished
+ * is 1 and the others are not written.
  */
 XFER_API int32_t xfer_getProgress(uint64_t dl_id, uint64_t* downloaded, uint32_t* errorCode, uint8_t* finished);
 
