@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <thread>
 
 #include "keel/keel.h"
@@ -128,11 +129,12 @@ TEST(Download, brandsTraceIsRewrittenAndTheRequestIsNot) {
   EXPECT_EQ(server.requests().at(0).target, "/" + hidden);
 }
 
-// A host's buffer that holds so many bytes, and always answers that it cannot.
+// A host's buffer that holds so many bytes and always answers that it cannot, or throws instead.
 class DenyingBuffer : public sys::IDataBuff {
  public:
-  explicit DenyingBuffer(std::uint64_t room) : room_(room) {}
+  explicit DenyingBuffer(std::uint64_t room, bool throwing = false) : room_(room), throwing_(throwing) {}
   bool resize(std::uint64_t n) override {
+    if (throwing_) throw std::length_error("thrown by a buffer");
     if (n <= room_) bytes_.resize(n);
     return false;
   }
@@ -152,6 +154,7 @@ class DenyingBuffer : public sys::IDataBuff {
 
  private:
   const std::uint64_t room_;
+  const bool throwing_;
   std::string bytes_;
 };
 
@@ -167,6 +170,21 @@ TEST(Download, bufferThatCannotGrowEndsTheCallWith100000) {
   ASSERT_EQ(xfer_downloadAsync(server.url("/").c_str(), &id, nullptr, nullptr, nullptr, nullptr), 0);
   EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 100000);
   EXPECT_EQ(xfer_downloadText(server.url("/").c_str(), nullptr, &headers, &body, nullptr), -1);
+}
+
+TEST(Download, bufferThatThrowsEndsTheCallAndNothingEscapes) {
+  ScriptedServer server(patternFile(10));
+  const RecordingLogger log;
+  sys::DataBuff headers;
+  DenyingBuffer body(10, true);
+  EXPECT_EQ(xfer_download(server.url("/").c_str(), nullptr, nullptr, &headers, &body, nullptr, nullptr), 100000);
+  EXPECT_EQ(recordOf(log.records(), "xfer_download exception").line, 336U);
+  EXPECT_EQ(xfer_downloadText(server.url("/").c_str(), nullptr, &headers, &body, nullptr), -1);
+  std::uint64_t id = 0;
+  ASSERT_EQ(xfer_downloadAsync(server.url("/").c_str(), &id, nullptr, nullptr, nullptr, nullptr), 0);
+  EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 100000);
+  EXPECT_EQ(recordOf(log.records(), "xfer_queryAsyncBuffer exception").line, 501U);
+  EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 100001) << "it is collected once";
 }
 
 TEST(Download, bufferThatHoldsThePartIsFilledWhateverItsResizeAnswers) {

@@ -1,5 +1,5 @@
-// Memory that runs out while an answer arrives.  This program's operator new refuses what is large while a test says
-// so; libcurl's own memory, which is not C++'s, is not touched.
+// Memory that runs out: this program's operator new refuses what is large, or the nth block, while a test says so.
+// libcurl's own memory, which is not C++'s, is not touched.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,11 +8,14 @@
 #include <limits>
 #include <new>
 #include <string>
+#include <thread>
 
+#include "keel/keel.h"
 #include "support/census.h"
 #include "support/pattern.h"
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
+#include "support/temp_dir.h"
 #include "support/wait_until.h"
 #include "sys/data_buff.h"
 #include "xfer/fetch.h"
@@ -25,9 +28,25 @@ constexpr std::size_t kUnlimited = std::numeric_limits<std::size_t>::max();
 std::atomic<std::size_t> g_largest{kUnlimited};
 std::atomic<int> g_refused{0};
 
+// Which allocations count, and how many of them succeed before the first that fails.
+enum class Counted { None, CallersThread, EveryThread };
+enum class Failing { One, AllLater };
+
+std::atomic<Counted> g_counted{Counted::None};
+std::atomic<Failing> g_failing{Failing::One};
+std::atomic<int> g_successesLeft{0};
+thread_local bool t_isCaller = false;
+
+bool failsByNumber() {
+  const Counted counted = g_counted;
+  if (counted == Counted::None || (counted == Counted::CallersThread && !t_isCaller)) return false;
+  const int left = g_successesLeft--;
+  return left == 0 || (left < 0 && g_failing == Failing::AllLater);
+}
+
 // Not inlined: the compiler would take malloc and free here for a mistake of who calls new and delete.
 [[gnu::noinline]] void* allocate(std::size_t size) {
-  if (size > g_largest) {
+  if (size > g_largest || failsByNumber()) {
     ++g_refused;
     throw std::bad_alloc();
   }
@@ -81,6 +100,24 @@ class AllocationLimit {
   AllocationLimit& operator=(const AllocationLimit&) = delete;
 };
 
+// While it lives, the nth allocation from its construction on fails (1 is the next one), alone or with all later ones.
+class FailingAllocation {
+ public:
+  FailingAllocation(int nth, Failing failing, Counted counted = Counted::CallersThread) {
+    g_refused = 0;
+    g_successesLeft = nth - 1;
+    g_failing = failing;
+    t_isCaller = true;
+    g_counted = counted;
+  }
+  ~FailingAllocation() {
+    g_counted = Counted::None;
+    t_isCaller = false;
+  }
+  FailingAllocation(const FailingAllocation&) = delete;
+  FailingAllocation& operator=(const FailingAllocation&) = delete;
+};
+
 // The body in parts, since the server has to do without large blocks too.
 Reply largeAnswer(const ReceivedRequest& /*request*/) {
   return Reply()
@@ -94,6 +131,24 @@ Reply manyHeaders(const ReceivedRequest& /*request*/) {
   const std::string line = "X-Filler: " + std::string(8000, 'x') + "\r\n";
   for (int i = 0; i < 36; ++i) reply.send(line);
   return reply.send("\r\nhello");
+}
+
+// The first test of the program: the library is initialised once per process.
+TEST(ExhaustedMemoryAtFirst, anInitialisationThatFailsIsTriedAgain) {
+#if defined(__SANITIZE_THREAD__) || defined(_WIN32)
+  GTEST_SKIP() << "this pthread_once, which is below std::call_once, does not survive an exception";
+#endif
+  if (xfer::shareHandle() != nullptr) GTEST_SKIP() << "initialised by an earlier test of this process";
+  const support::RecordingLogger log;
+  int nth = 1;
+  for (;; ++nth) {
+    const FailingAllocation failing(nth, Failing::One);
+    xfer_ensureCurlInit();
+    if (g_refused == 0) break;
+  }
+  EXPECT_GT(nth, 1);
+  EXPECT_EQ(log.count("xfer_ensureCurlInit exception"), static_cast<std::size_t>(nth - 1));
+  EXPECT_NE(xfer::shareHandle(), nullptr);
 }
 
 class ExhaustedMemory : public testing::Test {
@@ -187,5 +242,402 @@ TEST_F(ExhaustedMemory, inTheBackgroundSurfacesAtCollection) {
   EXPECT_TRUE(log.contains("xfer_queryAsyncBuffer exception"));
   EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 100001) << "it is collected once";
 }
+
+// ---- The C interface, with each of its allocations failing in turn ----
+
+constexpr std::uint64_t kSmallBody = 1000;
+constexpr std::uint64_t kUntouched = 4242;
+constexpr std::int32_t kMalformedUrl = 3;  // libcurl's code
+
+// Texts that are too long to be kept without allocating.
+const std::string kHeaders = "X-First: " + std::string(60, 'a') + "\nX-Second: " + std::string(60, 'b');
+const std::string kCookie = "cookie=" + std::string(60, 'c');
+const std::string kOptions = "OPT_POSTFIELDS=" + std::string(60, 'd');
+
+class EachAllocation : public testing::TestWithParam<Failing> {
+ protected:
+  EachAllocation() { xfer::init(); }
+
+  // Nothing stays behind: the servers of the test are gone by now.
+  ~EachAllocation() override {
+    EXPECT_TRUE(support::waitUntil([this] { return support::threadCount() <= threads_; }))
+        << support::threadCount() << " threads, at first " << threads_;
+    EXPECT_LE(support::openFileCount(), openFiles_ + kKeptConnections);
+  }
+
+  // Calls with the first, the second, ... allocation of the counted ones failing, until a call meets no failure.
+  // afterFailure runs after each call that met one.
+  template <class Call, class AfterFailure>
+  void failEach(Call call, AfterFailure afterFailure, Counted counted = Counted::CallersThread) {
+    int nth = 1;
+    for (;; ++nth) {
+      ASSERT_LT(nth, kMostAllocations);
+      log_.clear();
+      {
+        const FailingAllocation failing(nth, GetParam(), counted);
+        call();
+      }
+      if (g_refused == 0) break;
+      const testing::ScopedTrace trace(__FILE__, __LINE__, "allocation " + std::to_string(nth));
+      afterFailure();
+    }
+    EXPECT_GT(nth, 1) << "no allocation was made";
+  }
+
+  // When all later allocations fail, its record cannot be built either.
+  void expectLoggedOnce(const std::string& text) const {
+    EXPECT_EQ(log_.count(text), GetParam() == Failing::One ? 1U : 0U);
+  }
+
+  // The latest id that was given out.
+  static std::uint64_t latestId() {
+    std::uint64_t id = 0;
+    sys::DataBuff nothing;
+    EXPECT_EQ(xfer_downloadAsync("", &id, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(xfer_queryAsyncBuffer(id, &nothing, &nothing), kMalformedUrl);
+    return id;
+  }
+
+  static int download(const std::string& url, sys::DataBuff& headers, sys::DataBuff& body) {
+    return xfer_download(url.c_str(), kHeaders.c_str(), kOptions.c_str(), &headers, &body, kCookie.c_str(), nullptr);
+  }
+
+  static void expectOneWorks(const std::string& url) {
+    sys::DataBuff headers;
+    sys::DataBuff body;
+    EXPECT_EQ(download(url, headers, body), 0);
+    EXPECT_EQ(body.toString(), support::patternBytes(0, kSmallBody));
+  }
+
+  support::RecordingLogger log_{3};
+
+ private:
+  static constexpr int kMostAllocations = 1000;
+  static constexpr std::size_t kKeptConnections = 8;
+
+  const std::size_t threads_ = support::threadCount();
+  const std::size_t openFiles_ = support::openFileCount();
+};
+
+TEST_P(EachAllocation, ofSettingTheProxyLeavesTheEarlierOne) {
+  const support::ScriptedServer server([](const ReceivedRequest&) { return support::status(200, "direct"); });
+  const support::ScriptedServer earlier([](const ReceivedRequest&) { return support::status(200, "earlier"); });
+  const support::ScriptedServer later([](const ReceivedRequest&) { return support::status(200, "later"); });
+  const auto spec = [](const support::ScriptedServer& proxy) {
+    return std::string(60, 'u') + ":" + std::string(60, 'p') + "@127.0.0.1:" + std::to_string(proxy.port());
+  };
+  const auto answer = [&] {
+    sys::DataBuff headers;
+    sys::DataBuff body;
+    EXPECT_EQ(download(server.url("/"), headers, body), 0);
+    return body.toString();
+  };
+  const std::string laterSpec = spec(later);
+  xfer_setProxy(spec(earlier).c_str());
+  failEach([&] { xfer_setProxy(laterSpec.c_str()); },
+           [&] {
+             expectLoggedOnce("xfer_setProxy exception");
+             EXPECT_EQ(answer(), "earlier");
+           });
+  EXPECT_EQ(answer(), "later");
+  xfer_setProxy(nullptr);
+}
+
+TEST_P(EachAllocation, ofADownloadEndsItWith100000) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const std::string url = server.url("/file");
+  expectOneWorks(url);
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  int code = 0;
+  failEach([&] { code = download(url, headers, body); },
+           [&] {
+             EXPECT_EQ(code, 100000);
+             expectLoggedOnce("xfer_download exception");
+             expectOneWorks(url);
+           });
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(body.toString(), support::patternBytes(0, kSmallBody));
+}
+
+TEST_P(EachAllocation, ofATextDownloadEndsItAndLeavesTheBuffers) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const std::string url = server.url("/watch?v=abcdefghijk");
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  headers.assign("h");
+  body.assign("b");
+  int caughtHere = 0;
+  int caughtBelow = 0;
+  std::int32_t code = 0;
+  failEach([&] { code = xfer_downloadText(url.c_str(), kCookie.c_str(), &headers, &body, nullptr); },
+           [&] {
+             ++(code == -1 ? caughtHere : caughtBelow);
+             EXPECT_TRUE(code == -1 || code == 100000) << code;
+             EXPECT_FALSE(log_.contains("xfer_downloadText"));
+             EXPECT_EQ(headers.toString(), "h");
+             EXPECT_EQ(body.toString(), "b");
+           });
+  EXPECT_GT(caughtHere, 0);
+  EXPECT_GT(caughtBelow, 0);
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(body.toString(), support::patternBytes(0, kSmallBody));
+}
+
+TEST_P(EachAllocation, ofAStartInTheBackgroundMeansThatNothingStarts) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const std::string url = server.url("/file");
+  const std::uint64_t earlier = latestId();
+  std::uint64_t id = kUntouched;
+  std::int32_t code = 0;
+  failEach([&] { code = xfer_downloadAsync(url.c_str(), &id, kHeaders.c_str(), "", kCookie.c_str(), nullptr); },
+           [&] {
+             EXPECT_EQ(code, 100000);
+             EXPECT_EQ(id, kUntouched);
+             expectLoggedOnce("xfer_downloadAsync exception");
+           });
+  ASSERT_EQ(code, 0);
+  EXPECT_EQ(id, earlier + 1) << "a failed start takes no id";
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 0);
+  EXPECT_EQ(body.toString(), support::patternBytes(0, kSmallBody));
+  EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST_P(EachAllocation, ofARequestInTheBackgroundIsReportedByItsStartOrItsCollection) {
+  std::int32_t started = 0;
+  std::int32_t collected = 0;
+  std::uint64_t id = 0;
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  Keel::setRecordSink(nullptr, nullptr);  // a record would allocate
+  failEach(
+      [&] {
+        started = xfer_downloadAsync("", &id, kHeaders.c_str(), kOptions.c_str(), kCookie.c_str(), nullptr);
+        if (started == 0) collected = xfer_queryAsyncBuffer(id, &headers, &body);
+      },
+      [&] { EXPECT_TRUE(started == 100000 || (started == 0 && collected == 100000)) << started << ", " << collected; },
+      Counted::EveryThread);
+  EXPECT_EQ(started, 0);
+  EXPECT_EQ(collected, kMalformedUrl);
+}
+
+TEST_P(EachAllocation, isNoneWhenARequestIsCollected) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  std::uint64_t id = 0;
+  ASSERT_EQ(xfer_downloadAsync(server.url("/file").c_str(), &id, nullptr, nullptr, nullptr, nullptr), 0);
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  const FailingAllocation failing(1, GetParam());
+  EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 0);
+  EXPECT_EQ(g_refused, 0);
+}
+
+TEST_P(EachAllocation, ofARemoteSizeEndsItWith1) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const std::string url = server.url("/file");
+  std::uint64_t size = kUntouched;
+  std::uint32_t type = 0;
+  std::int32_t code = 0;
+  failEach(
+      [&] { code = xfer_getRemoteFileSize(url.c_str(), &size, &type, kCookie.c_str(), kHeaders.c_str(), 1, nullptr); },
+      [&] {
+        EXPECT_EQ(code, 1);
+        EXPECT_EQ(size, kUntouched);
+        expectLoggedOnce("xfer_getRemoteFileSize exception");
+      });
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(size, kSmallBody);
+}
+
+TEST_P(EachAllocation, ofAContentLengthMeansThatItIsUnknown) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const std::string url = server.url("/file");
+  bool known = false;
+  std::int64_t length = 0;
+  failEach([&] { known = xfer_getContentLength(url, &length); },
+           [&] {
+             EXPECT_FALSE(known);
+             EXPECT_EQ(length, -1);
+             expectLoggedOnce("xfer_getContentLength exception");
+           });
+  EXPECT_TRUE(known);
+  EXPECT_EQ(length, static_cast<std::int64_t>(kSmallBody));
+}
+
+struct Progress {
+  std::uint64_t downloaded = kUntouched;
+  std::uint32_t error = kUntouched;
+  std::uint8_t finished = 99;
+};
+
+Progress progressOf(std::uint64_t id) {
+  Progress progress;
+  EXPECT_EQ(xfer_getProgress(id, &progress.downloaded, &progress.error, &progress.finished), 0);
+  return progress;
+}
+
+Progress endOf(std::uint64_t id) {
+  Progress progress;
+  EXPECT_TRUE(support::waitUntil([&] { return (progress = progressOf(id)).finished == 1; }));
+  return progress;
+}
+
+std::uint64_t start(const std::string& url, const std::string& path, std::uint64_t knownSize) {
+  return xfer_downloadFile(url.c_str(), path.c_str(), kHeaders.c_str(), 2, kCookie.c_str(), 0, knownSize, nullptr);
+}
+
+TEST_P(EachAllocation, ofAStartedFileDownloadIsReportedUnderItsId) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const support::TempDir folder;
+  const std::string url = server.url("/file");
+  const std::string path = folder.file("out");
+  std::uint64_t id = 0;
+  std::uint64_t lastId = latestId();
+  int unfiled = 0;
+  failEach([&] { id = start(url, path, 0); },
+           [&] {
+             expectLoggedOnce("xfer_downloadFile exception");
+             if (id == 0) {
+               ++unfiled;
+               return;
+             }
+             EXPECT_EQ(id, ++lastId);
+             EXPECT_EQ(xfer_downloadPause(id), 100001) << "it does not live";
+             EXPECT_FALSE(xfer_stopDownloadHandle(id));
+             for (int report = 0; report < 2; ++report) {
+               const Progress end = progressOf(id);
+               EXPECT_EQ(end.finished, 1);
+               EXPECT_EQ(end.error, 100000U);
+               EXPECT_EQ(end.downloaded, 0U);
+             }
+           });
+  EXPECT_EQ(unfiled, 1) << "only what filing takes is needed for an id";
+  EXPECT_EQ(id, lastId + 1);
+  EXPECT_EQ(endOf(id).error, 0U);
+  EXPECT_EQ(support::patternError(path, kSmallBody), "");
+}
+
+TEST_P(EachAllocation, isNoneWhenARunningDownloadIsReported) {
+  const support::ScriptedServer server(
+      [](const ReceivedRequest& request) { return support::range206(request, kSmallBody, {.bodyBytes = 1}).stall(); });
+  const support::TempDir folder;
+  const std::uint64_t id = start(server.url("/file"), folder.file("out"), kSmallBody);
+  ASSERT_TRUE(server.waitForRequests(1));
+  Progress progress;
+  {
+    const FailingAllocation failing(1, GetParam());
+    EXPECT_EQ(xfer_getProgress(id, &progress.downloaded, &progress.error, &progress.finished), 0);
+    EXPECT_EQ(g_refused, 0);
+  }
+  EXPECT_EQ(progress.finished, 0);
+  EXPECT_TRUE(xfer_stopDownloadHandle(id));
+}
+
+TEST_P(EachAllocation, ofADownloadOfKnownSizeIsReportedUnderItsId) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const support::TempDir folder;
+  const std::string url = server.url("/file");
+  const std::string path = folder.file("out");
+  std::uint64_t id = 0;
+  std::uint64_t lastId = latestId();
+  int unfiled = 0;
+  failEach([&] { id = start(url, path, kSmallBody); },
+           [&] {
+             if (id == 0) {
+               ++unfiled;
+               return;
+             }
+             EXPECT_EQ(id, ++lastId);
+             EXPECT_EQ(endOf(id).error, 100000U);
+             EXPECT_EQ(progressOf(id).error, 100000U);
+           });
+  EXPECT_EQ(unfiled, 1) << "only what filing takes is needed for an id";
+  EXPECT_EQ(id, lastId + 1);
+  EXPECT_EQ(endOf(id).error, 0U);
+  EXPECT_EQ(support::patternError(path, kSmallBody), "");
+}
+
+TEST_P(EachAllocation, ofAFileDownloadOnAnyThreadIsReportedUnderItsId) {
+  const support::TempDir folder;
+  const std::string path = folder.file("out");
+  std::uint64_t id = 0;
+  Progress end;
+  Keel::setRecordSink(nullptr, nullptr);  // a record would allocate
+  failEach(
+      [&] {
+        end = Progress();
+        id = start("", path, kSmallBody);
+        for (end.finished = 0; id != 0 && end.finished == 0;) {
+          xfer_getProgress(id, &end.downloaded, &end.error, &end.finished);
+          std::this_thread::yield();
+        }
+      },
+      [&] {
+        if (id == 0) return;
+        EXPECT_NE(end.error, 0U);
+        EXPECT_NE(end.error, kUntouched) << "its end was reported";
+      },
+      Counted::EveryThread);
+  EXPECT_EQ(end.error, static_cast<std::uint32_t>(kMalformedUrl));
+}
+
+TEST_P(EachAllocation, isNoneWhenADownloadIsHeldAndResumedAndStopped) {
+  const support::ScriptedServer server(
+      [](const ReceivedRequest& request) { return support::range206(request, kSmallBody, {.bodyBytes = 1}).stall(); });
+  const support::TempDir folder;
+  const std::uint64_t id = start(server.url("/file"), folder.file("out"), kSmallBody);
+  ASSERT_TRUE(server.waitForRequests(1));
+  std::int32_t paused = -1;
+  std::int32_t resumed = -1;
+  bool stopped = false;
+  {
+    const FailingAllocation failing(1, GetParam());
+    paused = xfer_downloadPause(id);
+    resumed = xfer_downloadResume(id);
+    stopped = xfer_stopDownloadHandle(id);
+  }
+  EXPECT_EQ(g_refused, 0);
+  EXPECT_EQ(paused, 0);
+  EXPECT_EQ(resumed, 0);
+  EXPECT_TRUE(stopped);
+  EXPECT_FALSE(xfer_stopDownloadHandle(id));
+}
+
+TEST_P(EachAllocation, isNoneWhenTheEndOfADownloadIsReported) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const support::TempDir folder;
+  const std::string path = folder.file("out");
+  const std::uint64_t id = start(server.url("/file"), path, kSmallBody);
+  Progress end;
+  EXPECT_TRUE(support::waitUntil([&] {
+    const FailingAllocation failing(1, GetParam());
+    xfer_getProgress(id, &end.downloaded, &end.error, &end.finished);
+    return end.finished == 1 || g_refused != 0;
+  }));
+  EXPECT_EQ(g_refused, 0);
+  EXPECT_EQ(end.error, 0U);
+  EXPECT_EQ(end.downloaded, kSmallBody);
+  EXPECT_EQ(support::patternError(path, kSmallBody), "");
+}
+
+TEST_P(EachAllocation, isNoneForAnIdThatIsUnknown) {
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  Progress progress;
+  Keel::setRecordSink(nullptr, nullptr);  // a record would allocate
+  const FailingAllocation failing(1, GetParam());
+  EXPECT_EQ(xfer_downloadPause(kUntouched), 100001);
+  EXPECT_EQ(xfer_downloadResume(kUntouched), 100001);
+  EXPECT_FALSE(xfer_stopDownloadHandle(kUntouched));
+  EXPECT_EQ(xfer_queryAsyncBuffer(kUntouched, &headers, &body), 100001);
+  EXPECT_EQ(xfer_getProgress(kUntouched, &progress.downloaded, &progress.error, &progress.finished), 0);
+  EXPECT_EQ(progress.finished, 1);
+  EXPECT_EQ(g_refused, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(ExhaustedMemory, EachAllocation, testing::Values(Failing::One, Failing::AllLater),
+                         [](const auto& parameter) { return parameter.param == Failing::One ? "one" : "allLater"; });
 
 }  // namespace

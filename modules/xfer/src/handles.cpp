@@ -1,0 +1,110 @@
+#include "handles.h"
+
+#include "end_code.h"
+#include "fetch_stoppable.h"
+#include "job_state.h"
+#include "sys/never_destroyed.h"
+
+namespace xfer {
+namespace {
+
+template <class Table>
+typename Table::node_type makeEntry() {
+  Table one;
+  one.try_emplace(0);
+  return one.extract(one.begin());
+}
+
+}  // namespace
+
+Handles::DownloadEntry Handles::reserveDownload() {
+  return makeEntry<Downloads>();
+}
+
+Handles::RequestEntry Handles::reserveRequest() {
+  return makeEntry<Requests>();
+}
+
+std::uint64_t Handles::file(DownloadEntry entry) noexcept {
+  const sys::MutexLock lock(mutex_);
+  entry.key() = ++lastId_;
+  return downloads_.insert(downloads_.end(), std::move(entry))->first;
+}
+
+std::uint64_t Handles::file(RequestEntry entry) noexcept {
+  const sys::MutexLock lock(mutex_);
+  entry.key() = ++lastId_;
+  return requests_.insert(requests_.end(), std::move(entry))->first;
+}
+
+Handles::Downloads::iterator Handles::findLive(std::uint64_t id) {
+  const auto found = downloads_.find(id);
+  return found != downloads_.end() && found->second.live ? found : downloads_.end();
+}
+
+bool Handles::pause(std::uint64_t id) {
+  const sys::MutexLock lock(mutex_);
+  const auto found = findLive(id);
+  if (found == downloads_.end()) return false;
+  found->second.live->job.pause();
+  return true;
+}
+
+bool Handles::resume(std::uint64_t id) {
+  const sys::MutexLock lock(mutex_);
+  const auto found = findLive(id);
+  if (found == downloads_.end()) return false;
+  found->second.live->job.resume();
+  return true;
+}
+
+bool Handles::stop(std::uint64_t id) {
+  DownloadEntry stopped;  // before the lock: destroyed after it is released
+  const sys::MutexLock lock(mutex_);
+  const auto found = findLive(id);
+  if (found == downloads_.end()) return false;
+  stopped = downloads_.extract(found);
+  stopped.mapped().live->job.cancel();
+  return true;
+}
+
+std::optional<DownloadProgress> Handles::progress(std::uint64_t id) {
+  std::unique_ptr<LiveJob> ended;  // before the lock: destroyed after it is released
+  const sys::MutexLock lock(mutex_);
+  const auto found = downloads_.find(id);
+  if (found == downloads_.end()) return std::nullopt;
+  Download& download = found->second;
+  if (!download.live) return DownloadProgress{0, download.result, true};
+  const DownloadSnapshot snapshot = download.live->job.snapshot();
+  if (!isFinal(snapshot.state)) return DownloadProgress{snapshot.bytesDone, 0, false};
+  download.result = endCode(snapshot.state, snapshot.errorCode);
+  ended = std::move(download.live);
+  return DownloadProgress{snapshot.bytesDone, download.result, true};
+}
+
+Handles::RequestEntry Handles::take(std::uint64_t id) noexcept {
+  const sys::MutexLock lock(mutex_);
+  return requests_.extract(id);
+}
+
+void Handles::clear() noexcept {
+  Requests requests;  // before the lock: destroyed after it is released
+  Downloads downloads;
+  const sys::MutexLock lock(mutex_);
+  downloads.swap(downloads_);
+  requests.swap(requests_);
+}
+
+Handles& handles() {
+  static sys::NeverDestroyed<Handles> instance;
+  // What libcurl has run at exit was registered when the module was loaded, and so runs after this.
+  static const bool registered = (sys::atUnload([] {
+                                    stopAllFetches();  // a future's destructor waits for its request
+                                    instance.get().clear();
+                                  }),
+                                  true);
+  static_cast<void>(registered);
+  return instance.get();
+}
+
+}  // namespace xfer
