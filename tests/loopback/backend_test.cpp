@@ -196,9 +196,8 @@ TEST(Backend, callbackThatThrowsIsLoggedAndTheLoopGoesOn) {
   ScriptedServer server(patternFile(10));
   const RecordingLogger log;
   Transfers transfers;
-  transfers.backend().submit(
-      range(server.url("/"), 0, 5), {},
-      [](std::uint64_t, const TransferEnd&) { throw std::runtime_error("x"); });
+  transfers.backend().submit(range(server.url("/"), 0, 5), {},
+                             [](std::uint64_t, const TransferEnd&) { throw std::runtime_error("x"); });
   EXPECT_TRUE(log.waitFor("finishTransfer | done_cb threw"));
   transfers.submit(range(server.url("/"), 5, 10));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{5, 0, 206, 5}}));
@@ -258,8 +257,7 @@ TEST(Backend, submissionTakenTogetherWithAStopGetsNoDoneCallback) {
     EXPECT_TRUE(goOn.wait());  // the loop stands here
   });
   ASSERT_TRUE(first.wait());
-  backend.submit(range(server.url("/"), 3, 10), {},
-                 [&](std::uint64_t, const TransferEnd&) { ++others; });
+  backend.submit(range(server.url("/"), 3, 10), {}, [&](std::uint64_t, const TransferEnd&) { ++others; });
   const int wakeups = g_wakeups;
   std::thread stopper([&] { backend.stop(); });
   EXPECT_TRUE(waitUntil([&] { return g_wakeups > wakeups; })) << "the stop is queued";
@@ -373,7 +371,7 @@ TransferRequest placed(const std::string& url, Placement placement) {
 TEST(Placement, wholeFileIsDeliveredFromTheRangesStartToTheNeededEnd) {
   ScriptedServer server([](const ReceivedRequest&) { return full200(1000); });
   Transfers transfers;
-  transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 0, 700, 0}));
+  transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 0, 700, {}, 0}));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 0, 200, 600}}));
   EXPECT_EQ(transfers.received(), 600U);
 }
@@ -383,7 +381,7 @@ TEST(Placement, bodyThatGoesOnPastTheRangeIsCut) {
     return range206(request, 1000, {.bodyBytes = 300, .framing = Framing::UntilClose});
   });
   Transfers transfers;
-  transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 100, 200, 0}));
+  transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 100, 200, {}, 0}));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 0, 206, 100}}));
   EXPECT_EQ(transfers.received(), 100U);
 }
@@ -391,14 +389,14 @@ TEST(Placement, bodyThatGoesOnPastTheRangeIsCut) {
 TEST(Placement, wholeFileThatEndsBeforeTheNeededEndIsShort) {
   ScriptedServer server([](const ReceivedRequest&) { return full200(500, {.framing = Framing::UntilClose}); });
   Transfers transfers;
-  transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 0, 1000, 0}));
+  transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 0, 1000, {}, 0}));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 18, 200, 400}}));
 }
 
 TEST(Placement, stoppedAnswerDeliversNothingAndEndsWithItsCode) {
   ScriptedServer server(patternFile(1000));
   Transfers transfers;
-  transfers.submit(placed(server.url("/"), {Placement::Action::Stop, 0, 0, 33}));
+  transfers.submit(placed(server.url("/"), {Placement::Action::Stop, 0, {}, {}, 33}));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 33, 206, 0}}));
   EXPECT_EQ(transfers.received(), 0U);
 }
@@ -410,7 +408,7 @@ TEST(Placement, answerThatIsRefusedOnResumeEndsTheTransfer) {
     return Reply().waitFor(gate).send("HTTP/1.1 206 x\r\nContent-Length: 100\r\n\r\n").sendPattern(100, 200);
   });
   Transfers transfers;
-  transfers.submit(placed(server.url("/"), {Placement::Action::Stop, 0, 0, 33}));
+  transfers.submit(placed(server.url("/"), {Placement::Action::Stop, 0, {}, {}, 33}));
   ASSERT_TRUE(server.waitForRequests(1));
   transfers.pauseNow();
   gate.open();

@@ -193,7 +193,8 @@ TEST(AnswerClaim, of200IsTheWholeFileWithItsLengthOrAnEndThatIsSeenOrNot) {
 }
 
 TEST(AnswerClaim, ofAnyOtherStatusBringsNoContent) {
-  for (const char* status : {"HTTP/1.1 203 x", "HTTP/1.1 204 x", "HTTP/1.1 300 x", "HTTP/1.1 304 x", "HTTP/1.1 404 x"}) {
+  for (const char* status :
+       {"HTTP/1.1 203 x", "HTTP/1.1 204 x", "HTTP/1.1 300 x", "HTTP/1.1 304 x", "HTTP/1.1 404 x"}) {
     EXPECT_EQ(claim({status, "Content-Length: 5"}).kind, Kind::NoContent) << status;
   }
 }

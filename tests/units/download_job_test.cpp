@@ -26,10 +26,10 @@
 namespace {
 
 using support::BackendCall;
+using support::BackendCommand;
 using support::FakeJobWorld;
 using support::Gate;
 using support::waitUntil;
-using support::BackendCommand;
 using xfer::DownloadJob;
 using xfer::DownloadPolicy;
 using xfer::DownloadRequest;
@@ -977,14 +977,35 @@ TEST_F(DownloadJobTest, answerOfAnotherFileIsFatal) {
   EXPECT_EQ(world.transfers.count(BackendCommand::CancelAll), 1U);
 }
 
-TEST_F(DownloadJobTest, totalThatDiffersFromTheProbesIsFatal) {
+TEST_F(DownloadJobTest, totalThatDiffersFromTheProbesTakesItsPlaceWhileNothingIsWritten) {
+  startProbed(probed(30, true, 206), 2);
+  ASSERT_TRUE(world.transfers.waitForSubmissions(2));
+  ResponseHead head = head206(0);
+  head.contentRange->total = 25;
+  world.transfers.answer(0, head);
+  EXPECT_EQ(jobLog(), Lines{"4 onHead | size gives way | announced=30 | actual=25"});
+  EXPECT_EQ(job->snapshot().totalBytes, 25U);
+  EXPECT_EQ(world.transfers.calls(), (std::vector<BackendCall>{{BackendCommand::Cancel, 10}}));
+  world.transfers.finish(10, 42, 0);
+  ASSERT_EQ(world.transfers.inFlight(), (Starts{0, 10})) << "cut anew";
+  EXPECT_EQ(world.transfers.submissions().size(), 4U);
+  world.transfers.serve(0);
+  world.transfers.serve(10);
+  EXPECT_EQ(world.transfers.submissions().back().rangeEnd, 25U);
+  world.transfers.serve(20);
+  EXPECT_EQ(state(), JobState::Completed);
+  EXPECT_EQ(support::patternError(path, 25), "");
+}
+
+TEST_F(DownloadJobTest, totalThatDiffersFromTheProbesIsFatalOnceSomethingIsWritten) {
   startProbed(probed(30, true, 206), 1);
   ASSERT_TRUE(world.transfers.waitForInFlight(0));
-  ResponseHead head = head206(0);
+  world.transfers.serve(0);
+  ResponseHead head = head206(10);
   head.contentRange->total = 31;
-  world.transfers.answer(0, head);
+  world.transfers.answer(10, head);
   expectFailed(33, 206);
-  EXPECT_EQ(jobLog().front(), "3 onHead | answer refused | range=0 | reason=size of the remote file changed");
+  EXPECT_EQ(jobLog().front(), "3 onHead | answer refused | range=10 | reason=size of the remote file changed");
 }
 
 TEST_F(DownloadJobTest, totalThatDiffersFromAKnownSizeIsNotJudged) {

@@ -60,13 +60,13 @@ struct CurlMultiBackend::Transfer {
     ResponseHeadReader head;
     bool bodyBegun = false;  // the head is final; what comes in header lines now are trailers
     Body body = Body::Unjudged;
-    std::uint64_t bodyOffset = 0;                // in the file, of the body's first byte
-    std::uint64_t position = 0;                  // in the file, of the next body byte
-    std::optional<std::uint64_t> end;            // exclusive end of the needed part; nothing: open
-    std::optional<std::uint64_t> namedEnd;       // exclusive end of what the answer itself names
-    std::optional<std::int32_t> codeAtEnd;       // result of a body that goes on past end; nothing: it may
+    std::uint64_t bodyOffset = 0;           // in the file, of the body's first byte
+    std::uint64_t position = 0;             // in the file, of the next body byte
+    std::optional<std::uint64_t> end;       // exclusive end of the needed part; nothing: open
+    std::optional<std::uint64_t> namedEnd;  // exclusive end of what the answer itself names
+    std::optional<std::int32_t> codeAtEnd;  // result of a body that goes on past end; nothing: it may
     std::string errorBody;
-    std::uint64_t stagedOffset = 0;              // in the file, of what the slot's staging holds
+    std::uint64_t stagedOffset = 0;  // in the file, of what the slot's staging holds
     // Two reasons to hold a transfer; neither lifts the other.
     bool heldByHost = false;
     std::optional<std::uint64_t> throttledPiece;  // size of the piece that has to wait for tokens
@@ -118,8 +118,7 @@ struct CurlMultiBackend::Transfer {
     const std::uint64_t room = attempt.end ? *attempt.end - std::min(*attempt.end, attempt.position) : length;
     const bool goesOn = attempt.codeAtEnd && length > room;
     if (goesOn) length = room;
-    const std::uint64_t before =
-        std::min(length, request.rangeStart - std::min(request.rangeStart, attempt.position));
+    const std::uint64_t before = std::min(length, request.rangeStart - std::min(request.rangeStart, attempt.position));
     stage(bytes + before, attempt.position + before, length - before);
     attempt.position += length;
     if (goesOn) attempt.ownResult = attempt.codeAtEnd;

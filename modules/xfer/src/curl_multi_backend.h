@@ -60,9 +60,9 @@ class CurlMultiBackend final : public ITransferBackend {
   // What other threads want of the loop.  A fixed set, so that asking never allocates.
   struct Commands {
     bool stop = false;
-    Ticket cancelBelow = 0;     // every transfer with a lower ticket is to end
-    std::optional<bool> hold;   // what pause or resume, whichever came last, wants of the active transfers
-    bool cancelSome = false;    // some in live_ are marked
+    Ticket cancelBelow = 0;    // every transfer with a lower ticket is to end
+    std::optional<bool> hold;  // what pause or resume, whichever came last, wants of the active transfers
+    bool cancelSome = false;   // some in live_ are marked
   };
 
   // What a transfer on the multi handle has the use of; it passes from one to the next.

@@ -114,9 +114,8 @@ void DownloadJob::Impl::carryOut(const JobActions& actions) {
   if (actions.finalize) finalizeFile(*actions.finalize);
   if (actions.close) closeFile();
   if (actions.retry) {
-    retryTimers_.schedule(actions.retry->delayMs, [this, id = actions.retry->id] {
-      post([id](JobCore& core) { return core.retryDue(id); });
-    });
+    retryTimers_.schedule(actions.retry->delayMs,
+                          [this, id = actions.retry->id] { post([id](JobCore& core) { return core.retryDue(id); }); });
   }
   if (actions.refill) refill();
 }
@@ -135,7 +134,7 @@ void DownloadJob::Impl::closeFile() noexcept {
 
 void DownloadJob::Impl::cancelSuperseded() noexcept {
   const sys::MutexLock lock(mutex_);
-  core_.forEachSuperseded([this](Ticket ticket) { backend_.load()->cancel(ticket); });
+  core_.takeSuperseded([this](Ticket ticket) { backend_.load()->cancel(ticket); });
 }
 
 void DownloadJob::Impl::finalizeFile(std::uint64_t size) {
@@ -255,9 +254,7 @@ void DownloadJob::Impl::runDoStart() noexcept {
 
 void DownloadJob::Impl::doStart() {
   using SizeFrom = JobCore::SizeFrom;
-  const auto failWith = [this](std::int32_t code) {
-    post([code](JobCore& core) { return core.fail(code, 0); });
-  };
+  const auto failWith = [this](std::int32_t code) { post([code](JobCore& core) { return core.fail(code, 0); }); };
   const auto markCancelled = [this] { withCore([](JobCore& core) { core.markCancelled(); }); };
   const auto stopped = [this] { return withCore([](JobCore& core) { return core.ending(); }); };
 

@@ -1,12 +1,13 @@
-// The inside of a DownloadJob: it wires the core's decisions to the world.  Calls and callbacks become the core's events;
-// what the core then wants done is done here, on the thread that brought the event.
+// The inside of a DownloadJob: it wires the core's decisions to the world.  Calls and callbacks become the core's
+// events; what the core then wants done is done here, on the thread that brought the event.
 //
 // What the world does (libcurl, the clock, waiting) comes in through a JobEnvironment, so that tests put fakes there.
 //
 // Threads: as DownloadJob.  doStart runs on the worker (size unknown) or on the caller of start; the callbacks run on
 //          the backend's loop thread; a retry runs on its timer's thread.
 //          One short lock, mutex_, is around the core.  What the core wants is done after it was released.
-// Errors:  none is thrown by what runs on the job's own threads: trouble ends the job Failed.  pause, resume, cancel and
+// Errors:  none is thrown by what runs on the job's own threads: trouble ends the job Failed.  pause, resume, cancel
+// and
 //          destruction neither allocate nor throw, but for what they submit.
 #pragma once
 
@@ -87,12 +88,12 @@ class DownloadJob::Impl {
   JobCore core_ SYS_GUARDED_BY(mutex_);
   std::atomic<bool> paused_{false};  // what the core's state is; for the loop thread, which asks it at every turn
 
-  // Opened by doStart before the first transfer, written on the loop thread, cut and closed by whoever the core told to:
-  // it tells one thread, and only when nothing is in flight.
+  // Opened by doStart before the first transfer, written on the loop thread, cut and closed by whoever the core told
+  // to: it tells one thread, and only when nothing is in flight.
   FileSink sink_;
 
-  // Made by doStart, which then publishes the pointer: a thread that reads one that is not null may use the object until
-  // teardown has joined all threads.
+  // Made by doStart, which then publishes the pointer: a thread that reads one that is not null may use the object
+  // until teardown has joined all threads.
   std::unique_ptr<ITransferBackend> backendOwner_;
   std::atomic<ITransferBackend*> backend_{nullptr};
 

@@ -265,7 +265,7 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
   version_.accept(validator);
   noteHostsSize();
   if (!whole && planSize_ != 0 && !extent_.holdsBytes() && extent_.size() != planSize_) {
-    replan(actions);
+    replan(*flight, actions);
     return putBack(*flight);
   }
   return place(*flight, claim, validator, actions);
@@ -295,19 +295,18 @@ Placement JobCore::place(Flight& flight, const AnswerClaim& claim, const Validat
   return placement;
 }
 
-// The leader brings the bytes of every other transfer in flight.
-void JobCore::supersedeOthers(const Flight& leader, JobActions& actions) {
+// No other transfer in flight is of any use.
+void JobCore::supersedeOthers(const Flight& flightThatCounts, JobActions& actions) {
   for (const auto& [id, flight] : flights_) {
-    if (id == leader.id) continue;
-    flight->superseded = true;
+    if (id == flightThatCounts.id || flight->superseded) continue;
+    flight->superseded = flight->toCancel = true;
     actions.cancelSuperseded = true;
   }
 }
 
 // The file has another size than the one it was cut by, and nothing of it was fetched yet.
-void JobCore::replan(JobActions& actions) {
-  for (const auto& [id, flight] : flights_) flight->superseded = true;
-  actions.cancelSuperseded = true;
+void JobCore::replan(const Flight& flight, JobActions& actions) {
+  supersedeOthers(flight, actions);
   ++generation_;
   progress_.clear();
   rests_.clear();
@@ -359,7 +358,14 @@ JobActions JobCore::ended(const FlightPtr& flight, const TransferEnd& end) {
 
 // What follows when the job goes on.
 void JobCore::proceed(JobActions& actions) {
-  if (doubt_ && !doubt_->prepared && flights_.empty()) prepareSample(actions);
+  settleDoubt(actions);
+  actions.refill = !ending();
+}
+
+// A doubt waits for what is in flight.
+void JobCore::settleDoubt(JobActions& actions) {
+  if (!doubt_ || doubt_->prepared || !flights_.empty()) return;
+  prepareSample(actions);
   actions.refill = !ending();
 }
 
@@ -440,9 +446,9 @@ void JobCore::completeFrom(std::uint64_t rangeStart) {
 void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobActions& actions) {
   const bool allDone = scheduler_->allDone();
   if (extent_.hasHole() || (allDone && !extent_.complete())) {
-    XFER_LOG(log::kFailure, "onTransferDone | bytes are missing | from="
-                                << std::min(extent_.firstMissing(), extent_.end().value_or(0))
-                                << " | written_up_to=" << extent_.deliveredUpTo());
+    XFER_LOG(log::kFailure,
+             "onTransferDone | bytes are missing | from=" << std::min(extent_.firstMissing(), extent_.end().value_or(0))
+                                                          << " | written_up_to=" << extent_.deliveredUpTo());
     return failFatally(flight.asked.start, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
   }
   if (!allDone) return proceed(actions);
@@ -476,8 +482,8 @@ void JobCore::failed(const Flight& flight, const TransferEnd& end, JobActions& a
     case Verdict::Success:
       return;
     case Verdict::Rejected:
-      XFER_LOG(log::kFailure, "cdn reject | range=" << flight.asked.start << " | err=" << end.code
-                                                    << " | http=" << end.status);
+      XFER_LOG(log::kFailure,
+               "cdn reject | range=" << flight.asked.start << " | err=" << end.code << " | http=" << end.status);
       return failFrom(end.code != 0 ? end.code : end.status, end.status, actions);
     case Verdict::Retryable:
       return retryOrFail(flight.rangeStart, end, actions);
@@ -495,12 +501,13 @@ void JobCore::retryOrFail(std::uint64_t rangeStart, const TransferEnd& end, JobA
   Retry retry;
   retry.id = ++lastRetry_;
   retry.delayMs = kRetryDelaysMs[attempt - 1];
-  XFER_LOG(log::kRecovery, "retry scheduled | range=" << rangeStart << " | attempt=" << attempt << " | delay_ms="
-                                                      << retry.delayMs << " | err=" << end.code
+  XFER_LOG(log::kRecovery, "retry scheduled | range=" << rangeStart << " | attempt=" << attempt
+                                                      << " | delay_ms=" << retry.delayMs << " | err=" << end.code
                                                       << " | http=" << end.status);
   retries_.emplace(retry.id, rangeStart);
   actions.retry = retry;
-  proceed(actions);
+  // Intended: nothing takes the range's slot meanwhile.
+  settleDoubt(actions);
 }
 
 JobActions JobCore::retryDue(std::uint64_t id) {

@@ -3,8 +3,8 @@
 //
 // Answers that are not the range asked for: a server may send the whole file instead (200).  Such a body is placed from
 // byte 0 and makes every later range superfluous.  From the first one on the job runs one transfer at a time: the one
-// with the lowest start leads, the others in flight are superseded and their ranges wait; when the leader ends well, all
-// ranges from its start on are complete.  So the file is fetched once, and counted once.
+// with the lowest start leads, the others in flight are superseded and their ranges wait; when the leader ends well,
+// all ranges from its start on are complete.  So the file is fetched once, and counted once.
 //
 // A server may also send less of a range than asked while it says that the file goes on: the rest is asked for at once.
 //
@@ -25,7 +25,7 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <string>
+#include <utility>
 #include <vector>
 
 #include "body_placement.h"
@@ -47,10 +47,10 @@ struct Retry {
 
 /// What an event makes necessary.  Order does not matter, but for what is said.
 struct JobActions {
-  bool refill = false;            ///< call next until it has nothing more
-  bool cancelSuperseded = false;  ///< cancel the transfers of superseded flights
-  bool cancelAll = false;         ///< cancel every transfer
-  bool close = false;             ///< close the file: nothing is in flight that may still write to it
+  bool refill = false;                      ///< call next until it has nothing more
+  bool cancelSuperseded = false;            ///< cancel the transfers of superseded flights
+  bool cancelAll = false;                   ///< cancel every transfer
+  bool close = false;                       ///< close the file: nothing is in flight that may still write to it
   std::optional<std::uint64_t> finalize{};  ///< cut the file to this size and close it, then call finalized
   std::optional<Retry> retry{};             ///< call retryDue after the delay
 };
@@ -72,18 +72,19 @@ class JobCore {
     };
 
     std::uint64_t id = 0;
-    ByteRange asked{};                  ///< an end of 0: as long as it goes
-    std::uint64_t rangeStart = 0;       ///< of the planned range that it serves
-    std::uint64_t generation = 0;       ///< of the plan that the range is from
-    bool sample = false;                ///< its bytes are compared and do not reach the file
-    std::optional<Ticket> ticket{};     ///< once the backend has given it
-    std::optional<Answer> answer{};     ///< once accepted
+    ByteRange asked{};               ///< an end of 0: as long as it goes
+    std::uint64_t rangeStart = 0;    ///< of the planned range that it serves
+    std::uint64_t generation = 0;    ///< of the plan that the range is from
+    bool sample = false;             ///< its bytes are compared and do not reach the file
+    std::optional<Ticket> ticket{};  ///< once the backend has given it
+    std::optional<Answer> answer{};  ///< once accepted
     Refusal refusal = Refusal::None;
+    bool toCancel = false;                ///< superseded by another one; its transfer does not end by itself
     std::atomic<bool> superseded{false};  ///< other transfers bring its bytes; its result is ignored
 
     // The data path's own: written by the thread that delivers, read once the transfer has ended.
-    std::optional<StreamHasher> hasher{};     ///< when the answer's validator cannot decide alone
-    std::vector<std::uint8_t> sampled{};      ///< of a sample
+    std::optional<StreamHasher> hasher{};  ///< when the answer's validator cannot decide alone
+    std::vector<std::uint8_t> sampled{};   ///< of a sample
   };
   using FlightPtr = std::shared_ptr<Flight>;
 
@@ -106,11 +107,11 @@ class JobCore {
   /// every range ended then.
   [[nodiscard]] bool standsStill() const;
 
-  /// Calls back with the ticket of each transfer that is to be cancelled.
+  /// Calls back once with the ticket of each transfer that is to be cancelled.
   template <class Callback>
-  void forEachSuperseded(Callback&& callback) const {
+  void takeSuperseded(Callback&& callback) {
     for (const auto& [id, flight] : flights_) {
-      if (flight->superseded && flight->ticket) callback(*flight->ticket);
+      if (flight->ticket && std::exchange(flight->toCancel, false)) callback(*flight->ticket);
     }
   }
 
@@ -177,7 +178,7 @@ class JobCore {
  private:
   /// What is known of one planned range beside its state in the scheduler.
   struct Progress {
-    std::size_t attempts = 0;  // failed ones, over the job's life
+    std::size_t attempts = 0;   // failed ones, over the job's life
     std::uint64_t reached = 0;  // exclusive end of what its well-ended transfers brought; 0: nothing yet
     int smallAnswers = 0;       // in a row
   };
@@ -197,6 +198,7 @@ class JobCore {
   bool enter(JobState to) noexcept;
   void settle(JobActions& actions) noexcept;
   void proceed(JobActions& actions);
+  void settleDoubt(JobActions& actions);
   [[nodiscard]] std::size_t limit() const { return oneAtATime_ ? 1 : policy_.numThreads; }
   [[nodiscard]] bool isLowest(const Flight& flight) const;
   [[nodiscard]] bool othersAreAnswered(const Flight& flight) const;
@@ -208,8 +210,8 @@ class JobCore {
   Placement refuse(Flight& flight, Flight::Refusal refusal, const char* reason);
   static Placement putBack(Flight& flight);
   Placement place(Flight& flight, const AnswerClaim& claim, const Validator& validator, JobActions& actions);
-  void supersedeOthers(const Flight& leader, JobActions& actions);
-  void replan(JobActions& actions);
+  void supersedeOthers(const Flight& flightThatCounts, JobActions& actions);
+  void replan(const Flight& flight, JobActions& actions);
   void giveWay(std::optional<std::uint64_t> size);
   void noteHostsSize();
 

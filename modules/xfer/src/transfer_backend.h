@@ -2,8 +2,8 @@
 // plans or files.
 //
 // Threads: every operation from any thread; stop and destruction not from a callback, since they wait for the thread
-//          that runs the callbacks.  Data, head and done callbacks run on one thread, one at a time; they must not block
-//          for long.  The done callback of a submit that fails at once runs on the submitting thread.
+//          that runs the callbacks.  Data, head and done callbacks run on one thread, one at a time; they must not
+//          block for long.  The done callback of a submit that fails at once runs on the submitting thread.
 // Errors:  through the done callback.  pause, resume, cancel, cancelAll and stop neither allocate nor throw.
 // Units:   offsets and lengths are bytes, half-open [start, end); speeds bytes per second.
 #pragma once
