@@ -10,6 +10,7 @@
 #include "fuzz/promise.h"
 #include "range_answer.h"
 #include "remote_file.h"
+#include "remote_file_text.h"
 #include "request_text.h"
 #include "response_head.h"
 #include "sys/descrambler.h"
@@ -69,6 +70,11 @@ void judgesAnswers(const std::string& text) {
     rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
   }
   const xfer::ResponseHead& head = reader.head();
+  const xfer::RemoteFileInfo info = xfer::remoteFileInfo(head);
+  promise(info.error == 0 || info.size == 0, "an answer that is refused has no size");
+  promise(!head.contentRange || !head.contentRange->total || head.contentRange->last < *head.contentRange->total,
+          "a range lies inside of its file");
+  promise(!head.transferEncoding || !head.bodyLength(), "a transfer encoding decides the length");
   xfer::RemoteIdentity identity{kTotal, "\"earlier\""};
   const xfer::RangeAnswer answer = xfer::judgeAnswer(head, kStart, kEnd, identity);
   if (answer.kind != xfer::RangeAnswer::Kind::Range && answer.kind != xfer::RangeAnswer::Kind::WholeFile) return;

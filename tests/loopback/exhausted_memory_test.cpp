@@ -15,6 +15,7 @@
 #include "support/scripted_server.h"
 #include "support/wait_until.h"
 #include "sys/data_buff.h"
+#include "xfer/download_job.h"
 #include "xfer/fetch.h"
 #include "xfer/xfer.h"
 
@@ -186,6 +187,20 @@ TEST_F(ExhaustedMemory, inTheBackgroundSurfacesAtCollection) {
   EXPECT_EQ(body.size(), 0U);
   EXPECT_TRUE(log.contains("xfer_queryAsyncBuffer exception"));
   EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 100001) << "it is collected once";
+}
+
+// A body of a million bytes passes by what asks for sizes only.
+TEST_F(ExhaustedMemory, isNoneOfASizeQuerysBusinessSinceItKeepsNoBody) {
+  const support::ScriptedServer server(largeAnswer);
+  const std::string url = server.url("/large");
+  const AllocationLimit limit;
+  EXPECT_EQ(xfer::probeRemoteFile(url, {}, "", 10).size, kBodyBytes);
+  EXPECT_EQ(xfer::getContentLength(url, {}, ""), static_cast<std::int64_t>(kBodyBytes));
+  std::uint64_t size = 0;
+  std::uint32_t type = 0;
+  EXPECT_EQ(xfer_getRemoteFileSize(url.c_str(), &size, &type, nullptr, nullptr, 1, nullptr), 0);
+  EXPECT_EQ(size, kBodyBytes);
+  EXPECT_EQ(g_refused, 0);
 }
 
 }  // namespace

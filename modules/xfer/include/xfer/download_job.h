@@ -31,7 +31,7 @@ struct DownloadRequest {
   std::string url;                   ///< http or https
   std::string path;                  ///< local file, UTF-8; replaced when it exists
   std::string cookie;                ///< value of the Cookie header of the probe and of every range transfer
-  std::vector<std::string> headers;  ///< whole lines "Name: value" for every range transfer
+  std::vector<std::string> headers;  ///< whole lines "Name: value" for the probe (Range excepted) and every transfer
   net::Proxy proxy;                  ///< for the probe and every range transfer; an empty host is none
   std::uint64_t knownSize = 0;       ///< size of the remote file when the caller knows it; 0: the job asks the server
 };
@@ -91,6 +91,7 @@ struct RemoteFileInfo {
 };
 
 /// Asks for one byte of url and reads the answer's headers; one request, no retry, at most timeoutSec seconds.  Blocks.
+/// The first match in the headers of all responses counts, redirects included; a body is read to its end, not kept.
 XFER_API RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
                                         int timeoutSec);
 
