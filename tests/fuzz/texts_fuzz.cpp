@@ -10,6 +10,7 @@
 #include "easy_options.h"
 #include "fuzz/promise.h"
 #include "remote_file.h"
+#include "remote_file_text.h"
 #include "request_text.h"
 #include "response_head.h"
 #include "sys/descrambler.h"
@@ -69,6 +70,11 @@ void judgesAnswers(const std::string& text) {
     rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
   }
   const xfer::ResponseHead& head = reader.head();
+  const xfer::RemoteFileInfo info = xfer::remoteFileInfo(head);
+  promise(info.error == 0 || info.size == 0, "an answer that is refused has no size");
+  promise(!head.contentRange || !head.contentRange->total || head.contentRange->last < *head.contentRange->total,
+          "a range lies inside of its file");
+  promise(!head.transferEncoding || !head.bodyLength(), "a transfer encoding decides the length");
   const xfer::AnswerClaim claim = xfer::readClaim(head, kStart);
   using Kind = xfer::AnswerClaim::Kind;
   promise(claim.kind != Kind::NoContent || (head.status != 200 && head.status != 206), "these statuses bring content");

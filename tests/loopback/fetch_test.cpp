@@ -268,6 +268,19 @@ TEST(GetContentLength, readsTotalsAndLengthsWhateverTheStatus) {
   EXPECT_EQ(lengthOf("HTTP/1.1 200 OK\r\n\r\nabc"), -1);
 }
 
+TEST(GetContentLength, takesDigitsThatFitASignedNumber) {
+  EXPECT_EQ(lengthOf("HTTP/1.1 206 x\r\nContent-Range: bytes 0-0/9223372036854775807\r\nContent-Length: 1\r\n\r\na"),
+            9223372036854775807);
+  for (const char* tooLarge : {"9223372036854775808", "99999999999999999999"}) {
+    EXPECT_EQ(lengthOf("HTTP/1.1 206 x\r\nContent-Range: bytes 0-0/" + std::string(tooLarge) +
+                       "\r\nContent-Length: 1\r\n\r\na"),
+              -1);
+    EXPECT_EQ(lengthOf("HTTP/1.1 200 OK\r\nX-Content-Length: " + std::string(tooLarge) + "\r\n\r\n"), -1);
+  }
+  EXPECT_EQ(lengthOf("HTTP/1.1 206 x\r\nContent-Range: bytes 0-0/-5\r\nContent-Length: 1\r\n\r\na"), 1);
+  EXPECT_EQ(lengthOf("HTTP/1.1 200 OK\r\nX-Content-Length: +5\r\n\r\n"), -1);
+}
+
 TEST(GetContentLength, firstMatchingHeaderOfARedirectChainWins) {
   ScriptedServer server(
       [](const ReceivedRequest& request) { return request.path() == "/from" ? redirect(302, "/to") : full200(5000); });
@@ -308,6 +321,15 @@ TEST(Probe, readsA200AndItsRangeSupportAsWritten) {
   EXPECT_TRUE(probeOf("HTTP/1.1 200 OK\r\nAccept-Ranges: bytes\r\nContent-Length: 3\r\n\r\nabc").acceptRanges);
   EXPECT_FALSE(probeOf("HTTP/1.1 200 OK\r\naccept-ranges: bytes\r\nContent-Length: 3\r\n\r\nabc").acceptRanges);
   EXPECT_EQ(probeOf("HTTP/1.1 200 OK\r\ncontent-type: a/b\r\nContent-Length: 3\r\n\r\nabc").contentType, "");
+}
+
+TEST(Probe, takesDigitsThatFit64Bits) {
+  EXPECT_EQ(probeOf("HTTP/1.1 200 OK\r\nX-Content-Length: -5\r\n\r\nabc").size, 0U);
+  EXPECT_EQ(probeOf("HTTP/1.1 200 OK\r\nX-Content-Length: 18446744073709551616\r\n\r\nabc").size, 0U);
+  EXPECT_EQ(probeOf("HTTP/1.1 206 x\r\nContent-Range: bytes 0-0/-5\r\nContent-Length: 1\r\n\r\na").size, 0U);
+  EXPECT_EQ(
+      probeOf("HTTP/1.1 206 x\r\nContent-Range: bytes 0-0/18446744073709551616\r\nContent-Length: 1\r\n\r\na").size,
+      0U);
 }
 
 TEST(Probe, otherStatusIsTheError) {

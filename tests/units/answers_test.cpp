@@ -59,6 +59,7 @@ TEST(ResponseHead, fieldsAreFoundByTheirWholeNamesInAnyCase) {
 TEST(ResponseHead, rangesAreAcceptedWhereBytesIsOneOfTheUnits) {
   EXPECT_TRUE(head({"HTTP/1.1 200 OK", "Accept-Ranges: items, bytes"}).acceptRangesBytes);
   EXPECT_FALSE(head({"HTTP/1.1 200 OK", "Accept-Ranges: none"}).acceptRangesBytes);
+  EXPECT_FALSE(head({"HTTP/1.1 200 OK", "Accept-Ranges: bytes", "Accept-Ranges: none"}).acceptRangesBytes);
   EXPECT_FALSE(head({"HTTP/1.1 200 OK", "Accept-Ranges: kilobytes"}).acceptRangesBytes);
   EXPECT_FALSE(head({"HTTP/1.1 200 OK"}).acceptRangesBytes);
 }
@@ -92,6 +93,7 @@ TEST(ResponseHead, lengthThatIsRepeatedCounts) {
   const ResponseHead repeated = head({"HTTP/1.1 200 OK", "Content-Length: 3, 03", "content-length: 3,"});
   EXPECT_FALSE(repeated.contentLengthsDiffer);
   EXPECT_EQ(repeated.bodyLength(), 3U);
+  EXPECT_EQ(head({"HTTP/1.1 200 OK", "Content-Length: , 3"}).bodyLength(), 3U);
 }
 
 TEST(ResponseHead, lengthBesideATransferEncodingIsNoLength) {

@@ -135,6 +135,20 @@ TEST(RemoteSize, prefersTheTotalOfA206) {
   EXPECT_EQ(remoteSize(404, "Content-Length: 5\r\n"), std::nullopt);
 }
 
+TEST(RemoteSize, takesDigitsAlone) {
+  EXPECT_EQ(remoteSize(206, "Content-Range: bytes 0-0/-5\r\n"), 0U);
+  EXPECT_EQ(remoteSize(206, "Content-Range: bytes 0-0/+5\r\n"), 0U);
+  EXPECT_EQ(remoteSize(200, "Content-Length: -5\r\n"), 0U);
+  EXPECT_EQ(remoteSize(200, "Content-Length: 5x\r\n"), 5U);
+  EXPECT_EQ(remoteSize(200, "Content-Length: \t5\r\n"), 5U);
+}
+
+TEST(RemoteSize, doesNotExceed64Bits) {
+  EXPECT_EQ(remoteSize(206, "Content-Range: bytes 0-0/18446744073709551615\r\n"), 18446744073709551615U);
+  EXPECT_EQ(remoteSize(206, "Content-Range: bytes 0-0/18446744073709551616\r\nContent-Length: 1\r\n"), std::nullopt);
+  EXPECT_EQ(remoteSize(200, "Content-Length: 18446744073709551616\r\n"), std::nullopt);
+}
+
 TEST(WatchPagePath, needsElevenCharacters) {
   EXPECT_EQ(watchPagePath("https://h/watch?v=abcdefghijk"), "/watch?v=abcdefghijk");
   EXPECT_EQ(watchPagePath("https://h/watch?v=abcdefghij"), "/");

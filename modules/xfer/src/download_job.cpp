@@ -33,7 +33,7 @@ JobEnvironment realJobEnvironment() {
     return std::make_unique<CurlMultiBackend>(policy, originOf(request.url));
   };
   real.probe = [](const DownloadRequest& request, int timeoutSec, const StopSignal& stop) {
-    return probeStoppable(request.url, request.proxy, request.cookie, timeoutSec, stop);
+    return probeStoppable(request, timeoutSec, stop);
   };
   real.nowNs = steadyNs;
   real.waitForRetry = [](std::uint64_t delayMs, StopSignal& stop) { stop.waitFor(std::chrono::milliseconds(delayMs)); };

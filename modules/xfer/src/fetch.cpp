@@ -1,9 +1,10 @@
 #include "xfer/fetch.h"
 
-#include <cstdlib>
+#include <cstdint>
 #include <exception>
-#include <mutex>
-#include <optional>
+#include <limits>
+#include <string_view>
+#include <utility>
 
 #include "curl_handles.h"
 #include "easy_options.h"
@@ -13,40 +14,81 @@
 #include "result_codes.h"
 #include "share_pool.h"
 #include "sys/module.h"
+#include "sys/mutex.h"
 #include "sys/never_destroyed.h"
 
 namespace xfer {
 namespace {
 
 constexpr const char* kLogTag = "xfer";
-constexpr int kStopCheckMs = 50;
+constexpr int kLongestWaitMs = 1000;  // as curl_easy_perform
+constexpr int kStopCheckMs = 50;      // where libcurl cannot be woken
 
-// Where libcurl's write callback puts what arrives.
-struct Delivery {
-  std::string& target;
-  std::exception_ptr& failure;
+// A transfer as libcurl's callbacks see it.
+struct Arrival {
+  FetchReceiver& receiver;
+  std::uint64_t bodyBytes = 0;
+  bool endedByReceiver = false;
+  std::exception_ptr failure{};
 };
 
-std::size_t append(char* bytes, std::size_t size, std::size_t count, void* userdata) {
-  const auto& delivery = *static_cast<Delivery*>(userdata);
+std::size_t takeHeader(char* bytes, std::size_t size, std::size_t count, void* userdata) {
+  auto& arrival = *static_cast<Arrival*>(userdata);
   try {
-    delivery.target.append(bytes, size * count);
+    arrival.endedByReceiver = !arrival.receiver.header({bytes, size * count});
+    return arrival.endedByReceiver ? CURL_WRITEFUNC_ERROR : size * count;
   } catch (...) {
-    delivery.failure = std::current_exception();
+    arrival.failure = std::current_exception();
     return CURL_WRITEFUNC_ERROR;
   }
-  return size * count;
 }
+
+std::size_t takeBody(char* bytes, std::size_t size, std::size_t count, void* userdata) {
+  auto& arrival = *static_cast<Arrival*>(userdata);
+  try {
+    arrival.bodyBytes += size * count;
+    arrival.endedByReceiver = !arrival.receiver.body({bytes, size * count});
+    return arrival.endedByReceiver ? CURL_WRITEFUNC_ERROR : size * count;
+  } catch (...) {
+    arrival.failure = std::current_exception();
+    return CURL_WRITEFUNC_ERROR;
+  }
+}
+
+// Keeps the headers of all responses, and the body where that is wanted.
+class Collector final : public FetchReceiver {
+ public:
+  Collector(Response& response, bool keepsBody) : response_(response), keepsBody_(keepsBody) {}
+
+  bool header(std::string_view line) override {
+    response_.headers += line;
+    return true;
+  }
+
+  bool body(std::string_view bytes) override {
+    if (keepsBody_) response_.body += bytes;
+    return true;
+  }
+
+ private:
+  Response& response_;
+  bool keepsBody_;
+};
 
 StopSignal& unloading() {
   static sys::NeverDestroyed<StopSignal> signal;
   return signal.get();
 }
 
-// What curl_easy_perform does, with a look at the stop signals between two waits.
+// What curl_easy_perform does, but the stop signals end it.
 CURLcode perform(CURL* easy, const StopSignal& stop) {
   const MultiPtr multi(curl_multi_init());
   if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
+  // A wake-up that comes before the wait ends that wait: none is lost between the look at the signals and the wait.
+  const auto wake = [&multi] { return curl_multi_wakeup(multi.get()); };
+  const StopSignal::Listener atStop(stop, wake);
+  const StopSignal::Listener atUnload(unloading(), wake);
+  const int longestWaitMs = wake() == CURLM_OK ? kLongestWaitMs : kStopCheckMs;
   CURLcode code = CURLE_ABORTED_BY_CALLBACK;
   while (!stop.isSet() && !unloading().isSet()) {
     int running = 0;
@@ -57,7 +99,7 @@ CURLcode perform(CURL* easy, const StopSignal& stop) {
       code = message != nullptr ? message->data.result : CURLE_FAILED_INIT;
       break;
     }
-    curl_multi_poll(multi.get(), nullptr, 0, kStopCheckMs, nullptr);
+    curl_multi_poll(multi.get(), nullptr, 0, longestWaitMs, nullptr);
   }
   curl_multi_remove_handle(multi.get(), easy);
   return code;
@@ -92,11 +134,19 @@ void applyRequest(CURL* easy, const Request& request) {
 }  // namespace
 
 void init() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    curl_global_init(CURL_GLOBAL_ALL);
-    sharePool().open();
-  });
+  // Not call_once: not every platform's can be left by an exception and tried again.
+  struct Progress {
+    sys::Mutex mutex;
+    bool globalIsUp SYS_GUARDED_BY(mutex) = false;
+    bool done SYS_GUARDED_BY(mutex) = false;
+  };
+  static sys::NeverDestroyed<Progress> instance;
+  Progress& progress = instance.get();
+  const sys::MutexLock lock(progress.mutex);
+  if (progress.done) return;
+  if (!std::exchange(progress.globalIsUp, true)) curl_global_init(CURL_GLOBAL_ALL);
+  sharePool().open();
+  progress.done = true;
 }
 
 void* shareHandle() {
@@ -113,36 +163,51 @@ void stopAllFetches() {
 }
 
 Response fetch(const Request& request) {
-  return fetchStoppable(request, unloading());
+  Response response;
+  Collector receiver(response, true);
+  const FetchEnd end = fetchInto(request, receiver, unloading());
+  response.curlCode = end.curlCode;
+  response.status = end.status;
+  return response;
 }
 
-Response fetchStoppable(const Request& request, const StopSignal& stop) {
+CountedResponse fetchCounted(const Request& request) {
+  CountedResponse counted;
+  Collector receiver(counted.response, false);
+  const FetchEnd end = fetchInto(request, receiver, unloading());
+  counted.response.curlCode = end.curlCode;
+  counted.response.status = end.status;
+  counted.bodyBytes = end.bodyBytes;
+  return counted;
+}
+
+FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSignal& stop, ConnectHeads connectHeads) {
   init();
-  Response response;
-  std::exception_ptr failure;
+  FetchEnd end;
+  Arrival arrival{receiver};
   {
     const ShareLease lease = sharePool().lease(originOf(request.url));
     const EasyPtr easy(curl_easy_init());
     if (!easy) {
-      response.curlCode = result::kNoHandle;
-      return response;
+      end.curlCode = result::kNoHandle;
+      return end;
     }
     if (lease.handle() != nullptr) curl_easy_setopt(easy.get(), CURLOPT_SHARE, lease.handle());
     applyRequest(easy.get(), request);
     const SlistPtr headers = headerList(request.headers);
     curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
-    Delivery toBody{response.body, failure};
-    Delivery toHeaders{response.headers, failure};
-    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, append);
-    curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &toBody);
-    curl_easy_setopt(easy.get(), CURLOPT_HEADERFUNCTION, append);
-    curl_easy_setopt(easy.get(), CURLOPT_HEADERDATA, &toHeaders);
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, takeBody);
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &arrival);
+    curl_easy_setopt(easy.get(), CURLOPT_HEADERFUNCTION, takeHeader);
+    curl_easy_setopt(easy.get(), CURLOPT_HEADERDATA, &arrival);
+    if (connectHeads == ConnectHeads::Hidden) curl_easy_setopt(easy.get(), CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
 
     if (!request.quiet) XFER_LOG_LINE(log::kTrace, 224, "--> fetch | " << request.url);
-    const CURLcode code =
+    CURLcode code =
         holdsLineBreak(request.cookie, request.headers) ? CURLE_BAD_FUNCTION_ARGUMENT : perform(easy.get(), stop);
+    if (code == CURLE_WRITE_ERROR && arrival.endedByReceiver) code = CURLE_OK;
     if (code != CURLE_OK) {
-      response.curlCode = code;
+      end.curlCode = code;
       if (!request.quiet) {
         XFER_LOG_LINE(log::kFailure, 235,
                       "fetch | curl error " << static_cast<int>(code) << " (" << curl_easy_strerror(code) << ")");
@@ -150,19 +215,20 @@ Response fetchStoppable(const Request& request, const StopSignal& stop) {
     } else {
       long status = 0;
       curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
-      response.status = static_cast<std::int32_t>(status);
+      end.status = static_cast<std::int32_t>(status);
     }
   }
-  if (failure) std::rethrow_exception(failure);
+  if (arrival.failure) std::rethrow_exception(arrival.failure);
+  end.bodyBytes = arrival.bodyBytes;
   if (!request.quiet) {
-    XFER_LOG_LINE(log::kTrace, 242,
-                  "<-- fetch | status=" << response.status << " | body_size=" << response.body.size());
+    XFER_LOG_LINE(log::kTrace, 242, "<-- fetch | status=" << end.status << " | body_size=" << end.bodyBytes);
   }
-  return response;
+  return end;
 }
 
 std::future<Response> fetchAsync(const Request& request) {
-  return std::async(std::launch::async, [request] {
+  // The copy is not const, so that the task is moved, not copied again, on its way to its thread.
+  return std::async(std::launch::async, [request = Request(request)] {
     struct EndOfThread {
       ~EndOfThread() { sys::releaseThreadState(); }
     } const endOfThread;
@@ -177,15 +243,18 @@ std::int64_t getContentLength(const std::string& url, const net::Proxy& proxy, c
   request.cookie = cookie;
   request.headers = {"Range: bytes=0-0"};
   request.quiet = true;
-  const Response response = fetch(request);
+  const Response response = fetchCounted(request).response;
   if (response.curlCode != 0) return -1;
+  constexpr std::uint64_t kMost = std::numeric_limits<std::int64_t>::max();
   if (const auto total = contentRangeTotal(response.headers)) {
-    if (const auto size = std::strtoll(total->c_str(), nullptr, 10); size > 0) return size;
+    const auto size = leadingNumber(*total);
+    if (!size || *size > kMost) return -1;
+    if (*size > 0) return static_cast<std::int64_t>(*size);
   }
   // An unknown total leaves the length of the one-byte part, and that is what is returned.
   const auto length = contentLengthText(response.headers);
-  const auto size = length ? std::strtoll(length->c_str(), nullptr, 10) : 0;
-  return size < 1 ? -1 : size;
+  const auto size = length ? leadingNumber(*length) : std::nullopt;
+  return !size || *size < 1 || *size > kMost ? -1 : static_cast<std::int64_t>(*size);
 }
 
 }  // namespace xfer

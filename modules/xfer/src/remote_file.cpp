@@ -1,66 +1,103 @@
 #include "remote_file.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
-#include <cstdlib>
+#include <cstdint>
 #include <string_view>
 
 #include "fetch_stoppable.h"
+#include "log.h"
 #include "request_text.h"
 
 namespace xfer {
 namespace {
 
-std::string declaredType(const std::string& headers) {
-  // Intended: unlike the lengths, the type is only found under its name as most servers write it.
-  constexpr std::string_view kName = "Content-Type:";
-  const auto name = headers.find(kName);
-  if (name == std::string::npos) return {};
-  const auto begin = std::min(headers.find_first_not_of(' ', name + kName.size()), headers.size());
-  const auto end = headers.find_first_of("\r\n;", begin);
-  return headers.substr(begin, end == std::string::npos ? end : end - begin);
+constexpr const char* kLogTag = "DlJob";
+constexpr std::uint64_t kMostDrained = 65536;
+
+// Whether to read a body on, of which this much has arrived, for the sake of its connection.
+bool worthReading(const ResponseHead& head, std::uint64_t received) {
+  if (head.contentLengthsDiffer || received > kMostDrained) return false;
+  if (const auto length = head.bodyLength()) return *length <= kMostDrained;
+  // Of unknown length: one byte of a file can be expected to end soon, a whole file cannot.
+  return head.status == 206;
+}
+
+class ProbeReceiver final : public FetchReceiver {
+ public:
+  bool header(std::string_view line) override {
+    reader_.add(line);
+    // Only a 200 is the last response for certain.
+    const bool large = reader_.headIsWhole() && head().status == 200 && !worthReading(head(), received_);
+    return !large;
+  }
+
+  bool body(std::string_view bytes) override {
+    received_ += bytes.size();
+    return worthReading(reader_.head(), received_);
+  }
+
+  [[nodiscard]] const ResponseHead& head() const { return reader_.head(); }
+
+  /// Whether all that the probe asks for has arrived, whatever becomes of the body.
+  [[nodiscard]] bool knows() const { return reader_.headIsWhole() && (head().status == 200 || head().status == 206); }
+
+ private:
+  ResponseHeadReader reader_;
+  std::uint64_t received_ = 0;
+};
+
+bool isRangeLine(std::string_view line) {
+  constexpr std::string_view kName = "range";
+  std::string_view name = line.substr(0, line.find_first_of(":;"));  // libcurl takes "Name;" for an empty field
+  name = name.substr(0, name.find_last_not_of(" \t") + 1);
+  return name.size() == kName.size() && findHeader(name, kName) == 0;
 }
 
 }  // namespace
 
-RemoteFileInfo remoteFileInfo(const Response& response) {
+RemoteFileInfo remoteFileInfo(const ResponseHead& head) {
   RemoteFileInfo info;
-  if (response.curlCode != 0) {
-    info.error = response.curlCode;
-    return info;
-  }
-  info.httpStatus = response.status;
-  if (response.status == 206) {
+  info.httpStatus = head.status;
+  info.contentType = head.contentType;
+  if (head.status == 416 && head.unsatisfiedTotal == 0U) return info;  // an empty file has no first byte
+  if (head.status != 200 && head.status != 206) {
+    info.error = head.status;
+  } else if (head.contentLengthsDiffer) {
+    info.error = CURLE_RANGE_ERROR;
+  } else if (head.status == 206) {
     info.acceptRanges = true;
-    // A total of "*" is unknown, which has no digits and so gives 0.
-    if (const auto total = contentRangeTotal(response.headers)) info.size = std::strtoull(total->c_str(), nullptr, 10);
-  } else if (response.status == 200) {
-    if (const auto length = contentLengthText(response.headers))
-      info.size = std::strtoull(length->c_str(), nullptr, 10);
-    // Intended: only as written here, in this case.
-    info.acceptRanges = response.headers.find("Accept-Ranges: bytes") != std::string::npos;
+    if (head.contentRange) info.size = head.contentRange->total.value_or(0);
   } else {
-    info.error = response.status;
+    info.acceptRanges = head.acceptRangesBytes;
+    info.size = head.bodyLength().value_or(0);
   }
-  info.contentType = declaredType(response.headers);
   return info;
 }
 
-RemoteFileInfo probeStoppable(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
-                              int timeoutSec, const StopSignal& stop) {
+RemoteFileInfo probeStoppable(const DownloadRequest& download, int timeoutSec, const StopSignal& stop) {
   Request request;
-  request.url = url;
-  request.cookie = cookie;
-  request.headers = {"Range: bytes=0-0"};
-  request.proxy = proxy;
+  request.url = download.url;
+  request.cookie = download.cookie;
+  request.headers = download.headers;
+  std::erase_if(request.headers, isRangeLine);
+  request.headers.emplace_back("Range: bytes=0-0");
+  request.proxy = download.proxy;
   request.timeoutSec = timeoutSec;
   request.quiet = true;
-  return remoteFileInfo(fetchStoppable(request, stop));
-}
-
-RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
-                               int timeoutSec) {
-  const StopSignal never;
-  return probeStoppable(url, proxy, cookie, timeoutSec, never);
+  ProbeReceiver receiver;
+  const FetchEnd end = fetchInto(request, receiver, stop, ConnectHeads::Hidden);
+  if (end.curlCode != 0 && !receiver.knows()) {
+    RemoteFileInfo failed;
+    failed.error = end.curlCode;
+    return failed;
+  }
+  RemoteFileInfo info = remoteFileInfo(receiver.head());
+  if (info.error == CURLE_RANGE_ERROR) {
+    XFER_LOG(log::kFailure, "probe | answer refused | reason=Content-Length values differ");
+  }
+  return info;
 }
 
 }  // namespace xfer

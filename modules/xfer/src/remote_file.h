@@ -1,19 +1,21 @@
-// The probe of a remote file, for the library's own use: as probeRemoteFile, but another thread can end it early.
+// The question that a job without a size asks the server first: how large the file is, and whether it serves ranges.
+// Only the head of the last response counts, and nothing of a body is kept.
+//
+// Threads: any.
+// Errors:  in RemoteFileInfo::error; memory exhaustion throws.
 #pragma once
 
-#include <string>
-
-#include "net/proxy.h"
+#include "response_head.h"
 #include "stop_signal.h"
 #include "xfer/download_job.h"
-#include "xfer/fetch.h"
 
 namespace xfer {
 
-RemoteFileInfo probeStoppable(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
-                              int timeoutSec, const StopSignal& stop);
+/// Asks for the first byte with the request's headers, cookie and proxy.  stop ends it as it ends a fetch.  Large
+/// bodies are ended early, which is no failure; small ones are read, so that their connection can be used again.
+RemoteFileInfo probeStoppable(const DownloadRequest& request, int timeoutSec, const StopSignal& stop);
 
-/// What the answer to a request for the first byte says of the file.  Pure.
-RemoteFileInfo remoteFileInfo(const Response& response);
+/// What the head of the answer to a request for the first byte says of the file.  Pure.
+RemoteFileInfo remoteFileInfo(const ResponseHead& head);
 
 }  // namespace xfer

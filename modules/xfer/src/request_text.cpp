@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -109,14 +110,22 @@ std::optional<std::string> contentLengthText(const std::string& rawHeaders) {
   return rawHeaders.substr(value);
 }
 
+std::optional<std::uint64_t> leadingNumber(std::string_view text) {
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
+  std::uint64_t number = 0;
+  const auto error = std::from_chars(text.data(), text.data() + text.size(), number).ec;
+  if (error == std::errc::result_out_of_range) return std::nullopt;
+  return number;
+}
+
 std::optional<std::uint64_t> remoteSize(std::int32_t status, const std::string& rawHeaders) {
   if (status == 206) {
     const auto total = contentRangeTotal(rawHeaders);
-    if (total && *total != "*") return std::strtoull(total->c_str(), nullptr, 10);
+    if (total && *total != "*") return leadingNumber(*total);
   }
   if (status == 200 || status == 206) {
     // Intended: behind an unknown total this is the length of the one-byte part.
-    if (const auto length = contentLengthText(rawHeaders)) return std::strtoull(length->c_str(), nullptr, 10);
+    if (const auto length = contentLengthText(rawHeaders)) return leadingNumber(*length);
   }
   return std::nullopt;
 }

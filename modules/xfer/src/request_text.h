@@ -51,8 +51,12 @@ std::optional<std::string> contentRangeTotal(const std::string& rawHeaders);
 /// The text of raw headers from the first Content-Length's value on, blanks skipped; nothing when there is none.
 std::optional<std::string> contentLengthText(const std::string& rawHeaders);
 
+/// The decimal number that text begins with, behind white space: its digits up to the first other character.  0 when
+/// there are none, also before a sign; nothing when it does not fit 64 bits.
+std::optional<std::uint64_t> leadingNumber(std::string_view text);
+
 /// The size of a remote file as the answer to a request for its first byte gives it: the Content-Range total of a 206,
-/// else the Content-Length of a 200 or 206; nothing when there is neither.
+/// else the Content-Length of a 200 or 206; nothing when there is neither, or when it does not fit 64 bits.
 std::optional<std::uint64_t> remoteSize(std::int32_t status, const std::string& rawHeaders);
 
 /// The path and query of the watch page that url names, for the Referer of its text download; "/" when it names none.

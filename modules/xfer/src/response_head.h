@@ -49,6 +49,9 @@ class ResponseHeadReader {
   void add(std::string_view line);
   [[nodiscard]] const ResponseHead& head() const { return head_; }
 
+  /// Whether the head has ended: nothing is added to it any more.
+  [[nodiscard]] bool headIsWhole() const { return head_.status != 0 && !open_; }
+
  private:
   void addField(std::string_view name, std::string_view value);
   void addLengths(std::string_view list);

@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "fetch_stoppable.h"
 #include "handles.h"
 #include "keel/keel.h"
 #include "log.h"
@@ -235,7 +236,8 @@ int32_t xfer_getRemoteFileSize(const char* url, uint64_t* size, uint32_t* mediaT
     request.quiet = true;
     int32_t code = result::kNoSize;
     for (int attempt = 0; attempt < std::max<int>(retries, 1); ++attempt) {
-      const Response response = xfer::fetch(request);
+      const xfer::CountedResponse answer = xfer::fetchCounted(request);
+      const Response& response = answer.response;
       code = response.curlCode;
       if (code != 0) continue;
       *mediaType = static_cast<std::uint32_t>(xfer::mediaTypeFromHeaders(response.headers));
@@ -246,7 +248,7 @@ int32_t xfer_getRemoteFileSize(const char* url, uint64_t* size, uint32_t* mediaT
       XFER_LOG_LINE(log::kFailure, 259,
                     "xfer_getRemoteFileSize: unexpected response, http=" << response.status
                                                                          << " headers_len=" << response.headers.size()
-                                                                         << " body_len=" << response.body.size());
+                                                                         << " body_len=" << answer.bodyBytes);
       code = result::kNoSize;
     }
     return code;

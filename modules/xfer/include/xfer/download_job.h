@@ -36,6 +36,7 @@ struct RemoteFileInfo {
 };
 
 /// Asks for one byte of url and reads the answer's headers; one request, no retry, at most timeoutSec seconds.  Blocks.
+/// The first match in the headers of all responses counts, redirects included; a body is read to its end, not kept.
 XFER_API RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
                                         int timeoutSec);
 

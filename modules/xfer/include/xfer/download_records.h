@@ -17,7 +17,7 @@ struct DownloadRequest {
   std::string url;                   ///< http or https
   std::string path;                  ///< local file, UTF-8; replaced when it exists
   std::string cookie;                ///< value of the Cookie header of the probe and of every range transfer
-  std::vector<std::string> headers;  ///< whole lines "Name: value" for every range transfer
+  std::vector<std::string> headers;  ///< whole lines "Name: value" for the probe (Range excepted) and every transfer
   net::Proxy proxy;                  ///< for the probe and every range transfer; an empty host is none
   std::uint64_t knownSize = 0;       ///< size of the remote file when the caller knows it; 0: the job asks the server
 };
