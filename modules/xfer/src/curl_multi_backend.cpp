@@ -610,6 +610,8 @@ void CurlMultiBackend::applyHolds(Transfers::iterator position) {
   const Transfer& transfer = **position;
   int held = CURLPAUSE_CONT;
   if (transfer.attempt.heldByHost) {
+    // libcurl 7.88 fails a transfer (27) that is paused before its HTTP/2 stream is open; the body callback holds it.
+    if (policy_.useHttp2 && transfer.status() == 0) return;
     held = CURLPAUSE_ALL;
   } else if (transfer.attempt.throttledPiece) {
     held = CURLPAUSE_RECV;
