@@ -382,7 +382,7 @@ void JobCore::succeeded(Flight& flight, const TransferEnd& end, JobActions& acti
   }
   if (flight.asked.end == 0 || reached < flight.asked.end) {
     const auto named = flight.answer ? flight.answer->claim.namedEnd : std::nullopt;
-    if (extent_.goesOnAt(reached) || (named && *named > reached)) {
+    if (extent_.goesOnAt(reached) || named.value_or(0) > reached) {
       return continueRange(flight, reached, end, actions);
     }
     extent_.endAt(reached);
