@@ -50,7 +50,7 @@ bool JobCore::throttled() const {
 }
 
 bool JobCore::standsStill() const {
-  return !isFinal(state_) && (retryDropped_ || finalized_);
+  return !ending() && (retryDropped_ || finalized_);
 }
 
 // A job that is to end closes its file once nothing is in flight that may still write to it; that completes a cancel.
@@ -458,8 +458,12 @@ void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobAct
 
 JobActions JobCore::finalized(std::int32_t error) {
   finalizing_ = false;
-  if (error != 0) return writeFailed(error);
   JobActions actions;
+  if (error != 0) {
+    actions = writeFailed(error);
+    settle(actions);
+    return actions;
+  }
   finalized_ = true;
   // Intended: a job that is paused at this moment keeps its file and stays paused.
   if (state_ == JobState::Running) enter(JobState::Completed);
@@ -552,6 +556,8 @@ Placement JobCore::raiseDoubt(Flight& flight, const Validator& validator) {
 
 // What was delivered under the validators known so far is complete now: nothing is in flight.
 void JobCore::prepareSample(JobActions& actions) {
+  // The transfers that the answer in doubt was compared with have failed, and a later one brought its version.
+  if (version_.judge(doubt_->candidate) == Likeness::Same) return doubt_.reset();
   doubt_->blocks = sample_.pick();
   doubt_->prepared = true;
   if (!doubt_->blocks.empty()) return;
@@ -585,10 +591,16 @@ Placement JobCore::answeredSample(Flight& flight, const AnswerClaim& claim, cons
   }
   if (fit != Fit::Fits) return refuse(flight, Flight::Refusal::Changed, "size of the remote file changed");
   if (validator != doubt_->candidate) {
-    // Of several servers that disagree, one that has the old validator says nothing about the new one.
-    const bool old = version_.judge(validator) == Likeness::Same;
-    if (old && ++doubt_->answersOfOldVersion < kMostAnswersOfOldVersion) return putBack(flight);
-    return refuse(flight, Flight::Refusal::Changed, "sample is not of the version in doubt");
+    if (version_.judge(validator) != Likeness::Same) {
+      return refuse(flight, Flight::Refusal::Changed, "sample is not of the version in doubt");
+    }
+    // Of several servers that disagree, one that has the old validator says nothing about the new one.  When none has
+    // the new one any more there is nothing to compare: what raised the doubt was put back, and the old one is served.
+    if (++doubt_->answersOfOldVersion == kMostAnswersOfOldVersion) {
+      XFER_LOG(log::kRecovery, "onHead | changed validator was not seen again, going on | range=" << flight.asked.start);
+      doubt_.reset();
+    }
+    return putBack(flight);
   }
   Placement placement;
   placement.bodyOffset = whole ? 0 : flight.asked.start;
