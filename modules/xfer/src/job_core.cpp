@@ -241,9 +241,6 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
   if (fit == Fit::Contradicts || (fit == Fit::Replaces && mixes)) {
     return refuse(*flight, Refusal::Changed, "size of the remote file changed");
   }
-  if (whole && claim.length && flight->asked.start != 0 && *claim.length <= flight->asked.start) {
-    return refuse(*flight, Refusal::Changed, "whole file ends before the range");
-  }
   const Likeness likeness = version_.judge(validator);
   if (likeness == Likeness::Other && mixes) {
     return refuse(*flight, Refusal::Changed, "entity tag of the remote file changed");
@@ -251,6 +248,9 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
   if (likeness == Likeness::Doubt && mixes) return raiseDoubt(*flight, validator);
   // A transfer of earlier bytes is under way; should it bring the whole file too, these would come twice.
   if (whole && !leads) return putBack(*flight);
+  if (whole && claim.length && flight->asked.start != 0 && *claim.length <= flight->asked.start) {
+    return refuse(*flight, Refusal::Changed, "whole file ends before the range");
+  }
 
   if (likeness != Likeness::Same) {
     version_.forget();
