@@ -373,6 +373,10 @@ void JobCore::succeeded(Flight& flight, const TransferEnd& end, JobActions& acti
   const std::uint64_t reached = flight.asked.start + end.bytes;
   const bool whole = flight.answer && flight.answer->claim.kind == AnswerClaim::Kind::WholeFile;
   if (whole && !endWholeFile(flight, reached, end, actions)) return;
+  if (flight.answer && !whole && end.bytes == 0) {
+    // No range is empty.
+    return retryOrFail(flight.rangeStart, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+  }
   extent_.deliver({flight.asked.start, reached});
   doubtsInARow_ = 0;
   if (flight.hasher) sample_.add(flight.hasher->finish());
