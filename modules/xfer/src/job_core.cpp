@@ -277,12 +277,16 @@ Placement JobCore::place(Flight& flight, const AnswerClaim& claim, const Validat
   if (whole) {
     supersedeOthers(flight, actions);
     const auto total = extent_.rangedTotal();
-    // What only the probe said does not bind a body without a length.
-    if (claim.length || total || hostGaveSize_) {
+    if (!claim.length && total) {
+      // Ranges said where the file ends: a body that ends elsewhere is of another one.  Only its end can tell, so it is
+      // read up to there, whatever is needed of it.
+      placement.end = total;
+      placement.code = CURLE_RANGE_ERROR;
+      if (claim.endIsSeen) placement.codeIfShort = CURLE_RANGE_ERROR;
+    } else if (claim.length || hostGaveSize_) {
+      // What only the probe said does not bind a body without a length.
       placement.end = extent_.size() == planSize_ ? scheduler_->openEnd() : extent_.size();
     }
-    // Ranges said where the file ends: a body that goes on there is of another one.
-    if (!claim.length && total && placement.end == total) placement.code = CURLE_RANGE_ERROR;
   } else {
     placement.bodyOffset = flight.asked.start;
     if (flight.asked.end != 0) placement.end = flight.asked.end;
@@ -400,7 +404,7 @@ bool JobCore::endWholeFile(Flight& flight, std::uint64_t reached, const Transfer
   using Fit = FileExtent::Fit;
   const auto& answer = *flight.answer;
   if (answer.neededEnd) {
-    if (reached < *answer.neededEnd) extent_.endAt(reached);
+    if (reached < *answer.neededEnd || reached == extent_.rangedTotal()) extent_.endAt(reached);
     return true;
   }
   const auto size = extent_.size();
