@@ -276,6 +276,7 @@ Placement JobCore::place(Flight& flight, const AnswerClaim& claim, const Validat
   Placement placement;
   if (whole) {
     supersedeOthers(flight, actions);
+    flight.kept = extent_.delivered();
     const auto total = extent_.rangedTotal();
     if (!claim.length && total) {
       // Ranges said where the file ends: a body that ends elsewhere is of another one.  Only its end can tell, so it is
@@ -383,7 +384,11 @@ void JobCore::succeeded(Flight& flight, const TransferEnd& end, JobActions& acti
   }
   extent_.deliver({flight.asked.start, reached});
   doubtsInARow_ = 0;
-  if (flight.hasher) sample_.add(flight.hasher->finish());
+  if (flight.hasher) {
+    std::vector<HashedBlock> blocks = flight.hasher->finish();
+    std::erase_if(blocks, [&](const HashedBlock& block) { return flight.kept.meets(block.range); });
+    sample_.add(blocks);
+  }
   if (whole) {
     completeFrom(flight.rangeStart);
     return finishIfWhole(flight, end, actions);
