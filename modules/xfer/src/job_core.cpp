@@ -277,11 +277,11 @@ Placement JobCore::place(Flight& flight, const AnswerClaim& claim, const Validat
   if (whole) {
     supersedeOthers(flight, actions);
     flight.kept = extent_.delivered();
-    const auto total = extent_.rangedTotal();
-    if (!claim.length && total) {
-      // Ranges said where the file ends: a body that ends elsewhere is of another one.  Only its end can tell, so it is
-      // read up to there, whatever is needed of it.
-      placement.end = total;
+    const auto size = extent_.holdsBytes() && extent_.confirmed() ? extent_.confirmed() : extent_.rangedTotal();
+    if (!claim.length && size) {
+      // What was delivered, or a range, says where the file ends: a body that ends elsewhere is of another one.  Only
+      // its end can tell, so it is read up to there, whatever is needed of it.
+      placement.end = size;
       placement.code = CURLE_RANGE_ERROR;
       if (claim.endIsSeen) placement.codeIfShort = CURLE_RANGE_ERROR;
     } else if (claim.length || hostGaveSize_) {
@@ -409,7 +409,7 @@ bool JobCore::endWholeFile(Flight& flight, std::uint64_t reached, const Transfer
   using Fit = FileExtent::Fit;
   const auto& answer = *flight.answer;
   if (answer.neededEnd) {
-    if (reached < *answer.neededEnd || reached == extent_.rangedTotal()) extent_.endAt(reached);
+    if (reached < *answer.neededEnd || reached == extent_.confirmed()) extent_.endAt(reached);
     return true;
   }
   const auto size = extent_.size();
