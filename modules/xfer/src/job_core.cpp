@@ -557,8 +557,9 @@ Placement JobCore::raiseDoubt(Flight& flight, const Validator& validator) {
       return refuse(flight, Flight::Refusal::Changed, "validator of the remote file changes all the time");
     }
     XFER_LOG(log::kRecovery, "onHead | validator changed, a sample will tell | range=" << flight.asked.start);
-    doubt_.emplace();
-    doubt_->candidate = validator;
+    Doubt doubt;
+    doubt.candidate = validator;
+    doubt_ = std::move(doubt);
   }
   return putBack(flight);
 }
