@@ -27,6 +27,8 @@ struct Placement {
   std::optional<std::uint64_t> namedEnd{};
   /// Stop: the result.  Deliver: the result when the body goes on past end; 0 is a success.
   std::int32_t code = 0;
+  /// Deliver: the result when the body ends properly before end, and neither namedEnd nor its length excuses that.
+  std::int32_t codeIfShort = 18;
 
   bool operator==(const Placement&) const = default;
 };

@@ -53,6 +53,24 @@ class ByteRanges {
     return std::any_of(ranges_.begin(), ranges_.end(), [&](const ByteRange& held) { return held.contains(range); });
   }
 
+  /// Whether any byte of the range is in the set.
+  [[nodiscard]] bool meets(const ByteRange& range) const {
+    return std::any_of(ranges_.begin(), ranges_.end(),
+                       [&](const ByteRange& held) { return held.start < range.end && range.start < held.end; });
+  }
+
+  /// Calls back with each part of the range that is not in the set, in order.
+  template <class Callback>
+  void eachMissing(ByteRange range, Callback&& callback) const {
+    for (const ByteRange& held : ranges_) {
+      if (held.end <= range.start) continue;
+      if (held.start >= range.end) break;
+      if (held.start > range.start) callback(ByteRange{range.start, held.start});
+      range.start = held.end;
+    }
+    if (!range.empty()) callback(range);
+  }
+
   /// The lowest offset from which on a byte is missing: the first byte that is not in the set.
   [[nodiscard]] std::uint64_t firstMissing() const {
     return ranges_.empty() || ranges_.front().start != 0 ? 0 : ranges_.front().end;

@@ -65,6 +65,7 @@ struct CurlMultiBackend::Transfer {
     std::optional<std::uint64_t> end;       // exclusive end of the needed part; nothing: open
     std::optional<std::uint64_t> namedEnd;  // exclusive end of what the answer itself names
     std::optional<std::int32_t> codeAtEnd;  // result of a body that goes on past end; nothing: it may
+    std::int32_t codeIfShort = CURLE_PARTIAL_FILE;
     std::string errorBody;
     std::uint64_t stagedOffset = 0;  // in the file, of what the slot's staging holds
     // Two reasons to hold a transfer; neither lifts the other.
@@ -110,6 +111,7 @@ struct CurlMultiBackend::Transfer {
     attempt.end = placement.end;
     attempt.namedEnd = placement.namedEnd;
     attempt.codeAtEnd = placement.code;
+    attempt.codeIfShort = placement.codeIfShort;
     return true;
   }
 
@@ -562,7 +564,7 @@ void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode c
         break;
       case EndVerdict::Short:
         XFER_LOG(log::kRecovery, "short transfer | range=" << start << " | expected=" << expected << " | got=" << got);
-        result = CURLE_PARTIAL_FILE;
+        result = attempt.codeIfShort;
         break;
     }
   }

@@ -345,7 +345,9 @@ void DownloadJob::Impl::onData(JobCore::Flight& flight, std::uint64_t offset, co
     return;
   }
   // The result is not looked at: the sink remembers a failed write.
-  static_cast<void>(sink_.writeAt(offset, bytes, length));
+  flight.kept.eachMissing({offset, offset + length}, [&](const ByteRange& part) {
+    static_cast<void>(sink_.writeAt(part.start, bytes + (part.start - offset), part.length()));
+  });
   if (flight.hasher) flight.hasher->add(bytes, length);
   bytesDone_ += length;
   measureSpeed(length);

@@ -51,6 +51,9 @@ class FileExtent {
   /// A transfer that ended well met the end of the file here, though more may have been asked for.
   void endAt(std::uint64_t offset) { metEnd_ = metEnd_ ? std::min(*metEnd_, offset) : offset; }
 
+  /// What came from well-ended transfers.
+  [[nodiscard]] const ByteRanges& delivered() const { return delivered_; }
+
   /// Whether bytes that came from well-ended transfers are kept.
   [[nodiscard]] bool holdsBytes() const { return !delivered_.empty(); }
 

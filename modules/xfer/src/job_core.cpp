@@ -241,9 +241,6 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
   if (fit == Fit::Contradicts || (fit == Fit::Replaces && mixes)) {
     return refuse(*flight, Refusal::Changed, "size of the remote file changed");
   }
-  if (whole && claim.length && flight->asked.start != 0 && *claim.length <= flight->asked.start) {
-    return refuse(*flight, Refusal::Changed, "whole file ends before the range");
-  }
   const Likeness likeness = version_.judge(validator);
   if (likeness == Likeness::Other && mixes) {
     return refuse(*flight, Refusal::Changed, "entity tag of the remote file changed");
@@ -251,6 +248,9 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
   if (likeness == Likeness::Doubt && mixes) return raiseDoubt(*flight, validator);
   // A transfer of earlier bytes is under way; should it bring the whole file too, these would come twice.
   if (whole && !leads) return putBack(*flight);
+  if (whole && claim.length && flight->asked.start != 0 && *claim.length <= flight->asked.start) {
+    return refuse(*flight, Refusal::Changed, "whole file ends before the range");
+  }
 
   if (likeness != Likeness::Same) {
     version_.forget();
@@ -276,13 +276,18 @@ Placement JobCore::place(Flight& flight, const AnswerClaim& claim, const Validat
   Placement placement;
   if (whole) {
     supersedeOthers(flight, actions);
-    const auto total = extent_.rangedTotal();
-    // What only the probe said does not bind a body without a length.
-    if (claim.length || total || hostGaveSize_) {
+    flight.kept = extent_.delivered();
+    const auto size = extent_.holdsBytes() && extent_.confirmed() ? extent_.confirmed() : extent_.rangedTotal();
+    if (!claim.length && size) {
+      // What was delivered, or a range, says where the file ends: a body that ends elsewhere is of another one.  Only
+      // its end can tell, so it is read up to there, whatever is needed of it.
+      placement.end = size;
+      placement.code = CURLE_RANGE_ERROR;
+      if (claim.endIsSeen) placement.codeIfShort = CURLE_RANGE_ERROR;
+    } else if (claim.length || hostGaveSize_) {
+      // What only the probe said does not bind a body without a length.
       placement.end = extent_.size() == planSize_ ? scheduler_->openEnd() : extent_.size();
     }
-    // Ranges said where the file ends: a body that goes on there is of another one.
-    if (!claim.length && total && placement.end == total) placement.code = CURLE_RANGE_ERROR;
   } else {
     placement.bodyOffset = flight.asked.start;
     if (flight.asked.end != 0) placement.end = flight.asked.end;
@@ -373,9 +378,17 @@ void JobCore::succeeded(Flight& flight, const TransferEnd& end, JobActions& acti
   const std::uint64_t reached = flight.asked.start + end.bytes;
   const bool whole = flight.answer && flight.answer->claim.kind == AnswerClaim::Kind::WholeFile;
   if (whole && !endWholeFile(flight, reached, end, actions)) return;
+  if (flight.answer && !whole && end.bytes == 0) {
+    // No range is empty.
+    return retryOrFail(flight.rangeStart, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+  }
   extent_.deliver({flight.asked.start, reached});
   doubtsInARow_ = 0;
-  if (flight.hasher) sample_.add(flight.hasher->finish());
+  if (flight.hasher) {
+    std::vector<HashedBlock> blocks = flight.hasher->finish();
+    std::erase_if(blocks, [&](const HashedBlock& block) { return flight.kept.meets(block.range); });
+    sample_.add(blocks);
+  }
   if (whole) {
     completeFrom(flight.rangeStart);
     return finishIfWhole(flight, end, actions);
@@ -396,7 +409,7 @@ bool JobCore::endWholeFile(Flight& flight, std::uint64_t reached, const Transfer
   using Fit = FileExtent::Fit;
   const auto& answer = *flight.answer;
   if (answer.neededEnd) {
-    if (reached < *answer.neededEnd) extent_.endAt(reached);
+    if (reached < *answer.neededEnd || reached == extent_.confirmed()) extent_.endAt(reached);
     return true;
   }
   const auto size = extent_.size();
@@ -548,8 +561,9 @@ Placement JobCore::raiseDoubt(Flight& flight, const Validator& validator) {
       return refuse(flight, Flight::Refusal::Changed, "validator of the remote file changes all the time");
     }
     XFER_LOG(log::kRecovery, "onHead | validator changed, a sample will tell | range=" << flight.asked.start);
-    doubt_.emplace();
-    doubt_->candidate = validator;
+    Doubt doubt;
+    doubt.candidate = validator;
+    doubt_ = std::move(doubt);
   }
   return putBack(flight);
 }

@@ -82,6 +82,9 @@ class JobCore {
     bool toCancel = false;                ///< superseded by another one; its transfer does not end by itself
     std::atomic<bool> superseded{false};  ///< other transfers bring its bytes; its result is ignored
 
+    /// Of a whole file: what was delivered before it.  Not written again, since this transfer may yet fail.
+    ByteRanges kept{};
+
     // The data path's own: written by the thread that delivers, read once the transfer has ended.
     std::optional<StreamHasher> hasher{};  ///< when the answer's validator cannot decide alone
     std::vector<std::uint8_t> sampled{};   ///< of a sample

@@ -1,7 +1,6 @@
 #include "range_scheduler.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "log.h"
 
@@ -42,6 +41,14 @@ class ChunkSizes {
   std::uint64_t factor_;
   std::uint64_t next_;
 };
+
+// The range that starts at start, or the end.
+template <class Ranges>
+auto findStart(Ranges& ranges, std::uint64_t start) {
+  const auto found = std::lower_bound(ranges.begin(), ranges.end(), start,
+                                      [](const auto& range, std::uint64_t value) { return range.start < value; });
+  return found != ranges.end() && found->start == start ? found : ranges.end();
+}
 
 }  // namespace
 
@@ -86,13 +93,11 @@ void RangeScheduler::buildRanges() {
 }
 
 std::vector<RangeScheduler::Range>::const_iterator RangeScheduler::find(std::uint64_t start) const {
-  const auto found = std::lower_bound(ranges_.begin(), ranges_.end(), start,
-                                      [](const Range& range, std::uint64_t value) { return range.start < value; });
-  return found != ranges_.end() && found->start == start ? found : ranges_.end();
+  return findStart(ranges_, start);
 }
 
 std::vector<RangeScheduler::Range>::iterator RangeScheduler::find(std::uint64_t start) {
-  return ranges_.begin() + (std::as_const(*this).find(start) - ranges_.cbegin());
+  return findStart(ranges_, start);
 }
 
 std::optional<ByteRange> RangeScheduler::nextPending() {

@@ -27,6 +27,7 @@ bool worthReading(const ResponseHead& head, std::uint64_t received) {
 class ProbeReceiver final : public FetchReceiver {
  public:
   bool header(std::string_view line) override {
+    if (received_ != 0) return true;  // trailers
     reader_.add(line);
     // Only a 200 is the last response for certain.
     const bool large = reader_.headIsWhole() && head().status == 200 && !worthReading(head(), received_);
