@@ -394,8 +394,8 @@ void JobCore::succeeded(Flight& flight, const TransferEnd& end, JobActions& acti
     return finishIfWhole(flight, end, actions);
   }
   if (flight.asked.end == 0 || reached < flight.asked.end) {
-    const auto named = flight.answer ? flight.answer->claim.namedEnd : std::nullopt;
-    if (extent_.goesOnAt(reached) || named.value_or(0) > reached) {
+    const std::uint64_t named = flight.answer ? flight.answer->claim.namedEnd.value_or(0) : 0;
+    if (extent_.goesOnAt(reached) || named > reached) {
       return continueRange(flight, reached, end, actions);
     }
     extent_.endAt(reached);
