@@ -137,7 +137,7 @@ JobActions JobCore::run() {
 // ---- What is fetched next ----
 
 JobCore::FlightPtr JobCore::addFlight() {
-  const auto flight = std::make_shared<Flight>();
+  auto flight = std::make_shared<Flight>();
   flight->id = ++lastFlight_;
   flight->generation = generation_;
   flights_.emplace(flight->id, flight);
@@ -151,7 +151,7 @@ JobCore::FlightPtr JobCore::next() {
 
 JobCore::FlightPtr JobCore::nextRange() {
   if (flights_.size() >= limit()) return nullptr;
-  const auto flight = addFlight();  // first: it may throw, and a range that was handed out must not be lost
+  auto flight = addFlight();  // first: it may throw, and a range that was handed out must not be lost
   std::optional<ByteRange> range;
   if (!rests_.empty()) {
     range = rests_.front();
@@ -586,7 +586,7 @@ void JobCore::prepareSample(JobActions& actions) {
 
 JobCore::FlightPtr JobCore::nextSample() {
   if (!doubt_->prepared || doubt_->waiting || !flights_.empty()) return nullptr;
-  const auto flight = addFlight();
+  auto flight = addFlight();
   const ByteRange& block = doubt_->blocks[doubt_->index].range;
   flight->sample = true;
   flight->rangeStart = block.start;
