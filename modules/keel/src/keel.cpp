@@ -10,12 +10,12 @@ namespace {
 std::atomic<std::uint32_t> g_threshold{3};
 std::string g_settingsName;
 
-// Held shared by every write, so that setRecordSink can wait for the last one.
+// Every write holds it shared, so that setRecordSink waits for running writes.
 std::shared_mutex g_sinkMutex;
 Keel::RecordSink g_sink = nullptr;
 void* g_sinkContext = nullptr;
 
-// Lives as long as the library: counting its references would end nothing.
+// Lives as long as the library, so references are not counted.
 class Logger final : public Keel::ILogger {
  public:
   void addRef() override {}

@@ -35,8 +35,8 @@ void DataBuff::assign(const std::string& text) {
 }
 
 void DataBuff::assign(const void* src, std::uint64_t n) {
-  // Intended: the result is not looked at, so that a failed resize writes past the old block.  Whoever can run out of
-  // memory calls resize first; the library itself always does.
+  // Intended: ignores the result, so a failed resize writes past the old block.  Callers that may run out of memory
+  // call resize first; the library always does.
   static_cast<void>(resize(n));
   if (src != nullptr && n != 0) std::memcpy(data_, src, static_cast<std::size_t>(n));
 }
@@ -65,8 +65,8 @@ std::uint8_t* DataBuff::release(std::uint64_t* n) {
 DataBuff* DataBuff::moveTo(IDataBuff* other) {
   other->clear();
   auto* const target = dynamic_cast<DataBuff*>(other);
-  target->data_ =
-      release(&target->size_);  // intended: a buffer of another class is the caller's mistake, not tested for
+  // Intended: not checked; passing a buffer of another class is the caller's error.
+  target->data_ = release(&target->size_);
   return target;
 }
 

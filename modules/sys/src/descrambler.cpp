@@ -11,7 +11,7 @@ namespace {
 constexpr const char* kBrand = "Quillon";
 constexpr std::string_view kReplacement = "serv";
 
-// Only ever stored like this.
+// The plain text is stored nowhere.
 constexpr std::array<unsigned char, 16> kScrambled{0x65, 0x63, 0x73, 0x60, 0x6a, 0x64, 0x2e, 0x66,
                                                    0x65, 0x2c, 0x66, 0x73, 0x74, 0x64, 0x70, 0x6d};
 

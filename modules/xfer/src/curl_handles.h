@@ -1,4 +1,4 @@
-// Owners of libcurl's handles.  Nothing else in the library frees one.
+// Owning pointers to libcurl's handles.  Nothing else in the library frees one.
 #pragma once
 
 #include <curl/curl.h>

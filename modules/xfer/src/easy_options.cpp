@@ -23,7 +23,7 @@ struct DefaultHeader {
 
 constexpr std::array<DefaultHeader, 4> kDefaultHeaders{{
     {"Accept:", "Accept: */*"},
-    // No compression is ever negotiated: bodies are the bytes as stored, and range offsets count those.
+    // Never negotiate compression: range offsets count the bytes as stored.
     {"Accept-Encoding:", "Accept-Encoding: identity"},
     {"Accept-Language:", "Accept-Language: en-US"},
     {"User-Agent:",
@@ -73,7 +73,7 @@ void applyTransport(CURL* easy) {
   curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_DEFAULT));
   curl_easy_setopt(easy, CURLOPT_SSL_CIPHER_LIST, kCiphers);
   curl_easy_setopt(easy, CURLOPT_TLS13_CIPHERS, kTls13Ciphers);
-  // Without it, giving up during a name lookup waits for the rest of that lookup.
+  // Without it, aborting during a name lookup waits for the lookup.
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
 }
 

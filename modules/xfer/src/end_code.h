@@ -1,4 +1,4 @@
-// What the end of a job is reported as through the C interface.  Pure.
+// Maps a job's final state to the code that the C interface reports.  Pure.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 namespace xfer {
 
-/// For a job in a final state.
+/// Requires: state is final.
 constexpr std::uint32_t endCode(JobState state, std::int32_t errorCode) {
   switch (state) {
     case JobState::Failed:

@@ -22,9 +22,9 @@ namespace {
 
 constexpr const char* kLogTag = "xfer";
 constexpr int kLongestWaitMs = 1000;  // as curl_easy_perform
-constexpr int kStopCheckMs = 50;      // where libcurl cannot be woken
+constexpr int kStopCheckMs = 50;      // when libcurl cannot be woken
 
-// A transfer as libcurl's callbacks see it.
+// State of a transfer that libcurl's callbacks update.
 struct Arrival {
   FetchReceiver& receiver;
   std::uint64_t bodyBytes = 0;
@@ -55,7 +55,7 @@ std::size_t takeBody(char* bytes, std::size_t size, std::size_t count, void* use
   }
 }
 
-// Keeps the headers of all responses, and the body where that is wanted.
+// Keeps the headers of all responses, and the body if keepsBody.
 class Collector final : public FetchReceiver {
  public:
   Collector(Response& response, bool keepsBody) : response_(response), keepsBody_(keepsBody) {}
@@ -80,11 +80,11 @@ StopSignal& unloading() {
   return signal.get();
 }
 
-// What curl_easy_perform does, but the stop signals end it.
+// As curl_easy_perform, but the stop signals abort it.
 CURLcode perform(CURL* easy, const StopSignal& stop) {
   const MultiPtr multi(curl_multi_init());
   if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
-  // A wake-up that comes before the wait ends that wait: none is lost between the look at the signals and the wait.
+  // A wake-up before curl_multi_poll ends that poll, so none is lost between checking the signals and polling.
   const auto wake = [&multi] { return curl_multi_wakeup(multi.get()); };
   const StopSignal::Listener atStop(stop, wake);
   const StopSignal::Listener atUnload(unloading(), wake);
@@ -109,7 +109,7 @@ void applyRequest(CURL* easy, const Request& request) {
   curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
   if (!request.body.empty()) {
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.body.data());  // not copied: the request outlives the transfer
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.body.data());  // not copied; request outlives the transfer
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
   }
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, request.followRedirects ? 1L : 0L);
@@ -134,7 +134,7 @@ void applyRequest(CURL* easy, const Request& request) {
 }  // namespace
 
 void init() {
-  // Not call_once: not every platform's can be left by an exception and tried again.
+  // Not call_once: some implementations cannot retry after an exception.
   struct Progress {
     sys::Mutex mutex;
     bool globalIsUp SYS_GUARDED_BY(mutex) = false;
@@ -227,7 +227,7 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
 }
 
 std::future<Response> fetchAsync(const Request& request) {
-  // The copy is not const, so that the task is moved, not copied again, on its way to its thread.
+  // The captured copy is not const, so that the task is moved to its thread and not copied again.
   return std::async(std::launch::async, [request = Request(request)] {
     struct EndOfThread {
       ~EndOfThread() { sys::releaseThreadState(); }
@@ -251,7 +251,7 @@ std::int64_t getContentLength(const std::string& url, const net::Proxy& proxy, c
     if (!size || *size > kMost) return -1;
     if (*size > 0) return static_cast<std::int64_t>(*size);
   }
-  // An unknown total leaves the length of the one-byte part, and that is what is returned.
+  // Intended: without a total, returns the length of the one-byte part.
   const auto length = contentLengthText(response.headers);
   const auto size = length ? leadingNumber(*length) : std::nullopt;
   return !size || *size < 1 || *size > kMost ? -1 : static_cast<std::int64_t>(*size);

@@ -1,8 +1,7 @@
-// Fetches for the library's own use: the answer goes to a receiver as it arrives, and another thread can end the
-// transfer early.
+// Internal fetches: a receiver gets the response as it arrives, and another thread can abort the transfer.
 //
-// Threads: any; a receiver is called on the thread that fetches.
-// Errors:  as fetch.  What a receiver throws ends the transfer and leaves the function.
+// Threads: any; a receiver is called on the fetching thread.
+// Errors:  as fetch.  An exception of a receiver aborts the transfer and is rethrown to the caller.
 #pragma once
 
 #include <cstdint>
@@ -13,14 +12,13 @@
 
 namespace xfer {
 
-/// Takes an answer as it arrives.
+/// Receives a response as it arrives.
 class FetchReceiver {
  public:
-  /// One header line as libcurl delivers it, redirects included.  False ends the transfer here, which counts as a
-  /// success.
+  /// Takes one header line as libcurl delivers it, redirects included.  False ends the transfer as a success.
   virtual bool header(std::string_view line) = 0;
 
-  /// A piece of the last response's body.  False ends the transfer here, which counts as a success.
+  /// Takes a piece of the last response's body.  False ends the transfer as a success.
   virtual bool body(std::string_view bytes) = 0;
 
  protected:
@@ -30,14 +28,13 @@ class FetchReceiver {
 struct FetchEnd {
   std::int32_t curlCode = 0;
   std::int32_t status = 0;
-  std::uint64_t bodyBytes = 0;  ///< that were handed to the receiver
+  std::uint64_t bodyBytes = 0;  ///< handed to the receiver
 };
 
-/// Whether a receiver also gets what a proxy answers to CONNECT.
+/// Whether the receiver also gets a proxy's response headers to CONNECT.
 enum class ConnectHeads { Shown, Hidden };
 
-/// As fetch, into a receiver; when stop gets set the transfer ends within a tenth of a second with libcurl's
-/// aborted-by-callback code.
+/// As fetch, into a receiver.  Setting stop aborts the transfer within 100 ms with libcurl's aborted-by-callback code.
 FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSignal& stop,
                    ConnectHeads connectHeads = ConnectHeads::Shown);
 
@@ -46,10 +43,10 @@ struct CountedResponse {
   std::uint64_t bodyBytes = 0;
 };
 
-/// As fetch, but counts the body and keeps nothing of it.
+/// As fetch, but counts the body's bytes and discards them.
 CountedResponse fetchCounted(const Request& request);
 
-/// Makes every fetch of the process end early, those to come included: the module is being unloaded.
+/// Aborts every current and later fetch of the process, for unloading the module.
 void stopAllFetches();
 
 }  // namespace xfer

@@ -15,7 +15,7 @@ constexpr std::chrono::milliseconds kPollInterval{5};
 
 FileSink::FileSink() : FileSink([](std::chrono::milliseconds time) { std::this_thread::sleep_for(time); }) {}
 
-// Polls: nobody announces that another process has let go.
+// Polls, since nothing signals that another process releases the file.
 int FileSink::createPatiently() {
   int error = file_.create(path_);
   std::chrono::milliseconds waited{0};
@@ -80,7 +80,7 @@ std::int32_t FileSink::writeAt(std::uint64_t offset, const std::uint8_t* bytes, 
 std::int32_t FileSink::finalize(std::uint64_t size) {
   if (!isOpen()) return result::kFileNotOpen;
   if (const auto truncated = file_.truncate(size); truncated.error != 0) {
-    // Intended: the content is whole, only its tail is too long or too short.
+    // Intended: not an error; the content is whole, only the file's length is wrong.
     XFER_LOG(log::kFailure, "finalize | truncate failed | err=" << truncated.error);
   }
   file_.close();

@@ -5,10 +5,10 @@
 //
 // An open sink is the only writer of its file: see sys::DiskFile.
 //
-// Threads: a job writes on one thread, its loop thread, and reads the counters on others.  writeAt allows more: several
-//          threads at once for ranges that do not overlap.  open, finalize and close need the sink to themselves: the
-//          file must not be closed while a write is in flight.
-// Errors:  by result code (see result_codes.h) and a failure record; none throws.
+// Threads: a job writes on its loop thread and reads the counters on others.  writeAt may run on several threads at
+//          once for ranges that do not overlap.  open, finalize and close need exclusive access: the file must not be
+//          closed while a write is in flight.
+// Errors:  a result code (see result_codes.h) and a failure record.  Only open may throw: std::bad_alloc.
 // Units:   offsets, sizes and lengths are bytes; paths are UTF-8.
 #pragma once
 
@@ -25,26 +25,26 @@ namespace xfer {
 
 class FileSink {
  public:
-  /// How long open waits for another writer to let go: a job that was just cancelled has the file a moment longer.
+  /// How long open waits for another writer: a job that was just cancelled holds its file a moment longer.
   static constexpr std::chrono::milliseconds kPatience{1000};
 
   using Wait = std::function<void(std::chrono::milliseconds)>;
 
   FileSink();
 
-  /// wait takes the place of sleeping.
+  /// wait replaces sleeping.
   explicit FileSink(Wait wait) : wait_(std::move(wait)) {}
 
-  /// Creates path at the given size, or replaces what is there; a file that cannot be replaced is moved to path +
-  /// ".bak" first, over an older one, and stays there.  A file that another writer still has after kPatience is refused
-  /// with kFileNotCreated and stays as it is.  kFileNotCreated or kFileNotReserved leave the sink closed.
+  /// Creates path at the given size, or replaces the file there.  A file that cannot be replaced is first moved to
+  /// path + ".bak", replacing that, and stays there.  A file that another writer still holds after kPatience is refused
+  /// with kFileNotCreated and unchanged.  After any error the sink is closed.
   /// Requires: closed.
   std::int32_t open(const std::string& path, std::uint64_t size);
 
-  /// Writes all bytes at offset.  kWriteFailed: some may have reached the file, none is counted.
+  /// Writes all bytes at offset.  kWriteFailed: some may be in the file, none is counted.
   std::int32_t writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length);
 
-  /// Sets the final size and closes.  A size that cannot be set is logged and not reported.
+  /// Sets the final size and closes.  Failing to set the size is logged, not reported.
   std::int32_t finalize(std::uint64_t size);
 
   /// Does nothing when closed.
@@ -52,10 +52,10 @@ class FileSink {
 
   [[nodiscard]] bool isOpen() const { return file_.isOpen(); }
 
-  /// What writeAt wrote since open.
+  /// Bytes written by writeAt since open.
   [[nodiscard]] std::uint64_t bytesWritten() const { return bytesWritten_.load(std::memory_order_relaxed); }
 
-  /// Whether a writeAt has answered kWriteFailed since open: the file has a hole.
+  /// Whether a writeAt has returned kWriteFailed since open: the file has a hole.
   [[nodiscard]] bool writeFailed() const { return writeFailed_.load(std::memory_order_relaxed); }
 
  private:
@@ -65,7 +65,7 @@ class FileSink {
   std::string path_;
   sys::DiskFile file_;
 
-  // Atomic: writeAt may run on several threads, and others read them meanwhile.
+  // Atomic: several threads may write, and others read concurrently.
   std::atomic<std::uint64_t> bytesWritten_{0};
   std::atomic<bool> writeFailed_{false};
 };

@@ -59,7 +59,7 @@ bool Handles::resume(std::uint64_t id) {
 }
 
 bool Handles::stop(std::uint64_t id) {
-  DownloadEntry stopped;  // before the lock: destroyed after it is released
+  DownloadEntry stopped;  // declared before the lock: destroyed after its release
   const sys::MutexLock lock(mutex_);
   const auto found = findLive(id);
   if (found == downloads_.end()) return false;
@@ -69,7 +69,7 @@ bool Handles::stop(std::uint64_t id) {
 }
 
 std::optional<DownloadProgress> Handles::progress(std::uint64_t id) {
-  std::unique_ptr<LiveJob> ended;  // before the lock: destroyed after it is released
+  std::unique_ptr<LiveJob> ended;  // declared before the lock: destroyed after its release
   const sys::MutexLock lock(mutex_);
   const auto found = downloads_.find(id);
   if (found == downloads_.end()) return std::nullopt;
@@ -88,7 +88,7 @@ Handles::RequestEntry Handles::take(std::uint64_t id) noexcept {
 }
 
 void Handles::clear() noexcept {
-  Requests requests;  // before the lock: destroyed after it is released
+  Requests requests;  // declared before the lock: destroyed after its release
   Downloads downloads;
   const sys::MutexLock lock(mutex_);
   downloads.swap(downloads_);
@@ -97,7 +97,7 @@ void Handles::clear() noexcept {
 
 Handles& handles() {
   static sys::NeverDestroyed<Handles> instance;
-  // What libcurl has run at exit was registered when the module was loaded, and so runs after this.
+  // Runs before libcurl's own exit handlers, which were registered when the module was loaded.
   static const bool registered = (sys::atUnload([] {
                                     stopAllFetches();  // a future's destructor waits for its request
                                     instance.get().clear();

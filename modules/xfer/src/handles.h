@@ -1,19 +1,19 @@
-// The ids that the C interface hands out, and what each names: a download into a file or a request in the background.
-// Knows nothing of texts, buffers and log records.
+// The ids of the C interface: each names a download into a file or a request in the background.  Knows nothing of
+// texts, buffers and log records.
 //
-//   download  reserved ──file──► live ──its end is reported──► finished (kept until the module is unloaded)
+//   download  reserved ──file──► live ──end reported──► finished (kept until the module is unloaded)
 //                 │                └──stop──► unknown
 //                 └──file, not started──► finished
 //   request   reserved ──file──► pending ──take──► unknown
 //
-// Reserving allocates what an entry needs for its whole life, before the thing that it names is started.  Nothing else
-// here allocates: a started download is never lost, and stopping or reporting one works when memory has run out.
+// reserve allocates an entry before its download or request is started.  Nothing else here allocates: a started
+// download is never lost, and stopping or reporting one works without memory.
 //
-// Finished downloads accumulate by design, since a host may ask for a result again at any time: about 64 bytes each.
+// Intended: finished downloads accumulate, about 64 bytes each, since a host may ask for a result again at any time.
 //
 // Threads: any.  pause, resume, snapshot and cancel of a job run under the mutex.  Jobs and futures are destroyed after
-//          it is released, so that a slow end holds nobody up; their id is unknown (or finished) from before that.
-// Errors:  reserving throws std::bad_alloc.  What a job throws is passed on.
+//          its release, so that a slow end blocks no other call; their id is unknown (or finished) before that.
+// Errors:  reserve throws std::bad_alloc.  Exceptions of a job are passed on.
 #pragma once
 
 #include <cstdint>
@@ -30,27 +30,27 @@
 
 namespace xfer {
 
-/// A job, with what keeps the module loaded while the job may own threads.
+/// A job, and a pin that keeps the module loaded while the job may own threads.
 struct LiveJob {
   LiveJob(DownloadRequest request, const DownloadPolicy& policy) : job(std::move(request), policy) {}
 
-  sys::ModulePin pin;  // before the job: released after it
+  sys::ModulePin pin;  // declared before the job: released after it
   DownloadJob job;
 };
 
 struct Download {
   std::unique_ptr<LiveJob> live;  ///< null: finished
-  std::uint32_t result = 0;       ///< once finished: the code to report
+  std::uint32_t result = 0;       ///< code to report, once finished
 };
 
 struct PendingRequest {
-  sys::ModulePin pin;  // before the future, whose destructor waits for a thread
+  sys::ModulePin pin;  // declared before the future: released after its destructor has joined the thread
   std::future<Response> response;
 };
 
-/// What is reported of a download.
+/// Reported progress of a download.
 struct DownloadProgress {
-  std::uint64_t bytesDone = 0;  ///< 0 once the end has been reported
+  std::uint64_t bytesDone = 0;  ///< 0 after the end was reported
   std::uint32_t result = 0;     ///< once finished
   bool finished = false;
 };
@@ -60,32 +60,31 @@ class Handles {
   using Requests = std::map<std::uint64_t, PendingRequest>;
 
  public:
-  /// An entry outside of its table, which owns what is in it; empty or with a mapped().
+  /// An entry outside of its table, with ownership; empty or with a mapped().
   using DownloadEntry = Downloads::node_type;
   using RequestEntry = Requests::node_type;
 
   static DownloadEntry reserveDownload();
   static RequestEntry reserveRequest();
 
-  /// Puts the entry into its table under the next id, which is returned.  Both kinds share one sequence, from 1 on.
+  /// Adds the entry to its table under the next id and returns that.  Both kinds share one sequence, from 1 on.
   std::uint64_t file(DownloadEntry entry) noexcept SYS_EXCLUDES(mutex_);
   std::uint64_t file(RequestEntry entry) noexcept SYS_EXCLUDES(mutex_);
 
-  /// Whether the id names a live download, which has then been told.
+  /// Pauses or resumes a live download; false when the id names none.
   bool pause(std::uint64_t id) SYS_EXCLUDES(mutex_);
   bool resume(std::uint64_t id) SYS_EXCLUDES(mutex_);
 
-  /// Cancels and forgets a live download; returns when its job is destroyed, by an exception of its cancel too.
-  /// Whether the id named one.
+  /// Cancels, forgets and destroys a live download, also when its cancel throws; false when the id names none.
   bool stop(std::uint64_t id) SYS_EXCLUDES(mutex_);
 
-  /// Nothing for an unknown id.  The first report of an end destroys the job.
+  /// Nothing for an unknown id.  The first report of the end destroys the job.
   std::optional<DownloadProgress> progress(std::uint64_t id) SYS_EXCLUDES(mutex_);
 
-  /// The request with that id, which is unknown from then on; empty for an unknown id.
+  /// Removes and returns the request with that id; empty for an unknown id.
   RequestEntry take(std::uint64_t id) noexcept SYS_EXCLUDES(mutex_);
 
-  /// Ends what a host left behind, and forgets every id.  Waits for the requests.
+  /// Ends every remaining download and request, waits for them, and forgets every id.
   void clear() noexcept SYS_EXCLUDES(mutex_);
 
  private:
@@ -94,11 +93,11 @@ class Handles {
   // The outermost lock.  Never held while a job or a request is started, awaited or destroyed.
   sys::Mutex mutex_;
   std::uint64_t lastId_ SYS_GUARDED_BY(mutex_) = 0;
-  Downloads downloads_ SYS_GUARDED_BY(mutex_);  // live and finished ones
+  Downloads downloads_ SYS_GUARDED_BY(mutex_);  // live and finished
   Requests requests_ SYS_GUARDED_BY(mutex_);
 };
 
-/// The module's tables.  When it is unloaded, requests are stopped and the tables cleared.
+/// The module's tables.  Unloading the module aborts requests and clears the tables.
 Handles& handles();
 
 }  // namespace xfer

@@ -1,4 +1,4 @@
-// Which state of a job may follow which.  Pure.
+// The allowed transitions of a job's state.  Pure.
 #pragma once
 
 #include "xfer/download_records.h"

@@ -1,10 +1,10 @@
-// The one way in which the library logs.
+// The library's log statements.
 //
 // Each source file that logs defines one constant, kLogTag.  A statement evaluates its text only when the host's logger
-// wants records of its level.  Some statements carry a fixed line number instead of their own: those numbers are part
-// of the contract with hosts that read the log, and stay when the code around them moves.
+// accepts its level.  Some statements have a fixed line number: these are a contract with hosts that read the log, and
+// do not change when the code moves.
 //
-// Threads: any.  Errors: logging never raises any; what cannot be written is lost.
+// Threads: any.  Errors: logging never throws; a record that cannot be written is lost.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ void write(std::uint32_t level, const char* tag, const char* file, std::uint32_t
       Keel::CLogMsgMultibyte record(logger, level, tag, file, line);
       streamText(record);
     } catch (...) {
-      // Out of memory: the caller's work matters more than its record.
+      // Out of memory: drop the record, not the caller's work.
     }
   }
   logger->release();

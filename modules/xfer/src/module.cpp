@@ -1,4 +1,4 @@
-// What happens when the library is loaded and unloaded.
+// The library's load and unload hooks.
 #include "sys/module.h"
 
 #include <curl/curl.h>
@@ -7,8 +7,8 @@
 
 namespace sys {
 
-// On Windows this runs under the loader lock, where libcurl and Winsock do not like to be initialised: no other thread
-// is started and nothing is waited for, and it is the one call that has to come before a host's first.
+// On Windows this runs under the loader lock, where initialising libcurl and Winsock is discouraged.  It is safe: it
+// starts no thread and waits for none.  It must come before a host's first call.
 void onModuleLoad() noexcept {
   curl_global_init(CURL_GLOBAL_ALL);
 }

@@ -25,7 +25,7 @@ Setting& setting() {
 }  // namespace
 
 void setModuleProxy(const net::Proxy& proxy) {
-  // Copied before the lock, so that running out of memory cannot leave half a setting.
+  // Copy before taking the lock: running out of memory must not leave half a setting.
   std::string host = proxy.host;
   std::string port = std::to_string(proxy.port);
   std::string username = proxy.username;

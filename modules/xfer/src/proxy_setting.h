@@ -1,16 +1,16 @@
-// The proxy that xfer_setProxy sets for the whole module.
+// The module-wide proxy of xfer_setProxy.
 //
-// Threads: any; a reader sees the old or the new setting, never a mixture.
+// Threads: any; readers see the old or the new setting, never a mixture.
 #pragma once
 
 #include "net/proxy.h"
 
 namespace xfer {
 
-/// Replaces the setting.  An empty host means that there is none.
+/// Replaces the setting.  Empty host: no proxy.
 void setModuleProxy(const net::Proxy& proxy);
 
-/// The proxy that spec describes; for a null or empty spec the module's setting.
+/// Parses spec; for a null or empty spec returns the module's setting.
 net::Proxy resolveProxy(const char* spec);
 
 }  // namespace xfer

@@ -9,7 +9,7 @@ namespace {
 
 constexpr const char* kLogTag = "RangeSched";
 
-// The sizes of a file's chunks, one after the other.
+// Generates the sizes of a file's chunks.
 class ChunkSizes {
  public:
   ChunkSizes(const DownloadPolicy& policy, std::uint64_t max)
@@ -18,9 +18,9 @@ class ChunkSizes {
   }
 
   std::uint64_t next() {
-    const std::uint64_t size = next_;  // the first one is not capped, even when it is larger than the maximum
+    const std::uint64_t size = next_;  // the first chunk may exceed the maximum
     if (!ramp_) return size;
-    next_ = size > max_ / factor_ ? max_ : size * factor_;  // dividing keeps the product from overflowing
+    next_ = size > max_ / factor_ ? max_ : size * factor_;  // dividing avoids overflow
     return size;
   }
 
@@ -30,7 +30,7 @@ class ChunkSizes {
     for (std::uint64_t chunks = 0;; ++chunks) {
       const std::uint64_t size = sizes.next();
       if (size >= total) return chunks + 1;
-      if (sizes.next_ == size) return chunks + total / size + (total % size != 0 ? 1 : 0);  // it grows no more
+      if (sizes.next_ == size) return chunks + total / size + (total % size != 0 ? 1 : 0);  // it grows no further
       total -= size;
     }
   }
@@ -42,7 +42,7 @@ class ChunkSizes {
   std::uint64_t next_;
 };
 
-// The range that starts at start, or the end.
+// Iterator to the range that starts at start; end() when there is none.
 template <class Ranges>
 auto findStart(Ranges& ranges, std::uint64_t start) {
   const auto found = std::lower_bound(ranges.begin(), ranges.end(), start,
@@ -62,7 +62,7 @@ const char* unworkableField(const DownloadPolicy& policy) {
 
 RangeScheduler::RangeScheduler(std::uint64_t totalBytes, const DownloadPolicy& policy)
     : total_(totalBytes), policy_(policy) {
-  const sys::MutexLock lock(mutex_);  // which nobody else can want yet
+  const sys::MutexLock lock(mutex_);  // never contended; for the thread-safety analysis
   buildRanges();
 }
 
@@ -73,12 +73,12 @@ void RangeScheduler::buildRanges() {
   }
   std::uint64_t max = policy_.maxChunkSize;
   if (policy_.numThreads > 1) {
-    // The initial size is only the condition here, not a lower bound of what follows.
+    // The initial size is only a condition here, not a lower bound of max.
     const std::uint64_t share = total_ / policy_.numThreads;
     if (share > policy_.initialChunkSize) max = std::min(share, max);
   }
   ChunkSizes sizes(policy_, max);
-  ranges_.reserve(sizes.count(total_));  // a list that memory cannot hold fails here, not after filling all of it
+  ranges_.reserve(sizes.count(total_));  // fails here, and not after filling all memory
   for (std::uint64_t offset = 0; offset < total_;) {
     const std::uint64_t end = offset + std::min(sizes.next(), total_ - offset);
     ranges_.push_back({offset, end, RangeState::Pending});

@@ -5,7 +5,7 @@
 //
 // Threads: every public member may be called from any thread; each holds mutex_ throughout.
 //          Leaf lock: only the logger is called under it.
-// Errors:  none reported; a report for a range that is not Active is logged and ignored.
+// Errors:  none reported; complete and fail log and ignore a range that is not Active.
 // Units:   offsets and lengths are bytes; ranges are half-open [start, end).
 #pragma once
 
@@ -21,7 +21,7 @@ namespace xfer {
 
 enum class RangeState : std::uint32_t { Pending = 0, Active = 1, Done = 2 };
 
-/// The name of a field with which no file can be cut or fetched; null when the policy can work.
+/// The name of a field whose value makes a download impossible; null when the policy can work.
 const char* unworkableField(const DownloadPolicy& policy);
 
 class RangeScheduler {
@@ -30,23 +30,23 @@ class RangeScheduler {
   /// A totalBytes of 0 gives one empty range, so that such a file still completes.
   RangeScheduler(std::uint64_t totalBytes, const DownloadPolicy& policy);
 
-  /// Activates the lowest Pending range and returns it; nullopt when none is Pending, which does not
-  /// mean finished: see allDone.
+  /// Activates and returns the lowest Pending range; nullopt when none is Pending, which does not mean finished: see
+  /// allDone.
   std::optional<ByteRange> nextPending() SYS_EXCLUDES(mutex_);
 
-  /// The Active range that starts here is Done.
+  /// Marks the Active range that starts at start Done.
   void complete(std::uint64_t start) SYS_EXCLUDES(mutex_);
 
-  /// The Active range that starts here is Pending again.
+  /// Makes the Active range that starts at start Pending again.
   void fail(std::uint64_t start) SYS_EXCLUDES(mutex_);
 
-  /// As fail, but says nothing, and does nothing when the range is not Active.
+  /// As fail, without a log record.
   void release(std::uint64_t start) SYS_EXCLUDES(mutex_);
 
-  /// Every range from the one that starts here on is Done, whatever its state was.
+  /// Marks the range that starts at start and all later ones Done, from any state.
   void completeFrom(std::uint64_t start) SYS_EXCLUDES(mutex_);
 
-  /// The end of the range that starts here; start itself when there is none.
+  /// The end of the range that starts at start; start when there is none.
   [[nodiscard]] std::uint64_t endOf(std::uint64_t start) const SYS_EXCLUDES(mutex_);
 
   /// The end of the last range that is not Done; 0 when all are.
@@ -54,7 +54,7 @@ class RangeScheduler {
 
   [[nodiscard]] bool allDone() const SYS_EXCLUDES(mutex_);
 
-  /// The number of ranges, cut to 32 bits.
+  /// The number of ranges, truncated to 32 bits.
   [[nodiscard]] std::uint32_t rangeCount() const SYS_EXCLUDES(mutex_);
 
   /// The sum of the lengths of all Done ranges.
@@ -78,7 +78,7 @@ class RangeScheduler {
 
   mutable sys::Mutex mutex_;
   std::vector<Range> ranges_ SYS_GUARDED_BY(mutex_);      // ascending and contiguous; never re-cut
-  std::size_t lowestPending_ SYS_GUARDED_BY(mutex_) = 0;  // no range before it is Pending: keeps long lists fast
+  std::size_t lowestPending_ SYS_GUARDED_BY(mutex_) = 0;  // no range before it is Pending; speeds up nextPending
   std::size_t doneCount_ SYS_GUARDED_BY(mutex_) = 0;
   std::uint64_t completedBytes_ SYS_GUARDED_BY(mutex_) = 0;
 };

@@ -16,11 +16,11 @@ namespace {
 constexpr const char* kLogTag = "DlJob";
 constexpr std::uint64_t kMostDrained = 65536;
 
-// Whether to read a body on, of which this much has arrived, for the sake of its connection.
+// Whether to read the rest of a body so that its connection can be reused.
 bool worthReading(const ResponseHead& head, std::uint64_t received) {
   if (head.contentLengthsDiffer || received > kMostDrained) return false;
   if (const auto length = head.bodyLength()) return *length <= kMostDrained;
-  // Of unknown length: one byte of a file can be expected to end soon, a whole file cannot.
+  // Unknown length: a one-byte range ends soon, a whole file may not.
   return head.status == 206;
 }
 
@@ -29,7 +29,7 @@ class ProbeReceiver final : public FetchReceiver {
   bool header(std::string_view line) override {
     if (received_ != 0) return true;  // trailers
     reader_.add(line);
-    // Only a 200 is the last response for certain.
+    // Only a 200 is certainly the last response.
     const bool large = reader_.headIsWhole() && head().status == 200 && !worthReading(head(), received_);
     return !large;
   }
@@ -41,7 +41,7 @@ class ProbeReceiver final : public FetchReceiver {
 
   [[nodiscard]] const ResponseHead& head() const { return reader_.head(); }
 
-  /// Whether all that the probe asks for has arrived, whatever becomes of the body.
+  /// Whether the head has arrived and answers the probe; a failure in the body does not matter then.
   [[nodiscard]] bool knows() const { return reader_.headIsWhole() && (head().status == 200 || head().status == 206); }
 
  private:
@@ -51,7 +51,7 @@ class ProbeReceiver final : public FetchReceiver {
 
 bool isRangeLine(std::string_view line) {
   constexpr std::string_view kName = "range";
-  std::string_view name = line.substr(0, line.find_first_of(":;"));  // libcurl takes "Name;" for an empty field
+  std::string_view name = line.substr(0, line.find_first_of(":;"));  // for libcurl "Name;" is an empty field
   name = name.substr(0, name.find_last_not_of(" \t") + 1);
   return name.size() == kName.size() && findHeader(name, kName) == 0;
 }

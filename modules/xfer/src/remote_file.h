@@ -1,8 +1,8 @@
-// The question that a job without a size asks the server first: how large the file is, and whether it serves ranges.
-// Only the head of the last response counts, and nothing of a body is kept.
+// Probes the server for a file's size and range support, for a job without a size.  Uses only the head of the last
+// response and discards the body.
 //
 // Threads: any.
-// Errors:  in RemoteFileInfo::error; memory exhaustion throws.
+// Errors:  in RemoteFileInfo::error; throws std::bad_alloc without memory.
 #pragma once
 
 #include "response_head.h"
@@ -11,11 +11,11 @@
 
 namespace xfer {
 
-/// Asks for the first byte with the request's headers, cookie and proxy.  stop ends it as it ends a fetch.  Large
-/// bodies are ended early, which is no failure; small ones are read, so that their connection can be used again.
+/// Requests the first byte with the request's headers, cookie and proxy.  Setting stop aborts it, as in fetchInto.
+/// Cuts off a large body, which is no failure; reads a small one, so that its connection can be reused.
 RemoteFileInfo probeStoppable(const DownloadRequest& request, int timeoutSec, const StopSignal& stop);
 
-/// What the head of the answer to a request for the first byte says of the file.  Pure.
+/// Reads the file's description from the response head to a request for the first byte.  Pure.
 RemoteFileInfo remoteFileInfo(const ResponseHead& head);
 
 }  // namespace xfer

@@ -10,7 +10,7 @@ namespace xfer {
 namespace {
 
 std::string declaredType(const std::string& headers) {
-  // Intended: exact, case-sensitive match, unlike the lengths.
+  // Intended: exact, case-sensitive match, unlike the length fields.
   constexpr std::string_view kName = "Content-Type:";
   const auto name = headers.find(kName);
   if (name == std::string::npos) return {};
@@ -30,7 +30,7 @@ RemoteFileInfo remoteFileInfo(const Response& response) {
   info.httpStatus = response.status;
   if (response.status == 206) {
     info.acceptRanges = true;
-    // A total of "*" is unknown: it has no digits, which gives 0.
+    // "*" (an unknown total) has no digits and gives 0.
     if (const auto total = contentRangeTotal(response.headers)) info.size = leadingNumber(*total).value_or(0);
   } else if (response.status == 200) {
     if (const auto length = contentLengthText(response.headers)) info.size = leadingNumber(*length).value_or(0);

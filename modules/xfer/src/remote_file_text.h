@@ -1,6 +1,6 @@
-// How probeRemoteFile reads an answer: names are searched anywhere in the headers of all responses.
+// Response parsing of probeRemoteFile: searches names anywhere in the headers of all responses.
 //
-// Threads: any.  Errors: none; whatever a text holds gives some result.
+// Threads: any.  Errors: none; every text gives a result.
 #pragma once
 
 #include "xfer/download_job.h"
@@ -8,7 +8,7 @@
 
 namespace xfer {
 
-/// What the answer to a request for the first byte says of the file.  Pure.
+/// Reads the file's description from the response to a request for the first byte.  Pure.
 RemoteFileInfo remoteFileInfo(const Response& response);
 
 }  // namespace xfer

@@ -18,7 +18,7 @@ struct MediaType {
   std::int32_t code;
 };
 
-// The codes belong to the C interface.  "video/3gpp" can never decide, since "video/3gp" is part of it.
+// The codes are part of the C interface.  "video/3gpp" never matches first, since it contains "video/3gp".
 constexpr std::array<MediaType, 10> kMediaTypes{{
     {"video/mpeg", 5},
     {"video/mp4", 1},
@@ -124,7 +124,7 @@ std::optional<std::uint64_t> remoteSize(std::int32_t status, const std::string& 
     if (total && *total != "*") return leadingNumber(*total);
   }
   if (status == 200 || status == 206) {
-    // Intended: behind an unknown total this is the length of the one-byte part.
+    // Intended: when the total is unknown, this is the length of the one-byte part.
     if (const auto length = contentLengthText(rawHeaders)) return leadingNumber(*length);
   }
   return std::nullopt;
@@ -142,7 +142,7 @@ int parseStatus(const std::string& word) {
   try {
     return std::stoi(word);
   } catch (const std::logic_error&) {
-    return -1;  // not a number, or too large for one
+    return -1;  // not a number, or out of range
   }
 }
 

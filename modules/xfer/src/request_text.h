@@ -1,6 +1,6 @@
-// Turns the C interface's texts into records, and reads sizes and types out of response headers.  Pure functions.
+// Parses the C interface's texts into records, and sizes and types from response headers.  Pure functions.
 //
-// Threads: any.  Errors: none; whatever a text holds gives some result.
+// Threads: any.  Errors: none; every text gives a result.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@
 
 namespace xfer {
 
-/// Appends the lines of text, which line feeds separate, without the empty ones.  Nothing else is touched: a carriage
-/// return before the line feed stays.  Null adds nothing.
+/// Appends the non-empty lines of text, which are separated by line feeds.  A carriage return before the line feed
+/// stays.  Null adds nothing.
 void splitLines(const char* text, std::vector<std::string>& out);
 
 struct RequestOptions {
@@ -23,47 +23,47 @@ struct RequestOptions {
   bool post = false;
 };
 
-/// Reads option lines ("OPT_POSTFIELDS=...", "REDIRECT_POLICY_NEVER", "OPT_POST"); ignores all others.  The last body
-/// counts.  Null gives the defaults.
+/// Parses option lines ("OPT_POSTFIELDS=...", "REDIRECT_POLICY_NEVER", "OPT_POST"); ignores all others.  The last
+/// OPT_POSTFIELDS wins.  Null gives the defaults.
 RequestOptions parseRequestOptions(const char* options);
 
-/// Reads [username[:password]@]host[:port].  There is no scheme and no bracketed address: both split at their first
-/// colon like anything else.
+/// Parses [username[:password]@]host[:port].  Does not understand a scheme or a bracketed address: the host ends at the
+/// first colon.
 net::Proxy parseProxySpec(const std::string& spec);
 
-/// The part of parseProxySpec behind the credentials.
+/// Parses host[:port]; for parseProxySpec, the part behind the credentials.
 net::Proxy parseProxyAddress(const std::string& address);
 
-/// What libcurl takes as the proxy's address: host[:port]; empty when there is no proxy.
+/// The address for CURLOPT_PROXY, host[:port]; empty without a proxy.
 std::string proxyAddress(const net::Proxy& proxy);
 
-/// The C interface's number for the media type that raw response headers declare; 0: none or another one.
+/// The C interface's number for the first Content-Type of raw response headers; 0: none, or an unknown type.
 std::int32_t mediaTypeFromHeaders(const std::string& rawHeaders);
 
-/// The position of name in raw headers whatever the case of its letters; npos when it is not there.  It is found
-/// anywhere in the text, the middle of a line included.
+/// Case-insensitive position of name in raw headers; npos when absent.  Matches anywhere, also in the middle of a line.
 std::size_t findHeader(std::string_view rawHeaders, std::string_view name);
 
-/// The total of the first Content-Range line of raw headers: the text between the first "/" behind the header's name,
-/// wherever that is, and the end of its line.  Nothing when there is no such header or "/".
+/// The total of the first Content-Range of raw headers: the text from the first "/" after the header's name, even on a
+/// later line, to the end of that line.  Nothing when there is no such header or "/".
 std::optional<std::string> contentRangeTotal(const std::string& rawHeaders);
 
-/// The text of raw headers from the first Content-Length's value on, blanks skipped; nothing when there is none.
+/// The text of raw headers from the first Content-Length's value to the end, without leading blanks; nothing when there
+/// is no such header.
 std::optional<std::string> contentLengthText(const std::string& rawHeaders);
 
-/// The decimal number that text begins with, behind white space: its digits up to the first other character.  0 when
-/// there are none, also before a sign; nothing when it does not fit 64 bits.
+/// The decimal number at the start of text, after white space.  0 without digits (a sign is not a digit); nothing when
+/// it does not fit 64 bits.
 std::optional<std::uint64_t> leadingNumber(std::string_view text);
 
-/// The size of a remote file as the answer to a request for its first byte gives it: the Content-Range total of a 206,
-/// else the Content-Length of a 200 or 206; nothing when there is neither, or when it does not fit 64 bits.
+/// The size of a remote file from the response to a request for its first byte: the Content-Range total of a 206, else
+/// the Content-Length of a 200 or 206; nothing when there is neither, or it does not fit 64 bits.
 std::optional<std::uint64_t> remoteSize(std::int32_t status, const std::string& rawHeaders);
 
-/// The path and query of the watch page that url names, for the Referer of its text download; "/" when it names none.
-/// What follows the page's id in url is dropped.
+/// The path and query of the watch page in url, for the Referer header; "/" when there is none.  Drops everything
+/// behind the page's id.
 std::string watchPagePath(std::string_view url);
 
-/// The number that an HTTP status word is; -1 when it is none.
+/// Parses an HTTP status; -1 when word does not start with a number.
 int parseStatus(const std::string& word);
 
 }  // namespace xfer

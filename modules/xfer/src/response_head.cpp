@@ -12,7 +12,7 @@ char lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-// Whether text begins with prefix, which is in lower case; if so, removes it.
+// Removes prefix (lower case) from the start of text, in any case; false when text does not start with it.
 bool skip(std::string_view& text, std::string_view prefix) {
   if (text.size() < prefix.size()) return false;
   const bool same =
@@ -92,7 +92,7 @@ void ResponseHeadReader::add(std::string_view line) {
     const auto space = line.find(' ');
     ResponseHeadReader next;
     next.open_ = true;
-    next.head_.status = head_.status;  // a status line without a status leaves the last one standing
+    next.head_.status = head_.status;  // kept when the status line has no status
     if (space != std::string_view::npos) next.head_.status = std::atoi(std::string(line.substr(space + 1)).c_str());
     *this = std::move(next);
   } else if (line.empty()) {

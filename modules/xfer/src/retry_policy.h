@@ -1,4 +1,4 @@
-// What a job does about the end of a range transfer.  Pure.
+// Classifies the end of a range transfer and sets the retry delays.  Pure.
 #pragma once
 
 #include <array>
@@ -7,16 +7,16 @@
 namespace xfer {
 
 enum class Verdict {
-  Success,    ///< the range is complete
-  Rejected,   ///< the server does not want to serve it: never tried again
-  Retryable,  ///< worth another attempt
+  Success,    ///< the transfer succeeded
+  Rejected,   ///< the server refuses: never retried
+  Retryable,  ///< may succeed when retried
   Fatal
 };
 
-/// The wait before each further attempt at a range; there are no more attempts than these.
+/// Delay before each retry of a range; there are no further retries.
 inline constexpr std::array<std::uint64_t, 3> kRetryDelaysMs{500, 2000, 5000};
 
-/// Of a range transfer that ended with libcurl's code (or -1) and HTTP status (0: none was seen).
+/// Classifies a range transfer by libcurl's code (or -1) and HTTP status (0: none).
 Verdict classifyTransfer(std::int32_t code, std::int32_t httpStatus);
 
 }  // namespace xfer

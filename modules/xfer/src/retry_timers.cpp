@@ -9,7 +9,7 @@ void RetryTimers::schedule(std::uint64_t delayMs, std::function<void()> action) 
   for (auto next = timers_.begin(); next != timers_.end();) {
     const auto timer = next++;
     if (!timer->over) continue;
-    timer->thread.join();  // it has nothing left to do
+    timer->thread.join();  // its action is over, so this does not block
     timers_.erase(timer);
   }
   Timer& timer = timers_.emplace_back();

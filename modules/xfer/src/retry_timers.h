@@ -1,6 +1,7 @@
-// Short-lived threads that each wait for one delay and then act.
+// Threads that each wait for one delay and then run one action.
 //
-// Threads: schedule from any thread, a timer's own action included; stop from any thread but a timer's.
+// Threads: schedule from any thread, a timer's own action included; joinAll and destruction from any thread but a
+//          timer's.
 // Errors:  schedule throws std::system_error when no thread can be started, std::bad_alloc without memory; an action
 //          must not throw.
 #pragma once
@@ -19,16 +20,16 @@ class RetryTimers {
  public:
   using Wait = std::function<void(std::uint64_t delayMs)>;
 
-  /// wait is what a timer does until its delay is over, or it is woken before.
+  /// wait blocks a timer until its delay is over or the owner wakes it earlier.
   explicit RetryTimers(Wait wait) : wait_(std::move(wait)) {}
   ~RetryTimers() { joinAll(); }
   RetryTimers(const RetryTimers&) = delete;
   RetryTimers& operator=(const RetryTimers&) = delete;
 
-  /// Also clears away the threads whose action is over.
+  /// Runs action on a new thread after the delay.  Also joins threads whose action is over.
   void schedule(std::uint64_t delayMs, std::function<void()> action) SYS_EXCLUDES(mutex_);
 
-  /// Waits for every timer to end; waking them is the caller's business.
+  /// Joins all timers scheduled so far; the caller wakes them first.
   void joinAll() SYS_EXCLUDES(mutex_);
 
  private:

@@ -7,10 +7,10 @@
 namespace xfer {
 namespace {
 
-// Enough for a host that works on this many requests at once to reuse every connection.
+// A host with this many concurrent requests can reuse every connection.
 constexpr std::size_t kMaxIdleShares = 16;
 
-// Which access libcurl asks for (shared or single) makes no difference: every access is exclusive.
+// Every access is exclusive; the requested kind of access is ignored.
 void lockShare(CURL* /*easy*/, curl_lock_data kind, curl_lock_access /*access*/,
                void* share) SYS_NO_THREAD_SAFETY_ANALYSIS {
   static_cast<Share*>(share)->locks[static_cast<unsigned>(kind) & (Share::kLockKinds - 1)].lock();
@@ -59,7 +59,7 @@ SharePool::~SharePool() = default;
 void SharePool::open() {
   auto share = makeShare();
   const sys::MutexLock lock(mutex_);
-  idle_.reserve(kMaxIdleShares + 1);  // so that giving back never has to allocate
+  idle_.reserve(kMaxIdleShares + 1);  // so that giveBack never allocates
   open_ = true;
   if (!share) return;
   primary_ = share->handle.get();
@@ -106,7 +106,7 @@ ShareLease SharePool::lease(std::string_view origin, Wire wire) {
 }
 
 void SharePool::giveBack(std::unique_ptr<Share> share) {
-  std::unique_ptr<Share> unused;  // destroyed after the lock is released: closing connections takes its time
+  std::unique_ptr<Share> unused;  // destroyed after the lock's release: closing connections is slow
   const sys::MutexLock lock(mutex_);
   if (!open_) {
     unused = std::move(share);
@@ -115,7 +115,7 @@ void SharePool::giveBack(std::unique_ptr<Share> share) {
   idle_.push_back(std::move(share));
   if (idle_.size() <= kMaxIdleShares) return;
   auto oldest = idle_.begin();
-  if ((*oldest)->handle.get() == primary_) ++oldest;  // shareHandle promises that this one lives
+  if ((*oldest)->handle.get() == primary_) ++oldest;  // shareHandle promises that the primary lives
   unused = std::move(*oldest);
   idle_.erase(oldest);
 }

@@ -1,12 +1,12 @@
-// libcurl's share handles (DNS answers, TLS sessions, connections), lent to one operation at a time.
+// A pool of libcurl share handles (DNS cache, TLS sessions, connections), each leased to one operation at a time.
 //
-// One share that several threads use at once corrupts memory whatever its lock callbacks do: libcurl does not support
-// sharing connections between threads.  And connection limits are counted over a whole shared pool, so that a transfer
-// can wait for room that only another thread's loop could make, for ever.  So each operation (one fetch, or one job's
-// backend for its whole life) leases a share that nobody else is in, and reuse happens from operation to operation.
+// libcurl does not support sharing connections between threads: even with lock callbacks, concurrent use of one share
+// corrupts memory.  Connection limits also count over the whole share, so a transfer could wait for ever for room that
+// only another thread's loop can make.  So each operation (a fetch, or a job's backend for its whole life) leases its
+// own share, and reuses the connections of earlier operations.
 //
-// Threads: every operation from any thread.
-// Errors:  none; without a share things work unshared.
+// Threads: any.
+// Errors:  none; an operation without a share runs unshared.
 #pragma once
 
 #include <array>
@@ -23,20 +23,21 @@ namespace xfer {
 
 class SharePool;
 
-/// What the connections of a share speak.  libcurl puts several transfers on one HTTP/1.1 connection, and mixes their
-/// answers up, when it finds HTTP/2 connections to the same host beside it; so no share ever holds both.
+/// The HTTP version of a share's connections.  With HTTP/1.1 and HTTP/2 connections to one host in the same share,
+/// libcurl puts several transfers on one HTTP/1.1 connection and mixes up their responses; so no share holds both.
 enum class Wire { Http1, Http2 };
 
 struct Share {
   static constexpr unsigned kLockKinds = 8;
 
-  std::array<sys::Mutex, kLockKinds> locks;  // one a kind of data; before the handle: destroying that locks them
+  // One per curl_lock_data.  Must outlive the handle, whose cleanup locks them.
+  std::array<sys::Mutex, kLockKinds> locks;
   SharePtr handle;
   Wire wire = Wire::Http1;
   std::string lastOrigin;
 };
 
-/// A share for one operation.  Everything that uses its handle must be gone before the lease is.
+/// The lease of a share for one operation.  Must outlive everything that uses its handle.
 class ShareLease {
  public:
   ShareLease() = default;
@@ -45,7 +46,7 @@ class ShareLease {
   ShareLease& operator=(ShareLease&& other) noexcept;
   ~ShareLease();
 
-  /// Null: work unshared.
+  /// Null: run unshared.
   [[nodiscard]] CURLSH* handle() const;
 
  private:
@@ -63,17 +64,17 @@ class SharePool {
   SharePool(const SharePool&) = delete;
   SharePool& operator=(const SharePool&) = delete;
 
-  /// Creates the primary share.  Before it, and after close, leases are empty.
+  /// Creates the primary share.  Before open and after close, leases are empty.
   void open();
 
-  /// Destroys every share that is not leased; a leased one is destroyed when it comes back.
+  /// Destroys every idle share; a leased one is destroyed when its lease ends.
   void close();
 
-  /// The handle of the share that the first taker gets; null while the pool is not open.
+  /// The primary share's handle; null while the pool is not open.
   [[nodiscard]] CURLSH* primary() const;
 
-  /// A share that nobody else uses: the idle one last used for the same origin, else the primary one (which is for
-  /// HTTP/1.1), else another idle one for the same wire, else a new one.
+  /// Leases a share for wire: the idle one last used for the same origin, else the primary one (HTTP/1.1 only), else
+  /// another idle one, else a new one.
   ShareLease lease(std::string_view origin, Wire wire = Wire::Http1);
 
  private:
@@ -83,13 +84,13 @@ class SharePool {
   mutable sys::Mutex mutex_;
   bool open_ SYS_GUARDED_BY(mutex_) = false;
   CURLSH* primary_ SYS_GUARDED_BY(mutex_) = nullptr;
-  std::vector<std::unique_ptr<Share>> idle_ SYS_GUARDED_BY(mutex_);  // the last one came back last
+  std::vector<std::unique_ptr<Share>> idle_ SYS_GUARDED_BY(mutex_);  // most recently returned last
 };
 
 /// The process's pool.
 SharePool& sharePool();
 
-/// The part of url that tells whom it talks to, as a key for SharePool::lease: scheme, host and port as written.
+/// The origin of url, for SharePool::lease: scheme and authority as written.
 std::string_view originOf(std::string_view url);
 
 }  // namespace xfer

@@ -1,6 +1,6 @@
-// A request to stop, made once and seen by every thread that waits or polls for it.
+// A stop request: set once, seen by every thread that waits or polls for it.
 //
-// Threads: every operation from any thread.
+// Threads: any.
 #pragma once
 
 #include <atomic>
@@ -14,18 +14,18 @@ namespace xfer {
 
 class StopSignal {
  public:
-  /// While it lives, set calls a function that wakes a thread which waits for something else.  A signal that is already
-  /// set calls nothing: check isSet after construction and before every wait.
+  /// Makes set call wake, for a thread that waits for something else.  Does not call wake when the signal is already
+  /// set: check isSet after construction and before every wait.
   class Listener {
    public:
-    /// wake runs on the thread that calls set and under the signal's lock: it must neither block nor use the signal.
+    /// wake runs on the thread that calls set, under the signal's lock: it must not block or use the signal.
     Listener(const StopSignal& signal, std::function<void()> wake) : signal_(signal), wake_(std::move(wake)) {
       const sys::MutexLock lock(signal_.mutex_);
       next_ = std::exchange(signal_.listeners_, this);
       if (next_ != nullptr) next_->previous_ = this;
     }
 
-    /// A call of wake that has begun has ended when it returns.
+    /// wake is not running, and is not called any more, when this returns.
     ~Listener() {
       const sys::MutexLock lock(signal_.mutex_);
       (previous_ != nullptr ? previous_->next_ : signal_.listeners_) = next_;
@@ -44,7 +44,7 @@ class StopSignal {
     Listener* previous_ = nullptr;
   };
 
-  /// Ends every waitFor, now and from now on, and wakes the listeners.
+  /// Ends every current and later waitFor, and wakes the listeners.
   void set() {
     const sys::MutexLock lock(mutex_);
     set_.store(true, std::memory_order_release);
@@ -54,7 +54,7 @@ class StopSignal {
 
   [[nodiscard]] bool isSet() const { return set_.load(std::memory_order_acquire); }
 
-  /// Returns after time, or at once when the signal is or gets set.
+  /// Blocks for time, or until the signal is set.
   void waitFor(std::chrono::milliseconds time) {
     const auto until = std::chrono::steady_clock::now() + time;
     sys::MutexLock lock(mutex_);
@@ -63,9 +63,9 @@ class StopSignal {
 
  private:
   mutable sys::Mutex mutex_;
-  mutable Listener* listeners_ SYS_GUARDED_BY(mutex_) = nullptr;  // a list through their links: joining never fails
+  mutable Listener* listeners_ SYS_GUARDED_BY(mutex_) = nullptr;  // intrusive list: adding never fails
   sys::Condition changed_;
-  std::atomic<bool> set_{false};  // atomic so that polling takes no lock
+  std::atomic<bool> set_{false};  // atomic: polling takes no lock
 };
 
 }  // namespace xfer

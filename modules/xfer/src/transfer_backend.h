@@ -1,10 +1,9 @@
-// What runs a job's range transfers: the interface, and the records that cross it.  Knows nothing of libcurl, ranges
-// plans or files.
+// The interface that runs a job's range transfers, and its records.  Knows nothing of libcurl, range plans or files.
 //
-// Threads: every operation from any thread; stop and destruction not from a callback, since they wait for the thread
-//          that runs the callbacks.  Data, head and done callbacks run on one thread, one at a time; they must not
-//          block for long.  The done callback of a submit that fails at once runs on the submitting thread.
-// Errors:  through the done callback.  pause, resume, cancel, cancelAll and stop neither allocate nor throw.
+// Threads: any; but stop and destruction not from a callback, since they join the thread that runs the callbacks.
+//          Callbacks run on that thread and must not block for long; but the done callback of a submit that fails at
+//          once runs on the submitting thread.
+// Errors:  reported to the done callback.  pause, resume, cancel, cancelAll and stop neither allocate nor throw.
 // Units:   offsets and lengths are bytes, half-open [start, end); speeds bytes per second.
 #pragma once
 
@@ -19,40 +18,40 @@
 
 namespace xfer {
 
-/// Names one submitted transfer of a backend; never used twice.
+/// Identifies one submitted transfer of a backend; never reused.
 using Ticket = std::uint64_t;
 
 /// How a transfer ended.
 struct TransferEnd {
   /// 0 (success), 18 (short range), 42 (cancelled, or the backend has stopped), -1 (could not be set up or added),
-  /// 43 (the request would smuggle in a header line) or another code of libcurl.
+  /// 43 (line break in the cookie or a header) or another libcurl code.
   std::int32_t code = 0;
-  std::int32_t status = 0;  ///< HTTP status; 0: none was seen
-  std::uint64_t bytes = 0;  ///< delivered, counted from the range's start
+  std::int32_t status = 0;  ///< HTTP status; 0: none
+  std::uint64_t bytes = 0;  ///< delivered, from the range's start
 };
 
-/// Gets each piece of a successful response's body: the file offset where it belongs, its bytes (only valid during the
-/// call) and their number.
+/// Takes each piece of a successful response's body: its file offset, its bytes (valid only during the call) and their
+/// number.
 using DataCallback = std::function<void(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length)>;
 
-/// Called exactly once for each submitted transfer, unless the backend is stopped before it has begun with it.
+/// Called exactly once for each submitted transfer, or never when the backend stops before its loop has taken it over.
 using DoneCallback = std::function<void(std::uint64_t rangeStart, const TransferEnd& end)>;
 
 /// Judges a response with a status below 400 before its first body byte, or at its end when it has none.
 using HeadCallback = std::function<Placement(const ResponseHead& head)>;
 
-/// What is to be fetched.  Constant from submit on; what one attempt at it learns is the backend's own affair.
+/// What to fetch.  Constant from submit on; the backend keeps the state of each attempt.
 struct TransferRequest {
   std::string url;
   std::string cookie;                ///< empty: none
-  std::vector<std::string> headers;  ///< whole lines
+  std::vector<std::string> headers;  ///< lines "Name: value"
   net::Proxy proxy;                  ///< empty host: none
   std::uint64_t rangeStart = 0;
-  std::uint64_t rangeEnd = 0;      ///< 0: open-ended; with a start of 0 no range is asked for at all
+  std::uint64_t rangeEnd = 0;      ///< 0: open-ended; when rangeStart is 0 too, no range is requested
   std::uint64_t maxRecvSpeed = 0;  ///< 0: unlimited
-  HeadCallback onHead;             ///< empty: whatever arrives is taken as the range asked for
-  /// Whether the transfer is to be held just now; asked by the loop thread whenever it turns, so an answer that changes
-  /// takes effect soon after resume or pause is called.  Empty: the transfer is held by pause and let go by resume.
+  HeadCallback onHead;             ///< empty: any body is taken as the requested range
+  /// Whether to hold the transfer.  The loop thread asks at every turn, and pause and resume start a turn.  Empty:
+  /// pause and resume hold and continue the transfer.
   std::function<bool()> isHeld;
 };
 
@@ -60,27 +59,27 @@ class ITransferBackend {
  public:
   virtual ~ITransferBackend() = default;
 
-  /// Queues one transfer.  May throw; then there is no transfer.
+  /// Queues one transfer.  May throw; nothing is queued then.
   virtual Ticket submit(const TransferRequest& request, DataCallback onData, DoneCallback onDone) = 0;
 
-  /// Ends every transfer that was submitted before, with 42.  Later ones run.
+  /// Ends every transfer submitted so far with 42.  Later ones run.
   virtual void cancelAll() noexcept = 0;
 
-  /// Holds the transfers that are active when the loop gets to it; later ones run.
+  /// Holds the transfers without isHeld that are active when the loop handles the command; later ones run.
   virtual void pause() noexcept = 0;
 
-  /// Lets every transfer that pause held run on.
+  /// Continues every transfer that pause held.
   virtual void resume() noexcept = 0;
 
-  /// How many transfers are on the wire.
+  /// The number of transfers in progress, without queued ones.
   [[nodiscard]] virtual std::int32_t activeCount() const = 0;
 
-  /// Ends one transfer with 42; does nothing when it has ended.
+  /// Ends one transfer with 42; does nothing when it has ended already.
   virtual void cancel(Ticket ticket) noexcept = 0;
 
-  /// Ends the loop thread and every transfer, with 42; those that the loop had not taken over yet get no done callback.
-  /// Later submissions end at once, with 42.  Destruction does the same; a job calls it first so that no other thread
-  /// is inside the object when it goes.
+  /// Ends every transfer with 42 and joins the loop thread; transfers that the loop has not taken over yet get no done
+  /// callback.  Later submissions end at once with 42.  Destruction does the same; a job calls stop first, so that no
+  /// other thread uses the object during destruction.
   virtual void stop() noexcept = 0;
 };
 

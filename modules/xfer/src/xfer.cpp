@@ -1,4 +1,4 @@
-// The C interface: turns texts into records, keeps the module's settings, and lets no exception out.
+// The C interface: parses texts into records, keeps the module's settings, and catches every exception.
 #include "xfer/xfer.h"
 
 #include <algorithm>
@@ -35,16 +35,16 @@ namespace result = xfer::result;
 
 constexpr const char* kLogTag = "xfer";
 
-// ---- Module-wide settings.  A setter that races with a start may be seen late. ----
+// ---- Module-wide settings.  A start that races with a setter may use the old value. ----
 
 std::atomic<std::uint16_t> g_numThreads{1};
 std::atomic<std::uint64_t> g_maxDownloadSpeed{0};
 thread_local bool t_quiet = false;
 
-// ---- What keeps exceptions in ----
+// ---- Exception guard ----
 
-// Runs the body of an entry and returns its answer.  After an exception: logs "<function> exception" with that line
-// number (nothing when function is null) and returns failure.
+// Runs the body of an entry and returns its result.  On an exception: logs "<function> exception" with that line number
+// (not when function is null) and returns failure.
 template <class Answer, class Body>
 Answer guarded(const char* function, std::uint32_t line, Answer failure, Body body) noexcept {
   try {
@@ -55,7 +55,7 @@ Answer guarded(const char* function, std::uint32_t line, Answer failure, Body bo
   }
 }
 
-// For an entry without an answer.
+// For an entry without a result.
 template <class Body>
 void guarded(const char* function, std::uint32_t line, Body body) noexcept {
   guarded(function, line, true, [&] {
@@ -70,7 +70,7 @@ const char* orEmpty(const char* text) {
   return text != nullptr ? text : "";
 }
 
-// What all requests of the C interface have in common.
+// The fields that all requests of the C interface set.
 Request makeRequest(const char* url, const char* headers, const char* cookie, const char* proxy) {
   Request request;
   request.url = orEmpty(url);
@@ -80,25 +80,25 @@ Request makeRequest(const char* url, const char* headers, const char* cookie, co
   return request;
 }
 
-// A request whose whole time is not limited: hosts fetch large things this way.
+// A request without a total timeout: hosts fetch large bodies this way.
 Request makeDownload(const char* url, const char* headers, const char* options, const char* cookie, const char* proxy) {
   Request request = makeRequest(url, headers, cookie, proxy);
   request.timeoutSec = 0;
   xfer::RequestOptions parsed = xfer::parseRequestOptions(options);
-  // Intended: without a body the request stays a GET, whether or not the options ask for a POST.
+  // Intended: without a body the request stays a GET, even when the options ask for a POST.
   request.body = std::move(parsed.postFields);
   request.followRedirects = parsed.followRedirects;
   return request;
 }
 
-// The buffer's size tells whether it holds the part: what resize answers is the host's business.
+// Checks the buffer's size and ignores the result of the host's resize.
 void fill(sys::IDataBuff& out, const void* bytes, std::uint64_t size) {
   out.resize(size);
   if (out.size() != size) throw std::bad_alloc();
   if (size != 0) std::memcpy(out.data(), bytes, size);
 }
 
-// An empty part leaves its buffer untouched.
+// An empty part leaves its buffer unchanged.
 void copyOut(const std::string& part, sys::IDataBuff* out) {
   if (!part.empty()) fill(*out, part.data(), part.size());
 }
@@ -179,7 +179,7 @@ int32_t xfer_downloadText(const char* url, const char* cookie, sys::IDataBuff* o
     sys::DataBuff headers;
     sys::DataBuff body;
     const int code = xfer_download(url, headerBlock.c_str(), "", &headers, &body, cookie, proxy);
-    // A page without a body is one all the same.
+    // Intended: an empty body is a success here.
     if (code != result::kSuccess && code != result::kEmptyBody) return code;
     std::istringstream words(headers.toString());
     std::string protocol;
@@ -282,7 +282,7 @@ uint64_t xfer_downloadFile(const char* url, const char* path, const char* header
       xfer::splitLines(headers, request.headers);
       request.proxy = xfer::resolveProxy(proxy);
       request.knownSize = knownSize;
-      DownloadPolicy policy;  // its defaults are what file downloads use
+      DownloadPolicy policy;  // file downloads use its defaults
       policy.numThreads = threads != 0 ? threads : std::max<std::uint16_t>(g_numThreads, 1);
       policy.maxDownloadSpeed = g_maxDownloadSpeed;
       download.live = std::make_unique<xfer::LiveJob>(std::move(request), policy);
@@ -317,7 +317,7 @@ int32_t xfer_downloadResume(uint64_t dl_id) {
 
 bool xfer_stopDownloadHandle(uint64_t dl_id) {
   XFER_LOG_LINE(log::kTrace, 568, "--> xfer_stopDownloadHandle");
-  // Intended: after an exception the answer is true, since the handle is gone all the same.
+  // Intended: returns true after an exception too, since the handle is gone.
   return guarded("xfer_stopDownloadHandle", 580, true, [&] {
     if (handles().stop(dl_id)) return true;
     XFER_LOG_LINE(log::kFailure, 576, "xfer_stopDownloadHandle | dl_id=" << dl_id << " not found!");

@@ -1,4 +1,4 @@
-// Names the file of a download whose user named none.  Pure.
+// Derives a file name from a URL.  Pure.
 #pragma once
 
 #include <string>
@@ -6,12 +6,12 @@
 
 namespace xfer_get {
 
-/// The last segment of url's path with its percent escapes decoded; "index.html" when the path ends in a slash or there
-/// is none.  Never a path: empty when the decoded name holds a slash, a backslash, a colon or a control character, or
-/// is "." or "..".
+/// The last segment of url's path, percent-decoded; "index.html" when the path ends in a slash or is missing.  Empty
+/// when the decoded name contains a slash, a backslash, a colon or a control character, or is "." or "..": never a
+/// path.
 std::string fileNameFromUrl(std::string_view url);
 
-/// Whether Windows takes name for a device and not for a file, whatever folder it is in: "nul", "com1.txt".
+/// Whether name is a Windows device name, in any folder: "nul", "com1.txt".
 bool namesDeviceOfWindows(std::string_view name);
 
 }  // namespace xfer_get

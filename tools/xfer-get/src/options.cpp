@@ -10,7 +10,7 @@
 namespace xfer_get {
 namespace {
 
-// The parser takes "-1" for a large number.
+// Not left to the parser, which reads "-1" as a large number.
 std::uint64_t bytes(const char* option, const std::string& text, bool unitsAllowed) {
   const auto size = sizeFromText(text, unitsAllowed);
   if (!size) throw CLI::ValidationError(option, "not a number of bytes: " + text);
@@ -24,7 +24,7 @@ void checkHeader(const std::string& line) {
   }
 }
 
-// What the parser cannot say by itself, or says badly.
+// Rules between options that the parser cannot express, or reports badly.
 void checkTogether(const Options& options, bool hasFile, bool hasData) {
   const bool asks = options.print || options.head || hasData;
   if (hasFile && options.file.empty()) throw CLI::ValidationError("FILE", "empty: leave it out to use the URL's name");
@@ -94,7 +94,7 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
       "Progress, messages and the log go to standard error.  A download that fails or is cancelled\n"
       "may leave a partial file, which has the size of the whole one.");
   try {
-    std::reverse(arguments.begin(), arguments.end());  // the order in which the parser takes a vector
+    std::reverse(arguments.begin(), arguments.end());  // the parser expects reverse order
     app.parse(arguments);
     for (const std::string& line : options.headers) checkHeader(line);
     checkTogether(options, file->count() > 0, data->count() > 0);

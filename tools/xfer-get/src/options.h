@@ -1,4 +1,4 @@
-// The command line.
+// Command-line options.
 #pragma once
 
 #include <cstdint>
@@ -28,8 +28,8 @@ struct Options {
   int verbosity = 0;
 };
 
-/// Reads the arguments (without the program's name).  Nothing when there is nothing left to do: *exitCode is set then,
-/// and help or an error has been written.
+/// Parses the arguments (without the program's name).  Nothing when the program should exit: help or an error has been
+/// written, and *exitCode is set.
 std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exitCode);
 
 }  // namespace xfer_get

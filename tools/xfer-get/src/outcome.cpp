@@ -13,7 +13,7 @@ struct Words {
   std::string_view text;
 };
 
-// The codes that a user is likely to meet; the positive ones below 100000 are libcurl's.
+// The codes that users are likely to see; positive ones below 100000 are libcurl's.
 constexpr std::array<Words, 21> kWords{{
     {-1, kInternal, "no transfer could be set up"},
     {1, kUsage, "only http and https URLs can be fetched"},
@@ -61,7 +61,7 @@ Outcome downloadOutcome(const xfer::DownloadSnapshot& snapshot) {
     return {kCancelled, snapshot.totalBytes != 0 ? "cancelled; the partial file was left in place" : "cancelled"};
   }
   if (isErrorStatus(snapshot.httpStatus)) return statusOutcome(snapshot.httpStatus);
-  // A status that the question for the size met comes as the code itself; libcurl's codes end below 100.
+  // An HTTP error of the probe is the error code itself; libcurl's codes are below 100.
   if (snapshot.errorCode >= 100 && snapshot.errorCode < 1000) return statusOutcome(snapshot.errorCode);
   if (snapshot.errorCode == -1) return {kFile, "the file could not be written (code -1)"};
   return codeOutcome(snapshot.errorCode);

@@ -1,4 +1,4 @@
-// What the program ends with: exit codes, and words for result codes.  Pure.
+// Maps results to exit codes and messages.  Pure.
 #pragma once
 
 #include <cstdint>
@@ -20,16 +20,14 @@ enum ExitCode : int {
 
 struct Outcome {
   ExitCode code = kDone;
-  std::string message;  ///< empty when all went well
+  std::string message;  ///< empty: success
 };
 
-/// Of a download in a final state.
+/// Requires: the download's state is final.
 Outcome downloadOutcome(const xfer::DownloadSnapshot& snapshot);
 
-/// Of a single request.
 Outcome responseOutcome(const xfer::Response& response);
 
-/// Of a question for a file's size and type.
 Outcome infoOutcome(const xfer::RemoteFileInfo& info);
 
 }  // namespace xfer_get

@@ -8,7 +8,7 @@ namespace xfer_get {
 namespace {
 
 unsigned percent(const xfer::DownloadSnapshot& snapshot) {
-  return static_cast<unsigned>(std::min(snapshot.percent, 100.0F));  // bytes that were fetched again count again
+  return static_cast<unsigned>(std::min(snapshot.percent, 100.0F));  // bytes fetched again count again
 }
 
 const char* stateWord(xfer::JobState state) {

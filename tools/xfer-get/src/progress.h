@@ -1,4 +1,4 @@
-// The text of a download's progress.  Pure.
+// Formats a download's progress.  Pure.
 //
 // Units: bytes, bytes per second, columns.
 #pragma once
@@ -13,14 +13,14 @@ namespace xfer_get {
 /// "999 B", "1.0 KiB", "12.3 MiB", ...
 std::string sizeText(std::uint64_t bytes);
 
-/// "0:07", "12:30", "3:00:00"; "--:--" when it is not known.
+/// "0:07", "12:30", "3:00:00"; "--:--" when unknown or 100 hours or more.
 std::string etaText(const xfer::DownloadSnapshot& snapshot);
 
-/// The line for a terminal of that many columns, never wider: a bar as wide as there is room for, percent, done and
-/// total, speed, time left, connections.
+/// A line of at most columns characters: a bar if there is room, percent, done and total, speed, time left,
+/// connections.
 std::string progressLine(const xfer::DownloadSnapshot& snapshot, unsigned connections, unsigned columns);
 
-/// The same figures without a bar, for a log.
+/// The same line without a bar, for a log.
 std::string plainLine(const xfer::DownloadSnapshot& snapshot, unsigned connections);
 
 }  // namespace xfer_get

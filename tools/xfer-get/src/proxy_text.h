@@ -1,4 +1,4 @@
-// Reads a proxy from the command line.  Pure.
+// Parses a proxy from the command line.  Pure.
 #pragma once
 
 #include <optional>
@@ -8,8 +8,8 @@
 
 namespace xfer_get {
 
-/// The proxy that "[http://][user[:password]@]host[:port][/]" names; nothing when the text is not of that form.  An
-/// address of IPv6 stands in brackets.  The password may hold an '@' and a ':'.
+/// Parses "[http://][user[:password]@]host[:port][/]"; nothing for any other form.  An IPv6 address is in brackets.
+/// The password may contain '@' and ':'.
 std::optional<net::Proxy> proxyFromText(std::string_view text);
 
 }  // namespace xfer_get

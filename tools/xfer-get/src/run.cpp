@@ -37,8 +37,7 @@ void startLog(int verbosity) {
   Keel::setRecordSink(writeRecord, nullptr);
 }
 
-// Shows a running download: one line that is drawn anew on a terminal; a line now and then elsewhere, and between the
-// records of a log.
+// Shows a running download: redraws one line on a terminal; prints a line every few seconds elsewhere and with a log.
 class Display {
  public:
   explicit Display(const Options& options)
@@ -68,14 +67,14 @@ class Display {
   bool redraws_;
   unsigned connections_;
   bool drawn_ = false;
-  Clock::time_point nextPlain_ = Clock::now() + std::chrono::seconds(1);  // the speed is not known before
+  Clock::time_point nextPlain_ = Clock::now() + std::chrono::seconds(1);  // the speed is unknown before
 };
 
 bool isFinal(xfer::JobState state) {
   return state == xfer::JobState::Completed || state == xfer::JobState::Failed || state == xfer::JobState::Cancelled;
 }
 
-// Empty when there is none that can be used.
+// Empty when url gives no usable file name.
 std::string nameFor(const std::string& url) {
   std::string name = fileNameFromUrl(url);
   if (everyFolderHasDevices() && namesDeviceOfWindows(name)) name.clear();

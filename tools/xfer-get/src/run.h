@@ -1,4 +1,4 @@
-// The program, behind its main function.
+// The program behind main.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace xfer_get {
 
-/// Does what the arguments (UTF-8, without the program's name) say, and returns the exit code.
+/// Runs the program with arguments (UTF-8, without the program's name) and returns the exit code.
 int run(const std::vector<std::string>& arguments) noexcept;
 
 }  // namespace xfer_get

@@ -1,23 +1,23 @@
-// What the program needs of the terminal and the operating system.  One twin a platform implements it.
+// Terminal, signals and standard output.  Each platform has its own implementation.
 #pragma once
 
 #include <atomic>
 
 namespace xfer_get {
 
-/// Columns of the terminal that standard error is; 0 when it is none.
+/// Columns of the terminal on standard error; 0 when it is not a terminal.
 unsigned terminalColumns();
 
-/// Set once the user asked the program to end.
+/// Set when the user interrupts the program.
 const std::atomic<bool>& interrupted();
 
-/// Makes Ctrl-C (and a polite request to end) set interrupted instead of ending the program; a second one ends it.
+/// Makes Ctrl-C (and SIGTERM, or Ctrl-Break on Windows) set interrupted; a second one ends the program.
 void watchInterrupts();
 
-/// Bytes written to standard output come out as they are, and a reader that goes away is an error and not a signal.
+/// Makes standard output binary, and a closed pipe a write error instead of a signal.
 void prepareStandardOutput();
 
-/// Whether some names are those of devices in every folder.
+/// Whether device names are reserved in every folder, as on Windows.
 bool everyFolderHasDevices();
 
 }  // namespace xfer_get

@@ -1,4 +1,4 @@
-// KEEL_API marks what keel exports.
+// KEEL_API marks exported symbols of keel.
 #pragma once
 
 #if defined(_WIN32)

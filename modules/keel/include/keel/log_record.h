@@ -1,7 +1,7 @@
-// One log record: text is streamed into it, and it is written when it is destroyed.
+// One log record: stream text into it; its destructor writes it.
 //
-// Threads: one thread a record.
-// Errors:  nothing is thrown by the destructor; a record that cannot be written is lost.
+// Threads: one thread per record.
+// Errors:  the destructor does not throw; a record that cannot be written is lost.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace Keel {
 
 class CLogMsgMultibyte : public std::ostringstream {
  public:
-  /// Takes a reference of logger (null: the record goes nowhere).  A null tag or file is kept as an empty text.
+  /// Adds a reference to logger (null: discards the record).  A null tag or file becomes an empty text.
   CLogMsgMultibyte(ILogger* logger, std::uint32_t level, const char* tag, const char* file, std::uint32_t line)
       : level_(level), tag_(tag != nullptr ? tag : ""), file_(file != nullptr ? file : ""), line_(line) {
     imbue(std::locale::classic());  // a host's locale must not put separators into numbers
@@ -31,7 +31,7 @@ class CLogMsgMultibyte : public std::ostringstream {
     try {
       logger_->write(level_, tag_.empty() ? nullptr : tag_.c_str(), str().c_str(), file_.c_str(), line_);
     } catch (...) {
-      // Out of memory, or a host's logger that throws: whoever logs must not suffer from it.
+      // Out of memory, or the host's logger throws: logging must not fail the caller.
     }
     logger_->release();
   }

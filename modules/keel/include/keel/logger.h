@@ -1,9 +1,9 @@
-// The logger that the host's core library hands out.  Knows nothing of who logs.
+// The logger of the host's core library.  Knows nothing of its callers.
 //
 // Threads: every operation may be called from any thread at any time.
 // Errors:  none are reported; a logger that cannot write loses the record.
-// Layout:  the order of the operations is a contract with separately built modules.  There is no virtual destructor
-//          (release() ends the object), so the positions are the same under every C++ ABI.
+// Layout:  the order of the virtual functions is a contract with separately built modules.  There is no virtual
+//          destructor (release() ends the object), so the vtable is the same under every C++ ABI.
 #pragma once
 
 #include <cstdint>
@@ -14,16 +14,16 @@ namespace Keel {
 
 class ILogger {
  public:
-  /// Takes one more reference.
+  /// Adds a reference.
   virtual void addRef() = 0;
 
-  /// Gives one reference back; the last one destroys the logger.
+  /// Drops a reference; the last one destroys the logger.
   virtual void release() = 0;
 
   /// Writes one record.  tag is null for a record without one.  The texts are only read during the call.
   virtual void write(std::uint32_t level, const char* tag, const char* text, const char* file, std::uint32_t line) = 0;
 
-  /// The verbosity: records of this level and of every lower one are wanted.
+  /// The verbosity: records of this level and of every lower one are logged.
   virtual std::uint32_t threshold() = 0;
 
  protected:
@@ -33,7 +33,7 @@ class ILogger {
 }  // namespace Keel
 
 extern "C" {
-/// 0 and a counted reference in *out, which the caller gives back with release(); any other result: there is no
-/// logger, and *out is not touched.  Any thread.
+/// Stores a counted reference in *out and returns 0; the caller releases it.  Any other result: there is no logger, and
+/// *out is unchanged.  Any thread.
 KEEL_API int createLogger(Keel::ILogger** out);
 }

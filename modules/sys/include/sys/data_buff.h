@@ -1,8 +1,8 @@
-// The library's own byte buffer: one heap block that is always exactly as long as its content.  See sys/idata_buff.h
-// for what each operation does and who owns what.
+// The library's own byte buffer: one heap block, always exactly as long as its content.  sys/idata_buff.h states the
+// contract and the ownership of each operation.
 //
 // Threads: one at a time.
-// Errors:  resize reports lack of memory; the operations that make a string throw std::bad_alloc.
+// Errors:  resize returns false without memory; the operations that make a string throw std::bad_alloc.
 // Units:   lengths are bytes.
 #pragma once
 
@@ -37,7 +37,7 @@ class DataBuff final : public IDataBuff {
 
  private:
   std::uint8_t* data_ = nullptr;  // from the C heap; null when there is no block
-  std::uint64_t size_ = 0;        // of the content and of the block: there is no spare room
+  std::uint64_t size_ = 0;        // of content and block: no spare capacity
 };
 
 }  // namespace sys

@@ -1,5 +1,5 @@
-// Keeps one text out of the log, and out of sight in the module: a reversible byte transform, and the rewrite of logged
-// URLs that uses it.  Pure functions.
+// Hides one text in the log and in the module: a reversible byte transform, and the rewrite of logged URLs.  Pure
+// functions.
 //
 // Threads: any.  Errors: none but std::bad_alloc.
 #pragma once
@@ -8,15 +8,15 @@
 
 namespace sys {
 
-/// Turns a scrambled text back into a plain one (decode), or a plain one into a scrambled one.  Each direction undoes
-/// the other for every text; texts of less than 4 bytes stay as they are.
+/// Unscrambles text (decode) or scrambles it.  Each direction undoes the other; texts of less than 4 bytes are returned
+/// unchanged.
 std::string descrambleString(std::string text, bool decode);
 
-/// The form in which url is logged for a host of that name: one brand's builds do not show a certain text, which
-/// becomes "serv" wherever it occurs.  Every other host's URLs are logged as they are.
+/// Returns url as the host named settingsName logs it: for one brand, "serv" replaces each occurrence of the hidden
+/// text; for every other host, url is unchanged.
 std::string loggedUrl(const char* settingsName, std::string url);
 
-/// What loggedUrl replaces, scrambled.
+/// The text that loggedUrl replaces, scrambled.
 std::string scrambledSearchText();
 
 }  // namespace sys

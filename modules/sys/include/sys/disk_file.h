@@ -1,12 +1,12 @@
-// A file that is written at any offset, on the operating system's own calls.  One twin a platform implements it.
+// A file that is written at any offset with system calls.  Each platform has its own implementation.
 //
-// An open DiskFile is the only one of its file, in this process and in others; a second create is refused and changes
-// nothing.  POSIX: where the file system can lock, and among programs that use this class; a device or a FIFO may have
-// several.
+// An open DiskFile is the only writer of its file, in this process and in others; a second create is refused and
+// changes nothing.  On POSIX an advisory lock does this: it needs a file system that can lock, binds only programs that
+// use this class, and does not cover devices and FIFOs.
 //
-// Threads: writeAt may run on several threads at once for ranges that do not overlap; everything else needs the file
-//          to itself.
-// Errors:  0 is success, any other number the operating system's own error code.
+// Threads: writeAt may run on several threads at once for ranges that do not overlap; everything else needs exclusive
+//          access.
+// Errors:  0 is success, any other number is the operating system's error code.
 // Units:   offsets and sizes are bytes.  Paths are UTF-8.
 #pragma once
 
@@ -17,7 +17,7 @@ namespace sys {
 
 class DiskFile {
  public:
-  /// Which of the two calls that change a file's size failed, and its error code; error 0: neither.
+  /// The failed call of the two that resize a file, and its error code; error 0: success.
   struct ResizeResult {
     enum class Call { None, Position, SetEnd } call = Call::None;
     int error = 0;
@@ -28,35 +28,35 @@ class DiskFile {
   DiskFile(const DiskFile&) = delete;
   DiskFile& operator=(const DiskFile&) = delete;
 
-  /// Creates path, or empties it when it exists.  Others may read the file while it is open.  See heldByWriter and
-  /// blockedByExisting for what may be done about a failure.
+  /// Creates path, or empties it when it exists.  Others may read the file while it is open.  heldByWriter and
+  /// blockedByExisting tell how to recover from a failure.
   /// Requires: not open.
   int create(const std::string& path);
 
-  /// Sets the size and reserves the room on the disk where the file system can, so that a full disk is met here and
-  /// not by a later write.
+  /// Sets the size and reserves disk space where the file system can, so that a full disk fails here and not in a later
+  /// write.
   ResizeResult reserve(std::uint64_t size);
 
-  /// Sets the size: cuts what lies behind it, or extends with zeros.
+  /// Sets the size: cuts the tail, or extends with zeros.
   ResizeResult truncate(std::uint64_t size);
 
-  /// Writes at most length bytes at offset; *written tells how many were.  It never moves a shared position, so writes
-  /// of several threads need no lock.
+  /// Writes at most length bytes at offset and stores the number written in *written.  Uses no shared file position, so
+  /// concurrent writes need no lock.
   int writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length, std::uint64_t* written);
 
-  /// Lets the next writer in.  Does nothing when the file is not open.
+  /// Closes the file and releases its lock.  Does nothing when the file is not open.
   void close();
 
   [[nodiscard]] bool isOpen() const { return handle_ != kClosed; }
 
-  /// Whether a create failed with error because another DiskFile has the file, or had when it was opened: the same
-  /// create may succeed once that is closed, and the file must stay where it is.  Windows does not tell: always false.
+  /// Whether create failed with error because another DiskFile holds the file, or because the path was replaced during
+  /// create: retry later, and do not move the file.  Always false on Windows, where the error does not tell.
   static bool heldByWriter(int error);
 
-  /// Whether a create that failed with error can succeed once the file that is in its way has another name.
+  /// Whether create failed with error because of the existing file, so that it may succeed once that is renamed.
   static bool blockedByExisting(int error);
 
-  /// Renames path to sidePath, replacing what is there.  Failure shows in the next create.
+  /// Renames path to sidePath, replacing it.  Failures are not reported: the next create fails again.
   static void moveAside(const std::string& path, const std::string& sidePath);
 
  private:

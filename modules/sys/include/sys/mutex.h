@@ -1,6 +1,5 @@
-// A mutex, its lock and its condition variable, annotated for Clang's thread-safety analysis.
-//
-// They add nothing to the standard types but the annotations, which other compilers do not see.
+// The standard mutex, lock and condition variable with annotations for Clang's thread-safety analysis; other compilers
+// ignore the annotations.
 #pragma once
 
 #include <chrono>
@@ -38,7 +37,7 @@ class SYS_CAPABILITY("mutex") Mutex {
   std::mutex mutex_;
 };
 
-/// Holds the mutex from construction to destruction; a Condition may give it up in between while it waits.
+/// Holds the mutex from construction to destruction; Condition releases it while it waits.
 class SYS_SCOPED_CAPABILITY MutexLock {
  public:
   explicit MutexLock(Mutex& mutex) SYS_ACQUIRE(mutex) : lock_(mutex.mutex_) {}
@@ -52,13 +51,13 @@ class SYS_SCOPED_CAPABILITY MutexLock {
   std::unique_lock<std::mutex> lock_;
 };
 
-/// A condition variable.  Waits may end without a reason, so callers loop on what they wait for.
+/// A condition variable.  Spurious wake-ups occur; wait in a loop.
 class Condition {
  public:
   void notifyAll() { condition_.notify_all(); }
   void wait(MutexLock& lock) { condition_.wait(lock.lock_); }
 
-  /// Returns when notified or at the time given, whichever is first.
+  /// Returns when notified, at the given time, or spuriously.
   void waitUntil(MutexLock& lock, std::chrono::steady_clock::time_point when) {
     condition_.wait_until(lock.lock_, when);
   }

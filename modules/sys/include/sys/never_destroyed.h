@@ -1,7 +1,6 @@
-// A static object whose destructor does not run: threads may still use it while the process exits.
+// A static object whose destructor never runs: threads may still use it while the process exits.
 //
-// What it owns on the heap has to be released by a call of its own (see sys::atUnload), or lives as long as the
-// process.
+// Release its heap memory by a call from sys::atUnload; otherwise it lives as long as the process.
 #pragma once
 
 #include <new>

@@ -14,9 +14,9 @@ namespace sys {
 namespace {
 
 constexpr auto kMaxOffset = static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
-constexpr std::uint64_t kMaxWrite = 0x7FFFFFFF;  // more than the kernel takes in one call anyway
+constexpr std::uint64_t kMaxWrite = 0x7FFFFFFF;  // above the kernel's own limit per call
 
-constexpr int kHeldByWriter = EAGAIN;  // what a lock that another writer holds answers
+constexpr int kHeldByWriter = EAGAIN;  // error of a lock that another writer holds
 
 int truncateTo(int descriptor, off_t size) {
   while (::ftruncate(descriptor, size) != 0) {
@@ -25,14 +25,14 @@ int truncateTo(int descriptor, off_t size) {
   return 0;
 }
 
-// Opens path, but neither empties it nor takes it from another writer.  -1 and errno when that fails.
+// Opens path without truncating or locking it.  Failure: -1 and errno.
 int openForWriting(const char* path) {
   int low = -1;
   do {
     low = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
   } while (low < 0 && errno == EINTR);
   if (low < 0 || low > STDERR_FILENO) return low;
-  // The host has closed a standard stream: what it prints there must not land in the file.
+  // The host has closed a standard stream; avoid its descriptor, or the host's output would go into the file.
   const int above = ::fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   const int error = errno;
   ::close(low);
@@ -40,10 +40,10 @@ int openForWriting(const char* path) {
   return above;
 }
 
-// What stands for the right to write a file: an advisory lock of the open file description.  Unlike a lock of the
-// process it excludes a second job in this process and outlives the closing of other descriptors of the file.  It is
-// not an flock, so that a host or a shell may hold one of its own on the file that it lets a job write.  It lies behind
-// the last byte that a file can have: some network file systems enforce locks, and others may read what is written.
+// The writer's lock: an advisory lock of the open file description.  Unlike a process lock it excludes a second job in
+// this process and survives the closing of the file's other descriptors.  It is not an flock, so a host or shell may
+// hold one on the same file.  It covers an offset behind any content: some network file systems enforce locks, and
+// readers must not be blocked.
 struct flock writersLock(short type) {
   struct flock lock {};
   lock.l_type = type;
@@ -53,8 +53,7 @@ struct flock writersLock(short type) {
   return lock;
 }
 
-// Whether another writer holds the file; if not, this one does from now on.  A file system that cannot lock is used
-// without.
+// Takes the lock, and returns whether another writer holds it.  On a file system that cannot lock: false.
 bool heldByAnother(int descriptor) {
   struct flock lock = writersLock(F_WRLCK);
   while (::fcntl(descriptor, F_OFD_SETLK, &lock) != 0) {
@@ -63,7 +62,7 @@ bool heldByAnother(int descriptor) {
   return false;
 }
 
-// The same for a file that may not be opened for writing, and without taking it.
+// Tests the lock of a file that cannot be opened for writing; does not take it.
 bool heldByAnother(const char* path) {
   const int descriptor = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (descriptor < 0) return false;
@@ -78,13 +77,13 @@ bool names(const char* path, const struct stat& file) {
   return ::stat(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
 }
 
-// Makes this the file's one writer, then empties it.
+// Takes the lock, then empties the file.
 int takeOver(int descriptor, const char* path) {
   struct stat opened {};
   if (::fstat(descriptor, &opened) != 0) return errno;
-  if (!S_ISREG(opened.st_mode)) return 0;  // a device or a FIFO has no content to protect, and nothing to empty
+  if (!S_ISREG(opened.st_mode)) return 0;  // a device or FIFO: nothing to lock or empty
   if (heldByAnother(descriptor)) return kHeldByWriter;
-  // Somebody renamed or replaced the file before it was locked: its content is no longer this path's.
+  // The file was renamed or replaced before the lock was taken: the path no longer names it.
   if (!names(path, opened)) return kHeldByWriter;
   return truncateTo(descriptor, 0);
 }
@@ -99,7 +98,7 @@ int DiskFile::create(const std::string& path) {
   const int descriptor = openForWriting(path.c_str());
   if (descriptor < 0) {
     const int error = errno;
-    // What another writer holds is not to be moved aside either.
+    // Report a held file as held: the caller must not move it aside.
     return blockedByExisting(error) && heldByAnother(path.c_str()) ? kHeldByWriter : error;
   }
   handle_ = descriptor;
@@ -113,10 +112,10 @@ DiskFile::ResizeResult DiskFile::reserve(std::uint64_t size) {
   const auto descriptor = static_cast<int>(handle_);
   while (::fallocate(descriptor, 0, 0, static_cast<off_t>(size)) != 0) {
     if (errno == EINTR) continue;
-    // Not every file system can reserve; the size is still worth setting there.
+    // The file system cannot reserve: set the size only.
     if (errno == EOPNOTSUPP || errno == ENOSYS) return setEndFailed(truncateTo(descriptor, static_cast<off_t>(size)));
     const int error = errno;
-    static_cast<void>(truncateTo(descriptor, 0));  // gives back what was reserved before the disk was full
+    static_cast<void>(truncateTo(descriptor, 0));  // release the part reserved before the disk was full
     return setEndFailed(error);
   }
   return {};
@@ -137,7 +136,7 @@ int DiskFile::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint
       *written = static_cast<std::uint64_t>(n);
       return 0;
     }
-    if (n == 0) return EIO;  // no progress and no reason given: not to be tried for ever
+    if (n == 0) return EIO;  // no progress and no error: do not loop for ever
     if (errno != EINTR) return errno;
   }
 }
@@ -145,7 +144,7 @@ int DiskFile::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint
 void DiskFile::close() {
   if (!isOpen()) return;
   const auto descriptor = static_cast<int>(handle_);
-  // Closing alone would leave the lock with a child that the host forked meanwhile.
+  // Unlock explicitly: a child that the host forked has the descriptor too and would keep the lock.
   struct flock lock = writersLock(F_UNLCK);
   static_cast<void>(::fcntl(descriptor, F_OFD_SETLK, &lock));
   ::close(descriptor);
@@ -153,7 +152,7 @@ void DiskFile::close() {
 }
 
 bool DiskFile::blockedByExisting(int error) {
-  // A program that is running, and a file that may not be written: the folder may still allow another name.
+  // A running program or a read-only file: the folder may still allow a rename.
   return error == ETXTBSY || error == EACCES || error == EPERM;
 }
 

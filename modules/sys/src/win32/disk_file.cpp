@@ -20,7 +20,7 @@ int lastError() {
   return static_cast<int>(::GetLastError());
 }
 
-// Strict: a path that is not UTF-8 comes out empty, and creating that fails.
+// A path that is not valid UTF-8 becomes empty, and create then fails.
 std::wstring widePath(const std::string& path) {
   const auto length = static_cast<int>(std::min<std::size_t>(path.size(), std::numeric_limits<int>::max()));
   const int needed = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.data(), length, nullptr, 0);
@@ -49,14 +49,14 @@ DiskFile::ResizeResult DiskFile::truncate(std::uint64_t size) {
   return {};
 }
 
-// Setting the end reserves the room here.
+// Setting the end of file reserves the space on Windows.
 DiskFile::ResizeResult DiskFile::reserve(std::uint64_t size) {
   return truncate(size);
 }
 
 int DiskFile::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length, std::uint64_t* written) {
   *written = 0;
-  // The two highest offsets mean "append" to the system, and those before them lie behind any file.
+  // Offsets above the limit are invalid, and the two highest ones mean "append".
   if (offset > kMaxOffset) return ERROR_INVALID_PARAMETER;
   OVERLAPPED at{};  // carries the position only; the handle is synchronous
   at.Offset = static_cast<DWORD>(offset);
@@ -65,7 +65,7 @@ int DiskFile::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint
   if (!::WriteFile(asHandle(handle_), bytes, static_cast<DWORD>(std::min(length, kMaxWrite)), &done, &at)) {
     return lastError();
   }
-  if (done == 0) return ERROR_WRITE_FAULT;  // no progress and no reason given: not to be tried for ever
+  if (done == 0) return ERROR_WRITE_FAULT;  // no progress and no error: do not loop for ever
   *written = done;
   return 0;
 }
@@ -80,8 +80,8 @@ bool DiskFile::blockedByExisting(int error) {
   return error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED;
 }
 
-// A sharing violation may come from a reader as well, so it counts as blocked: what another writer holds cannot be
-// renamed, and the second create fails like the first.
+// A sharing violation may come from a reader as well, so it counts as blocked.  A file that another writer holds cannot
+// be renamed, so the second create fails like the first.
 bool DiskFile::heldByWriter(int /*error*/) {
   return false;
 }

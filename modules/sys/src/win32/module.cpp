@@ -32,7 +32,7 @@ UnloadList& unloadList() {
 void atUnload(void (*function)()) {
   UnloadList& list = unloadList();
   const MutexLock lock(list.mutex);
-  if (list.count == kMostFunctions) std::abort();  // a mistake in the library: it registers a fixed few
+  if (list.count == kMostFunctions) std::abort();  // a defect in the library: it registers a fixed few
   list.functions[list.count++] = function;
 }
 
@@ -60,8 +60,8 @@ ModulePin::ModulePin() {
 }
 
 ModulePin::~ModulePin() {
-  // Whoever lets go of what was pinned is a host's thread inside one of our functions, so the host still holds a
-  // reference of its own and this is never the last one.
+  // Only a host's thread inside one of our functions destroys a pin, so the host still holds its own reference and this
+  // one is never the last.
   if (module_ != nullptr) ::FreeLibrary(static_cast<HMODULE>(module_));
 }
 

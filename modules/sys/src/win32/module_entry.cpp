@@ -6,13 +6,13 @@
 // Runs under the loader lock.
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID processEnds) {
   if (reason == DLL_PROCESS_ATTACH) {
-    // Fails for a module with a thread-local directory, as this one is; the calls it would save are harmless.
+    // Fails in a module with thread-local storage, as this one; the calls that it would save are harmless.
     ::DisableThreadLibraryCalls(instance);
     sys::onModuleLoad();
   } else if (reason == DLL_PROCESS_DETACH && processEnds == nullptr) {
     sys::runUnloadList();
     sys::onModuleUnload();
   }
-  // At the end of the process the other threads are gone already and may have left anything locked: touch nothing.
+  // At process exit the other threads are gone and may have left locks held: touch nothing.
   return TRUE;
 }

@@ -1,9 +1,9 @@
-// What is to run when the module is unloaded; shared by the module's entry and by who registers.
+// The functions to run at unload; shared by the module's entry point and atUnload.
 #pragma once
 
 namespace sys {
 
-/// Runs what atUnload registered, the latest first.
+/// Runs the functions that atUnload registered, last registered first.
 void runUnloadList();
 
 }  // namespace sys

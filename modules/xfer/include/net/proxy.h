@@ -1,4 +1,4 @@
-// An HTTP proxy, as a host describes it.
+// An HTTP proxy.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,10 @@
 namespace net {
 
 struct Proxy {
-  std::string host;        ///< name or address; empty = no proxy
-  std::int32_t port = 80;  ///< becomes part of the proxy address only when > 0
-  std::string username;    ///< sent only when not empty
-  std::string password;    ///< sent only when not empty, whether or not there is a user name
+  std::string host;        ///< name or address; empty: no proxy
+  std::int32_t port = 80;  ///< 0 or less: left out of the proxy address
+  std::string username;    ///< empty: not sent
+  std::string password;    ///< empty: not sent; may be sent without a user name
 };
 
 }  // namespace net

@@ -1,21 +1,20 @@
-// What an interface needs that separately built modules share: type information that they agree on, and the same
-// operation at the same position whatever compiler built them.
+// Macros for an interface between separately built modules: shared type information, and one vtable layout for every
+// compiler.
 //
-// On Windows the positions are Microsoft's, which differ in two ways from the order of declaration that every other
-// compiler follows:
-//   - a virtual destructor takes one position; elsewhere it takes two;
-//   - overloads of one name take their positions in the reverse of their order.
-// The other compilers for Windows (MinGW's) follow the order of declaration there too, so that they have to be told.
+// On Windows the layout is Microsoft's, which differs in two ways from that of all other compilers (MinGW's included):
+//   - a virtual destructor takes one slot, not two;
+//   - overloads of one name take their slots in reverse order of declaration.
+// The macros make the other Windows compilers produce the same layout.
 #pragma once
 
-/// Goes before the name of such an interface.
+/// Precedes the name of such an interface.
 #if defined(_WIN32)
 #define SYS_INTERFACE
 #else
 #define SYS_INTERFACE __attribute__((visibility("default")))
 #endif
 
-/// Declares two overloads of one name; the first one comes first in the table.
+/// Declares two overloads of one name; first takes the lower slot.
 #if defined(_MSC_VER)
 #define SYS_OVERLOADS_IN_ORDER(first, second) \
   second;                                     \
@@ -26,10 +25,10 @@
   second
 #endif
 
-/// The first operation of an interface is its destructor, and an interface says so twice: at its beginning and at its
-/// end.  Where the compiler would use two positions, the first line declares an operation that does what Microsoft's
-/// destructor does (bit 0 of flags: free the object too), and the second one the compiler's own destructor, out of the
-/// way behind the last position.  For whoever implements, owns or deletes an object there is no difference.
+/// An interface uses both macros: the first at its beginning, the second at its end; its destructor takes slot 0.  On
+/// Windows compilers that would use two slots, the first macro declares a function that does what Microsoft's
+/// destructor does (bit 0 of flags: also free the object), and the second one the compiler's own destructor, behind the
+/// last slot.  Classes that implement the interface and code that deletes objects see no difference.
 #if defined(_WIN32) && !defined(_MSC_VER)
 #define SYS_DESTRUCTOR_COMES_FIRST(Interface)      \
   virtual void* destroyFromTable(unsigned flags) { \

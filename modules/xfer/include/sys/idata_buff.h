@@ -1,12 +1,11 @@
-// The byte buffer through which results cross to the host: the host makes the objects, the library resizes and fills
-// them.  Knows nothing of where the bytes come from.
+// The byte buffer that returns results to the host: the host creates the object, the library resizes and fills it.
+// Knows nothing of where the bytes come from.
 //
-// A host derives a class of its own from IDataBuff and overrides every operation.  The library calls resize, data and
-// size of a host's buffer and nothing else; what the others do is then between the host and itself.
+// A host derives its own class from IDataBuff and overrides every operation.  The library calls only resize, data and
+// size of a host's buffer; the host may implement the others as it likes.
 //
-// Layout:    The operations are declared in the order of the table below, and the order never changes: host and library
-//            are built apart, often by different compilers, and meet only in this table.  On Windows it is the same
-//            for every compiler.
+// Layout:    The vtable has the order below, which never changes: host and library are built separately, often by
+//            different compilers.  On Windows it is the same for every compiler.
 //
 //                slot  0  destructor              5  data       10  copyTo(std::wstring&)
 //                      1  resize                  6  attach     11  copyTo(std::string&)
@@ -14,17 +13,18 @@
 //                      3  assign(std::string)     8  release    13  size
 //                      4  assign(bytes)           9  moveTo     14  empty
 //
-//            Elsewhere than on Windows the destructor takes two entries (one that frees the object, and one that does
-//            not), so that an operation's entry is its slot + 1.
+//            On other systems than Windows the destructor takes two entries (with and without freeing the object), so
+//            each later operation's entry is its slot + 1.
 //            Slots 3, 10, 11 and 12 need the same std::string on both sides.  Slot 12 even needs the same compiler:
-//            Microsoft passes the object first and then the place of the result, MinGW the other way round.
-// Ownership: a block of bytes is obtained with malloc or realloc and given back with free, by the same C library on
-//            both sides.  Whoever made a buffer object deletes it.
-// Threads:   none of its own: one thread at a time uses a buffer.
-// Errors:    only resize reports one.  Nothing throws but the operations that make a string, for lack of memory.
+//            Microsoft passes the object before the address of the result, MinGW after it.
+// Ownership: blocks come from malloc or realloc and go to free, in the same C library on both sides.  The side that
+//            created a buffer object deletes it.
+// Threads:   one thread at a time.
+// Errors:    only resize reports one.  Operations that make a string throw std::bad_alloc without memory; no other
+//            operation throws.
 // Units:     lengths are bytes.
 //
-// A host without the C++ library defines XFER_NO_CXX_LIBRARY; the string types are then only declared.
+// Without the C++ standard library, define XFER_NO_CXX_LIBRARY; the string types are then only declared.
 #pragma once
 
 #include <stdint.h>
@@ -54,54 +54,51 @@ class SYS_INTERFACE IDataBuff {
  public:
   SYS_DESTRUCTOR_COMES_FIRST(IDataBuff);
 
-  /// Makes the length n.  Bytes up to the smaller of the two lengths are kept, new ones hold anything.  False for lack
-  /// of memory; nothing has changed then.
+  /// Sets the length to n.  Keeps the bytes up to the smaller length; new bytes are uninitialised.  False without
+  /// memory; the buffer is then unchanged.
   virtual bool resize(uint64_t n) = 0;
 
-  /// Frees the block: no bytes, no block.
+  /// Frees the block; the buffer is empty.
   virtual void clear() = 0;
 
   SYS_OVERLOADS_IN_ORDER(
-      /// Replaces the content by a copy of text's bytes, as the next operation does.
+      /// Replaces the content with a copy of text's bytes, as the next operation does.
       virtual void assign(const std::string& text) = 0,
 
-      /// Replaces the content by a copy of n bytes at src, which must not lie in this buffer; with a null src it only
-      /// makes the length n.  Reports no lack of memory: whoever may meet that calls resize first and looks.
+      /// Replaces the content with a copy of n bytes at src, which must not lie in this buffer; a null src only sets
+      /// the length.  Does not report a lack of memory: call resize first and check its result.
       virtual void assign(const void* src, uint64_t n) = 0);
 
-  /// The bytes, for reading and writing; null when there is no block.  Valid until the next operation that changes the
-  /// length or the block.
+  /// The bytes, readable and writable; null without a block.  Valid until an operation changes the length or the block.
   virtual uint8_t* data() = 0;
 
-  /// Replaces the block by one that was obtained with malloc and is n bytes long; the buffer owns it from now on.  A
-  /// null block changes nothing.
+  /// Replaces the block with one of n bytes from malloc and takes ownership of it.  A null block changes nothing.
   virtual void attach(uint8_t* block, uint64_t n) = 0;
 
-  /// Replaces the block by the one of other, which is left empty; nothing is copied.  A null other changes nothing.
+  /// Takes other's block without copying and leaves other empty.  A null other changes nothing.
   virtual void takeFrom(IDataBuff* other) = 0;
 
-  /// Hands the block over to the caller, who frees it with free, and its length in *n; the buffer is left empty.  Null
-  /// and 0 when there is no block.  n must not be null.
+  /// Returns the block, which the caller frees with free, and its length in *n; leaves the buffer empty.  Without a
+  /// block: null and 0.  n must not be null.
   virtual uint8_t* release(uint64_t* n) = 0;
 
-  /// Replaces the block of other, which must be a sys::DataBuff (not checked), by this one's; this one is left empty.
-  /// Returns other.
+  /// Moves the block to other, which must be a sys::DataBuff (not checked), and leaves this buffer empty.  Returns
+  /// other.
   virtual DataBuff* moveTo(IDataBuff* other) = 0;
 
   SYS_OVERLOADS_IN_ORDER(
-      /// Makes out the bytes taken as UTF-16 code units in the machine's byte order, one wchar_t each; an odd last byte
-      /// is dropped.  With less than two bytes out stays as it is.
+      /// Sets out to the bytes read as UTF-16 code units in native byte order, one wchar_t each; drops an odd last
+      /// byte.  With less than two bytes, out is unchanged.
       virtual void copyTo(std::wstring& out) = 0,
 
-      /// Makes out the bytes; without any, out stays as it is.
+      /// Sets out to the bytes; without any, out is unchanged.
       virtual void copyTo(std::string& out) = 0);
 
-  /// The bytes; empty when there are none.
+  /// The bytes as a string.
   virtual std::string toString() = 0;
 
   virtual uint64_t size() = 0;
 
-  /// True when the length is 0.
   virtual bool empty() = 0;
 
   SYS_DESTRUCTOR_COMES_LAST(IDataBuff);

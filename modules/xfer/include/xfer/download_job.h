@@ -1,18 +1,20 @@
-// Downloads of one remote file into one local file, over several HTTP range transfers in parallel.
+// Downloads one remote file into one local file over several parallel HTTP range transfers.
 //
 // States of a job:
 //
 //   Idle ──► Probing ──► Running ◄──► Paused
-//     └────────────────────┘│            │
-//   (size known)            ├─► Completed
-//                           └─► Failed          from every state that is not final
-//   every state that is not final ──► Cancelling ──► Cancelled
+//     └──(size known)──────►│
+//                           └──► Completed
+//   Idle, Probing, Running, Paused             ──► Cancelling ──► Cancelled
+//   Idle, Probing, Running, Paused, Cancelling ──► Failed
 //
-// Completed, Failed and Cancelled are final.
+// Completed, Failed and Cancelled are final.  A job is Completed only from Running: see pause.
 //
-// Threads: the operations of a job may be called from any thread, destruction and assignment excepted: those need the
-//          job to themselves.
-// Errors:  the outcome is in the snapshot: state, errorCode and httpStatus of the first failure.
+// When a weak validator (a weak entity tag or Last-Modified) changes, a sample of what was delivered is fetched again
+// and compared; equal samples are evidence, not proof, that the file is the same.
+//
+// Threads: any thread may call a job's operations; destruction and assignment need exclusive access.
+// Errors:  the snapshot has the outcome: state, and errorCode and httpStatus of the first failure.
 // Units:   offsets and sizes are bytes, speeds bytes per second; times are seconds.
 #pragma once
 
@@ -26,57 +28,61 @@
 
 namespace xfer {
 
-/// What a server says of a file.
+/// A remote file as the server describes it.
 struct RemoteFileInfo {
   std::uint64_t size = 0;       ///< 0: unknown
   bool acceptRanges = false;    ///< the server serves byte ranges
-  std::string contentType;      ///< media type without parameters; empty when the answer names none
-  std::int32_t httpStatus = 0;  ///< of the answer; 0 when the request failed
-  std::int32_t error = 0;       ///< 0: usable.  Else libcurl's code, -1 (no transfer handle) or an HTTP status
+  std::string contentType;      ///< media type without parameters; empty: none was sent
+  std::int32_t httpStatus = 0;  ///< of the response; 0: the request failed
+  std::int32_t error = 0;       ///< 0: usable; else libcurl's code, -1 (no transfer handle) or an HTTP status
 };
 
-/// Asks for one byte of url and reads the answer's headers; one request, no retry, at most timeoutSec seconds.  Blocks.
-/// The first match in the headers of all responses counts, redirects included; a body is read to its end, not kept.
+/// Requests one byte of url and reads the response headers; one request, no retry.  Blocks for at most timeoutSec
+/// seconds.  Uses the first match in the headers of all responses, redirects included; reads and discards the body.
 XFER_API RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
                                         int timeoutSec);
 
 class DownloadJob {
  public:
-  class Impl;  ///< the library's own
+  class Impl;  ///< internal
 
-  /// Starts nothing.
+  /// Does not start the download.
   XFER_API DownloadJob(DownloadRequest request, DownloadPolicy policy);
 
-  /// A job that was moved from may only be destroyed or assigned to.
+  /// A moved-from job may only be destroyed or assigned to.
   XFER_API DownloadJob(DownloadJob&& other) noexcept;
 
-  /// Ends the download that this job held, if any, as destruction does.
+  /// Ends this job's download, if any, as destruction does.
   XFER_API DownloadJob& operator=(DownloadJob&& other) noexcept;
 
   DownloadJob(const DownloadJob&) = delete;
   DownloadJob& operator=(const DownloadJob&) = delete;
 
-  /// Cancels a download that is not over and waits for its threads, well under a second.  The partial file stays.
+  /// Cancels an unfinished download and waits for its threads, well under a second.  The partial file stays.
   XFER_API ~DownloadJob();
 
-  /// Does nothing unless the job is Idle.  With a known size the first transfers are under way, or the job has failed,
-  /// when it returns; without one a worker thread asks the server first.  Throws std::system_error
+  /// Does nothing unless the job is Idle.  With a known size it returns after starting the first transfers, or after
+  /// the job has failed; otherwise a worker thread probes the server first.  Throws std::system_error
   /// (resource_unavailable_try_again) when that thread cannot be created.
   XFER_API void start();
 
-  /// Holds a Running job; does nothing in any other state.  A range that waits for its next try when the pause begins
-  /// and is due before it ends is lost, and the job cannot complete any more.
+  /// Holds a Running job; does nothing in any other state.
+  ///
+  /// Intended: two things that happen during a pause leave the job at a stand-still, which resume does not end:
+  ///   - a retry falls due: it is dropped, and the job never completes.  Cancel the job and start a new one;
+  ///   - the last range ends: the file is whole and closed, but the job does not become Completed.  It stays Paused,
+  ///     and Running after resume.
   XFER_API void pause();
 
-  /// Lets a Paused job run on; does nothing in any other state.
+  /// Continues a Paused job; does nothing in any other state.  See pause for when it cannot complete any more.
   XFER_API void resume();
 
-  /// Asks the job to stop and returns at once; the state is Cancelled when its last transfer has been torn down.  The
-  /// partial file stays.  Does nothing when the job is Cancelling or in a final state.
+  /// Requests cancellation and returns at once.  The state is Cancelled once the last transfer is torn down, or Failed
+  /// when a write fails before that.  The partial file stays.  Does nothing in Cancelling and in a final state.
   XFER_API void cancel();
 
-  /// Blocks until the state is final.  A job that stays Paused, or was never started, keeps it waiting.  On the job's
-  /// own worker thread (a logger may get there) it throws std::system_error (resource_deadlock_would_occur).
+  /// Blocks until the state is final: for ever while the job is not started, Paused or at a stand-still (see pause).
+  /// Throws std::system_error (resource_deadlock_would_occur) on the job's own worker thread (in a logger).
   XFER_API void wait();
 
   /// Never blocks for long.

@@ -1,4 +1,4 @@
-/* XFER_API marks what xfer exports.  A program that links the library's objects directly defines XFER_STATIC. */
+/* XFER_API marks exported symbols of xfer.  Define XFER_STATIC to link the library's objects directly. */
 #ifndef XFER_EXPORT_H
 #define XFER_EXPORT_H
 

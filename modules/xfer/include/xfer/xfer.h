@@ -1,26 +1,26 @@
 /*
- * The C interface of xfer: requests into memory, downloads into files by numeric handle, and module-wide settings.
+ * The C interface of xfer: requests into memory, downloads into files by numeric id, and module-wide settings.
  *
- * Threads: every function may be called from any thread, unless it says otherwise.
+ * Threads: any thread may call every function, except xfer_curlGlobalCleanup while anything is in flight.
  * Errors:  by number.  0 is success.  Positive numbers below 100000 that a function does not name are libcurl's codes;
  *          100000 is a caught exception, 100001 an unknown id.  No function throws: see the table below.
- * Texts:   UTF-8, ended by a zero byte, only read during the call.  A null text is taken as empty.
+ * Texts:   UTF-8, zero-terminated, read only during the call.  Null means empty unless a function says otherwise.
  * Units:   sizes are bytes, speeds bytes per second.
  *
- * Arguments that several functions share:
+ * Common arguments:
  *   headers  extra request header lines "Name: value", separated by line feeds
  *   cookie   value of the Cookie header; null or empty: none
  *   proxy    [username[:password]@]host[:port]; null or empty: the proxy of xfer_setProxy
  *   options  option lines separated by line feeds: "OPT_POSTFIELDS=" and a body makes the request a POST,
- *            "REDIRECT_POLICY_NEVER" refuses redirects; all else is ignored
+ *            "REDIRECT_POLICY_NEVER" disables redirects; other lines are ignored
  *
- * When memory runs out, a thread cannot be started or a buffer object throws, the exception is caught and the function
- * answers as follows.  All but xfer_downloadText log "<function> exception" as a failure.
+ * When memory runs out, a thread cannot be started or a buffer object throws, the function catches the exception and
+ * returns as follows.  All but xfer_downloadText log "<function> exception" as a failure.
  *   xfer_download            100000
- *   xfer_downloadText        -1; 100000 when it happens inside the transfer
+ *   xfer_downloadText        -1; 100000 when thrown inside the transfer
  *   xfer_downloadAsync       100000; *dlId is not written, no request is started
  *   xfer_queryAsyncBuffer    100000; the id is unknown from then on
- *   xfer_downloadFile        an id, for which xfer_getProgress reports the end with 100000; 0 when no id can be filed
+ *   xfer_downloadFile        an id for which xfer_getProgress reports 100000; 0 when no id can be stored
  *   xfer_downloadPause       100000
  *   xfer_downloadResume      100000
  *   xfer_stopDownloadHandle  true; the download is gone
@@ -28,8 +28,8 @@
  *   xfer_getRemoteFileSize   1; *size is not written
  *   xfer_getContentLength    false; *length is -1
  *   xfer_setProxy            the proxy stays as it was
- *   xfer_ensureCurlInit      libcurl is brought up by the next call that needs it
- * The other functions allocate nothing and start no thread.
+ *   xfer_ensureCurlInit      the next call that needs libcurl initialises it
+ * The other functions allocate nothing but log records and start no thread.
  */
 #ifndef XFER_XFER_H
 #define XFER_XFER_H
@@ -44,120 +44,135 @@ typedef sys::IDataBuff xfer_buffer;
 extern "C" {
 #else
 #include <stdbool.h>
-/* A buffer object of the host's; its interface is C++ (sys/idata_buff.h). */
+/* The host's buffer object; its interface is C++ (sys/idata_buff.h). */
 typedef struct xfer_buffer xfer_buffer;
 #endif
 
 /*
- * Fetches url and blocks until that has ended.  There is no limit on the whole time; connecting may take 15 s, and a
- * transfer below 1024 bytes per second for 10 s is given up.
+ * Fetches url and blocks until the transfer ends.  The total time is unlimited; connecting times out after 15 s, and a
+ * transfer below 1024 bytes per second for 10 s is aborted.
  *
- * The response's headers (of redirects too) and its body are copied into the caller's buffers; an empty part leaves its
- * buffer as it was.  The HTTP status is not judged: an error page is a success.
+ * Copies the response headers (those of redirects too) and the body into the caller's buffers; an empty part leaves its
+ * buffer unchanged.  Ignores the HTTP status: an error page is a success.
  *
- * 0; libcurl's code of a failed transfer (what had arrived is in the buffers); -1: no transfer handle; 100000;
- * 100009: done, but outBody is empty.
+ * Returns 0; libcurl's code of a failed transfer (the buffers hold what arrived); -1: no transfer handle; 100000;
+ * 100009: complete, but outBody is empty.
  */
 XFER_API int xfer_download(const char* url, const char* headers, const char* options, xfer_buffer* outHeaders,
                            xfer_buffer* outBody, const char* cookie, const char* proxy);
 
 /*
- * Fetches a page of the video site as a desktop browser would, and blocks.  The buffers are filled only when the
- * answer's status is 200 to 299.
+ * Fetches a page of the video site with a desktop browser's headers, and blocks.  Fills the buffers only when the
+ * status is 200 to 299.  The status is that of the first response, also when that is a redirect or a proxy's reply to
+ * CONNECT.
  *
- * 0; 100001: url is null; -1000 - status; -999: no status could be read; -1: a caught exception, or as xfer_download,
- * whose other results but 100009 pass through.
+ * Returns 0; 100001: url is null; -1000 - status; -999: no status could be read; -1: a caught exception, or no transfer
+ * handle; any other result of xfer_download but 100009, which counts as 0.
  */
 XFER_API int32_t xfer_downloadText(const char* url, const char* cookie, xfer_buffer* outHeaders, xfer_buffer* outBody,
                                    const char* proxy);
 
 /*
- * Starts a request in the background and stores its id in *dlId.  The id must be collected with
- * xfer_queryAsyncBuffer, or its result stays in memory until the module is unloaded.
+ * Starts a request in the background and stores its id in *dlId.  Collect the result with xfer_queryAsyncBuffer;
+ * otherwise it stays in memory until the module is unloaded.
  *
- * 0; 100000, and *dlId is not written.
+ * Returns 0; 100000: *dlId is not written.
  */
 XFER_API int32_t xfer_downloadAsync(const char* url, uint64_t* dlId, const char* headers, const char* options,
                                     const char* cookie, const char* proxy);
 
 /*
- * Waits for the request with that id and copies its result as xfer_download does.  The id is unknown from then on.
+ * Waits for the request and copies its result as xfer_download does.  The id is unknown from then on.
  *
- * 0; libcurl's code of a failed transfer; -1: no transfer handle; 100000: an exception, here or in the request; 100001;
- * 100009: done, but bodyOut is empty.
+ * Returns 0; libcurl's code of a failed transfer; -1: no transfer handle; 100000: an exception, here or in the request;
+ * 100001; 100009: complete, but bodyOut is empty.
  */
 XFER_API int32_t xfer_queryAsyncBuffer(uint64_t dlId, xfer_buffer* headersOut, xfer_buffer* bodyOut);
 
 /*
- * Starts a download of url into the file at path and returns its id.  xfer_getProgress reports the outcome, failures
- * to start included.  0, which is never an id: out of memory, nothing was started.
+ * Starts a download of url into the file at path and returns its id, which is never 0.  xfer_getProgress reports the
+ * outcome, also of a failure to start.  Returns 0 when out of memory; nothing is started then.
  *
- * threads: connections at once; 0: the number of xfer_setNumThreads.  reserved is not read.  knownSize: the file's size
- * if the host knows it; 0: the server is asked.
+ * threads: number of connections; 0: that of xfer_setNumThreads.  reserved: ignored.  knownSize: the file's size; 0:
+ * unknown, the server is probed.
  */
 XFER_API uint64_t xfer_downloadFile(const char* url, const char* path, const char* headers, uint16_t threads,
                                     const char* cookie, uint64_t reserved, uint64_t knownSize, const char* proxy);
 
-/* Holds a download that is running; does nothing in any other state.  0; 100000; 100001. */
+/*
+ * Holds a running download; does nothing in any other state.
+ *
+ * Intended: two things that happen during a pause leave the download at a stand-still, which xfer_downloadResume does
+ * not end; xfer_getProgress then never reports it finished:
+ *   - a retry falls due: it is dropped, and the download never completes.  Stop it and start it again;
+ *   - the last range ends: the file is whole, but the download stays paused, and running after xfer_downloadResume.
+ *     Stopping it keeps the file.
+ *
+ * Returns 0; 100000; 100001.
+ */
 XFER_API int32_t xfer_downloadPause(uint64_t dl_id);
 
-/* Lets a paused download run on; does nothing in any other state.  0; 100000; 100001. */
+/*
+ * Continues a paused download; does nothing in any other state.  See xfer_downloadPause for when it cannot complete any
+ * more.  Returns 0; 100000; 100001.
+ */
 XFER_API int32_t xfer_downloadResume(uint64_t dl_id);
 
 /*
- * Cancels a download and forgets its id; returns when the download's threads have ended.  The partial file stays.
- * Takes well under a second.
+ * Cancels a download, waits for its threads, well under a second, and forgets its id.  The partial file stays.
  *
- * Whether there was such a download; one whose end xfer_getProgress has reported is gone.
+ * Returns false when there is no such download, it could not be started, or xfer_getProgress has reported its end.
  */
 XFER_API bool xfer_stopDownloadHandle(uint64_t dl_id);
 
 /*
- * Reports a download.  Always 0.
+ * Reports a download's progress.  Always returns 0.
  *
- * *downloaded: the bytes received so far; *finished: 1 when it has ended, else 0; *errorCode: only written when it has
- * ended: 0 when the file is whole, 102 when it was cancelled, else the failure (a libcurl code, an HTTP status, 100000
- * for an exception, 100004 and 100024 when the file could not be made, 100006 when it was not open, -1 when it could
- * not be written or there was no transfer handle).
+ * *downloaded: bytes received so far.  *finished: 1 when the download has ended, else 0.  *errorCode: written only when
+ * it has ended: 0: the file is whole; 102: cancelled; else the failure: a libcurl code, an HTTP status, 100000: an
+ * exception, 100004 or 100024: the file could not be created, 100006: it was not open, -1: a write failed or there was
+ * no transfer handle.
  *
- * The first call that finds a download ended ends its life: later ones give the same *errorCode, and 0 in *downloaded.
- * That result stays, by design, until the module is unloaded: about 64 bytes a download.  For an unknown id *finished
+ * The first call that finds the download ended releases it; later calls give the same *errorCode, and 0 in *downloaded.
+ * Intended: this result is kept until the module is unloaded, about 64 bytes a download.  For an unknown id *finished
  * is 1 and the others are not written.
  */
 XFER_API int32_t xfer_getProgress(uint64_t dl_id, uint64_t* downloaded, uint32_t* errorCode, uint8_t* finished);
 
 /*
- * Asks the server for the size of url, and blocks for 10 s a try at most.  retries is the number of tries, at least 1.
- * *size is written on success only; *mediaType after each answer: 1 mp4, 2 flv, 3 3gp, 4 webm, 5 mpeg and 6 ogg video,
- * 7 octet stream, 11 mpeg audio, 12 jpeg, 0 anything else.
+ * Asks the server for the size of url; blocks for at most 10 s per try.  retries: number of tries; 0 counts as 1.
+ * Writes *size on success only, and *mediaType after each response: 1 mp4, 2 flv, 3 3gp, 4 webm, 5 mpeg and 6 ogg
+ * video, 7 octet stream, 11 mpeg audio, 12 jpeg, 0 anything else.
  *
- * 0; libcurl's code of the last try; -1: no transfer handle; 100: the last answer held no size; 1: a caught exception
- * (libcurl's 1, an unsupported protocol, looks the same).
+ * Returns 0; libcurl's code of the last try; -1: no transfer handle; 100: the last response gave no size; 1: a caught
+ * exception, or libcurl's code for an unsupported protocol.
  */
 XFER_API int32_t xfer_getRemoteFileSize(const char* url, uint64_t* size, uint32_t* mediaType, const char* cookie,
                                         const char* headers, uint16_t retries, const char* proxy);
 
 /*
- * Sets the proxy for every call that is given none; null or empty: no proxy.  Running transfers keep theirs.
+ * Sets the default proxy, for calls with a proxy argument that is null or empty; null or empty: no proxy.  Running
+ * transfers keep theirs.
  */
 XFER_API void xfer_setProxy(const char* proxy);
 
-/* Default connection count of later downloads, for a threads argument of 0; initially 1. */
+/* Sets the connection count of later downloads whose threads argument is 0; initially 1.  0 counts as 1. */
 XFER_API void xfer_setNumThreads(uint16_t value);
 
-/* Limit of each download that is started from now on, over all its connections; 0: none. */
+/* Limits the speed of each later download, over all its connections; 0 (the initial value): unlimited. */
 XFER_API void xfer_setMaxDownloadSpeed(uint64_t value);
 
 /*
- * true: silences the traces of xfer_download when called on this thread, and every record of the request below it.  Its
- * own failure records are still written.  false, which is the initial setting: all is logged.
+ * true: xfer_download calls on this thread log no traces, and their requests log nothing.  xfer_download still logs its
+ * own failures.  false (the initial value): everything is logged.
  */
 XFER_API void xfer_setQuietMode(bool quiet);
 
-/* Initialises libcurl now instead of with the first request. */
+/* Initialises libcurl and the share handle now instead of with the first request. */
 XFER_API void xfer_ensureCurlInit(void);
 
-/* Ends libcurl.  For a host that is about to unload the module: nothing may be in flight, nothing may follow. */
+/* Releases the share handles and libcurl's global state.  Call it only just before unloading the module: nothing may be
+ * in flight, and no call may follow. */
 XFER_API void xfer_curlGlobalCleanup(void);
 
 #ifdef __cplusplus
@@ -168,8 +183,8 @@ XFER_API void xfer_curlGlobalCleanup(void);
 #include <string>
 
 /*
- * The size of url in *length, -1 when it cannot be learned; whether it is greater than 0.  Blocks, uses no
- * proxy.  Only for hosts that share the library's standard string.
+ * Stores the size of url in *length, or -1 when the server gives none; returns whether it is greater than 0.  Blocks;
+ * uses no proxy.  Only for hosts that share the library's std::string.
  */
 extern "C" XFER_API bool xfer_getContentLength(const std::string& url, int64_t* length);
 #endif

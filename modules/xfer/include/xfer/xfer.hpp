@@ -1,4 +1,4 @@
-// Everything of namespace xfer.
+// All public headers of namespace xfer.
 #pragma once
 
 #include "xfer/download_job.h"

@@ -21,7 +21,7 @@ BOOL WINAPI onControl(DWORD event) {
 unsigned terminalColumns() {
   CONSOLE_SCREEN_BUFFER_INFO info{};
   if (!::GetConsoleScreenBufferInfo(::GetStdHandle(STD_ERROR_HANDLE), &info)) return 0;
-  const int columns = info.srWindow.Right - info.srWindow.Left;  // one less than there are: the last one would wrap
+  const int columns = info.srWindow.Right - info.srWindow.Left;  // one less than the width: the last column would wrap
   return columns > 0 ? static_cast<unsigned>(columns) : 79;
 }
 
