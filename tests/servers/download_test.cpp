@@ -1,6 +1,7 @@
 // Jobs and requests against every real server of the fixture.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <utility>
@@ -159,6 +160,30 @@ TEST(Http2, jobsSurviveConnectionsThatAreShortLivedAndFull) {
         download(url, path, manyRanges(RealServer::NginxH2), round % 2 == 0 ? net::Proxy() : proxy);
     EXPECT_EQ(end.state, xfer::JobState::Completed) << "error " << end.errorCode;
     EXPECT_EQ(support::patternError(path, RealServers::kBigFileBytes), "");
+  }
+}
+
+// ---- Answers in front of the one that counts ----
+
+TEST(FinalAnswer, behindARedirectWithABodyBringsTheWholeFile) {
+  const RealServers servers;
+  const support::TempDir folder;
+  const std::string path = folder.file("out");
+  for (const std::uint16_t connections : {std::uint16_t{1}, std::uint16_t{4}}) {
+    expectWhole(download(servers.url(RealServer::Nginx, "/to-python/16m.bin"), path,
+                         manyRanges(RealServer::Python, connections)),
+                path, RealServers::kBigFileBytes);
+  }
+}
+
+TEST(FinalAnswer, thatNoRangeOfAnEmptyFileIsSatisfiableBringsTheEmptyFile) {
+  const RealServers servers;
+  const support::TempDir folder;
+  const std::string path = folder.file("out");
+  for (const std::uint16_t connections : {std::uint16_t{1}, std::uint16_t{4}}) {
+    expectWhole(
+        download(servers.url(RealServer::Nginx, "/unsatisfied"), path, manyRanges(RealServer::Nginx, connections)),
+        path, 0);
   }
 }
 

@@ -202,6 +202,9 @@ def nginx_configuration(work, ports):
       {statuses}
       {redirects}
       location = /redirect/loop {{ return 302 /redirect/loop; }}
+      location ~ ^/to-python(/.*)$ {{ return 302 http://{HOST}:{ports['Python']}$1; }}
+      location = /unsatisfied {{ if ($http_range) {{ add_header Content-Range "bytes */0" always; return 416; }}
+                                 return 200; }}
       location = /method {{ return 200 $request_method; }}
       location = /echo {{ proxy_method GET; proxy_set_body ""; proxy_set_header X-Echo $request_body;
                           proxy_pass {echo}; }}

@@ -3,6 +3,8 @@
 // They serve one folder: empty.bin, one.bin, 1m.bin and 16m.bin of the pattern (see pattern.h; their sizes are
 // below), and page.txt.  The nginx ones have further paths, for each method:
 //   /redirect/<301|302|303|307|308>/<path>   to /<path>;  /redirect/loop to itself
+//   /to-python/<path>                        302 to /<path> of Python, with a short page as its body
+//   /unsatisfied                             an empty file; a range gets 416 with "bytes */0"
 //   /status/<403|404|416|429|500|503>        an answer with this status
 //   /echo                                    200 with the request's body (one line of text) as body
 //   /method                                  200 with the request's method as body
