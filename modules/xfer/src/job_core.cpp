@@ -465,6 +465,7 @@ void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobAct
     return failFatally(flight.asked.start, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
   }
   if (!allDone) return proceed(actions);
+  doubt_.reset();  // the answer that raised it was put back, and is not needed any more
   finalizing_ = true;
   actions.finalize = extent_.end();
 }
@@ -611,7 +612,8 @@ Placement JobCore::answeredSample(Flight& flight, const AnswerClaim& claim, cons
     // Of several servers that disagree, one that has the old validator says nothing about the new one.  When none has
     // the new one any more there is nothing to compare: what raised the doubt was put back, and the old one is served.
     if (++doubt_->answersOfOldVersion == kMostAnswersOfOldVersion) {
-      XFER_LOG(log::kRecovery, "onHead | changed validator was not seen again, going on | range=" << flight.asked.start);
+      XFER_LOG(log::kRecovery,
+               "onHead | changed validator was not seen again, going on | range=" << flight.asked.start);
       doubt_.reset();
     }
     return putBack(flight);
