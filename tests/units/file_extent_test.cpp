@@ -370,8 +370,7 @@ std::string brokenPromise(const FileExtent& extent, const Told& told) {
       return "a range's total and a whole file's length are judged wrongly";
     }
     if (told.total && (extent.judgeTotal(size) == Fit::Fits) != (*told.total == size)) return "two totals fit";
-    if (told.total && extent.goesOnAt(size) &&
-        (size >= *told.total || (told.host && size >= *told.host))) {
+    if (told.total && extent.goesOnAt(size) && (size >= *told.total || (told.host && size >= *told.host))) {
       return "the file goes on behind its end";
     }
   }
