@@ -223,7 +223,7 @@ TEST_P(CompleteFile, trailersOfAChunkedBodySayNothing) {
 }
 
 TEST_P(CompleteFile, trailersOfAWholeFileSayNothing) {
-  const std::string trailers = "Content-Range: bytes 5-6/7\r\nContent-Length: 3\r\nHTTP/1.1 206 Partial: yes\r\n";
+  const std::string trailers = "Content-Range: bytes 5-6/7\r\nContent-Length: 3\r\nHTTP/1.1 404: Gone\r\n";
   const ScriptedServer server([trailers](const ReceivedRequest&) {
     return Reply()
         .send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n")
@@ -393,19 +393,27 @@ TEST_P(LateAnswer, wholeFileThatBreaksOffLeavesWhatWasDeliveredAsItWas) {
 
 TEST_P(LateAnswer, wholeFilesOfTwoLengthsAreNotMixed) {
   const Tally asked;
-  const ScriptedServer server([asked](const ReceivedRequest& request) {
+  Gate firstHasFailed;
+  const ScriptedServer server([asked, firstHasFailed](const ReceivedRequest& request) {
     if (isProbe(request)) return full200(kSize);
-    if (startOf(request) != 0) return full200(kSize);
+    if (startOf(request) != 0) {
+      return Reply()
+          .waitFor(firstHasFailed)
+          .send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kSize) + "\r\n\r\n")
+          .sendPattern(0, kSize);
+    }
     if (asked.add(0) == 0) return support::status(503);
     return full200(kSize + 1, {.framing = Framing::Chunked, .seed = kOtherSeed});
   });
-  const Gate restIsDone;
+  Gate restIsDone;
   xfer::JobEnvironment environment = xfer::realJobEnvironment();
   environment.waitForRetry = [restIsDone](std::uint64_t, xfer::StopSignal&) { static_cast<void>(restIsDone.wait()); };
   Job job(requestFor(server.url("/file"), path, GetParam().knownSize ? kSize : 0), ranges(), environment);
   job.start();
+  EXPECT_TRUE(log.waitFor("retry scheduled | range=0"));
+  firstHasFailed.open();
   EXPECT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == kSize - kChunk; }));
-  Gate(restIsDone).open();
+  restIsDone.open();
   const DownloadSnapshot end = waitForEnd(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, kOtherFile);
@@ -624,7 +632,7 @@ class ReplacedFile : public CompleteFile {
 
   // A request for a part of what was delivered.
   static bool isSample(const ReceivedRequest& request) {
-    return !isProbe(request) && startOf(request) < kOddRange &&
+    return !isProbe(request) && startOf(request) < 8 * kChunk &&
            *request.range->last + 1 - startOf(request) <= kChunk / 4;
   }
 
@@ -700,6 +708,7 @@ TEST_P(ReplacedFile, sampleThatMeetsABusyServerIsAskedForAgain) {
   const auto job = jobOf(server);
   expectWhole(*job);
   EXPECT_EQ(log.count("retry scheduled"), 3U);
+  EXPECT_FALSE(log.contains("not found as Active")) << "a sample is no range";
 }
 
 TEST_P(ReplacedFile, sampleThatIsNeverAnsweredWellFailsTheJob) {
@@ -779,6 +788,16 @@ TEST_P(CompleteFile, statusThatIsNeitherSuccessNorErrorEndsTheJobAsItself) {
   }
 }
 
+TEST_P(CompleteFile, errorInPlaceOfARangeEndsTheJobAsAShortRange) {
+  for (const int code : {403, 404, 416, 500}) {
+    log.clear();
+    const ScriptedServer server(oddAnswer([code](const ReceivedRequest&) { return support::status(code, "error"); }));
+    const auto job = jobOf(server);
+    expectFailed(*job, kPartial, code);
+    EXPECT_EQ(log.count("retry scheduled"), code == 403 ? 0U : 3U) << code;
+  }
+}
+
 // ---- Sizes that are only said ----
 
 TEST_P(CompleteFileOfUnknownSize, sizeThatOnlyTheProbeSaidGivesWayToTheTotalOfARange) {
@@ -832,6 +851,8 @@ TEST_P(CompleteFileOfUnknownSize, sizeThatOnlyTheProbeSaidGivesWayToTheEndOfAChu
     });
     const auto job = jobOf(server);
     expectWhole(*job);
+    EXPECT_EQ(job->snapshot().totalBytes, kSize);
+    expectRecord("onHead | size gives way | announced=" + std::to_string(said) + " | actual=" + std::to_string(kSize));
   }
 }
 
