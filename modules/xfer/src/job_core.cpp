@@ -50,7 +50,7 @@ bool JobCore::throttled() const {
 }
 
 bool JobCore::standsStill() const {
-  return !isFinal(state_) && (retryDropped_ || finalized_);
+  return !ending() && (retryDropped_ || finalized_);
 }
 
 // A job that is to end closes its file once nothing is in flight that may still write to it; that completes a cancel.
