@@ -458,8 +458,12 @@ void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobAct
 
 JobActions JobCore::finalized(std::int32_t error) {
   finalizing_ = false;
-  if (error != 0) return writeFailed(error);
   JobActions actions;
+  if (error != 0) {
+    actions = writeFailed(error);
+    settle(actions);
+    return actions;
+  }
   finalized_ = true;
   // Intended: a job that is paused at this moment keeps its file and stays paused.
   if (state_ == JobState::Running) enter(JobState::Completed);
