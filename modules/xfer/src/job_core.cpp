@@ -556,6 +556,8 @@ Placement JobCore::raiseDoubt(Flight& flight, const Validator& validator) {
 
 // What was delivered under the validators known so far is complete now: nothing is in flight.
 void JobCore::prepareSample(JobActions& actions) {
+  // The transfers that the answer in doubt was compared with have failed, and a later one brought its version.
+  if (version_.judge(doubt_->candidate) == Likeness::Same) return doubt_.reset();
   doubt_->blocks = sample_.pick();
   doubt_->prepared = true;
   if (!doubt_->blocks.empty()) return;
