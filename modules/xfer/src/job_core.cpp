@@ -591,10 +591,17 @@ Placement JobCore::answeredSample(Flight& flight, const AnswerClaim& claim, cons
   }
   if (fit != Fit::Fits) return refuse(flight, Flight::Refusal::Changed, "size of the remote file changed");
   if (validator != doubt_->candidate) {
-    // Of several servers that disagree, one that has the old validator says nothing about the new one.
-    const bool old = version_.judge(validator) == Likeness::Same;
-    if (old && ++doubt_->answersOfOldVersion < kMostAnswersOfOldVersion) return putBack(flight);
-    return refuse(flight, Flight::Refusal::Changed, "sample is not of the version in doubt");
+    if (version_.judge(validator) != Likeness::Same) {
+      return refuse(flight, Flight::Refusal::Changed, "sample is not of the version in doubt");
+    }
+    // Of several servers that disagree, one that has the old validator says nothing about the new one.  When none has
+    // the new one any more there is nothing to compare: what raised the doubt was put back, and the old one is served.
+    if (++doubt_->answersOfOldVersion == kMostAnswersOfOldVersion) {
+      XFER_LOG(log::kRecovery,
+               "onHead | changed validator was not seen again, going on | range=" << flight.asked.start);
+      doubt_.reset();
+    }
+    return putBack(flight);
   }
   Placement placement;
   placement.bodyOffset = whole ? 0 : flight.asked.start;
