@@ -24,8 +24,9 @@ void thin(std::vector<HashedBlock>& blocks, std::uint64_t& stride) {
 
 }  // namespace
 
+// The word is spread first: else its bit that becomes the state's highest one would meet a single bit of the next word.
 void BlockHash::mix(std::uint64_t word) {
-  state_ = std::rotl(state_ ^ word, 29) * 0xBF58476D1CE4E5B9;
+  state_ = std::rotl(state_ ^ word * 0x9E3779B97F4A7C15, 29) * 0xBF58476D1CE4E5B9;
 }
 
 void BlockHash::add(const std::uint8_t* bytes, std::uint64_t length) {
