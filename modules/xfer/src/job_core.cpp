@@ -452,6 +452,7 @@ void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobAct
     return failFatally(flight.asked.start, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
   }
   if (!allDone) return proceed(actions);
+  doubt_.reset();  // the answer that raised it was put back, and is not needed any more
   finalizing_ = true;
   actions.finalize = extent_.end();
 }
