@@ -127,7 +127,8 @@ TEST(StreamHasher, hashesTheBytesOfItsBlocks) {
 TEST(StreamHasher, seesAChangeOfAnyByteOfABlock) {
   Bytes bytes = pattern(0, kBlock);
   const std::uint64_t before = hashOf(bytes);
-  for (std::size_t at = 0; at < bytes.size(); at = at + 61 < bytes.size() || at == bytes.size() - 1 ? at + 61 : bytes.size() - 1) {
+  for (std::size_t at = 0; at < bytes.size();
+       at = at + 61 < bytes.size() || at == bytes.size() - 1 ? at + 61 : bytes.size() - 1) {
     bytes[at] ^= 0x80;
     StreamHasher hasher(0, 1);
     hasher.add(bytes.data(), bytes.size());
