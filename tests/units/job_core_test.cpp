@@ -391,14 +391,27 @@ TEST_F(JobCoreTest, rangeThatIsCappedGoesOnAtOnceAndCostsNoAttempt) {
 }
 
 TEST_F(JobCoreTest, tenSmallAnswersInARowAreAFailedTry) {
-  start(4000);
-  for (int small = 1; small <= 10; ++small) {
+  DownloadPolicy oneRange = chunks();
+  oneRange.maxChunkSize = 4000;
+  core.setSize(4000, SizeFrom::Host);
+  core.fileOpened();
+  core.plan(oneRange);
+  ASSERT_TRUE(core.run().refill);
+  for (std::uint64_t small = 1; small <= 10; ++small) {
     const FlightPtr flight = core.next();
     const std::uint64_t at = flight->asked.start;
+    EXPECT_EQ(at, small - 1);
     EXPECT_EQ(flight->rangeStart, 0U);
-    answer(flight, rangeHead(at, at, 4000));
-    ASSERT_EQ(core.ended(flight, {CURLE_OK, kPartial, 0}).retry.has_value(), small == 10) << small;
+    answer(flight, rangeHead(at, at + 1, 4000));
+    ASSERT_EQ(core.ended(flight, {CURLE_OK, kPartial, 1}).retry.has_value(), small == 10) << small;
   }
+}
+
+TEST_F(JobCoreTest, answerWithoutAByteIsAFailedTry) {
+  start(20);
+  const FlightPtr flight = core.next();
+  answer(flight, rangeHead(0, 10, 20));
+  EXPECT_TRUE(core.ended(flight, {CURLE_OK, kPartial, 0}).retry);
 }
 
 TEST_F(JobCoreTest, sizeThatOnlyTheProbeGaveGivesWay) {

@@ -278,7 +278,8 @@ Placement JobCore::place(Flight& flight, const AnswerClaim& claim, const Validat
     supersedeOthers(flight, actions);
     flight.kept = extent_.delivered();
     const auto size = extent_.holdsBytes() && extent_.confirmed() ? extent_.confirmed() : extent_.rangedTotal();
-    if (!claim.length && size) {
+    const bool hostCuts = hostGaveSize_ && extent_.size() < size;
+    if (!claim.length && size && !hostCuts) {
       // What was delivered, or a range, says where the file ends: a body that ends elsewhere is of another one.  Only
       // its end can tell, so it is read up to there, whatever is needed of it.
       placement.end = size;
