@@ -358,6 +358,26 @@ TEST_F(JobCoreTest, wholeFileSupersedesTheOthersAndIsFetchedAlone) {
   EXPECT_EQ(core.ended(lead, {CURLE_OK, 200, 30}).finalize, 30U);
 }
 
+TEST_F(JobCoreTest, wholeFileDropsTheRetriesOfTheRangesThatItBrought) {
+  start(30);
+  const FlightPtr first = core.next();
+  const FlightPtr second = core.next();
+  ASSERT_TRUE(core.ended(first, {CURLE_COULDNT_CONNECT, kNoStatus, 0}).retry);
+  const JobActions failed = core.ended(second, {CURLE_COULDNT_CONNECT, kNoStatus, 0});
+  ASSERT_TRUE(failed.retry);
+  core.retryDue(failed.retry->id);
+  const FlightPtr lead = core.next();
+  const FlightPtr last = core.next();
+  ASSERT_EQ(last->asked, (ByteRange{20, 30}));
+  const JobActions third = core.ended(last, {CURLE_COULDNT_CONNECT, kNoStatus, 0});
+  ASSERT_TRUE(third.retry);
+  ASSERT_EQ(answer(lead, wholeHead(30)).action, Action::Deliver);
+  core.ended(lead, {CURLE_OK, 200, 20});
+  core.pause();
+  core.retryDue(third.retry->id);
+  EXPECT_FALSE(core.standsStill()) << "nothing was dropped that is needed";
+}
+
 TEST_F(JobCoreTest, supersededRangeIsFetchedWhenTheWholeFileBreaksOff) {
   start(20);
   const FlightPtr lead = core.next();
