@@ -315,7 +315,7 @@ void CurlMultiBackend::eventLoop() {
   try {
     while (running_) turn();
   } catch (...) {
-    // Out of memory: nobody may be left waiting for a transfer that nothing drives any more.
+    // Out of memory: end every transfer, since nothing drives them any more.
     XFER_LOG(log::kFailure, "eventLoop exception");
     running_ = false;
     cancelWhere(taken_, [](const Transfer&) { return true; });
@@ -425,7 +425,7 @@ void CurlMultiBackend::addTransfer() {
   ++activeCount_;
 }
 
-// The transfer's place in active_ is the caller's to give up.
+// Leaves the transfer in active_; the caller moves it.
 void CurlMultiBackend::leaveMulti(Transfer& transfer) {
   assertLoopThread();
   if (transfer.held()) {

@@ -1,14 +1,13 @@
-// The inside of a DownloadJob: it wires the core's decisions to the world.  Calls and callbacks become the core's
-// events; what the core then wants done is done here, on the thread that brought the event.
+// The implementation of DownloadJob: turns calls and callbacks into the core's events, and carries out the actions that
+// the core returns, on the thread that brought the event.
 //
-// What the world does (libcurl, the clock, waiting) comes in through a JobEnvironment, so that tests put fakes there.
+// libcurl, the clock and waiting come in through a JobEnvironment, so that tests can replace them.
 //
 // Threads: as DownloadJob.  doStart runs on the worker (size unknown) or on the caller of start; the callbacks run on
 //          the backend's loop thread; a retry runs on its timer's thread.
-//          One short lock, mutex_, is around the core.  What the core wants is done after it was released.
-// Errors:  none is thrown by what runs on the job's own threads: trouble ends the job Failed.  pause, resume, cancel
-// and
-//          destruction neither allocate nor throw, but for what they submit.
+//          One short lock, mutex_, guards the core.  Actions are carried out after it is released.
+// Errors:  nothing that runs on the job's own threads throws: trouble ends the job Failed.  pause, cancel and
+//          destruction neither allocate nor throw; resume allocates only when it has to submit, and never throws.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,5 @@
-// What a download job decides: its state, what is in flight, what is fetched next, which answers count, and when the
-// file is whole.  Events come in, and each says what is to be done about it; nothing is done here.
+// Makes the decisions of a download job: its state, what is in flight, what is fetched next, which answers count, and
+// when the file is whole.  The caller reports events and carries out the actions that they return.
 //
 // Answers that are not the range asked for: a server may send the whole file instead (200).  Such a body is placed from
 // byte 0 and makes every later range superfluous.  From the first one on the job runs one transfer at a time: the one
@@ -11,7 +11,7 @@
 // A doubt: a weak validator that changes between answers may mean another version, or nothing.  The answer is put back,
 // what is in flight may end, and then a sample of what was delivered is fetched again and compared.
 //
-// Knows no lock, no thread, no clock, no file and no libcurl; it only logs.
+// Knows no lock, no thread, no clock and no file, and of libcurl only the result codes.  It logs.
 //
 // Threads: one at a time.  Flight::superseded may be read at any time.
 // Errors:  pause, resume, cancel, fail and the transitions neither allocate nor throw.  Every other event may throw
@@ -45,7 +45,7 @@ struct Retry {
   std::uint64_t delayMs = 0;
 };
 
-/// What an event makes necessary.  Order does not matter, but for what is said.
+/// What the caller has to do after an event, in any order.
 struct JobActions {
   bool refill = false;                      ///< call next until it has nothing more
   bool cancelSuperseded = false;            ///< cancel the transfers of superseded flights
@@ -106,8 +106,7 @@ class JobCore {
 
   [[nodiscard]] std::size_t inFlight() const { return flights_.size(); }
 
-  /// Whether the job can never end by itself although nobody has to act: a retry fell due while the job was paused, or
-  /// every range ended then.
+  /// Whether the job will never end by itself: a retry fell due while it was paused, or its last range ended then.
   [[nodiscard]] bool standsStill() const;
 
   /// Calls back once with the ticket of each transfer that is to be cancelled.
