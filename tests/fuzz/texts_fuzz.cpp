@@ -60,8 +60,6 @@ void readsHeaders(const std::string& text) {
 
 void judgesAnswers(const std::string& text) {
   constexpr std::uint64_t kStart = 10;
-  constexpr std::uint64_t kEnd = 20;
-  constexpr std::uint64_t kTotal = 100;
   xfer::ResponseHeadReader reader;
   std::string_view rest(text);
   while (!rest.empty()) {
