@@ -21,12 +21,16 @@ namespace {
 constexpr std::int32_t kForbidden = 403;
 constexpr std::int32_t kBusy = 503;
 
+// 1, or more in slow surroundings.
+std::uint64_t slowness() {
+  return static_cast<std::uint64_t>(support::testTimeout() / std::chrono::seconds(20));
+}
+
 // So many steps are walked by each test case, or somewhat fewer.  Far fewer in slow surroundings: one thread without an
 // input of its own has little to show a sanitizer.
 std::uint64_t stepsToWalk() {
   constexpr std::uint64_t kSteps = 5'000'000;
-  const auto slowness = static_cast<std::uint64_t>(support::testTimeout() / std::chrono::seconds(20));
-  return kSteps / (slowness * slowness);
+  return kSteps / (slowness() * slowness());
 }
 
 // All sequences of steps up to a depth; after each the environment behaves.
@@ -254,7 +258,7 @@ WorldSetup randomSetup(Random& random) {
 }
 
 TEST(JobCoreWalkAtRandom, everyWorldComesToItsEnd) {
-  constexpr int kWorlds = 40'000;
+  const int worlds = 40'000 / static_cast<int>(slowness());
   constexpr int kMostSteps = 400;
   std::uint64_t seed = 20'240'229;
   if (const char* const text = std::getenv("XFER_WALK_SEED")) seed = std::strtoull(text, nullptr, 10);
@@ -262,7 +266,7 @@ TEST(JobCoreWalkAtRandom, everyWorldComesToItsEnd) {
   std::uint64_t steps = 0;
   std::array<int, 8> ends{};
   int standing = 0;
-  for (int index = 0; index < kWorlds; ++index) {
+  for (int index = 0; index < worlds; ++index) {
     Random random(seed + static_cast<std::uint64_t>(index));
     JobCoreWorld world(randomSetup(random));
     std::string path;
@@ -280,10 +284,10 @@ TEST(JobCoreWalkAtRandom, everyWorldComesToItsEnd) {
     if (!isFinal(world.state())) ++standing;
   }
   const auto count = [&](JobState state) { return ends.at(static_cast<std::size_t>(state)); };
-  std::cout << "  " << kWorlds << " worlds, " << steps << " steps: " << count(JobState::Completed) << " completed, "
+  std::cout << "  " << worlds << " worlds, " << steps << " steps: " << count(JobState::Completed) << " completed, "
             << count(JobState::Failed) << " failed, " << count(JobState::Cancelled) << " cancelled, " << standing
             << " in a required stand-still\n";
-  EXPECT_GT(count(JobState::Completed), kWorlds / 4);
+  EXPECT_GT(count(JobState::Completed), worlds / 4);
   EXPECT_GT(count(JobState::Failed), 0);
   EXPECT_GT(count(JobState::Cancelled), 0);
 }
