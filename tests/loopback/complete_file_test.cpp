@@ -236,7 +236,7 @@ TEST_P(CompleteFile, trailersOfAWholeFileSayNothing) {
 // ---- Lengths that say nothing ----
 
 TEST_P(CompleteFile, lengthBesideAChunkedWholeFileSaysNothing) {
-  for (const char* const length : {"123456", "3", "0", "99999999999999999999999"}) {
+  for (const char* const length : {"123456", "3", "99999999999999999999999"}) {
     for (const bool lengthFirst : {true, false}) {
       const std::string field = std::string("Content-Length: ") + length + "\r\n";
       const std::string coding = "Transfer-Encoding: chunked\r\n";
@@ -246,6 +246,21 @@ TEST_P(CompleteFile, lengthBesideAChunkedWholeFileSaysNothing) {
       const auto job = jobOf(server);
       expectWhole(*job);
     }
+  }
+}
+
+// Not every libcurl reads such a body to its end.
+TEST_P(CompleteFile, lengthOfZeroBesideAChunkedBodyIsRefused) {
+  for (const bool whole : {true, false}) {
+    const ScriptedServer server([whole](const ReceivedRequest& request) {
+      const std::string head = "Content-Length: 0\r\nTransfer-Encoding: chunked\r\n\r\n";
+      if (isProbe(request)) return range206(request, kSize);
+      if (whole) return Reply().send("HTTP/1.1 200 OK\r\n" + head).send(inChunks(patternBytes(0, kSize)));
+      const std::uint64_t from = request.range->first;
+      return Reply().send("HTTP/1.1 206 Partial Content\r\n" + head).send(inChunks(patternBytes(from, from + 10)));
+    });
+    const auto job = jobOf(server);
+    expectFailed(*job, kOtherFile, whole ? 200 : 206);
   }
 }
 
@@ -448,6 +463,7 @@ TEST_P(CompleteFileOfUnknownSize, secondTryThatIsShorterThanTheBrokenFirstIsTheF
   }
 }
 
+#ifndef _WIN32  // a reset looks like an orderly end there
 TEST_P(CompleteFileOfUnknownSize, closeThatEndsAWholeFileAfterABrokenTryIsItsEnd) {
   const Tally asked;
   const ScriptedServer server([asked](const ReceivedRequest& request) {
@@ -458,6 +474,7 @@ TEST_P(CompleteFileOfUnknownSize, closeThatEndsAWholeFileAfterABrokenTryIsItsEnd
   const auto job = jobOf(server);
   expectWhole(*job, 500'000);
 }
+#endif
 
 // ---- Servers that send less of a range than asked ----
 

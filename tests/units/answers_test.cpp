@@ -179,6 +179,7 @@ TEST(AnswerClaim, thatStartsElsewhereOrIsMultipartOrContradictsItselfIsUnusable)
   EXPECT_EQ(claim({"HTTP/1.1 206 x", "Content-Type: Multipart/Byteranges; boundary=x"}).kind, Kind::Unusable);
   EXPECT_EQ(claim({"HTTP/1.1 206 x", "Content-Length: 3", "Content-Length: 4"}).kind, Kind::Unusable);
   EXPECT_EQ(claim({"HTTP/1.1 200 x", "Content-Length: 3", "Content-Length: 4"}).kind, Kind::Unusable);
+  EXPECT_EQ(claim({"HTTP/1.1 200 x", "Content-Length: 0", "Transfer-Encoding: chunked"}).kind, Kind::Unusable);
 }
 
 TEST(AnswerClaim, of200IsTheWholeFileWithItsLengthOrAnEndThatIsSeenOrNot) {
