@@ -256,6 +256,7 @@ class EachAllocation : public testing::TestWithParam<Failing> {
  protected:
   // Nothing stays behind: the servers of the test are gone by now.
   ~EachAllocation() override {
+    EXPECT_TRUE(warm_);
     EXPECT_TRUE(support::waitUntil([this] { return support::threadCount() <= threads_; }))
         << support::threadCount() << " threads, at first " << threads_;
     EXPECT_LE(support::openFileCount(), openFiles_ + kKeptConnections);
