@@ -249,7 +249,7 @@ TEST_P(CompleteFile, lengthBesideAChunkedWholeFileSaysNothing) {
   }
 }
 
-// Not every libcurl reads such a body to its end.
+// Not every libcurl reads such a body to its end; what is left on the connection then spoils the next answer there (8).
 TEST_P(CompleteFile, lengthOfZeroBesideAChunkedBodyIsRefused) {
   for (const bool whole : {true, false}) {
     const ScriptedServer server([whole](const ReceivedRequest& request) {
@@ -260,7 +260,9 @@ TEST_P(CompleteFile, lengthOfZeroBesideAChunkedBodyIsRefused) {
       return Reply().send("HTTP/1.1 206 Partial Content\r\n" + head).send(inChunks(patternBytes(from, from + 10)));
     });
     const auto job = jobOf(server);
-    expectFailed(*job, kOtherFile, whole ? 200 : 206);
+    const DownloadSnapshot end = support::run(*job);
+    EXPECT_EQ(end.state, JobState::Failed) << whole;
+    EXPECT_TRUE(end.errorCode == kOtherFile || end.errorCode == kWeirdReply) << end.errorCode;
   }
 }
 

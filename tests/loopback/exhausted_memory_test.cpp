@@ -257,7 +257,7 @@ class EachAllocation : public testing::TestWithParam<Failing> {
   // Nothing stays behind: the servers of the test are gone by now.
   ~EachAllocation() override {
     EXPECT_TRUE(warm_);
-    EXPECT_TRUE(support::waitUntil([this] { return support::threadCount() <= threads_; }))
+    EXPECT_TRUE(support::waitUntil([this] { return support::threadCount() <= threads_ + kSystemThreads; }))
         << support::threadCount() << " threads, at first " << threads_;
     EXPECT_LE(support::openFileCount(), openFiles_ + kKeptConnections);
   }
@@ -311,6 +311,11 @@ class EachAllocation : public testing::TestWithParam<Failing> {
  private:
   static constexpr int kMostAllocations = 1000;
   static constexpr std::size_t kKeptConnections = 8;
+#ifdef _WIN32
+  static constexpr std::size_t kSystemThreads = 1;  // the system's own may come at any time; each test fails many calls
+#else
+  static constexpr std::size_t kSystemThreads = 0;
+#endif
 
   // The first request and the first server of a process may leave a thread of the system's behind.
   static bool warmUp() {
