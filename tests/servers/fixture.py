@@ -3,6 +3,8 @@
 
     fixture.py start DIR    starts them, waits until all answer, and writes DIR/servers.env
     fixture.py stop DIR     ends what start began, and removes DIR
+    fixture.py relay PORT HTTP_PORT TLS_PORT
+                            a part of start: a proxy that reaches one host on the ports 80 and 443 of every name
 
 DIR/servers.env has a "key=value" a line; tests/support/real_servers.h reads it and tells what is served.
 DIR/processes.json has what stop needs.  A start first stops what an earlier run, perhaps an aborted one, left in DIR.
@@ -24,6 +26,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 HOST = "127.0.0.1"
@@ -205,6 +208,9 @@ def nginx_configuration(work, ports):
       location ~ ^/to-python(/.*)$ {{ return 302 http://{HOST}:{ports['Python']}$1; }}
       location = /unsatisfied {{ if ($http_range) {{ add_header Content-Range "bytes */0" always; return 416; }}
                                  return 200; }}
+      location = /secrets {{ return 200 "$http_cookie|$http_authorization"; }}
+      location ~ ^/to-https(/.*)$ {{ return 302 https://$host$1; }}
+      location ~ ^/to-http(/.*)$ {{ return 302 http://$host$1; }}
       location = /method {{ return 200 $request_method; }}
       location = /echo {{ proxy_method GET; proxy_set_body ""; proxy_set_header X-Echo $request_body;
                           proxy_pass {echo}; }}
@@ -335,6 +341,52 @@ def start_squid(run, work, ports):
     run.spawn("squid", [program("squid"), "-N", "-n", service, "-d", "1", "-f", work / "squid.conf"])
 
 
+def start_relay(run, work, ports):
+    run.spawn(
+        "relay",
+        [sys.executable, __file__, "relay"] + [str(ports[name]) for name in ("relayProxy", "Nginx", "NginxTls")],
+    )
+
+
+def relay(port, http_port, tls_port):
+    """Tests cannot bind the standard ports: to the client of this proxy every name has a server there."""
+
+    def copy(source, sink):
+        try:
+            while data := source.recv(65536):
+                sink.sendall(data)
+            sink.shutdown(socket.SHUT_WR)
+        except OSError:
+            pass
+
+    def serve(client):
+        head = b""
+        while b"\r\n\r\n" not in head:
+            data = client.recv(65536)
+            if not data:
+                return
+            head += data
+        tunnel = head.startswith(b"CONNECT ")
+        with socket.create_connection((HOST, tls_port if tunnel else http_port)) as server:
+            if tunnel:
+                client.sendall(b"HTTP/1.1 200 OK\r\n\r\n")
+            else:
+                server.sendall(head)
+            back = threading.Thread(target=copy, args=(server, client), daemon=True)
+            back.start()
+            copy(client, server)
+            back.join()
+
+    def serve_and_close(client):
+        with client:
+            serve(client)
+
+    with socket.create_server((HOST, port)) as listener:
+        while True:
+            client, _ = listener.accept()
+            threading.Thread(target=serve_and_close, args=(client,), daemon=True).start()
+
+
 def wait_until_all_answer(children_alive, ports):
     """Until every port accepts; a server that has ended is not waited for."""
     deadline = time.monotonic() + START_SECONDS
@@ -364,6 +416,7 @@ PORT_NAMES = (
     "Python",
     "proxy",
     "authProxy",
+    "relayProxy",
 )
 
 
@@ -381,7 +434,7 @@ def start(folder):
         write_documents(work / "documents")
         write_certificate(work)
         write_passwords(work)
-        for starter in (start_nginx, start_apache, start_lighttpd, start_python, start_squid):
+        for starter in (start_nginx, start_apache, start_lighttpd, start_python, start_squid, start_relay):
             starter(run, work, ports)
 
         def all_alive():
@@ -400,6 +453,7 @@ def start(folder):
     lines = [f"documentRoot={work}/documents", f"certificate={work}/certificate.pem"]
     lines += [f"user={USER}", f"password={PASSWORD}"]
     lines += [f"proxyPort={ports['proxy']}", f"authProxyPort={ports['authProxy']}"]
+    lines.append(f"relayProxyPort={ports['relayProxy']}")
     for name in PORT_NAMES[:9]:
         scheme = "https" if name in ("NginxTls", "NginxH2", "NginxShortH2") else "http"
         lines.append(f"{name}.origin={scheme}://{HOST}:{ports[name]}")
@@ -416,6 +470,8 @@ def stop(folder):
 
 
 def main():
+    if len(sys.argv) == 5 and sys.argv[1] == "relay":
+        relay(*map(int, sys.argv[2:]))
     commands = {"start": start, "stop": stop}
     if len(sys.argv) != 3 or sys.argv[1] not in commands:
         raise SystemExit(__doc__)

@@ -83,6 +83,43 @@ TEST_P(PostsAndRedirects, jobFollowsRedirects) {
       path, RealServers::kBigFileBytes);
 }
 
+class SecretsOverStandardPorts : public testing::Test {
+ protected:
+  // What the last server of the redirects got: "<Cookie>|<Authorization>".
+  [[nodiscard]] std::string arrived(const std::string& url) const {
+    xfer::Request request;
+    request.url = url;
+    request.proxy = {.host = "127.0.0.1", .port = servers_.relayProxyPort(), .username = "", .password = ""};
+    request.cookie = "a=b";
+    request.headers = {"Authorization: Bearer x"};
+    const xfer::Response response = xfer::fetch(request);
+    EXPECT_EQ(response.curlCode, 0);
+    EXPECT_EQ(response.status, 200);
+    return response.body;
+  }
+
+  const RealServers servers_;
+};
+
+TEST_F(SecretsOverStandardPorts, theyFollowASiteFromHttpToHttps) {
+  EXPECT_EQ(arrived("http://site.test/to-https/secrets"), "a=b|Bearer x");
+  EXPECT_EQ(arrived("http://site.test/to-https/to-https/secrets"), "a=b|Bearer x");
+}
+
+TEST_F(SecretsOverStandardPorts, theyDoNotFollowItFromHttpsToHttp) {
+  EXPECT_EQ(arrived("https://site.test/to-http/secrets"), "|");
+}
+
+TEST_F(SecretsOverStandardPorts, theyComeBackWithTheSiteAndStayThere) {
+  EXPECT_EQ(arrived("http://site.test/to-https/to-http/secrets"), "a=b|Bearer x");
+  EXPECT_EQ(arrived("https://site.test/to-http/to-https/secrets"), "a=b|Bearer x");
+}
+
+TEST_F(SecretsOverStandardPorts, otherPortsOfTheSameNameAreOtherServers) {
+  EXPECT_EQ(arrived("http://site.test:8080/to-https/secrets"), "|");
+  EXPECT_EQ(arrived("https://site.test:8443/to-http/secrets"), "|");
+}
+
 INSTANTIATE_TEST_SUITE_P(Servers, PostsAndRedirects,
                          testing::Values(RealServer::Nginx, RealServer::NginxTls, RealServer::NginxH2),
                          [](const auto& server) { return support::nameOf(server.param); });

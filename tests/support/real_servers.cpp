@@ -64,6 +64,10 @@ std::uint16_t RealServers::authProxyPort() const {
   return port("authProxyPort");
 }
 
+std::uint16_t RealServers::relayProxyPort() const {
+  return port("relayProxyPort");
+}
+
 std::string RealServers::user() const {
   return value("user");
 }

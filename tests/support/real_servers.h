@@ -7,6 +7,8 @@
 //   /unsatisfied                             an empty file; a range gets 416 with "bytes */0"
 //   /status/<403|404|416|429|500|503>        an answer with this status
 //   /echo                                    200 with the request's body (one line of text) as body
+//   /secrets                                 200 with the request's "<Cookie>|<Authorization>" as body
+//   /to-https/<path>, /to-http/<path>        302 to https or http, the host's name and <path>
 //   /method                                  200 with the request's method as body
 //   /private/<path>                          the folder, for user() with password() by Basic authentication
 //
@@ -54,6 +56,10 @@ class RealServers {
   /// An HTTP proxy on 127.0.0.1 for everybody, and one that wants user() and password() by Basic authentication.
   [[nodiscard]] std::uint16_t proxyPort() const;
   [[nodiscard]] std::uint16_t authProxyPort() const;
+
+  /// An HTTP proxy that reaches Nginx for every http URL and NginxTls behind every CONNECT, whatever host and port
+  /// are named.
+  [[nodiscard]] std::uint16_t relayProxyPort() const;
 
   [[nodiscard]] std::string user() const;
   [[nodiscard]] std::string password() const;

@@ -73,10 +73,18 @@ TEST(Options, headersCollectAndDoNotTakeTheUrl) {
 
 TEST(Options, proxyIsTakenApart) {
   const Options options = accepted({"-x", "user:pass@proxy:3128", "http://host/file"});
-  EXPECT_EQ(options.proxy.host, "proxy");
-  EXPECT_EQ(options.proxy.port, 3128);
-  EXPECT_EQ(options.proxy.username, "user");
-  EXPECT_EQ(options.proxy.password, "pass");
+  ASSERT_TRUE(options.proxy);
+  EXPECT_EQ(options.proxy->host, "proxy");
+  EXPECT_EQ(options.proxy->port, 3128);
+  EXPECT_EQ(options.proxy->username, "user");
+  EXPECT_EQ(options.proxy->password, "pass");
+}
+
+TEST(Options, emptyProxyIsNoneAndNoProxyIsNotSaid) {
+  const Options none = accepted({"-x", "", "http://host/file"});
+  ASSERT_TRUE(none.proxy);
+  EXPECT_EQ(none.proxy->host, "");
+  EXPECT_FALSE(accepted({"http://host/file"}).proxy);
 }
 
 TEST(Options, verbosityCounts) {
@@ -109,7 +117,6 @@ TEST(Options, thatCannotWorkAreRefusedWithAReason) {
       {{"--known-size", "1.5", "u"}, "known-size"},
       {{"--known-size", "99999999999999999999", "u"}, "known-size"},
       {{"-x", "proxy:port", "u"}, "proxy"},
-      {{"-x", "", "u"}, "proxy"},
       {{"-q", "-v", "u"}, "quiet"},
       {{"--info", "-p", "u"}, "info"},
       {{"--info", "-I", "u"}, "info"},

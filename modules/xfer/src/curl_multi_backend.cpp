@@ -7,6 +7,7 @@
 
 #include "easy_options.h"
 #include "log.h"
+#include "request_headers.h"
 #include "result_codes.h"
 #include "sys/module.h"
 #include "transfer_end.h"
@@ -47,7 +48,7 @@ struct CurlMultiBackend::Transfer {
   DataCallback onData;
   DoneCallback onDone;
   Ticket ticket = 0;
-  SlistPtr headers;  // before the handle that points to it
+  std::optional<RequestHeaders> headers;  // before the handle that points to it
   EasyPtr easy;
 
   // Over all attempts.
@@ -259,12 +260,10 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   if (request.rangeStart != 0 || request.rangeEnd != 0) {
     curl_easy_setopt(easy, CURLOPT_RANGE, rangeText(request.rangeStart, request.rangeEnd).c_str());
   }
-  if (!request.cookie.empty()) curl_easy_setopt(easy, CURLOPT_COOKIE, request.cookie.c_str());
   XFER_LOG(log::kTrace, "submit | range=" << request.rangeStart << " | cookie_len=" << request.cookie.size()
                                           << " | hdr_count=" << request.headers.size()
                                           << " | url=" << request.url.substr(0, kMaxLoggedUrl));
-  transfer.headers = headerList(request.headers);
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer.headers.get());
+  transfer.headers.emplace(easy, request.url, request.cookie, request.headers);
   applyProxy(easy, request.proxy);
   applyTransport(easy);
   if (policy_.useHttp2) {

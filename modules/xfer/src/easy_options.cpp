@@ -78,8 +78,10 @@ void applyTransport(CURL* easy) {
 }
 
 void applyProxy(CURL* easy, const net::Proxy& proxy) {
-  if (proxy.host.empty()) return;
+  // Empty texts keep libcurl from reading the environment: the empty proxy is none, the empty list of exceptions too.
   curl_easy_setopt(easy, CURLOPT_PROXY, proxyAddress(proxy).c_str());
+  curl_easy_setopt(easy, CURLOPT_NOPROXY, "");
+  if (proxy.host.empty()) return;
   if (!proxy.username.empty()) curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, proxy.username.c_str());
   if (!proxy.password.empty()) curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, proxy.password.c_str());
 }

@@ -28,7 +28,7 @@ SlistPtr headerList(const std::vector<std::string>& headers);
 /// Allows only http and https, redirects included; disables certificate checks; sets the cipher lists.
 void applyTransport(CURL* easy);
 
-/// Does nothing when proxy has no host.
+/// Every host is reached through proxy, or directly when proxy has no host; the environment is not asked.
 void applyProxy(CURL* easy, const net::Proxy& proxy);
 
 }  // namespace xfer

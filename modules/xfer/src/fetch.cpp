@@ -10,6 +10,7 @@
 #include "easy_options.h"
 #include "fetch_stoppable.h"
 #include "log.h"
+#include "request_headers.h"
 #include "request_text.h"
 #include "result_codes.h"
 #include "share_pool.h"
@@ -128,7 +129,6 @@ void applyRequest(CURL* easy, const Request& request) {
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBuffer);
   curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   applyProxy(easy, request.proxy);
-  if (!request.cookie.empty()) curl_easy_setopt(easy, CURLOPT_COOKIE, request.cookie.c_str());
 }
 
 }  // namespace
@@ -194,8 +194,7 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
     }
     if (lease.handle() != nullptr) curl_easy_setopt(easy.get(), CURLOPT_SHARE, lease.handle());
     applyRequest(easy.get(), request);
-    const SlistPtr headers = headerList(request.headers);
-    curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
+    const RequestHeaders headers(easy.get(), request.url, request.cookie, request.headers);
     curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, takeBody);
     curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &arrival);
     curl_easy_setopt(easy.get(), CURLOPT_HEADERFUNCTION, takeHeader);

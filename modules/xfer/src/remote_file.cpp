@@ -49,13 +49,6 @@ class ProbeReceiver final : public FetchReceiver {
   std::uint64_t received_ = 0;
 };
 
-bool isRangeLine(std::string_view line) {
-  constexpr std::string_view kName = "range";
-  std::string_view name = line.substr(0, line.find_first_of(":;"));  // for libcurl "Name;" is an empty field
-  name = name.substr(0, name.find_last_not_of(" \t") + 1);
-  return name.size() == kName.size() && findHeader(name, kName) == 0;
-}
-
 }  // namespace
 
 RemoteFileInfo remoteFileInfo(const ResponseHead& head) {
@@ -82,7 +75,7 @@ RemoteFileInfo probeStoppable(const DownloadRequest& download, int timeoutSec, c
   request.url = download.url;
   request.cookie = download.cookie;
   request.headers = download.headers;
-  std::erase_if(request.headers, isRangeLine);
+  std::erase_if(request.headers, [](const std::string& line) { return setsField(line, "range"); });
   request.headers.emplace_back("Range: bytes=0-0");
   request.proxy = download.proxy;
   request.timeoutSec = timeoutSec;

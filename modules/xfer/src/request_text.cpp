@@ -87,6 +87,12 @@ std::string proxyAddress(const net::Proxy& proxy) {
   return proxy.host + ":" + std::to_string(proxy.port);
 }
 
+bool setsField(std::string_view line, std::string_view name) {
+  std::string_view own = line.substr(0, line.find_first_of(":;"));
+  own = own.substr(0, own.find_last_not_of(" \t") + 1);
+  return own.size() == name.size() && findHeader(own, name) == 0;
+}
+
 std::size_t findHeader(std::string_view rawHeaders, std::string_view name) {
   const auto found = std::search(rawHeaders.begin(), rawHeaders.end(), name.begin(), name.end(),
                                  [](char a, char b) { return lower(a) == lower(b); });

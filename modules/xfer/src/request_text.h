@@ -40,6 +40,10 @@ std::string proxyAddress(const net::Proxy& proxy);
 /// The C interface's number for the first Content-Type of raw response headers; 0: none, or an unknown type.
 std::int32_t mediaTypeFromHeaders(const std::string& rawHeaders);
 
+/// Whether a request header line ("Name: value" or, for libcurl an empty field, "Name;") sets the field of this
+/// lower-case name.
+bool setsField(std::string_view line, std::string_view name);
+
 /// Case-insensitive position of name in raw headers; npos when absent.  Matches anywhere, also in the middle of a line.
 std::size_t findHeader(std::string_view rawHeaders, std::string_view name);
 

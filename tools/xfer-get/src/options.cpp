@@ -71,11 +71,10 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
   app.add_option_function<std::string>(
          "-x,--proxy",
          [&](const std::string& text) {
-           const auto proxy = proxyFromText(text);
-           if (!proxy) throw CLI::ValidationError("--proxy", "not of the form [user[:password]@]host[:port]");
-           options.proxy = *proxy;
+           options.proxy = text.empty() ? net::Proxy{} : proxyFromText(text);
+           if (!options.proxy) throw CLI::ValidationError("--proxy", "not of the form [user[:password]@]host[:port]");
          },
-         "[user[:password]@]host[:port]; the port is 80 when not given")
+         "[user[:password]@]host[:port]; the port is 80 when not given; \"\" is none")
       ->type_name("PROXY");
   app.add_option("-b,--cookie", options.cookie, "value of the Cookie header");
   app.add_option("-H,--header", options.headers, "a request header line \"Name: value\"; may be repeated")
@@ -91,6 +90,8 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
   app.set_version_flag("-V,--version", std::string("xfer-get ") + XFER_VERSION);
   app.footer(
       "Exit codes: 0 done, 1 internal error, 2 usage, 3 file, 4 network, 5 HTTP status, 130 cancelled.\n"
+      "Without -x the environment names the proxy for URL, redirects included: http_proxy for http; https_proxy or\n"
+      "HTTPS_PROXY for https; else all_proxy or ALL_PROXY; none for the hosts in no_proxy or NO_PROXY.\n"
       "Progress, messages and the log go to standard error.  A download that fails or is cancelled\n"
       "may leave a partial file, which has the size of the whole one.");
   try {

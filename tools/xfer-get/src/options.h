@@ -14,9 +14,9 @@ struct Options {
   std::string url;
   std::string file;  ///< empty: named after the URL
   std::uint16_t connections = 4;
-  std::uint64_t bytesPerSec = 0;  ///< 0: unlimited
-  std::uint64_t knownSize = 0;    ///< 0: unknown
-  net::Proxy proxy;               ///< empty host: none
+  std::uint64_t bytesPerSec = 0;    ///< 0: unlimited
+  std::uint64_t knownSize = 0;      ///< 0: unknown
+  std::optional<net::Proxy> proxy;  ///< not given: that of the environment; empty host: none
   std::string cookie;
   std::vector<std::string> headers;
   std::string data;

@@ -2,10 +2,13 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <optional>
 #include <thread>
 #include <utility>
 
+#include "environment_proxy.h"
 #include "file_name.h"
 #include "keel/keel.h"
 #include "options.h"
@@ -81,14 +84,14 @@ std::string nameFor(const std::string& url) {
   return name;
 }
 
-Outcome download(const Options& options) {
+Outcome download(const Options& options, const net::Proxy& proxy) {
   xfer::DownloadRequest request;
   request.url = options.url;
   request.path = options.file.empty() ? nameFor(options.url) : options.file;
   if (request.path.empty()) return {kUsage, "the URL gives no usable file name: name the file"};
   request.cookie = options.cookie;
   request.headers = options.headers;
-  request.proxy = options.proxy;
+  request.proxy = proxy;
   request.knownSize = options.knownSize;
   xfer::DownloadPolicy policy;
   policy.numThreads = options.connections;
@@ -124,12 +127,12 @@ bool print(const std::string& bytes) {
   return std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size() && std::fflush(stdout) == 0;
 }
 
-Outcome ask(const Options& options) {
+Outcome ask(const Options& options, const net::Proxy& proxy) {
   xfer::Request request;
   request.url = options.url;
   request.cookie = options.cookie;
   request.headers = options.headers;
-  request.proxy = options.proxy;
+  request.proxy = proxy;
   request.body = options.data;
   request.followRedirects = !options.noRedirect;
   request.timeoutSec = 0;
@@ -141,15 +144,30 @@ Outcome ask(const Options& options) {
   return responseOutcome(response);
 }
 
-Outcome inform(const Options& options) {
+Outcome inform(const Options& options, const net::Proxy& proxy) {
   constexpr int kTimeoutSec = 30;
-  const xfer::RemoteFileInfo info = xfer::probeRemoteFile(options.url, options.proxy, options.cookie, kTimeoutSec);
+  const xfer::RemoteFileInfo info = xfer::probeRemoteFile(options.url, proxy, options.cookie, kTimeoutSec);
   Outcome outcome = infoOutcome(info);
   if (outcome.code != kDone) return outcome;
   const bool written = print("size: " + (info.size != 0 ? std::to_string(info.size) : std::string("unknown")) +
                              "\nranges: " + (info.acceptRanges ? "yes" : "no") + "\ntype: " +
                              (info.contentType.empty() ? std::string("unknown") : info.contentType) + "\n");
   return written ? outcome : Outcome{kFile, "standard output could not be written"};
+}
+
+std::optional<std::string> environmentVariable(const std::string& name) {
+  const char* const value = std::getenv(name.c_str());
+  return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+}
+
+Outcome carryOut(const Options& options) {
+  const ProxyChoice choice =
+      options.proxy ? ProxyChoice{*options.proxy, ""} : proxyFromEnvironment(options.url, environmentVariable);
+  if (!choice.error.empty()) return {kUsage, choice.error};
+  if (options.info) return inform(options, choice.proxy);
+  if (options.print || options.head || !options.data.empty()) return ask(options, choice.proxy);
+  watchInterrupts();
+  return download(options, choice.proxy);
 }
 
 }  // namespace
@@ -161,15 +179,7 @@ int run(const std::vector<std::string>& arguments) noexcept {
     if (!options) return exitCode;
     prepareStandardOutput();
     startLog(options->verbosity);
-    Outcome outcome;
-    if (options->info) {
-      outcome = inform(*options);
-    } else if (options->print || options->head || !options->data.empty()) {
-      outcome = ask(*options);
-    } else {
-      watchInterrupts();
-      outcome = download(*options);
-    }
+    const Outcome outcome = carryOut(*options);
     if (!outcome.message.empty()) say(outcome.message);
     Keel::setRecordSink(nullptr, nullptr);
     return outcome.code;

@@ -1,5 +1,9 @@
 // The records of a download: request, policy, state and snapshot.
 //
+// The cookie, and header lines Cookie and Authorization, go to the scheme, host and port of the URL only, and from http
+// to https of the same host when both ports are the standard ones; a redirect elsewhere is followed without them. Proxy
+// variables of the environment are not read.
+//
 // Threads: plain values.
 // Units:   offsets and sizes are bytes, speeds bytes per second; times are seconds.
 #pragma once

@@ -4,6 +4,10 @@
 // Errors:  Response::curlCode reports a failed transfer.  Functions throw std::bad_alloc without memory; fetchAsync
 //          throws std::system_error when it cannot start a thread.
 // Units:   time-outs are seconds.
+//
+// The cookie, and header lines Cookie and Authorization, go to the scheme, host and port of the URL only, and from http
+// to https of the same host when both ports are the standard ones; a redirect elsewhere is followed without them. Proxy
+// variables of the environment are not read.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +24,7 @@ struct Request {
   std::string url;                      ///< absolute, http or https
   std::string cookie;                   ///< value of the Cookie header; empty: not sent
   std::vector<std::string> headers;     ///< lines "Name: value" without a line end
-  net::Proxy proxy;                     ///< empty host: none
+  net::Proxy proxy;                     ///< for every host; empty host: none
   std::string body;                     ///< not empty: sent as a POST
   bool followRedirects = true;          ///< at most 20; a POST stays a POST
   std::int32_t connectTimeoutSec = 15;  ///< 0 or less: none

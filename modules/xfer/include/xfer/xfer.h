@@ -10,9 +10,13 @@
  * Common arguments:
  *   headers  extra request header lines "Name: value", separated by line feeds
  *   cookie   value of the Cookie header; null or empty: none
- *   proxy    [username[:password]@]host[:port]; null or empty: the proxy of xfer_setProxy
+ *   proxy    [username[:password]@]host[:port], used for every host; null or empty: the proxy of xfer_setProxy.  Proxy
+ *            variables of the environment are not read
  *   options  option lines separated by line feeds: "OPT_POSTFIELDS=" and a body makes the request a POST,
  *            "REDIRECT_POLICY_NEVER" disables redirects; other lines are ignored
+ *
+ * The cookie, and header lines Cookie and Authorization, go to the scheme, host and port of url only, and from http to
+ * https of the same host when both ports are the standard ones; a redirect elsewhere is followed without them.
  *
  * When memory runs out, a thread cannot be started or a buffer object throws, the function catches the exception and
  * returns as follows.  All but xfer_downloadText log "<function> exception" as a failure.
