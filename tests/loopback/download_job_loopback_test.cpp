@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <random>
@@ -399,6 +400,35 @@ TEST_F(DownloadJobLoopback, twoThreadsMayWait) {
 }
 
 // ---- Moves ----
+
+TEST_F(DownloadJobLoopback, waitForEndsWithItsTimeOrWithTheJob) {
+  Gate goOn;
+  const ScriptedServer server([goOn](const ReceivedRequest& request) { return thousandBytes(request, goOn); });
+  DownloadJob job(requestFor(server.url("/file"), path, 1000), chunksOf(1000, 1));
+  EXPECT_FALSE(job.waitFor(0)) << "it has not started";
+  EXPECT_FALSE(job.waitFor(1));
+  job.start();
+  const auto begin = steady_clock::now();
+  EXPECT_FALSE(job.waitFor(30));
+  EXPECT_GE(steady_clock::now() - begin, milliseconds(30));
+  std::thread waiter([&] { EXPECT_TRUE(job.waitFor(std::numeric_limits<std::uint64_t>::max())); });
+  goOn.open();
+  EXPECT_TRUE(job.waitFor(static_cast<std::uint64_t>(support::testTimeout().count())));
+  waiter.join();
+  EXPECT_EQ(job.snapshot().state, JobState::Completed);
+  EXPECT_TRUE(job.waitFor(0));
+}
+
+TEST_F(DownloadJobLoopback, waitForSeesACancelledJobEnd) {
+  const ScriptedServer server([](const ReceivedRequest&) { return Reply().stall(); });
+  DownloadJob job(requestFor(server.url("/file"), path, 1000), chunksOf(1000, 1));
+  job.start();
+  EXPECT_TRUE(server.waitForRequests(1));
+  std::thread canceller([&] { job.cancel(); });
+  EXPECT_TRUE(job.waitFor(static_cast<std::uint64_t>(support::testTimeout().count())));
+  canceller.join();
+  EXPECT_EQ(job.snapshot().state, JobState::Cancelled);
+}
 
 TEST_F(DownloadJobLoopback, movedJobRunsOn) {
   Gate goOn;

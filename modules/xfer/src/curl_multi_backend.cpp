@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cassert>
-#include <chrono>
 #include <utility>
 
 #include "easy_options.h"
 #include "log.h"
 #include "request_headers.h"
 #include "result_codes.h"
+#include "steady_time.h"
 #include "sys/module.h"
 #include "transfer_end.h"
 #include "xfer/fetch.h"
@@ -25,12 +25,6 @@ constexpr std::uint64_t kSmallestReceiveBuffer = 1024;
 constexpr std::uint64_t kLargestThrottledBuffer = 65536;
 constexpr std::uint64_t kDefaultConnectTimeoutSec = 300;  // libcurl's
 constexpr int kMostGoneConnections = 3;
-
-std::uint64_t nowNs() {
-  return static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-          .count());
-}
 
 std::string rangeText(std::uint64_t start, std::uint64_t end) {
   std::string text = std::to_string(start) + "-";
@@ -71,13 +65,14 @@ struct CurlMultiBackend::Transfer {
     std::uint64_t stagedOffset = 0;  // in the file, of what the slot's staging holds
     // Two reasons to hold a transfer; neither lifts the other.
     bool heldByHost = false;
-    std::optional<std::uint64_t> throttledPiece;  // size of the piece that has to wait for tokens
+    std::optional<std::uint64_t> throttledPiece;  // size of the piece that has to wait for a speed limit
     // What the transfer ended itself with, by refusing to take more; libcurl only sees a failed write.
     std::optional<std::int32_t> ownResult;
   } attempt;
 
   bool active = false;
   std::list<Slot>::iterator slot;  // valid while active
+  PieceGate gate;                  // left when not active
 
   void beginAttempt() {
     attempt = {};
@@ -91,6 +86,21 @@ struct CurlMultiBackend::Transfer {
   [[nodiscard]] bool errorResponse() const { return status() >= 400; }
   [[nodiscard]] std::uint64_t delivered() const {
     return attempt.position > request.rangeStart ? attempt.position - request.rangeStart : 0;
+  }
+
+  // Whether the job's connections have fixed shares of its speed.
+  [[nodiscard]] bool hasShare() const { return request.limits.own == nullptr || !request.limits.own->isSet(); }
+
+  // Whether the speed limits let a piece of the body pass now.
+  bool passesLimits(std::uint64_t size, std::uint64_t now) {
+    if (!gate.opensFor(request.limits, size, now)) return false;
+    if (hasShare() && !slot->bucket.take(size, now)) return false;
+    gate.passed(size);
+    return true;
+  }
+
+  [[nodiscard]] bool wouldPassLimits(std::uint64_t size, std::uint64_t now) const {
+    return gate.isOpen(now) && (!hasShare() || slot->bucket.wouldTake(size, now));
   }
 
   // Judges the head; false when the transfer is to end here.
@@ -274,14 +284,16 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   }
   long receiveBuffer = kReceiveBuffer;
   std::uint64_t lowSpeedLimit = policy_.lowSpeedLimit;
-  if (request.maxRecvSpeed != 0) {
-    // The limit is kept by the slot's token bucket: libcurl's own lets megabytes through before it looks and then falls
-    // silent.  A small buffer makes small pieces, so that a low rate comes evenly; and a transfer that is held below
-    // the low-speed limit on purpose must not be given up for it.
-    receiveBuffer =
-        static_cast<long>(std::clamp(request.maxRecvSpeed / 8, kSmallestReceiveBuffer, kLargestThrottledBuffer));
-    lowSpeedLimit = std::min(lowSpeedLimit, request.maxRecvSpeed / 2);
+  // Limits are kept by the slot's token bucket and by the job's limits: libcurl's own lets megabytes through before it
+  // looks and then falls silent.  A small buffer makes small pieces, so that a low rate comes evenly.
+  const std::uint64_t limits[] = {request.maxRecvSpeed, request.limits.lowest()};
+  for (const std::uint64_t limit : limits) {
+    if (limit == 0) continue;
+    const std::uint64_t small = std::clamp(limit / 8, kSmallestReceiveBuffer, kLargestThrottledBuffer);
+    receiveBuffer = std::min(receiveBuffer, static_cast<long>(small));
   }
+  // A transfer that is held below the low-speed limit on purpose must not be given up for it.
+  if (request.maxRecvSpeed != 0) lowSpeedLimit = std::min(lowSpeedLimit, request.maxRecvSpeed / 2);
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, receiveBuffer);
   if (policy_.tcpKeepAlive) curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
@@ -417,9 +429,9 @@ void CurlMultiBackend::addTransfer() {
   }
   slots_.splice(slots_.end(), freeSlots_, std::prev(freeSlots_.end()));
   transfer.slot = std::prev(slots_.end());
-  transfer.slot->bucket.setRate(transfer.request.maxRecvSpeed, nowNs());
+  transfer.slot->bucket.setRate(transfer.request.maxRecvSpeed, steadyNs());
   transfer.active = true;
-  if (!transfer.firstAddedNs) transfer.firstAddedNs = nowNs();
+  if (!transfer.firstAddedNs) transfer.firstAddedNs = steadyNs();
   active_.splice(active_.end(), waiting_, waiting_.begin());
   ++activeCount_;
 }
@@ -434,6 +446,7 @@ void CurlMultiBackend::leaveMulti(Transfer& transfer) {
     curl_easy_pause(transfer.easy.get(), CURLPAUSE_CONT);
   }
   curl_multi_remove_handle(multi_.get(), transfer.easy.get());
+  transfer.gate.leave();
   transfer.slot->staging.clear();
   freeSlots_.splice(freeSlots_.end(), slots_, transfer.slot);
   transfer.active = false;
@@ -465,7 +478,7 @@ std::size_t CurlMultiBackend::onBody(char* bytes, std::size_t size, std::size_t 
     attempt.heldByHost = attempt.heldByHost || transfer.hostHolds();
     if (attempt.heldByHost) return CURL_WRITEFUNC_PAUSE;
     if (attempt.body == Transfer::Body::Unjudged && !transfer.judge()) return CURL_WRITEFUNC_ERROR;
-    if (!transfer.slot->bucket.take(length, nowNs())) {
+    if (!transfer.passesLimits(length, steadyNs())) {
       attempt.throttledPiece = length;
       return CURL_WRITEFUNC_PAUSE;
     }
@@ -517,7 +530,7 @@ bool CurlMultiBackend::isWorthAnotherTry(Transfer& transfer, CURLcode result) co
   if (result == CURLE_HTTP2) return ++transfer.goneConnections <= kMostGoneConnections;
   // Not sent: libcurl 7.88 puts a transfer on a connection that is still being made, next to one that is full or ends.
   const std::uint64_t seconds = policy_.connectTimeoutSec > 0 ? policy_.connectTimeoutSec : kDefaultConnectTimeoutSec;
-  return result == CURLE_FAILED_INIT && nowNs() - *transfer.firstAddedNs < seconds * 1'000'000'000;
+  return result == CURLE_FAILED_INIT && steadyNs() - *transfer.firstAddedNs < seconds * 1'000'000'000;
 }
 
 void CurlMultiBackend::putBack(Transfers::iterator position) {
@@ -592,7 +605,7 @@ void CurlMultiBackend::finishTransfer(const Transfer& transfer, const TransferEn
 
 // Holds and lets go what the host, or the speed limit, wants held or let go since the last look.
 void CurlMultiBackend::updateHolds() {
-  const std::uint64_t now = nowNs();
+  const std::uint64_t now = steadyNs();
   for (auto next = active_.begin(); next != active_.end();) {
     const auto position = next++;
     Transfer& transfer = **position;
@@ -600,8 +613,9 @@ void CurlMultiBackend::updateHolds() {
     const bool hostHolds = transfer.hostHolds();
     const bool changed = hostHolds != attempt.heldByHost;
     attempt.heldByHost = hostHolds;
-    const bool fits =
-        attempt.throttledPiece && !hostHolds && transfer.slot->bucket.wouldTake(*attempt.throttledPiece, now);
+    // Others use the limit meanwhile; a place that is kept over a pause would let a burst pass at its end.
+    if (hostHolds) transfer.gate.leave();
+    const bool fits = attempt.throttledPiece && !hostHolds && transfer.wouldPassLimits(*attempt.throttledPiece, now);
     if (fits) attempt.throttledPiece.reset();
     if (changed || fits) applyHolds(position);
   }

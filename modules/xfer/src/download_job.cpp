@@ -1,5 +1,6 @@
 #include "xfer/download_job.h"
 
+#include <algorithm>
 #include <chrono>
 #include <system_error>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "remote_file.h"
 #include "result_codes.h"
 #include "share_pool.h"
+#include "steady_time.h"
 #include "sys/module.h"
 
 namespace xfer {
@@ -18,12 +20,6 @@ namespace {
 
 constexpr const char* kLogTag = "DlJob";
 constexpr std::uint64_t kSpeedWindowNs = 500'000'000;
-
-std::uint64_t steadyNs() {
-  return static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-          .count());
-}
 
 }  // namespace
 
@@ -44,6 +40,9 @@ JobEnvironment realJobEnvironment() {
 
 DownloadJob::DownloadJob(DownloadRequest request, DownloadPolicy policy)
     : impl_(std::make_unique<Impl>(std::move(request), policy, realJobEnvironment())) {}
+
+DownloadJob::DownloadJob(DownloadRequest request, DownloadPolicy policy, const DownloadOptions& options)
+    : impl_(std::make_unique<Impl>(std::move(request), policy, realJobEnvironment(), options.values())) {}
 
 DownloadJob::DownloadJob(DownloadJob&& other) noexcept = default;
 
@@ -74,6 +73,14 @@ void DownloadJob::cancel() {
 
 void DownloadJob::wait() {
   impl_->wait();
+}
+
+bool DownloadJob::waitFor(std::uint64_t milliseconds) {
+  return impl_->waitFor(milliseconds);
+}
+
+void DownloadJob::setSpeedLimit(std::uint64_t bytesPerSec) noexcept {
+  impl_->setSpeedLimit(bytesPerSec);
 }
 
 DownloadSnapshot DownloadJob::snapshot() const {
@@ -149,9 +156,11 @@ void DownloadJob::Impl::finalizeFile(std::uint64_t size) {
 
 // ---- The caller's side ----
 
-DownloadJob::Impl::Impl(DownloadRequest request, DownloadPolicy policy, JobEnvironment environment)
+DownloadJob::Impl::Impl(DownloadRequest request, DownloadPolicy policy, JobEnvironment environment,
+                        DownloadOptions::Values options)
     : request_(std::move(request)),
       policy_(policy),
+      options_(std::move(options)),
       environment_(std::move(environment)),
       core_(policy),
       sink_([this](std::chrono::milliseconds time) { stopping_.waitFor(time); }),
@@ -217,6 +226,18 @@ void DownloadJob::Impl::wait() {
   }
   sys::MutexLock lock(mutex_);
   while (!isFinal(core_.state())) stateChanged_.wait(lock);
+}
+
+bool DownloadJob::Impl::waitFor(std::uint64_t milliseconds) {
+  constexpr std::uint64_t kLongestMs = 1000ULL * 60 * 60 * 24 * 365;  // whatever is longer cannot be added to a time
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::min(milliseconds, kLongestMs));
+  sys::MutexLock lock(mutex_);
+  while (!isFinal(core_.state()) && std::chrono::steady_clock::now() < end) stateChanged_.waitUntil(lock, end);
+  return isFinal(core_.state());
+}
+
+void DownloadJob::Impl::setSpeedLimit(std::uint64_t bytesPerSec) noexcept {
+  ownLimit_.setRate(bytesPerSec, environment_.nowNs());
 }
 
 DownloadSnapshot DownloadJob::Impl::snapshot() const {
@@ -312,6 +333,7 @@ void DownloadJob::Impl::submit(const FlightPtr& flight) {
     transfer.rangeStart = flight->asked.start;
     transfer.rangeEnd = flight->asked.end;
     transfer.maxRecvSpeed = policy_.maxDownloadSpeed / policy_.numThreads;
+    transfer.limits = {&ownLimit_, options_.sharedLimit.get()};
     transfer.isHeld = [this] { return paused_.load(); };
     transfer.onHead = [this, flight](const ResponseHead& head) {
       JobActions actions;

@@ -18,6 +18,8 @@
 
 #include "file_sink.h"
 #include "job_core.h"
+#include "option_values.h"
+#include "rate_limit.h"
 #include "retry_timers.h"
 #include "stop_signal.h"
 #include "sys/mutex.h"
@@ -39,7 +41,8 @@ JobEnvironment realJobEnvironment();
 
 class DownloadJob::Impl {
  public:
-  Impl(DownloadRequest request, DownloadPolicy policy, JobEnvironment environment);
+  Impl(DownloadRequest request, DownloadPolicy policy, JobEnvironment environment,
+       DownloadOptions::Values options = {});
 
   /// Teardown: cancels, joins every thread of the job, closes the file and leaves it on disk.
   ~Impl();
@@ -51,6 +54,8 @@ class DownloadJob::Impl {
   void resume() noexcept;
   void cancel() noexcept;
   void wait();
+  [[nodiscard]] bool waitFor(std::uint64_t milliseconds);
+  void setSpeedLimit(std::uint64_t bytesPerSec) noexcept;
   [[nodiscard]] DownloadSnapshot snapshot() const;
 
   /// See JobCore::standsStill.
@@ -80,7 +85,10 @@ class DownloadJob::Impl {
   // Constant after construction.
   const DownloadRequest request_;
   const DownloadPolicy policy_;
+  const DownloadOptions::Values options_;
   const JobEnvironment environment_;
+
+  RateLimit ownLimit_;  // before the backend, whose transfers use it
 
   mutable sys::Mutex mutex_;
   sys::Condition stateChanged_;  // notified on every change of the core's state

@@ -14,6 +14,7 @@
 
 #include "body_placement.h"
 #include "net/proxy.h"
+#include "rate_limit.h"
 #include "response_head.h"
 
 namespace xfer {
@@ -48,8 +49,9 @@ struct TransferRequest {
   net::Proxy proxy;                  ///< empty host: none
   std::uint64_t rangeStart = 0;
   std::uint64_t rangeEnd = 0;      ///< 0: open-ended; when rangeStart is 0 too, no range is requested
-  std::uint64_t maxRecvSpeed = 0;  ///< 0: unlimited
-  HeadCallback onHead;             ///< empty: any body is taken as the requested range
+  std::uint64_t maxRecvSpeed = 0;  ///< its share while the job's own limit is not set; 0: unlimited
+  SpeedLimits limits;
+  HeadCallback onHead;  ///< empty: any body is taken as the requested range
   /// Whether to hold the transfer.  The loop thread asks at every turn, and pause and resume start a turn.  Empty:
   /// pause and resume hold and continue the transfer.
   std::function<bool()> isHeld;

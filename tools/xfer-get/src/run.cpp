@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <exception>
 #include <optional>
-#include <thread>
 #include <utility>
 
 #include "environment_proxy.h"
@@ -23,6 +22,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr auto kRedraw = std::chrono::milliseconds(200);
 constexpr auto kPlainLine = std::chrono::seconds(5);
+constexpr std::uint64_t kInterruptLookMs = 20;
 
 void say(const std::string& text) {
   std::fprintf(stderr, "xfer-get: %s\n", text.c_str());
@@ -73,10 +73,6 @@ class Display {
   Clock::time_point nextPlain_ = Clock::now() + std::chrono::seconds(1);  // the speed is unknown before
 };
 
-bool isFinal(xfer::JobState state) {
-  return state == xfer::JobState::Completed || state == xfer::JobState::Failed || state == xfer::JobState::Cancelled;
-}
-
 // Empty when url gives no usable file name.
 std::string nameFor(const std::string& url) {
   std::string name = fileNameFromUrl(url);
@@ -95,22 +91,21 @@ Outcome download(const Options& options, const net::Proxy& proxy) {
   request.knownSize = options.knownSize;
   xfer::DownloadPolicy policy;
   policy.numThreads = options.connections;
-  policy.maxDownloadSpeed = options.bytesPerSec;
 
   const std::string path = request.path;
   Display display(options);
   const auto begin = Clock::now();
   xfer::DownloadJob job(std::move(request), policy);
+  if (options.bytesPerSec != 0) job.setSpeedLimit(options.bytesPerSec);
   job.start();
-  xfer::DownloadSnapshot snapshot = job.snapshot();
-  for (auto next = begin; !isFinal(snapshot.state); snapshot = job.snapshot()) {
+  auto next = begin;
+  do {
     if (interrupted()) job.cancel();
-    if (Clock::now() >= next) {
-      display.show(snapshot);
-      next = Clock::now() + kRedraw;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+    if (Clock::now() < next) continue;
+    display.show(job.snapshot());
+    next = Clock::now() + kRedraw;
+  } while (!job.waitFor(kInterruptLookMs));
+  const xfer::DownloadSnapshot snapshot = job.snapshot();
   display.end(snapshot);
   Outcome outcome = downloadOutcome(snapshot);
   if (outcome.code == kFile) outcome.message += ": " + path;

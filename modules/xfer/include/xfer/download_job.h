@@ -23,6 +23,7 @@
 #include <string>
 
 #include "net/proxy.h"
+#include "xfer/download_options.h"
 #include "xfer/download_records.h"
 #include "xfer/export.h"
 
@@ -48,6 +49,9 @@ class DownloadJob {
 
   /// Does not start the download.
   XFER_API DownloadJob(DownloadRequest request, DownloadPolicy policy);
+
+  /// With abilities beside the policy's.
+  XFER_API DownloadJob(DownloadRequest request, DownloadPolicy policy, const DownloadOptions& options);
 
   /// A moved-from job may only be destroyed or assigned to.
   XFER_API DownloadJob(DownloadJob&& other) noexcept;
@@ -84,6 +88,14 @@ class DownloadJob {
   /// Blocks until the state is final: for ever while the job is not started, Paused or at a stand-still (see pause).
   /// Throws std::system_error (resource_deadlock_would_occur) on the job's own worker thread (in a logger).
   XFER_API void wait();
+
+  /// As wait, for at most this long; returns whether the state is final.  Throws nothing.
+  XFER_API bool waitFor(std::uint64_t milliseconds);
+
+  /// Limits the job's speed (bytes per second, 0: unlimited), over all its connections, whichever of them delivers.
+  /// Counts at once and in every state, and replaces the policy's maxDownloadSpeed, of which each connection has a
+  /// fixed share.
+  XFER_API void setSpeedLimit(std::uint64_t bytesPerSec) noexcept;
 
   /// Never blocks for long.
   [[nodiscard]] XFER_API DownloadSnapshot snapshot() const;
