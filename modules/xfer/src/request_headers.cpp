@@ -66,8 +66,8 @@ Hop hopBetween(const std::string& givenFor, const std::string& next) {
 RequestHeaders::RequestHeaders(CURL* easy, const std::string& url, const std::string& cookie,
                                const std::vector<std::string>& lines)
     : easy_(easy), givenFor_(url), first_(headerList(lines)) {
-  curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, first_.get());
-  if (!cookie.empty()) curl_easy_setopt(easy_, CURLOPT_COOKIE, cookie.c_str());
+  setOption(easy_, CURLOPT_HTTPHEADER, first_.get());
+  if (!cookie.empty()) setOption(easy_, CURLOPT_COOKIE, cookie.c_str());
 
   std::vector<std::string> open = lines;
   std::erase_if(open, isSecret);
@@ -79,8 +79,8 @@ RequestHeaders::RequestHeaders(CURL* easy, const std::string& url, const std::st
   std::vector<std::string> all = lines;
   if (cookieCounts) all.push_back("Cookie: " + cookie);
   withSecrets_ = headerList(all);
-  curl_easy_setopt(easy_, CURLOPT_PREREQFUNCTION, beforeRequest);
-  curl_easy_setopt(easy_, CURLOPT_PREREQDATA, this);
+  setOption(easy_, CURLOPT_PREREQFUNCTION, beforeRequest);
+  setOption(easy_, CURLOPT_PREREQDATA, this);
 }
 
 int RequestHeaders::beforeRequest(void* self, char* /*remoteAddress*/, char* /*localAddress*/, int /*remotePort*/,
