@@ -99,7 +99,8 @@ const std::string kHeaders = "X-Own: 1\n" + kLogin;
 constexpr std::int32_t kNoHandle = -1;
 constexpr std::int32_t kThrown = 100000;
 constexpr std::int32_t kAborted = 42;  // before a redirect is followed; of a download also without a multi handle
-// libcurl's names for a proxy's address that it could not copy.
+// libcurl's names for what it could not copy: the address to redirect to, or that of a proxy.
+constexpr std::int32_t kMalformedUrl = 3;
 constexpr std::int32_t kNoProxyAddress = 5;
 constexpr std::int32_t kNoConnection = 7;
 
@@ -110,6 +111,11 @@ std::string essence(const ReceivedRequest& request) {
   std::string text = request.method + " " + request.target + "\n";
   for (const std::string& line : request.headerLines) text += line + "\n";
   return text + request.body;
+}
+
+ReceivedRequest withoutRange(ReceivedRequest request) {
+  std::erase_if(request.headerLines, [](const std::string& line) { return line.starts_with("Range: "); });
+  return request;
 }
 
 bool hasHeader(const ReceivedRequest& request, const std::string& name) {
@@ -221,8 +227,13 @@ class CurlMemory : public testing::TestWithParam<Failing> {
     std::set<std::string> known{};
     std::size_t seen = 0;
 
+    // libcurl leaves out its own Range line when it has no memory for it, and sends the request without: what comes
+    // then is the whole file.
     void learn() {
-      for (const ReceivedRequest& request : server.requests()) known.insert(essence(request));
+      for (const ReceivedRequest& request : server.requests()) {
+        known.insert(essence(request));
+        known.insert(essence(withoutRange(request)));
+      }
     }
 
     void expectOnlyKnownRequests() {
@@ -308,11 +319,11 @@ TEST_P(CurlMemoryOfARequest, fetchByAProxy) {
 }
 
 TEST_P(CurlMemoryOfARequest, fetchOfARedirect) {
-  failEach(orThrown([&] { return judge(xfer::fetch(request(movedUrl())), {kAborted}); }));
+  failEach(orThrown([&] { return judge(xfer::fetch(request(movedUrl())), {kAborted, kMalformedUrl}); }));
 }
 
 TEST_P(CurlMemoryOfARequest, fetchOfARedirectToAnotherHost) {
-  failEach(orThrown([&] { return judge(xfer::fetch(request(otherHostsUrl())), {kAborted}); }));
+  failEach(orThrown([&] { return judge(xfer::fetch(request(otherHostsUrl())), {kAborted, kMalformedUrl}); }));
   expectNoSecretsElsewhere();
 }
 
@@ -388,15 +399,16 @@ INSTANTIATE_TEST_SUITE_P(Failing, CurlMemoryOfARequest, testing::Values(Failing:
 class CurlMemoryOfADownload : public CurlMemory {
  protected:
   // Retries wait for nothing.
-  static Succeeded download(const xfer::DownloadRequest& request, std::uint16_t connections) {
+  static Succeeded download(const xfer::DownloadRequest& request, std::uint16_t connections,
+                            std::set<std::int32_t> failuresToo = {}) {
+    failuresToo.insert(kAborted);
     xfer::JobEnvironment environment = xfer::realJobEnvironment();
     environment.waitForRetry = [](std::uint64_t /*delayMs*/, xfer::StopSignal& /*stop*/) {};
     xfer::DownloadJob::Impl job(request, support::chunksOf(kBytes / 2, connections), environment);
     const xfer::DownloadSnapshot end = support::run(job);
     if (end.state != xfer::JobState::Completed) {
       EXPECT_EQ(end.state, xfer::JobState::Failed);
-      const bool proxied = !request.proxy.host.empty();
-      expectFailure(end.errorCode, proxied ? std::set{kAborted, kNoProxyAddress, kNoConnection} : std::set{kAborted});
+      expectFailure(end.errorCode, failuresToo);
       return Succeeded::No;
     }
     EXPECT_EQ(support::patternError(request.path, kBytes), "");
@@ -454,15 +466,15 @@ TEST_P(CurlMemoryOfADownload, ofUnknownSize) {
 TEST_P(CurlMemoryOfADownload, byAProxy) {
   xfer::DownloadRequest proxied = requestFor(fileUrl(), kBytes);
   proxied.proxy = proxy();
-  failEach([&] { return download(proxied, 1); });
+  failEach([&] { return download(proxied, 1, {kNoProxyAddress, kNoConnection}); });
 }
 
 TEST_P(CurlMemoryOfADownload, ofARedirect) {
-  failEach([&] { return download(requestFor(movedUrl(), kBytes), 1); });
+  failEach([&] { return download(requestFor(movedUrl(), kBytes), 1, {kMalformedUrl}); });
 }
 
 TEST_P(CurlMemoryOfADownload, ofARedirectToAnotherHost) {
-  failEach([&] { return download(requestFor(otherHostsUrl(), kBytes), 1); });
+  failEach([&] { return download(requestFor(otherHostsUrl(), kBytes), 1, {kMalformedUrl}); });
   expectNoSecretsElsewhere();
 }
 

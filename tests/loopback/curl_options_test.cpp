@@ -2,7 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <new>
+#include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -37,6 +41,11 @@ const std::string kDefaultLines =
     "Chrome/126.0.0.0 Safari/537.36\n"
     "Expect:\n";
 
+const std::string kFile = "/file";
+const std::string kMoved = "/moved";         // redirects to the file
+const std::string kAway = "/away";           // redirects to another server's file
+const std::string kThereAndBack = "/there";  // redirects to another server, which redirects to the file
+
 // In the expected values, what only a running server knows.
 const std::string kUrl = "<url>";
 const std::string kServer = "<host:port>";
@@ -68,12 +77,18 @@ const Options kEvery{
     {"BUFFERSIZE", "524288"},
     {"TCP_KEEPALIVE", "1"},
     {"HTTPHEADER", kDefaultLines},
+    {"PROXY", ""},    // none, whatever the environment says
+    {"NOPROXY", ""},  // and no exceptions
     {"SHARE", "set"},
     {"WRITEFUNCTION", "set"},
     {"WRITEDATA", "set"},
     {"HEADERFUNCTION", "set"},
     {"HEADERDATA", "set"},
 };
+
+// What comes with a cookie or a login, before the request and with it.
+const Options kGuard{{"PREREQFUNCTION", "set"}, {"PREREQDATA", "set"}};
+const Options kGuarded{{"UNRESTRICTED_AUTH", "0"}};
 
 const Options kFetch = with(kEvery, {{"MAXREDIRS", "20"},
                                      {"POSTREDIR", "7"},  // a POST stays one
@@ -147,17 +162,21 @@ struct Range {
   }
 };
 
+enum class By { Itself, Proxy };
+
 struct Row {
-  std::string name;
-  std::variant<Fetch, Probe, Range> operation;
-  Options easy;
-  Options multi;
-  bool proxied = false;
+  std::string name{};
+  std::variant<Fetch, Probe, Range> operation{};
+  Options easy{};
+  Options later{};  // set before the requests of the transfer
+  std::optional<Options> multi{};
+  By by = By::Itself;
   net::Proxy login{};  // of the proxy
+  std::string path = kFile;
 };
 
-int run(const Row& row, const std::string& url, const net::Proxy& proxy) {
-  return std::visit([&](const auto& operation) { return operation.run(url, proxy); }, row.operation);
+Options multiOf(const Row& row) {
+  return row.multi.value_or(std::holds_alternative<Range>(row.operation) ? kRangeMulti : Options());
 }
 
 net::Proxy login(const std::string& username, const std::string& password) {
@@ -167,96 +186,138 @@ net::Proxy login(const std::string& username, const std::string& password) {
   return proxy;
 }
 
-const std::string kOwnLines = "X-Own: 1\nUser-Agent: own\naccept: lower\nAccept-Language: de\n";
-const std::vector<std::string> kOwnHeaders{"X-Own: 1", "User-Agent: own", "accept: lower", "Accept-Language: de"};
-const std::string kLinesOfOwn = kOwnLines + "Accept: */*\nAccept-Encoding: identity\nExpect:\n";
+Fetch fetchOf(std::function<void(Request&)> ask) {
+  return {std::move(ask)};
+}
 
+Probe probeOf(std::function<void(DownloadRequest&)> ask) {
+  return {std::move(ask)};
+}
+
+Range rangeOf(const std::function<void(TransferRequest&)>& ask) {
+  return {[ask](TransferRequest& request, DownloadPolicy& /*policy*/) { ask(request); }};
+}
+
+Range rangeWith(const std::function<void(DownloadPolicy&)>& ask) {
+  return {[ask](TransferRequest& /*request*/, DownloadPolicy& policy) { ask(policy); }};
+}
+
+const std::vector<std::string> kOwnHeaders{"X-Own: 1", "User-Agent: own", "accept: lower", "Accept-Language: de"};
+const std::string kOwnLines = "X-Own: 1\nUser-Agent: own\naccept: lower\nAccept-Language: de\n";
+const std::string kMissingLines = "Accept: */*\nAccept-Encoding: identity\nExpect:\n";
+const std::string kLogin = "Authorization: Basic c2VjcmV0";
+const std::string kCookie = "name=value";
+
+void askForSecrets(Request& request) {
+  request.cookie = kCookie;
+  request.headers = {kLogin};
+}
+
+void askForSecretsOfARange(TransferRequest& request) {
+  request.cookie = kCookie;
+  request.headers = {kLogin};
+}
+
+const Options kSecrets = with(kGuard, {{"COOKIE", kCookie}, {"HTTPHEADER", kLogin + "\n" + kDefaultLines}});
+const Options kTwice{{"UNRESTRICTED_AUTH", "0; 0"}};
+const Options kElsewhere = with(kTwice, {{"COOKIE", "null"}, {"HTTPHEADER", kDefaultLines}});
+const Options kElsewhereAndBack{
+    {"UNRESTRICTED_AUTH", "0; 0; 0"},
+    {"COOKIE", "null; null"},
+    {"HTTPHEADER", kDefaultLines + "; " + kLogin + "\nCookie: " + kCookie + "\n" + kDefaultLines}};
+
+// Every row names what is not as in kFetch, kProbe or kRange.
 const std::vector<Row>& rows() {
   static const std::vector<Row> all{
-      {"fetchOfNothingElse", Fetch{}, kFetch, {}},
-      {"fetchOfEverything",
-       Fetch{[](Request& request) {
-         request.cookie = "name=value";
+      {.name = "fetchOfNothingElse", .operation = Fetch{}, .easy = kFetch},
+      {.name = "fetchOfEverything",
+       .operation = fetchOf([](Request& request) {
+         request.cookie = kCookie;
          request.headers = kOwnHeaders;
          request.body = "a=1&b=2";
          request.followRedirects = false;
          request.connectTimeoutSec = 21;
          request.timeoutSec = 22;
          request.lowSpeedTimeSec = 23;
-       }},
-       with(kFetch, {{"COOKIE", "name=value"},
-                     {"HTTPHEADER", kLinesOfOwn},
-                     {"POST", "1"},
-                     {"POSTFIELDS", "a=1&b=2"},
-                     {"POSTFIELDSIZE", "7"},
-                     {"FOLLOWLOCATION", "0"},
-                     {"CONNECTTIMEOUT", "21"},
-                     {"TIMEOUT", "22"},
-                     {"LOW_SPEED_TIME", "23"},
-                     {"PROXY", kServer},
-                     {"PROXYUSERNAME", "user"},
-                     {"PROXYPASSWORD", "secret"}}),
-       {},
-       true,
-       login("user", "secret")},
-      {"fetchWithoutRedirects",
-       Fetch{[](Request& request) { request.followRedirects = false; }},
-       with(kFetch, {{"FOLLOWLOCATION", "0"}}),
-       {}},
-      {"fetchOfABody",
-       Fetch{[](Request& request) { request.body = "x"; }},
-       with(kFetch, {{"POST", "1"}, {"POSTFIELDS", "x"}, {"POSTFIELDSIZE", "1"}}),
-       {}},
-      {"fetchWithoutLimits",
-       Fetch{[](Request& request) {
-         request.connectTimeoutSec = 0;
-         request.timeoutSec = 0;
-         request.lowSpeedTimeSec = 0;
-       }},
-       with(kFetch, {}, {"CONNECTTIMEOUT", "TIMEOUT", "LOW_SPEED_LIMIT", "LOW_SPEED_TIME"}),
-       {}},
-      {"fetchWithLimitsBelowZero",
-       Fetch{[](Request& request) {
-         request.connectTimeoutSec = -1;
-         request.timeoutSec = -1;
-         request.lowSpeedTimeSec = -1;
-       }},
-       with(kFetch, {}, {"CONNECTTIMEOUT", "TIMEOUT", "LOW_SPEED_LIMIT", "LOW_SPEED_TIME"}),
-       {}},
-      {"fetchByAProxy", Fetch{}, with(kFetch, {{"PROXY", kServer}}), {}, true},
-      {"fetchByAProxyWithAUserOnly",
-       Fetch{},
-       with(kFetch, {{"PROXY", kServer}, {"PROXYUSERNAME", "user"}}),
-       {},
-       true,
-       login("user", "")},
-      {"fetchByAProxyWithAPasswordOnly",
-       Fetch{},
-       with(kFetch, {{"PROXY", kServer}, {"PROXYPASSWORD", "secret"}}),
-       {},
-       true,
-       login("", "secret")},
+       }),
+       .easy = with(kFetch, with(kGuard, {{"COOKIE", kCookie},
+                                          {"HTTPHEADER", kOwnLines + kMissingLines},
+                                          {"POST", "1"},
+                                          {"POSTFIELDS", "a=1&b=2"},
+                                          {"POSTFIELDSIZE", "7"},
+                                          {"FOLLOWLOCATION", "0"},
+                                          {"CONNECTTIMEOUT", "21"},
+                                          {"TIMEOUT", "22"},
+                                          {"LOW_SPEED_TIME", "23"},
+                                          {"PROXY", kServer},
+                                          {"PROXYUSERNAME", "user"},
+                                          {"PROXYPASSWORD", "secret"}})),
+       .later = kGuarded,
+       .by = By::Proxy,
+       .login = login("user", "secret")},
+      {.name = "fetchWithoutRedirects",
+       .operation = fetchOf([](Request& request) { request.followRedirects = false; }),
+       .easy = with(kFetch, {{"FOLLOWLOCATION", "0"}})},
+      {.name = "fetchWithABody",
+       .operation = fetchOf([](Request& request) { request.body = "x"; }),
+       .easy = with(kFetch, {{"POST", "1"}, {"POSTFIELDS", "x"}, {"POSTFIELDSIZE", "1"}})},
+      {.name = "fetchWithoutLimits",
+       .operation = fetchOf(
+           [](Request& request) { request.connectTimeoutSec = request.timeoutSec = request.lowSpeedTimeSec = 0; }),
+       .easy = with(kFetch, {}, {"CONNECTTIMEOUT", "TIMEOUT", "LOW_SPEED_LIMIT", "LOW_SPEED_TIME"})},
+      {.name = "fetchWithLimitsBelowZero",
+       .operation = fetchOf(
+           [](Request& request) { request.connectTimeoutSec = request.timeoutSec = request.lowSpeedTimeSec = -1; }),
+       .easy = with(kFetch, {}, {"CONNECTTIMEOUT", "TIMEOUT", "LOW_SPEED_LIMIT", "LOW_SPEED_TIME"})},
+      {.name = "fetchByAProxy", .operation = Fetch{}, .easy = with(kFetch, {{"PROXY", kServer}}), .by = By::Proxy},
+      {.name = "fetchByAProxyWithAUserOnly",
+       .operation = Fetch{},
+       .easy = with(kFetch, {{"PROXY", kServer}, {"PROXYUSERNAME", "user"}}),
+       .by = By::Proxy,
+       .login = login("user", "")},
+      {.name = "fetchByAProxyWithAPasswordOnly",
+       .operation = Fetch{},
+       .easy = with(kFetch, {{"PROXY", kServer}, {"PROXYPASSWORD", "secret"}}),
+       .by = By::Proxy,
+       .login = login("", "secret")},
+      {.name = "fetchRedirected", .operation = Fetch{}, .easy = kFetch, .path = kMoved},
+      {.name = "fetchWithSecretsRedirected",
+       .operation = fetchOf(askForSecrets),
+       .easy = with(kFetch, kSecrets),
+       .later = kTwice,
+       .path = kMoved},
+      {.name = "fetchWithSecretsRedirectedElsewhere",
+       .operation = fetchOf(askForSecrets),
+       .easy = with(kFetch, kSecrets),
+       .later = kElsewhere,
+       .path = kAway},
+      {.name = "fetchWithSecretsRedirectedThereAndBack",
+       .operation = fetchOf(askForSecrets),
+       .easy = with(kFetch, kSecrets),
+       .later = kElsewhereAndBack,
+       .path = kThereAndBack},
 
-      {"probeOfNothingElse", Probe{}, kProbe, {}},
-      {"probeOfEverything",
-       Probe{[](DownloadRequest& request) {
-         request.cookie = "name=value";
+      {.name = "probeOfNothingElse", .operation = Probe{}, .easy = kProbe},
+      {.name = "probeOfEverything",
+       .operation = probeOf([](DownloadRequest& request) {
+         request.cookie = kCookie;
          request.headers = kOwnHeaders;
          request.headers.emplace_back("range: bytes=5-6");  // the probe has a range of its own
          request.knownSize = kFileBytes;
-       }},
-       with(kProbe, {{"COOKIE", "name=value"},
-                     {"HTTPHEADER", kOwnLines + "Range: bytes=0-0\nAccept: */*\nAccept-Encoding: identity\nExpect:\n"},
-                     {"PROXY", kServer},
-                     {"PROXYUSERNAME", "user"},
-                     {"PROXYPASSWORD", "secret"}}),
-       {},
-       true,
-       login("user", "secret")},
+       }),
+       .easy = with(kProbe, with(kGuard, {{"COOKIE", kCookie},
+                                          {"HTTPHEADER", kOwnLines + "Range: bytes=0-0\n" + kMissingLines},
+                                          {"PROXY", kServer},
+                                          {"PROXYUSERNAME", "user"},
+                                          {"PROXYPASSWORD", "secret"}})),
+       .later = kGuarded,
+       .by = By::Proxy,
+       .login = login("user", "secret")},
 
-      {"rangeOfNothingElse", Range{}, kRange, kRangeMulti},
-      {"rangeOfEverything", Range{[](TransferRequest& request, DownloadPolicy& policy) {
-         request.cookie = "name=value";
+      {.name = "rangeOfNothingElse", .operation = Range{}, .easy = kRange},
+      {.name = "rangeOfEverything",
+       .operation = Range{[](TransferRequest& request, DownloadPolicy& policy) {
+         request.cookie = kCookie;
          request.headers = kOwnHeaders;
          request.rangeStart = 100;
          request.rangeEnd = 200;
@@ -268,54 +329,90 @@ const std::vector<Row>& rows() {
          policy.lowSpeedLimit = 2048;
          policy.lowSpeedTimeSec = 23;
        }},
-       with(kRange, {{"COOKIE", "name=value"},
-                     {"HTTPHEADER", kLinesOfOwn},
-                     {"RANGE", "100-199"},
-                     {"BUFFERSIZE", "12500"},
-                     {"HTTP_VERSION", "4"},  // 2 over TLS
-                     {"PIPEWAIT", "1"},
-                     {"CONNECTTIMEOUT", "21"},
-                     {"TIMEOUT", "22"},
-                     {"LOW_SPEED_LIMIT", "2048"},
-                     {"LOW_SPEED_TIME", "23"},
-                     {"PROXY", kServer},
-                     {"PROXYUSERNAME", "user"},
-                     {"PROXYPASSWORD", "secret"}}),
-       with(kRangeMulti, {{"MAX_HOST_CONNECTIONS", "4"}, {"MAX_TOTAL_CONNECTIONS", "4"}}), true,
-       login("user", "secret")},
-      {"rangeOfTheFirstByte", Range{[](TransferRequest& request, DownloadPolicy& /*policy*/) { request.rangeEnd = 1; }},
-       with(kRange, {{"RANGE", "0-0"}}), kRangeMulti},
-      {"rangeWithoutAnEnd",
-       Range{[](TransferRequest& request, DownloadPolicy& /*policy*/) { request.rangeStart = 100; }},
-       with(kRange, {{"RANGE", "100-"}}), kRangeMulti},
-      {"rangeByHttp2", Range{[](TransferRequest& /*request*/, DownloadPolicy& policy) { policy.useHttp2 = true; }},
-       with(kRange, {{"HTTP_VERSION", "4"}, {"PIPEWAIT", "1"}}), kRangeMulti},
-      {"rangeWithoutMultiplexing",
-       Range{[](TransferRequest& /*request*/, DownloadPolicy& policy) { policy.multiplex = false; }}, kRange,
-       with(kRangeMulti, {{"PIPELINING", "0"}})},
-      {"rangeWithoutKeepAlive",
-       Range{[](TransferRequest& /*request*/, DownloadPolicy& policy) { policy.tcpKeepAlive = false; }},
-       with(kRange, {}, {"TCP_KEEPALIVE"}), kRangeMulti},
-      {"rangeWithoutLimits", Range{[](TransferRequest& /*request*/, DownloadPolicy& policy) {
-         policy.connectTimeoutSec = 0;
-         policy.transferTimeoutSec = 0;
-         policy.lowSpeedLimit = 0;
-         policy.lowSpeedTimeSec = 0;
-       }},
-       with(kRange, {{"LOW_SPEED_LIMIT", "0"}, {"LOW_SPEED_TIME", "0"}}, {"CONNECTTIMEOUT"}), kRangeMulti},
-      {"rangeAtTheLowestSpeed",
-       Range{[](TransferRequest& request, DownloadPolicy& /*policy*/) { request.maxRecvSpeed = 1500; }},
-       with(kRange, {{"BUFFERSIZE", "1024"}, {"LOW_SPEED_LIMIT", "750"}}), kRangeMulti},
-      {"rangeAtAHighSpeed",
-       Range{[](TransferRequest& request, DownloadPolicy& /*policy*/) { request.maxRecvSpeed = 100'000'000; }},
-       with(kRange, {{"BUFFERSIZE", "65536"}}), kRangeMulti},
-      {"rangeByAProxy", Range{}, with(kRange, {{"PROXY", kServer}}), kRangeMulti, true},
-      {"rangeByAProxyWithAUserOnly", Range{}, with(kRange, {{"PROXY", kServer}, {"PROXYUSERNAME", "user"}}),
-       kRangeMulti, true, login("user", "")},
-      {"rangeByAProxyWithAPasswordOnly", Range{}, with(kRange, {{"PROXY", kServer}, {"PROXYPASSWORD", "secret"}}),
-       kRangeMulti, true, login("", "secret")},
+       .easy = with(kRange, with(kGuard, {{"COOKIE", kCookie},
+                                          {"HTTPHEADER", kOwnLines + kMissingLines},
+                                          {"RANGE", "100-199"},
+                                          {"BUFFERSIZE", "12500"},
+                                          {"HTTP_VERSION", "4"},  // 2 over TLS
+                                          {"PIPEWAIT", "1"},
+                                          {"CONNECTTIMEOUT", "21"},
+                                          {"TIMEOUT", "22"},
+                                          {"LOW_SPEED_LIMIT", "2048"},
+                                          {"LOW_SPEED_TIME", "23"},
+                                          {"PROXY", kServer},
+                                          {"PROXYUSERNAME", "user"},
+                                          {"PROXYPASSWORD", "secret"}})),
+       .later = kGuarded,
+       .multi = with(kRangeMulti, {{"MAX_HOST_CONNECTIONS", "4"}, {"MAX_TOTAL_CONNECTIONS", "4"}}),
+       .by = By::Proxy,
+       .login = login("user", "secret")},
+      {.name = "rangeOfTheFirstByte",
+       .operation = rangeOf([](TransferRequest& request) { request.rangeEnd = 1; }),
+       .easy = with(kRange, {{"RANGE", "0-0"}})},
+      {.name = "rangeWithoutAnEnd",
+       .operation = rangeOf([](TransferRequest& request) { request.rangeStart = 100; }),
+       .easy = with(kRange, {{"RANGE", "100-"}})},
+      {.name = "rangeByHttp2",
+       .operation = rangeWith([](DownloadPolicy& policy) { policy.useHttp2 = true; }),
+       .easy = with(kRange, {{"HTTP_VERSION", "4"}, {"PIPEWAIT", "1"}})},
+      {.name = "rangeWithoutMultiplexing",
+       .operation = rangeWith([](DownloadPolicy& policy) { policy.multiplex = false; }),
+       .easy = kRange,
+       .multi = with(kRangeMulti, {{"PIPELINING", "0"}})},
+      {.name = "rangeWithoutKeepAlive",
+       .operation = rangeWith([](DownloadPolicy& policy) { policy.tcpKeepAlive = false; }),
+       .easy = with(kRange, {}, {"TCP_KEEPALIVE"})},
+      {.name = "rangeWithoutLimits",
+       .operation = rangeWith([](DownloadPolicy& policy) {
+         policy.connectTimeoutSec = policy.transferTimeoutSec = policy.lowSpeedLimit = policy.lowSpeedTimeSec = 0;
+       }),
+       .easy = with(kRange, {{"LOW_SPEED_LIMIT", "0"}, {"LOW_SPEED_TIME", "0"}}, {"CONNECTTIMEOUT"})},
+      {.name = "rangeAtALowSpeed",
+       .operation = rangeOf([](TransferRequest& request) { request.maxRecvSpeed = 1500; }),
+       .easy = with(kRange, {{"BUFFERSIZE", "1024"}, {"LOW_SPEED_LIMIT", "750"}})},
+      {.name = "rangeAtAHighSpeed",
+       .operation = rangeOf([](TransferRequest& request) { request.maxRecvSpeed = 100'000'000; }),
+       .easy = with(kRange, {{"BUFFERSIZE", "65536"}})},
+      {.name = "rangeByAProxy", .operation = Range{}, .easy = with(kRange, {{"PROXY", kServer}}), .by = By::Proxy},
+      {.name = "rangeByAProxyWithAUserOnly",
+       .operation = Range{},
+       .easy = with(kRange, {{"PROXY", kServer}, {"PROXYUSERNAME", "user"}}),
+       .by = By::Proxy,
+       .login = login("user", "")},
+      {.name = "rangeByAProxyWithAPasswordOnly",
+       .operation = Range{},
+       .easy = with(kRange, {{"PROXY", kServer}, {"PROXYPASSWORD", "secret"}}),
+       .by = By::Proxy,
+       .login = login("", "secret")},
+      {.name = "rangeRedirected", .operation = Range{}, .easy = kRange, .path = kMoved},
+      {.name = "rangeWithSecretsRedirected",
+       .operation = rangeOf(askForSecretsOfARange),
+       .easy = with(kRange, kSecrets),
+       .later = kTwice,
+       .path = kMoved},
+      {.name = "rangeWithSecretsRedirectedElsewhere",
+       .operation = rangeOf(askForSecretsOfARange),
+       .easy = with(kRange, kSecrets),
+       .later = kElsewhere,
+       .path = kAway},
+      {.name = "rangeWithSecretsRedirectedThereAndBack",
+       .operation = rangeOf(askForSecretsOfARange),
+       .easy = with(kRange, kSecrets),
+       .later = kElsewhereAndBack,
+       .path = kThereAndBack},
   };
   return all;
+}
+
+// The rows in which each option that there is has a value.
+std::vector<Row> fullRows() {
+  std::vector<Row> full = rows();
+  std::erase_if(full, [](const Row& row) { return !row.name.ends_with("OfEverything"); });
+  return full;
+}
+
+std::string nameOf(const testing::TestParamInfo<Row>& row) {
+  return row.param.name;
 }
 
 // ---- The table ----
@@ -327,43 +424,88 @@ class CurlOptions : public testing::TestWithParam<Row> {
     support::forgetHandles();
   }
 
-  int run(const Row& row) const {
+  // Libcurl's code, or that of a probe that failed.
+  [[nodiscard]] int run(const Row& row) const {
     net::Proxy proxy = row.login;
-    if (row.proxied) {
+    if (row.by == By::Proxy) {
       proxy.host = "127.0.0.1";
       proxy.port = server_.port();
     }
-    return ::run(row, server_.url("/file"), proxy);
+    const std::string url = server_.url(row.path);
+    return std::visit([&](const auto& operation) { return operation.run(url, proxy); }, row.operation);
   }
 
   // The expected options with what this server's port decides.
-  [[nodiscard]] Options here(Options options) const {
+  [[nodiscard]] Options here(const Row& row) const {
+    Options options = row.easy;
     for (auto& [name, value] : options) {
-      if (value == kUrl) value = server_.url("/file");
+      if (value == kUrl) value = server_.url(row.path);
       if (value == kServer) value = "127.0.0.1:" + std::to_string(server_.port());
     }
     return options;
   }
 
-  const support::ScriptedServer server_{support::patternFile(kFileBytes)};
+  support::ScriptedServer server_{support::patternFile(kFileBytes)};
+  support::ScriptedServer other_{support::patternFile(kFileBytes)};
 };
 
 TEST_P(CurlOptions, areTheseAndNoOthers) {
   const Row& row = GetParam();
+  const support::Handler file = support::patternFile(kFileBytes);
+  const auto redirectsTo = [](std::string url) {
+    return [url](const ReceivedRequest& /*request*/) { return support::redirect(302, url); };
+  };
+  server_.setHandler(support::routes({{kFile, file},
+                                      {kMoved, redirectsTo(kFile)},
+                                      {kAway, redirectsTo(other_.url(kFile))},
+                                      {kThereAndBack, redirectsTo(other_.url(kMoved))}}));
+  other_.setHandler(support::routes({{kFile, file}, {kMoved, redirectsTo(server_.url(kFile))}}));
+
   EXPECT_EQ(run(row), 0);
   const std::vector<RecordedHandle> easy = support::easyHandles();
   ASSERT_EQ(easy.size(), 1U);
-  EXPECT_EQ(easy.front().options, here(row.easy));
-  EXPECT_EQ(easy.front().later, Options());
+  EXPECT_EQ(easy.front().options, here(row));
+  EXPECT_EQ(easy.front().later, row.later);
   const std::vector<RecordedHandle> multi = support::multiHandles();
   ASSERT_EQ(multi.size(), 1U);
-  EXPECT_EQ(multi.front().options, row.multi);
+  EXPECT_EQ(multi.front().options, multiOf(row));
   const std::vector<RecordedHandle> shares = support::shareHandles();
   EXPECT_FALSE(shares.empty());
   for (const RecordedHandle& share : shares) EXPECT_EQ(share.options, kShare);
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, CurlOptions, testing::ValuesIn(rows()),
-                         [](const auto& parameter) { return parameter.param.name; });
+INSTANTIATE_TEST_SUITE_P(Of, CurlOptions, testing::ValuesIn(rows()), nameOf);
+
+// ---- Options that libcurl refuses ----
+
+using RefusedCurlOptions = CurlOptions;
+
+TEST_P(RefusedCurlOptions, forLackOfMemoryMeanThatNothingIsSent) {
+  const Row& row = GetParam();
+  for (const auto& [name, value] : row.easy) {
+    if (name == "SHARE" && std::holds_alternative<Range>(row.operation)) continue;  // does without
+    const support::RefusedOptions refused([&, refusedName = name](const std::string& set) {
+      return set == refusedName ? CURLE_OUT_OF_MEMORY : CURLE_OK;
+    });
+    EXPECT_THROW(static_cast<void>(run(row)), std::bad_alloc) << name;
+  }
+  EXPECT_EQ(server_.requests().size(), 0U);
+}
+
+TEST_P(RefusedCurlOptions, asUnknownAreLeftOut) {
+  const Row& row = GetParam();
+  // Those that came with some release or build of libcurl.
+  const std::set<std::string> younger{"PROTOCOLS_STR", "REDIR_PROTOCOLS_STR", "QUICK_EXIT",
+                                      "PIPEWAIT",      "TLS13_CIPHERS",       "SSL_CIPHER_LIST",
+                                      "TCP_KEEPALIVE", "HTTP_VERSION",        "SUPPRESS_CONNECT_HEADERS",
+                                      "SHARE"};
+  for (const CURLcode code : {CURLE_UNKNOWN_OPTION, CURLE_NOT_BUILT_IN}) {
+    const support::RefusedOptions refused(
+        [&](const std::string& set) { return younger.contains(set) ? code : CURLE_OK; });
+    EXPECT_EQ(run(row), 0);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, RefusedCurlOptions, testing::ValuesIn(fullRows()), nameOf);
 
 }  // namespace
