@@ -266,9 +266,9 @@ Ticket CurlMultiBackend::submit(const TransferRequest& request, DataCallback onD
 void CurlMultiBackend::configure(Transfer& transfer) {
   CURL* const easy = transfer.easy.get();
   const TransferRequest& request = transfer.request;
-  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+  setOption(easy, CURLOPT_URL, request.url.c_str());
   if (request.rangeStart != 0 || request.rangeEnd != 0) {
-    curl_easy_setopt(easy, CURLOPT_RANGE, rangeText(request.rangeStart, request.rangeEnd).c_str());
+    setOption(easy, CURLOPT_RANGE, rangeText(request.rangeStart, request.rangeEnd).c_str());
   }
   XFER_LOG(log::kTrace, "submit | range=" << request.rangeStart << " | cookie_len=" << request.cookie.size()
                                           << " | hdr_count=" << request.headers.size()
@@ -277,10 +277,10 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   applyProxy(easy, request.proxy);
   applyTransport(easy);
   if (policy_.useHttp2) {
-    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
+    setOption(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    setOption(easy, CURLOPT_PIPEWAIT, 1L);
   } else {
-    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    setOption(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   }
   long receiveBuffer = kReceiveBuffer;
   std::uint64_t lowSpeedLimit = policy_.lowSpeedLimit;
@@ -294,23 +294,23 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   }
   // A transfer that is held below the low-speed limit on purpose must not be given up for it.
   if (request.maxRecvSpeed != 0) lowSpeedLimit = std::min(lowSpeedLimit, request.maxRecvSpeed / 2);
-  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, receiveBuffer);
-  if (policy_.tcpKeepAlive) curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
-  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
+  setOption(easy, CURLOPT_BUFFERSIZE, receiveBuffer);
+  if (policy_.tcpKeepAlive) setOption(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+  setOption(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  setOption(easy, CURLOPT_MAXREDIRS, 10L);
   if (policy_.connectTimeoutSec > 0) {
-    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(policy_.connectTimeoutSec));
+    setOption(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(policy_.connectTimeoutSec));
   }
   if (policy_.transferTimeoutSec > 0) {
-    curl_easy_setopt(easy, CURLOPT_TIMEOUT, static_cast<long>(policy_.transferTimeoutSec));
+    setOption(easy, CURLOPT_TIMEOUT, static_cast<long>(policy_.transferTimeoutSec));
   }
-  curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(lowSpeedLimit));
-  curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(policy_.lowSpeedTimeSec));
-  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onBody);
-  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
-  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, onHeader);
-  curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
-  curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
+  setOption(easy, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(lowSpeedLimit));
+  setOption(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(policy_.lowSpeedTimeSec));
+  setOption(easy, CURLOPT_WRITEFUNCTION, onBody);
+  setOption(easy, CURLOPT_WRITEDATA, &transfer);
+  setOption(easy, CURLOPT_HEADERFUNCTION, onHeader);
+  setOption(easy, CURLOPT_HEADERDATA, &transfer);
+  setOption(easy, CURLOPT_PRIVATE, &transfer);
 }
 
 // ---- Loop thread ----

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <new>
 #include <string_view>
 
 #include "request_text.h"
@@ -65,25 +64,25 @@ SlistPtr headerList(const std::vector<std::string>& headers) {
 }
 
 void applyTransport(CURL* easy) {
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);
-  curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_DEFAULT));
-  curl_easy_setopt(easy, CURLOPT_SSL_CIPHER_LIST, kCiphers);
-  curl_easy_setopt(easy, CURLOPT_TLS13_CIPHERS, kTls13Ciphers);
+  setOption(easy, CURLOPT_NOSIGNAL, 1L);
+  setOption(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  setOption(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  setOption(easy, CURLOPT_SSL_VERIFYPEER, 0L);
+  setOption(easy, CURLOPT_SSL_VERIFYHOST, 0L);
+  setOption(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_DEFAULT));
+  setOption(easy, CURLOPT_SSL_CIPHER_LIST, kCiphers);
+  setOption(easy, CURLOPT_TLS13_CIPHERS, kTls13Ciphers);
   // Without it, aborting during a name lookup waits for the lookup.
-  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
+  setOption(easy, CURLOPT_QUICK_EXIT, 1L);
 }
 
 void applyProxy(CURL* easy, const net::Proxy& proxy) {
   // Empty texts keep libcurl from reading the environment: the empty proxy is none, the empty list of exceptions too.
-  curl_easy_setopt(easy, CURLOPT_PROXY, proxyAddress(proxy).c_str());
-  curl_easy_setopt(easy, CURLOPT_NOPROXY, "");
+  setOption(easy, CURLOPT_PROXY, proxyAddress(proxy).c_str());
+  setOption(easy, CURLOPT_NOPROXY, "");
   if (proxy.host.empty()) return;
-  if (!proxy.username.empty()) curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, proxy.username.c_str());
-  if (!proxy.password.empty()) curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, proxy.password.c_str());
+  if (!proxy.username.empty()) setOption(easy, CURLOPT_PROXYUSERNAME, proxy.username.c_str());
+  if (!proxy.password.empty()) setOption(easy, CURLOPT_PROXYPASSWORD, proxy.password.c_str());
 }
 
 }  // namespace xfer

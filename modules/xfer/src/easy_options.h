@@ -1,10 +1,13 @@
 // The libcurl options that single requests and range transfers share.
 //
 // Threads: any, one at a time for each handle.
-// Errors:  results of curl_easy_setopt are ignored: an option that libcurl does not know must not fail a transfer.
-//          headerList throws std::bad_alloc.
+// Errors:  an option that libcurl does not know must not fail a transfer: it is left out.  One that libcurl has no
+// memory
+//          for must: a request without its range, cookie or proxy would be sent.  Then, as headerList, setOption and
+//          what applies options throw std::bad_alloc.
 #pragma once
 
+#include <new>
 #include <string>
 #include <vector>
 
@@ -24,6 +27,12 @@ bool holdsLineBreak(const std::string& cookie, const std::vector<std::string>& h
 /// User-Agent that no caller line begins with (case-sensitive); last an empty Expect, so that libcurl does not wait for
 /// "100 Continue".
 SlistPtr headerList(const std::vector<std::string>& headers);
+
+/// Every option is set with it, but for those that set nothing that libcurl copies and that must not throw.
+template <class Value>
+void setOption(CURL* easy, CURLoption option, Value value) {
+  if (curl_easy_setopt(easy, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+}
 
 /// Allows only http and https, redirects included; disables certificate checks; sets the cipher lists.
 void applyTransport(CURL* easy);

@@ -107,27 +107,27 @@ CURLcode perform(CURL* easy, const StopSignal& stop) {
 }
 
 void applyRequest(CURL* easy, const Request& request) {
-  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+  setOption(easy, CURLOPT_URL, request.url.c_str());
   if (!request.body.empty()) {
-    curl_easy_setopt(easy, CURLOPT_POST, 1L);
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.body.data());  // not copied; request outlives the transfer
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
+    setOption(easy, CURLOPT_POST, 1L);
+    setOption(easy, CURLOPT_POSTFIELDS, request.body.data());  // not copied; request outlives the transfer
+    setOption(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
   }
-  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, request.followRedirects ? 1L : 0L);
-  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 20L);
-  curl_easy_setopt(easy, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
+  setOption(easy, CURLOPT_FOLLOWLOCATION, request.followRedirects ? 1L : 0L);
+  setOption(easy, CURLOPT_MAXREDIRS, 20L);
+  setOption(easy, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
   if (request.connectTimeoutSec > 0) {
-    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(request.connectTimeoutSec));
+    setOption(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(request.connectTimeoutSec));
   }
-  if (request.timeoutSec > 0) curl_easy_setopt(easy, CURLOPT_TIMEOUT, static_cast<long>(request.timeoutSec));
+  if (request.timeoutSec > 0) setOption(easy, CURLOPT_TIMEOUT, static_cast<long>(request.timeoutSec));
   if (request.lowSpeedTimeSec > 0) {
-    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1024L);
-    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(request.lowSpeedTimeSec));
+    setOption(easy, CURLOPT_LOW_SPEED_LIMIT, 1024L);
+    setOption(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(request.lowSpeedTimeSec));
   }
   applyTransport(easy);
-  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBuffer);
-  curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+  setOption(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  setOption(easy, CURLOPT_BUFFERSIZE, kReceiveBuffer);
+  setOption(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   applyProxy(easy, request.proxy);
 }
 
@@ -192,14 +192,14 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
       end.curlCode = result::kNoHandle;
       return end;
     }
-    if (lease.handle() != nullptr) curl_easy_setopt(easy.get(), CURLOPT_SHARE, lease.handle());
+    if (lease.handle() != nullptr) setOption(easy.get(), CURLOPT_SHARE, lease.handle());
     applyRequest(easy.get(), request);
     const RequestHeaders headers(easy.get(), request.url, request.cookie, request.headers);
-    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, takeBody);
-    curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &arrival);
-    curl_easy_setopt(easy.get(), CURLOPT_HEADERFUNCTION, takeHeader);
-    curl_easy_setopt(easy.get(), CURLOPT_HEADERDATA, &arrival);
-    if (connectHeads == ConnectHeads::Hidden) curl_easy_setopt(easy.get(), CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    setOption(easy.get(), CURLOPT_WRITEFUNCTION, takeBody);
+    setOption(easy.get(), CURLOPT_WRITEDATA, &arrival);
+    setOption(easy.get(), CURLOPT_HEADERFUNCTION, takeHeader);
+    setOption(easy.get(), CURLOPT_HEADERDATA, &arrival);
+    if (connectHeads == ConnectHeads::Hidden) setOption(easy.get(), CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
 
     if (!request.quiet) XFER_LOG_LINE(log::kTrace, 224, "--> fetch | " << request.url);
     CURLcode code =

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string_view>
 
@@ -26,9 +27,15 @@ struct Origin {
   std::string port;
 };
 
+// Throws without memory: a URL that was not read for lack of it may be of any origin.
+bool isDone(CURLUcode code) {
+  if (code == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
+  return code == CURLUE_OK;
+}
+
 std::string partOf(CURLU* url, CURLUPart part) {
   char* text = nullptr;
-  if (curl_url_get(url, part, &text, CURLU_DEFAULT_PORT) != CURLUE_OK) return {};
+  if (!isDone(curl_url_get(url, part, &text, CURLU_DEFAULT_PORT))) return {};
   const std::unique_ptr<char, TextDeleter> owner(text);
   std::string lower(text);
   std::transform(lower.begin(), lower.end(), lower.begin(),
@@ -40,7 +47,8 @@ std::string partOf(CURLU* url, CURLUPart part) {
 std::optional<Origin> originIn(const std::string& url) {
   const std::unique_ptr<CURLU, UrlDeleter> parsed(curl_url());
   constexpr unsigned kFlags = CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME;
-  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), kFlags) != CURLUE_OK) return std::nullopt;
+  if (!parsed) throw std::bad_alloc();
+  if (!isDone(curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), kFlags))) return std::nullopt;
   Origin origin{partOf(parsed.get(), CURLUPART_SCHEME), partOf(parsed.get(), CURLUPART_HOST),
                 partOf(parsed.get(), CURLUPART_ZONEID), partOf(parsed.get(), CURLUPART_PORT)};
   if (origin.scheme.empty() || origin.host.empty() || origin.port.empty()) return std::nullopt;
@@ -66,8 +74,8 @@ Hop hopBetween(const std::string& givenFor, const std::string& next) {
 RequestHeaders::RequestHeaders(CURL* easy, const std::string& url, const std::string& cookie,
                                const std::vector<std::string>& lines)
     : easy_(easy), givenFor_(url), first_(headerList(lines)) {
-  curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, first_.get());
-  if (!cookie.empty()) curl_easy_setopt(easy_, CURLOPT_COOKIE, cookie.c_str());
+  setOption(easy_, CURLOPT_HTTPHEADER, first_.get());
+  if (!cookie.empty()) setOption(easy_, CURLOPT_COOKIE, cookie.c_str());
 
   std::vector<std::string> open = lines;
   std::erase_if(open, isSecret);
@@ -79,18 +87,22 @@ RequestHeaders::RequestHeaders(CURL* easy, const std::string& url, const std::st
   std::vector<std::string> all = lines;
   if (cookieCounts) all.push_back("Cookie: " + cookie);
   withSecrets_ = headerList(all);
-  curl_easy_setopt(easy_, CURLOPT_PREREQFUNCTION, beforeRequest);
-  curl_easy_setopt(easy_, CURLOPT_PREREQDATA, this);
+  setOption(easy_, CURLOPT_PREREQFUNCTION, beforeRequest);
+  setOption(easy_, CURLOPT_PREREQDATA, this);
 }
 
 int RequestHeaders::beforeRequest(void* self, char* /*remoteAddress*/, char* /*localAddress*/, int /*remotePort*/,
                                   int /*localPort*/) {
-  static_cast<RequestHeaders*>(self)->choose();
-  return CURL_PREREQFUNC_OK;
+  try {
+    static_cast<RequestHeaders*>(self)->choose();
+    return CURL_PREREQFUNC_OK;
+  } catch (...) {
+    return CURL_PREREQFUNC_ABORT;  // out of memory: without its secrets, the request might get another answer
+  }
 }
 
 // Runs before each request of a transfer, when libcurl knows where it goes and has not built it yet.
-void RequestHeaders::choose() noexcept {
+void RequestHeaders::choose() {
   long redirects = 0;
   const char* next = nullptr;
   curl_easy_getinfo(easy_, CURLINFO_REDIRECT_COUNT, &redirects);
@@ -99,11 +111,7 @@ void RequestHeaders::choose() noexcept {
   if (redirects == 0) {
     hop = Hop::SameOrigin;
   } else if (next != nullptr) {
-    try {
-      hop = hopBetween(givenFor_, next);
-    } catch (...) {
-      hop = Hop::Elsewhere;  // out of memory: nothing may leak
-    }
+    hop = hopBetween(givenFor_, next);
   }
   // None of these allocates.
   hasLeft_ = hasLeft_ || hop == Hop::Elsewhere;

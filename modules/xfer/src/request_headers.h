@@ -5,7 +5,8 @@
 // where a site moves its visitors from http to https.
 //
 // Threads: any, one at a time; once applied, that which runs the handle.
-// Errors:  the constructor throws std::bad_alloc.
+// Errors:  the constructor and hopBetween throw std::bad_alloc.  A redirect is not followed when memory runs out: the
+//          transfer ends with libcurl's aborted-by-callback code (42).
 #pragma once
 
 #include <string>
@@ -33,7 +34,7 @@ class RequestHeaders {
 
  private:
   static int beforeRequest(void* self, char* remoteAddress, char* localAddress, int remotePort, int localPort);
-  void choose() noexcept;
+  void choose();
 
   CURL* const easy_;
   const std::string givenFor_;
