@@ -302,6 +302,19 @@ INSTANTIATE_TEST_SUITE_P(OfXfer, EveryMemoryEntry, testing::Values(kDownload, kD
 INSTANTIATE_TEST_SUITE_P(OfXfer, EveryEntryWithOptions, testing::Values(kDownload, kDownloadAsync),
                          nameOf<MemoryEntry>);
 
+TEST(DownloadText, isThereForStatusesFrom200To299) {
+  for (const int code : {200, 204, 299, 300, 304, 399, 500}) {
+    const ScriptedServer server([code](const ReceivedRequest&) {
+      return Reply().send("HTTP/1.1 " + std::to_string(code) + " x\r\n\r\n").close();
+    });
+    Buffers out;
+    const bool good = code < 300;
+    EXPECT_EQ(xfer_downloadText(server.url("/").c_str(), nullptr, &out.headers, &out.body, nullptr),
+              good ? 0 : -1000 - code);
+    EXPECT_EQ(out.headers.empty(), !good) << code;
+  }
+}
+
 TEST(Async, idNamesItsOwnRequest) {
   const ScriptedServer server([](const ReceivedRequest& request) { return status(200, request.path()); });
   std::uint64_t first = 0;
@@ -425,6 +438,21 @@ TEST(RemoteFileSize, makesAsManyTriesAsItIsToldAndAtLeastOne) {
     EXPECT_EQ(size, 99U);
     EXPECT_EQ(media, 0U);
   }
+}
+
+TEST(RemoteFileSize, triesAgainAfterARequestThatFailed) {
+  constexpr int kGotNothing = 52;
+  const ScriptedServer silent([](const ReceivedRequest&) { return Reply().close(); });
+  std::uint64_t size = 99;
+  std::uint32_t media = 98;
+  EXPECT_EQ(xfer_getRemoteFileSize(silent.url("/").c_str(), &size, &media, nullptr, nullptr, 3, nullptr), kGotNothing);
+  EXPECT_EQ(silent.requests().size(), 3U);
+  EXPECT_EQ(size, 99U);
+  EXPECT_EQ(media, 98U) << "nothing said anything about it";
+  const ScriptedServer recovered(
+      [](const ReceivedRequest& request) { return request.number == 0 ? Reply().close() : range206(request, 4321); });
+  EXPECT_EQ(xfer_getRemoteFileSize(recovered.url("/").c_str(), &size, &media, nullptr, nullptr, 2, nullptr), 0);
+  EXPECT_EQ(size, 4321U);
 }
 
 TEST(RemoteFileInfo, fieldsTellEachItsOwn) {
