@@ -183,13 +183,17 @@ TEST_F(FarJob, bytesDonePassesThere) {
 
 // ---- Texts ----
 
+std::string contentRange(const std::string& only, std::uint64_t total) {
+  return "bytes " + only + "-" + only + "/" + std::to_string(total);
+}
+
 TEST(FarOffsets, sizesThereAreReadFromHeaders) {
   for (const std::uint64_t size : {k32Bits - 1, k32Bits, k32Bits + 1, 1024 * k32Bits + 3}) {
     const std::string text = std::to_string(size);
     EXPECT_EQ(xfer::leadingNumber(text), size);
     EXPECT_EQ(xfer::remoteSize(206, "Content-Range: bytes 0-0/" + text + "\r\nContent-Length: 1\r\n"), size);
     EXPECT_EQ(xfer::remoteSize(200, "Content-Length: " + text + "\r\n"), size);
-    const auto range = xfer::parseContentRange("bytes " + text + "-" + text + "/" + std::to_string(size + 1));
+    const auto range = xfer::parseContentRange(contentRange(text, size + 1));
     ASSERT_TRUE(range);
     EXPECT_EQ(range->first, size);
     EXPECT_EQ(range->last, size);
