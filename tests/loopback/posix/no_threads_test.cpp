@@ -10,6 +10,7 @@
 #include <string>
 
 #include "support/census.h"
+#include "support/log_line.h"
 #include "support/pattern.h"
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
@@ -36,6 +37,10 @@ extern "C" [[gnu::visibility("default")]] int pthread_create(pthread_t* thread, 
 }
 
 namespace {
+
+using support::failure;
+using support::kXfer;
+using support::trace;
 
 constexpr std::uint64_t kSize = 1000;
 constexpr std::uint64_t kUntouched = 4242;
@@ -110,14 +115,14 @@ class NoThreads : public testing::Test {
   const std::string path_ = folder_.file("out");
 
  protected:
-  const support::RecordingLogger log_{3};
+  const support::RecordingLogger log_;
   support::ScriptedServer server_{support::patternFile(kSize)};
 };
 
 TEST_F(NoThreads, aFileDownloadThatCannotAskForTheSizeEndsWith100000) {
   const std::uint64_t id = startWithoutThreads(0);
   expectFailedStart(id);
-  EXPECT_EQ(log_.count("xfer_downloadFile exception"), 1U);
+  EXPECT_EQ(logError(log_, failure(kXfer, "xfer_downloadFile exception")), "");
   expectNextWorks(id, 0);
 }
 
@@ -135,7 +140,10 @@ TEST_F(NoThreads, aRequestInTheBackgroundDoesNotStart) {
   }
   EXPECT_EQ(g_refused, 1);
   EXPECT_EQ(id, kUntouched);
-  EXPECT_EQ(log_.count("xfer_downloadAsync exception"), 1U);
+  EXPECT_EQ(wholeLogError(log_.records(), {trace(kXfer, 434, "--> xfer_downloadAsync | " + server_.url("/")),
+                                           failure(kXfer, 457, "xfer_downloadAsync exception"),
+                                           trace(kXfer, 461, "<-- xfer_downloadAsync")}),
+            "");
   EXPECT_TRUE(server_.requests().empty());
   ASSERT_EQ(xfer_downloadAsync(server_.url("/").c_str(), &id, nullptr, nullptr, nullptr, nullptr), 0);
   sys::DataBuff headers;
