@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <thread>
@@ -33,6 +34,7 @@ std::atomic<int> g_multiRefusals{0};
 std::atomic<int> g_addRefusals{0};
 std::atomic<int> g_performRefusals{0};
 std::atomic<int> g_pollRefusals{0};
+std::atomic<int> g_performExceptions{0};
 
 std::mutex g_strayMutex;
 std::optional<CURLMsg> g_stray;  // the next message; guarded by g_strayMutex
@@ -68,6 +70,7 @@ CURLMcode __wrap_curl_multi_add_handle(CURLM* multi, CURL* easy) {
 }
 
 CURLMcode __wrap_curl_multi_perform(CURLM* multi, int* running) {
+  if (refuses(g_performExceptions)) throw std::bad_alloc();  // what libcurl calls back may
   return refuses(g_performRefusals) ? CURLM_INTERNAL_ERROR : __real_curl_multi_perform(multi, running);
 }
 
@@ -131,8 +134,8 @@ class RefusingLibcurl : public testing::Test {
  protected:
   RefusingLibcurl() { xfer::init(); }
   ~RefusingLibcurl() override {
-    for (std::atomic<int>* refusals :
-         {&g_easyRefusals, &g_multiRefusals, &g_addRefusals, &g_performRefusals, &g_pollRefusals}) {
+    for (std::atomic<int>* refusals : {&g_easyRefusals, &g_multiRefusals, &g_addRefusals, &g_performRefusals,
+                                       &g_pollRefusals, &g_performExceptions}) {
       EXPECT_EQ(refusals->exchange(0), 0) << "what the test demanded happened";
     }
     const std::lock_guard lock(g_strayMutex);
@@ -339,6 +342,19 @@ TEST_F(RefusingLibcurl, turnsThatFailAreFollowedByOthers) {
   expectNextOneRuns(backend);
   EXPECT_TRUE(waitUntil([] { return g_performRefusals == 0 && g_pollRefusals == 0; }));
   expectFailures({});
+}
+
+TEST_F(RefusingLibcurl, aLoopThatMeetsAnExceptionEndsItsTransfersAndRefusesLaterOnes) {
+  CurlMultiBackend backend({});
+  ASSERT_TRUE(log.waitFor("eventLoop | started"));
+  log.clear();
+  g_performExceptions = 1;
+  ASSERT_TRUE(log.waitFor("eventLoop | stopped"));
+  EXPECT_EQ(
+      wholeLogError(log.records(), {failure(kBackend, "eventLoop exception"), trace(kBackend, "eventLoop | stopped")}),
+      "");
+  submit(backend, 2, 5);
+  EXPECT_EQ(ends(), (std::vector<End>{{2, kCancelled, 0, 0}}));
 }
 
 // ---- Jobs ----

@@ -912,6 +912,7 @@ TEST_F(DownloadJobTest, exceptionFromASubmitAfterATransferFailsTheJob) {
   world.transfers.throwOnSubmit();
   world.transfers.serve(0);
   expectFailed(100000, 0);
+  EXPECT_EQ(jobLog(6), Lines{"3 job exception"});
   EXPECT_EQ(world.transfers.count(BackendCommand::CancelAll), 1U);
   world.transfers.finish(10, 42, 0);
   expectFailed(100000, 0);
