@@ -66,6 +66,22 @@ TEST(Download, emptyBodyIs100009UnlessTheBufferHeldSomething) {
   EXPECT_EQ(body.toString(), "before");
 }
 
+TEST(Download, errorPageIsASuccess) {
+  ScriptedServer server([](const ReceivedRequest&) { return status(404, "gone"); });
+  const Result result = download(server.url("/"));
+  EXPECT_EQ(result.code, 0);
+  EXPECT_TRUE(result.headers.starts_with("HTTP/1.1 404"));
+  EXPECT_EQ(result.body, "gone");
+}
+
+TEST(Download, failureHandsOverWhatArrived) {
+  ScriptedServer server([](const ReceivedRequest&) { return full200(1000, {.bodyBytes = 10}).close(); });
+  const Result result = download(server.url("/"));
+  EXPECT_EQ(result.code, 18);
+  EXPECT_TRUE(result.headers.starts_with("HTTP/1.1 200"));
+  EXPECT_EQ(result.body, patternBytes(0, 10));
+}
+
 TEST(Download, emptyPostFieldsSendAGet) {
   ScriptedServer server(patternFile(5));
   EXPECT_EQ(download(server.url("/"), nullptr, "OPT_POSTFIELDS=").code, 0);
@@ -132,17 +148,6 @@ TEST(Download, bufferThatHoldsThePartIsFilledWhateverItsResizeAnswers) {
   DenyingBuffer text(10);
   EXPECT_EQ(xfer_downloadText(server.url("/").c_str(), nullptr, &headers, &text, nullptr), 0);
   EXPECT_EQ(text.toString(), support::patternBytes(0, 10));
-}
-
-TEST(Logging, withoutALoggerEverythingWorksTheSame) {
-  ScriptedServer server(patternFile(10));
-  EXPECT_EQ(download(server.url("/")).body, patternBytes(0, 10));
-  EXPECT_EQ(download(unreachable()).code, 7);
-  std::uint64_t done = 5;
-  std::uint32_t error = 6;
-  std::uint8_t finished = 0;
-  EXPECT_EQ(xfer_getProgress(999, &done, &error, &finished), 0);
-  EXPECT_EQ(finished, 1);
 }
 
 // ---- Settings ----
@@ -254,6 +259,87 @@ TEST(Async, failureSurfacesAtCollection) {
   EXPECT_EQ(xfer_downloadAsync(unreachable().c_str(), &id, nullptr, nullptr, nullptr, nullptr), 0);
   EXPECT_EQ(collect(id).code, 7);
   EXPECT_EQ(logError(log, failure(kXfer, 496, "fetch error: curl code 7")), "");
+}
+
+TEST(Async, failureHandsOverWhatArrivedAndLeavesTheRest) {
+  ScriptedServer server([](const ReceivedRequest&) { return full200(1000, {.bodyBytes = 10}).close(); });
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  std::uint64_t id = 0;
+  ASSERT_EQ(xfer_downloadAsync(server.url("/").c_str(), &id, nullptr, nullptr, nullptr, nullptr), 0);
+  EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 18);
+  EXPECT_TRUE(headers.toString().starts_with("HTTP/1.1 200")) << headers.toString();
+  EXPECT_EQ(body.toString(), patternBytes(0, 10));
+  const std::string before = headers.toString();
+  ASSERT_EQ(xfer_downloadAsync(unreachable().c_str(), &id, nullptr, nullptr, nullptr, nullptr), 0);
+  EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 7);
+  EXPECT_EQ(headers.toString(), before);
+  EXPECT_EQ(body.toString(), patternBytes(0, 10));
+}
+
+TEST(Async, errorPageIsASuccess) {
+  ScriptedServer server([](const ReceivedRequest&) { return status(404, "gone"); });
+  std::uint64_t id = 0;
+  xfer_downloadAsync(server.url("/").c_str(), &id, nullptr, nullptr, nullptr, nullptr);
+  const Result result = collect(id);
+  EXPECT_EQ(result.code, 0);
+  EXPECT_TRUE(result.headers.starts_with("HTTP/1.1 404"));
+  EXPECT_EQ(result.body, "gone");
+}
+
+TEST(Async, emptyBodyIntoABufferThatHoldsSomethingIsASuccess) {
+  ScriptedServer server([](const ReceivedRequest&) { return status(200); });
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  body.assign("before");
+  std::uint64_t id = 0;
+  xfer_downloadAsync(server.url("/").c_str(), &id, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 0);
+  EXPECT_EQ(body.toString(), "before");
+}
+
+TEST(Async, idsOfOneKindAreUnknownToTheFunctionsOfTheOther) {
+  ScriptedServer server([](const ReceivedRequest& request) {
+    return request.range ? range206(request, 1000, {.bodyBytes = 1}).stall() : full200(10);
+  });
+  const TempDir folder;
+  std::uint64_t request = 0;
+  xfer_downloadAsync(server.url("/").c_str(), &request, nullptr, nullptr, nullptr, nullptr);
+  const std::uint64_t download =
+      xfer_downloadFile(server.url("/").c_str(), folder.file("f").c_str(), nullptr, 1, nullptr, 0, 1000, nullptr);
+  EXPECT_EQ(xfer_downloadPause(request), 100001);
+  EXPECT_EQ(xfer_downloadResume(request), 100001);
+  EXPECT_FALSE(xfer_stopDownloadHandle(request));
+  std::uint64_t downloaded = 7777;
+  std::uint32_t error = 8888;
+  std::uint8_t finished = 99;
+  EXPECT_EQ(xfer_getProgress(request, &downloaded, &error, &finished), 0);
+  EXPECT_EQ(finished, 1);
+  EXPECT_EQ(downloaded, 7777U);
+  EXPECT_EQ(error, 8888U);
+  EXPECT_EQ(collect(download).code, 100001);
+  EXPECT_EQ(collect(request).code, 0) << "it is still there";
+  EXPECT_TRUE(xfer_stopDownloadHandle(download)) << "and so is this one";
+}
+
+TEST(Async, idIsUnknownToASecondCollectorWhileTheFirstOneWaits) {
+  Gate gate;
+  ScriptedServer server([&](const ReceivedRequest&) {
+    return Reply().waitFor(gate).send("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\na");
+  });
+  std::uint64_t id = 0;
+  xfer_downloadAsync(server.url("/").c_str(), &id, nullptr, nullptr, nullptr, nullptr);
+  ASSERT_TRUE(server.waitForRequests(1));
+  std::atomic<int> firsts{0};
+  std::atomic<int> others{0};
+  std::vector<std::thread> collectors;
+  for (int i = 0; i < 2; ++i) {
+    collectors.emplace_back([&] { ++(collect(id).code == 0 ? firsts : others); });
+  }
+  EXPECT_TRUE(waitUntil([&] { return others == 1; })) << "before the request has ended";
+  gate.open();
+  for (std::thread& collector : collectors) collector.join();
+  EXPECT_EQ(firsts, 1);
 }
 
 TEST(Async, collectorWaitsWhileOthersStart) {
@@ -418,6 +504,26 @@ TEST(FileDownload, failureIsReportedByItsCode) {
   EXPECT_EQ(endOf(start("file:///etc/hostname", folder.file("f"), 2)).error, 1U);
 }
 
+TEST(FileDownload, failureIsReportedAgainByItsCodeAlone) {
+  ScriptedServer server([](const ReceivedRequest& request) {
+    return request.range->first == 0 ? range206(request, 2'000'000) : status(403);
+  });
+  const TempDir folder;
+  const std::uint64_t id = start(server.url("/f"), folder.file("f"), 1, 2'000'000);
+  const Progress end = endOf(id);
+  EXPECT_EQ(end.downloaded, 1'048'576U) << "what came before the failure";
+  EXPECT_NE(end.error, 0U);
+  for (int again = 0; again < 2; ++again) {
+    const Progress later = progressOf(id);
+    EXPECT_EQ(later.finished, 1);
+    EXPECT_EQ(later.error, end.error);
+    EXPECT_EQ(later.downloaded, 0U);
+  }
+  EXPECT_EQ(xfer_downloadPause(id), 100001);
+  EXPECT_EQ(xfer_downloadResume(id), 100001);
+  EXPECT_FALSE(xfer_stopDownloadHandle(id));
+}
+
 TEST(FileDownload, unknownIdsAreToldApart) {
   const Progress none = progressOf(4242);
   EXPECT_EQ(none.finished, 1);
@@ -432,9 +538,12 @@ TEST(FileDownload, stoppedDownloadIsForgottenAndItsPartialFileStays) {
   ScriptedServer server(
       [](const ReceivedRequest& request) { return range206(request, 1'000'000, {.bodyBytes = 1}).stall(); });
   const TempDir folder;
-  const std::uint64_t id = start(server.url("/f"), folder.file("f"), 2, 1'000'000);
-  ASSERT_TRUE(server.waitForRequests(1));
-  EXPECT_EQ(progressOf(id).finished, 0);
+  const std::uint64_t id = start(server.url("/f"), folder.file("f"), 1, 1'000'000);
+  ASSERT_TRUE(waitUntil([&] { return progressOf(id).downloaded > 0; }));
+  const Progress running = progressOf(id);
+  EXPECT_EQ(running.finished, 0);
+  EXPECT_EQ(running.downloaded, 1U);
+  EXPECT_EQ(running.error, 8888U) << "written at the end alone";
   EXPECT_TRUE(xfer_stopDownloadHandle(id));
   EXPECT_EQ(support::fileSize(folder.file("f")), 1'000'000U);
   const RecordingLogger log;

@@ -20,6 +20,7 @@
 #include "support/unused_port.h"
 #include "support/wait_until.h"
 #include "sys/data_buff.h"
+#include "xfer/download_job.h"
 #include "xfer/fetch.h"
 #include "xfer/xfer.h"
 
@@ -146,6 +147,10 @@ TEST_F(LogLines, ofAQuietRequestAreNone) {
   }
   EXPECT_EQ(xfer::getContentLength(url, {}, {}), 10);
   EXPECT_EQ(xfer::getContentLength(unreachable, {}, {}), -1);
+  EXPECT_EQ(xfer::probeRemoteFile(url, {}, {}, 5).size, 10U);
+  EXPECT_EQ(xfer::probeRemoteFile(unreachable, {}, {}, 5).error, kNobodyListens);
+  server.setHandler([](const ReceivedRequest&) { return support::status(404); });
+  EXPECT_EQ(xfer::probeRemoteFile(url, {}, {}, 5).error, 404);
   expectLog({});
 }
 
@@ -469,6 +474,63 @@ TEST_F(Thresholds, changeNothingElse) {
   }
 }
 
+// ---- No logger at all ----
+
+// What a host sees of each function, one after the other.
+class WithoutLogger : public LogLines {
+ protected:
+  std::vector<std::string> outcomes() {
+    std::vector<std::string> seen;
+    const auto note = [&seen](std::int64_t code, sys::DataBuff& headers, sys::DataBuff& body) {
+      seen.push_back(std::to_string(code) + " " + headers.toString() + body.toString());
+    };
+    for (const std::string& from : {url, unreachable}) {
+      sys::DataBuff headers;
+      sys::DataBuff body;
+      note(xfer_download(from.c_str(), nullptr, nullptr, &headers, &body, nullptr, nullptr), headers, body);
+      note(xfer_downloadText(from.c_str(), nullptr, &headers, &body, nullptr), headers, body);
+      std::uint64_t id = 0;
+      note(xfer_downloadAsync(from.c_str(), &id, nullptr, nullptr, nullptr, nullptr), headers, body);
+      note(xfer_queryAsyncBuffer(id, &headers, &body), headers, body);
+      note(xfer_queryAsyncBuffer(id, &headers, &body), headers, body);
+      std::uint64_t size = 99;
+      std::uint32_t type = 99;
+      const std::int32_t code = xfer_getRemoteFileSize(from.c_str(), &size, &type, nullptr, nullptr, 2, nullptr);
+      std::int64_t length = 99;
+      const bool known = xfer_getContentLength(from, &length);
+      seen.push_back(std::to_string(code) + " " + std::to_string(size) + " " + std::to_string(type) + " " +
+                     std::to_string(known) + " " + std::to_string(length));
+      const std::uint64_t job = start(from);
+      if (from == url) {
+        awaitEnd(job);
+        seen.push_back(support::patternError(path, 10));
+      }
+      seen.push_back(std::to_string(xfer_downloadPause(job)) + " " + std::to_string(xfer_downloadResume(job)) + " " +
+                     std::to_string(xfer_stopDownloadHandle(job)) + " " + std::to_string(progressOf(job)));
+    }
+    sys::DataBuff headers;
+    support::DenyingBuffer throwing(10, true);
+    seen.push_back(std::to_string(xfer_download(url.c_str(), nullptr, nullptr, &headers, &throwing, nullptr, nullptr)));
+    server.setHandler([](const ReceivedRequest&) { return support::status(404); });
+    std::uint64_t size = 99;
+    std::uint32_t type = 99;
+    seen.push_back(std::to_string(xfer_getRemoteFileSize(url.c_str(), &size, &type, nullptr, nullptr, 1, nullptr)));
+    server.setHandler(support::patternFile(10));
+    xfer_setProxy(nullptr);
+    xfer_setNumThreads(1);
+    return seen;
+  }
+};
+
+TEST_F(WithoutLogger, everyFunctionDoesTheSame) {
+  const auto logged = outcomes();
+  EXPECT_FALSE(log.records().empty());
+  log.clear();
+  Keel::setRecordSink(nullptr, nullptr);
+  EXPECT_EQ(outcomes(), logged);
+  EXPECT_TRUE(log.records().empty());
+}
+
 // ---- The end: no fetch follows in this process ----
 
 TEST_F(LogLines, ofTheCleanUpAreOneWithoutAnArrowAndTheShareIsGone) {
@@ -478,6 +540,10 @@ TEST_F(LogLines, ofTheCleanUpAreOneWithoutAnArrowAndTheShareIsGone) {
   EXPECT_EQ(xfer::shareHandle(), nullptr);
   xfer_ensureCurlInit();
   EXPECT_EQ(xfer::shareHandle(), nullptr) << "the library comes up once";
+  xfer::Request request;
+  request.url = url;
+  request.quiet = true;
+  EXPECT_EQ(xfer::fetch(request).status, 200) << "without a share";
   expectLog({trace(kXfer, 194, "xfer_curlGlobalCleanup")});
 }
 

@@ -197,6 +197,23 @@ TEST(FileSink, fileIsFreeAgainOnceItsSinkIsClosed) {
   expectFree("a size that cannot be reserved");
 }
 
+TEST(FileSink, countsTheBytesOfItsLatestFileAlone) {
+  const TempDir folder;
+  FileSink sink;
+  ASSERT_EQ(sink.open(folder.file("f"), 4), 0);
+  ASSERT_EQ(write(sink, 0, "abcd"), 0);
+  ASSERT_EQ(write(sink, 2, "cd"), 0);
+  EXPECT_EQ(sink.bytesWritten(), 6U) << "what is written again counts again";
+  ASSERT_EQ(sink.finalize(4), 0);
+  EXPECT_EQ(sink.bytesWritten(), 6U);
+  ASSERT_EQ(sink.open(folder.file("f"), 4), 0);
+  EXPECT_EQ(sink.bytesWritten(), 0U);
+  ASSERT_EQ(write(sink, 0, "a"), 0);
+  sink.close();
+  EXPECT_EQ(sink.open(folder.file("missing") + "/f", 4), 100004);
+  EXPECT_EQ(sink.bytesWritten(), 0U) << "also when it cannot be opened";
+}
+
 TEST(FileSink, openReplacesTheOldContent) {
   const TempDir folder;
   support::writeFile(folder.file("f"), "a much longer content than before");

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <string>
+#include <system_error>
 
 #include "support/census.h"
 #include "support/log_line.h"
@@ -17,6 +18,7 @@
 #include "support/temp_dir.h"
 #include "support/wait_until.h"
 #include "sys/data_buff.h"
+#include "xfer/download_job.h"
 #include "xfer/xfer.h"
 
 namespace {
@@ -130,6 +132,45 @@ TEST_F(NoThreads, aFileDownloadThatCannotTransferEndsWith100000) {
   const std::uint64_t id = startWithoutThreads(kSize);
   expectFailedStart(id);
   expectNextWorks(id, kSize);
+}
+
+TEST_F(NoThreads, aJobThatCannotAskForTheSizeSaysSoAndCanBeStartedLater) {
+  const support::TempDir folder;
+  xfer::DownloadRequest request;
+  request.url = server_.url("/file");
+  request.path = folder.file("job");
+  xfer::DownloadJob job(request, {});
+  {
+    const RefusedThreads refused;
+    try {
+      job.start();
+      FAIL() << "it has no thread";
+    } catch (const std::system_error& error) {
+      EXPECT_EQ(error.code(), std::errc::resource_unavailable_try_again);
+    }
+  }
+  EXPECT_EQ(g_refused, 1);
+  EXPECT_EQ(job.snapshot().state, xfer::JobState::Idle);
+  EXPECT_EQ(wholeLogError(log_.records(), {}), "");
+  job.start();
+  job.wait();
+  EXPECT_EQ(job.snapshot().state, xfer::JobState::Completed);
+}
+
+TEST_F(NoThreads, aJobThatCannotTransferFailsInItsStart) {
+  const support::TempDir folder;
+  xfer::DownloadRequest request;
+  request.url = server_.url("/file");
+  request.path = folder.file("job");
+  request.knownSize = kSize;
+  xfer::DownloadJob job(request, {});
+  {
+    const RefusedThreads refused;
+    EXPECT_NO_THROW(job.start());
+  }
+  EXPECT_EQ(job.snapshot().state, xfer::JobState::Failed);
+  EXPECT_EQ(job.snapshot().errorCode, 100000);
+  EXPECT_EQ(wholeLogError(recordsUpTo(log_, 4), {failure(support::kJob, "job exception")}), "");
 }
 
 TEST_F(NoThreads, aRequestInTheBackgroundDoesNotStart) {
