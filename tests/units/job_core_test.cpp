@@ -534,6 +534,7 @@ TEST_F(JobCoreDoubtTest, isNotSettledByAnAnswerOfTheOldVersion) {
 TEST_F(JobCoreDoubtTest, isDroppedWhenTheNewVersionIsNotSeenAgain) {
   raiseDoubt();
   constexpr int kMost = 16;
+  const support::RecordingLogger log;
   for (int old = 0; old < kMost; ++old) {
     const FlightPtr sample = core.next();
     ASSERT_TRUE(sample->sample) << old;
@@ -541,6 +542,10 @@ TEST_F(JobCoreDoubtTest, isDroppedWhenTheNewVersionIsNotSeenAgain) {
     ASSERT_TRUE(core.ended(sample, {CURLE_ABORTED_BY_CALLBACK, kPartial, 0}).refill);
   }
   EXPECT_FALSE(core.next()->sample);
+  EXPECT_EQ(
+      wholeLogError(log.records(),
+                    {support::recovery(kJob, "onHead | changed validator was not seen again, going on | range=0")}),
+      "");
 }
 
 TEST_F(JobCoreDoubtTest, failsTheJobWhenTheSampleIsOfAThirdVersion) {
