@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "support/gate.h"
+#include "support/log_line.h"
 #include "support/pattern.h"
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
@@ -157,10 +158,9 @@ TEST(Backend, errorPageNeverReachesTheDataCallback) {
   transfers.submit(range(server.url("/"), 10, 20));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 18, 404, 0}}));
   EXPECT_EQ(transfers.received(), 0U);
-  EXPECT_TRUE(log.contains("HTTP 404 response body (4 bytes): gone"));
-  EXPECT_TRUE(log.contains("short transfer | range=10 | expected=10 | got=0"));
-  EXPECT_TRUE(log.contains("done | range=10 | err=18 | http=404 | bytes=0"));
-  EXPECT_EQ(log.records().front().tag, "CurlMulti");
+  EXPECT_EQ(logError(log, recovery(kBackend, "short transfer | range=10 | expected=10 | got=0")), "");
+  EXPECT_EQ(logError(log, trace(kBackend, "done | range=10 | err=18 | http=404 | bytes=0")), "");
+  EXPECT_EQ(logError(log, failure(kBackend, "HTTP 404 response body (4 bytes): gone")), "");
 }
 
 TEST(Backend, errorPageOfAnOpenRequestIsNoShortTransfer) {
@@ -169,7 +169,9 @@ TEST(Backend, errorPageOfAnOpenRequestIsNoShortTransfer) {
   Transfers transfers;
   transfers.submit(range(server.url("/"), 10, 0));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 0, 500, 0}}));
-  EXPECT_TRUE(log.contains("HTTP 500 response body (4096 bytes): xxx"));
+  EXPECT_EQ(wholeLogError(recordsUpTo(log, 4),
+                          {failure(kBackend, "HTTP 500 response body (4096 bytes): " + std::string(4096, 'x'))}),
+            "");
 }
 
 TEST(Backend, shortBodyThatWasAnnouncedIsAccepted) {
@@ -179,17 +181,23 @@ TEST(Backend, shortBodyThatWasAnnouncedIsAccepted) {
   Transfers transfers;
   transfers.submit(range(server.url("/"), 100, 200));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 0, 206, 40}}));
-  EXPECT_EQ(log.texts(4), std::vector<std::string>{
-                              "short transfer (metadata mismatch, accepting) | range=100 | metadata=100 | server=40"});
+  const std::string text = "short transfer (metadata mismatch, accepting) | range=100 | metadata=100 | server=40";
+  EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {recovery(kBackend, text)}), "");
+  EXPECT_EQ(logError(log, trace(kBackend, "done | range=100 | err=0 | http=206 | bytes=40")), "");
 }
 
 TEST(Backend, shortBodyThatWasNotAnnouncedIsPartial) {
   ScriptedServer server([](const ReceivedRequest& request) {
     return range206(request, 1000, {.bodyBytes = 40, .framing = Framing::UntilClose});
   });
+  const RecordingLogger log;
   Transfers transfers;
   transfers.submit(range(server.url("/"), 100, 200));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 18, 206, 40}}));
+  EXPECT_EQ(
+      wholeLogError(recordsUpTo(log, 4), {recovery(kBackend, "short transfer | range=100 | expected=100 | got=40")}),
+      "");
+  EXPECT_EQ(logError(log, trace(kBackend, "done | range=100 | err=18 | http=206 | bytes=40")), "");
 }
 
 TEST(Backend, callbackThatThrowsIsLoggedAndTheLoopGoesOn) {
@@ -201,12 +209,14 @@ TEST(Backend, callbackThatThrowsIsLoggedAndTheLoopGoesOn) {
   EXPECT_TRUE(log.waitFor("finishTransfer | done_cb threw"));
   transfers.submit(range(server.url("/"), 5, 10));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{5, 0, 206, 5}}));
+  EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {failure(kBackend, "finishTransfer | done_cb threw")}), "");
 }
 
 TEST(Backend, cancelAllEndsActiveWaitingAndQueuedOnesOnceAndLaterOnesRun) {
   ScriptedServer server([](const ReceivedRequest& request) {
     return request.path() == "/stall" ? range206(request, 1000, {.bodyBytes = 0}).stall() : range206(request, 1000);
   });
+  const RecordingLogger log;
   Transfers transfers(threads(2));
   for (std::uint64_t i = 0; i < 5; ++i) transfers.submit(range(server.url("/stall"), i * 10, i * 10 + 10));
   ASSERT_TRUE(server.waitForRequests(2));
@@ -219,6 +229,8 @@ TEST(Backend, cancelAllEndsActiveWaitingAndQueuedOnesOnceAndLaterOnesRun) {
   EXPECT_EQ(std::count_if(ends.begin(), ends.end(), [](const End& end) { return end.code == 42 && end.bytes == 0; }),
             6);
   EXPECT_EQ(ends.back(), (End{60, 0, 206, 10}));
+  EXPECT_EQ(log.count("done | "), 1U) << "the end of a cancelled transfer is not logged";
+  EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {}), "");
 }
 
 TEST(Backend, cancelEndsTheTransferOfThatTicketOnly) {
@@ -267,11 +279,59 @@ TEST(Backend, submissionTakenTogetherWithAStopGetsNoDoneCallback) {
   EXPECT_EQ(server.requests().size(), 1U);
 }
 
-TEST(Backend, afterStopSubmissionsEndAtOnce) {
+TEST(Backend, afterStopSubmissionsEndAtOnceWithoutAWord) {
   Transfers transfers;
   transfers.backend().stop();
+  const RecordingLogger log;
   transfers.submit(range("http://127.0.0.1/", 5, 10));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{5, 42, 0, 0}}));
+  EXPECT_EQ(wholeLogError(log.records(), {}), "");
+}
+
+TEST(Backend, lifeOfItsLoopAndItsTransfersIsTraced) {
+  for (const bool http2 : {false, true}) {
+    ScriptedServer server(patternFile(10));
+    const RecordingLogger log;
+    const std::string url = server.url("/f");
+    {
+      DownloadPolicy policy = threads(3);
+      policy.useHttp2 = http2;
+      policy.multiplex = !http2;
+      Transfers transfers(policy);
+      ASSERT_TRUE(log.waitFor("eventLoop | started"));
+      transfers.submit(range(url, 2, 10));
+      transfers.ends(1);
+    }
+    EXPECT_EQ(
+        wholeLogError(
+            log.records(),
+            {trace(kBackend, std::string("eventLoop | started | http2=") + (http2 ? "yes" : "no") + " | max_conn=3"),
+             trace(kBackend, "submit | range=2 | cookie_len=0 | hdr_count=0 | url=" + url),
+             trace(kBackend, "done | range=2 | err=0 | http=206 | bytes=8"), trace(kBackend, "eventLoop | stopped")}),
+        "");
+  }
+}
+
+TEST(Backend, errorPageWithoutABodyIsNotLogged) {
+  ScriptedServer server([](const ReceivedRequest&) { return status(404); });
+  const RecordingLogger log;
+  Transfers transfers;
+  transfers.submit(range(server.url("/"), 10, 0));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 0, 404, 0}}));
+  EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {}), "");
+}
+
+TEST(Backend, transfersWithoutADoneCallbackEndToo) {
+  ScriptedServer server(patternFile(10));
+  const RecordingLogger log;
+  {
+    CurlMultiBackend backend(threads(1));
+    backend.submit(range(server.url("/"), 0, 5), {}, {});
+    EXPECT_TRUE(log.waitFor("done | range=0 | err=0 | http=206 | bytes=5"));
+    backend.stop();
+    backend.submit(range(server.url("/"), 5, 10), {}, {});
+  }
+  EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {}), "");
 }
 
 TEST(Backend, pauseWithNothingActiveHasNoEffectOnLaterTransfers) {
@@ -341,9 +401,23 @@ TEST(Backend, headerThatHoldsALineBreakIsRefusedWithoutAConnection) {
 }
 
 TEST(Backend, unreachableHostEndsWithLibcurlsCode) {
+  const RecordingLogger log;
   Transfers transfers;
   transfers.submit(range(UnusedPort().url("/"), 0, 10));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{0, 7, 0, 0}}));
+  EXPECT_EQ(logError(log, trace(kBackend, "done | range=0 | err=7 | http=0 | bytes=0")), "");
+  EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {}), "") << "a failed transfer is a trace here; the job judges it";
+}
+
+TEST(Backend, transferThatBreaksOffReportsItsStatusAndWhatItBrought) {
+  ScriptedServer server(
+      [](const ReceivedRequest& request) { return range206(request, 1000, {.bodyBytes = 40}).close(); });
+  const RecordingLogger log;
+  Transfers transfers;
+  transfers.submit(range(server.url("/"), 100, 200));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 18, 206, 40}}));
+  EXPECT_EQ(logError(log, trace(kBackend, "done | range=100 | err=18 | http=206 | bytes=40")), "");
+  EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {}), "") << "not short: libcurl says itself why it ended";
 }
 
 TEST(Backend, submissionIsLoggedWithItsUrlCutTo120Characters) {
@@ -356,8 +430,8 @@ TEST(Backend, submissionIsLoggedWithItsUrlCutTo120Characters) {
   request.headers = {"A: b"};
   transfers.submit(request);
   transfers.ends(1);
-  EXPECT_TRUE(log.contains("submit | range=0 | cookie_len=3 | hdr_count=1 | url=" + url.substr(0, 120)));
-  EXPECT_FALSE(log.contains(url.substr(0, 121)));
+  const std::string text = "submit | range=0 | cookie_len=3 | hdr_count=1 | url=" + url.substr(0, 120);
+  EXPECT_EQ(logError(log, trace(kBackend, text)), "");
 }
 
 // ---- Placement ----

@@ -17,6 +17,7 @@
 #include "support/census.h"
 #include "support/gate.h"
 #include "support/job_run.h"
+#include "support/log_line.h"
 #include "support/pattern.h"
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
@@ -30,16 +31,21 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using support::chunksOf;
+using support::failure;
 using support::Gate;
+using support::kJob;
+using support::logError;
 using support::patternError;
 using support::patternFile;
 using support::range206;
 using support::ReceivedRequest;
+using support::recovery;
 using support::Reply;
 using support::requestFor;
 using support::run;
 using support::ScriptedServer;
 using support::Tally;
+using support::trace;
 using support::waitForEnd;
 using support::waitUntil;
 using xfer::DownloadJob;
@@ -101,8 +107,9 @@ TEST_F(DownloadJobLoopback, unknownSizeIsProbedAndTheFileIsRight) {
   EXPECT_EQ(end.percent, 100.0F);
   EXPECT_EQ(patternError(path, kSize), "");
   EXPECT_EQ(server.requests().size(), 12U) << "the probe and eleven ranges";
-  EXPECT_TRUE(
-      log.contains("doStart | probed | size=" + std::to_string(kSize) + " | ranges=1 | type=application/octet-stream"));
+  const std::string text =
+      "doStart | probed | size=" + std::to_string(kSize) + " | ranges=1 | type=application/octet-stream";
+  EXPECT_EQ(wholeLogError(recordsOf(log, kJob), {trace(kJob, text)}), "");
 }
 
 TEST_F(DownloadJobLoopback, knownSizeNeedsNoProbe) {
@@ -169,12 +176,13 @@ TEST_F(DownloadJobLoopback, busyServerIsAskedAgainAfterTheRealDelays) {
   EXPECT_GE(requests[2].time - requests[1].time, milliseconds(2000));
   EXPECT_GE(requests[3].time - requests[2].time, milliseconds(5000));
   EXPECT_LT(requests[3].time - requests[0].time, milliseconds(7500) + support::testTimeout() / 10);
-  for (const char* const text : {"retry scheduled | range=0 | attempt=1 | delay_ms=500 | err=18 | http=503",
-                                 "retry scheduled | range=0 | attempt=2 | delay_ms=2000 | err=18 | http=503",
-                                 "retry scheduled | range=0 | attempt=3 | delay_ms=5000 | err=18 | http=503",
-                                 "exhausted retries | range=0", "fatal | range=0 | err=18 | http=503"}) {
-    EXPECT_EQ(log.count(text), 1U) << text;
-  }
+  EXPECT_EQ(wholeLogError(
+                recordsOf(log, kJob),
+                {recovery(kJob, "retry scheduled | range=0 | attempt=1 | delay_ms=500 | err=18 | http=503"),
+                 recovery(kJob, "retry scheduled | range=0 | attempt=2 | delay_ms=2000 | err=18 | http=503"),
+                 recovery(kJob, "retry scheduled | range=0 | attempt=3 | delay_ms=5000 | err=18 | http=503"),
+                 failure(kJob, "exhausted retries | range=0"), failure(kJob, "fatal | range=0 | err=18 | http=503")}),
+            "");
 }
 
 TEST_F(DownloadJobLoopback, openTransferThatIsForbiddenFailsWithTheStatus) {
@@ -185,7 +193,7 @@ TEST_F(DownloadJobLoopback, openTransferThatIsForbiddenFailsWithTheStatus) {
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 403);
   EXPECT_EQ(end.httpStatus, 403);
-  EXPECT_EQ(log.count("cdn reject | range=0 | err=0 | http=403"), 1U);
+  EXPECT_EQ(logError(log, failure(kJob, "cdn reject | range=0 | err=0 | http=403")), "");
 }
 
 TEST_F(DownloadJobLoopback, serverThatRecoversIsForgiven) {
@@ -199,7 +207,8 @@ TEST_F(DownloadJobLoopback, serverThatRecoversIsForgiven) {
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(end.errorCode, 0);
   EXPECT_EQ(patternError(path, kSize), "");
-  EXPECT_EQ(log.count("attempt=1 | delay_ms=500 | err=18 | http=503"), 11U);
+  const char* const text = "retry scheduled | range=# | attempt=1 | delay_ms=500 | err=18 | http=503";
+  EXPECT_EQ(logError(log, recovery(kJob, text), 11), "");
 }
 
 TEST_F(DownloadJobLoopback, forbiddenRangeEndsTheJobAndItsOtherTransfersWithoutARetry) {
@@ -216,7 +225,8 @@ TEST_F(DownloadJobLoopback, forbiddenRangeEndsTheJobAndItsOtherTransfersWithoutA
   EXPECT_EQ(end.httpStatus, 403);
   EXPECT_TRUE(waitUntil([&] { return server.concurrentRequests() == 0; })) << "the stalled transfer is aborted";
   EXPECT_EQ(server.requests().size(), 2U);
-  EXPECT_EQ(log.count("cdn reject | range=" + std::to_string(kChunk) + " | err=18 | http=403"), 1U);
+  const std::string text = "cdn reject | range=" + std::to_string(kChunk) + " | err=18 | http=403";
+  EXPECT_EQ(wholeLogError(recordsOf(log, kJob), {failure(kJob, text)}), "");
 }
 
 TEST_F(DownloadJobLoopback, missingFileFailsInTheProbeWithoutAnHttpStatus) {
@@ -226,7 +236,7 @@ TEST_F(DownloadJobLoopback, missingFileFailsInTheProbeWithoutAnHttpStatus) {
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 404);
   EXPECT_EQ(end.httpStatus, 0);
-  EXPECT_EQ(log.findPrefix("doStart | probe failed | err=404")->level, 3U);
+  EXPECT_EQ(wholeLogError(log.records(), {failure(kJob, "doStart | probe failed | err=404")}), "");
 }
 
 TEST_F(DownloadJobLoopback, serverThatRefusesConnectionsFailsInTheProbe) {
@@ -263,7 +273,8 @@ TEST_F(DownloadJobLoopback, bodyThatBreaksOffIsFetchedAgain) {
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
   EXPECT_EQ(end.bytesDone, kSize + 10 * 1000 + 5) << "what came before the break counts again";
-  EXPECT_EQ(log.count("delay_ms=500 | err=18 | http=206"), 11U);
+  const char* const text = "retry scheduled | range=# | attempt=1 | delay_ms=500 | err=18 | http=206";
+  EXPECT_EQ(logError(log, recovery(kJob, text), 11), "");
 }
 
 TEST_F(DownloadJobLoopback, shortBodyWithoutALengthIsFetchedAgain) {
@@ -275,7 +286,8 @@ TEST_F(DownloadJobLoopback, shortBodyWithoutALengthIsFetchedAgain) {
   DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4));
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
-  EXPECT_EQ(log.count("delay_ms=500 | err=18 | http=206"), 11U);
+  const char* const text = "retry scheduled | range=# | attempt=1 | delay_ms=500 | err=18 | http=206";
+  EXPECT_EQ(logError(log, recovery(kJob, text), 11), "");
 }
 
 TEST_F(DownloadJobLoopback, serverThatSendsLessOfEveryRangeThanAskedIsAskedForTheRest) {
@@ -304,12 +316,9 @@ TEST_F(DownloadJobLoopback, fileShorterThanAnnouncedIsCutToWhatArrived) {
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(end.bytesDone, real);
   EXPECT_EQ(patternError(path, real), "");
-  const auto adjusted = log.findPrefix("finalize adjusted");
-  ASSERT_TRUE(adjusted);
-  EXPECT_EQ(adjusted->text,
-            "finalize adjusted | metadata=" + std::to_string(3 * kChunk) + " | actual=" + std::to_string(real));
-  EXPECT_EQ(adjusted->level, 4U);
-  EXPECT_EQ(adjusted->tag, "DlJob");
+  const std::string text =
+      "finalize adjusted | metadata=" + std::to_string(3 * kChunk) + " | actual=" + std::to_string(real);
+  EXPECT_EQ(logError(log, recovery(kJob, text)), "");
 }
 
 // ---- Pause, resume, cancel ----

@@ -1,5 +1,6 @@
 // Memory that runs out: this program's operator new refuses what is large, or the nth block, while a test says so.
 // libcurl's own memory, which is not C++'s, is not touched.
+#include <curl/curl.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -12,6 +13,7 @@
 
 #include "keel/keel.h"
 #include "support/census.h"
+#include "support/log_line.h"
 #include "support/pattern.h"
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
@@ -83,8 +85,15 @@ void operator delete[](void* block, std::size_t /*size*/) noexcept {
 
 namespace {
 
+using support::failure;
+using support::kFetch;
+using support::kXfer;
+using support::logError;
+using support::LogLine;
 using support::ReceivedRequest;
 using support::Reply;
+using support::trace;
+using support::wholeLogError;
 
 // Larger than anything but the answers' parts that are to fail; the server's and the logger's blocks stay below it.
 constexpr std::size_t kLimit = 256 * 1024;
@@ -145,7 +154,7 @@ TEST(ExhaustedMemoryAtFirst, anInitialisationThatFailsIsTriedAgain) {
     if (g_refused == 0) break;
   }
   EXPECT_GT(nth, 1);
-  EXPECT_EQ(log.count("xfer_ensureCurlInit exception"), static_cast<std::size_t>(nth - 1));
+  EXPECT_EQ(logError(log, failure(kXfer, "xfer_ensureCurlInit exception"), static_cast<std::size_t>(nth - 1)), "");
   EXPECT_NE(xfer::shareHandle(), nullptr);
 }
 
@@ -197,8 +206,10 @@ TEST_F(ExhaustedMemory, fetchLogsTheFailedTransferAndNoEnd) {
     const AllocationLimit limit;
     EXPECT_THROW(xfer::fetch(requestFor(server.url("/large"))), std::bad_alloc);
   }
-  EXPECT_EQ(log.count("fetch | curl error 23"), 1U);
-  EXPECT_EQ(log.count("<-- fetch"), 0U);
+  const std::string text = "fetch | curl error 23 (" + std::string(curl_easy_strerror(CURLE_WRITE_ERROR)) + ")";
+  EXPECT_EQ(wholeLogError(log.records(),
+                          {trace(kFetch, 224, "--> fetch | " + server.url("/large")), failure(kFetch, 235, text)}),
+            "");
 }
 
 TEST_F(ExhaustedMemory, failsADownloadWith100000AndItsLogLine) {
@@ -214,7 +225,8 @@ TEST_F(ExhaustedMemory, failsADownloadWith100000AndItsLogLine) {
   EXPECT_EQ(code, 100000);
   EXPECT_EQ(headers.size(), 0U);
   EXPECT_EQ(body.size(), 0U) << "nothing of an answer that is not whole";
-  EXPECT_TRUE(log.contains("xfer_download exception"));
+  EXPECT_EQ(logError(log, failure(kXfer, 336, "xfer_download exception")), "");
+  EXPECT_EQ(logError(log, trace(kXfer, 341, "<-- xfer_download")), "");
 }
 
 TEST_F(ExhaustedMemory, failsATextDownloadLikeADownload) {
@@ -237,7 +249,7 @@ TEST_F(ExhaustedMemory, inTheBackgroundSurfacesAtCollection) {
   sys::DataBuff body;
   EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 100000);
   EXPECT_EQ(body.size(), 0U);
-  EXPECT_TRUE(log.contains("xfer_queryAsyncBuffer exception"));
+  EXPECT_EQ(logError(log, failure(kXfer, 501, "xfer_queryAsyncBuffer exception")), "");
   EXPECT_EQ(xfer_queryAsyncBuffer(id, &headers, &body), 100001) << "it is collected once";
 }
 
@@ -282,8 +294,8 @@ class EachAllocation : public testing::TestWithParam<Failing> {
   }
 
   // When all later allocations fail, its record cannot be built either.
-  void expectLoggedOnce(const std::string& text) const {
-    EXPECT_EQ(log_.count(text), GetParam() == Failing::One ? 1U : 0U);
+  void expectLoggedOnce(const LogLine& line) const {
+    EXPECT_EQ(logError(log_, line, GetParam() == Failing::One ? 1 : 0), "");
   }
 
   // The latest id that was given out.
@@ -348,7 +360,7 @@ TEST_P(EachAllocation, ofSettingTheProxyLeavesTheEarlierOne) {
   xfer_setProxy(spec(earlier).c_str());
   failEach([&] { xfer_setProxy(laterSpec.c_str()); },
            [&] {
-             expectLoggedOnce("xfer_setProxy exception");
+             expectLoggedOnce(failure(kXfer, "xfer_setProxy exception"));
              EXPECT_EQ(answer(), "earlier");
            });
   EXPECT_EQ(answer(), "later");
@@ -365,7 +377,7 @@ TEST_P(EachAllocation, ofADownloadEndsItWith100000) {
   failEach([&] { code = download(url, headers, body); },
            [&] {
              EXPECT_EQ(code, 100000);
-             expectLoggedOnce("xfer_download exception");
+             expectLoggedOnce(failure(kXfer, 336, "xfer_download exception"));
              expectOneWorks(url);
            });
   EXPECT_EQ(code, 0);
@@ -406,7 +418,7 @@ TEST_P(EachAllocation, ofAStartInTheBackgroundMeansThatNothingStarts) {
            [&] {
              EXPECT_EQ(code, 100000);
              EXPECT_EQ(id, kUntouched);
-             expectLoggedOnce("xfer_downloadAsync exception");
+             expectLoggedOnce(failure(kXfer, 457, "xfer_downloadAsync exception"));
            });
   ASSERT_EQ(code, 0);
   EXPECT_EQ(id, earlier + 1) << "a failed start takes no id";
@@ -457,7 +469,7 @@ TEST_P(EachAllocation, ofARemoteSizeEndsItWith1) {
       [&] {
         EXPECT_EQ(code, 1);
         EXPECT_EQ(size, kUntouched);
-        expectLoggedOnce("xfer_getRemoteFileSize exception");
+        expectLoggedOnce(failure(kXfer, 264, "xfer_getRemoteFileSize exception"));
       });
   EXPECT_EQ(code, 0);
   EXPECT_EQ(size, kSmallBody);
@@ -472,7 +484,7 @@ TEST_P(EachAllocation, ofAContentLengthMeansThatItIsUnknown) {
            [&] {
              EXPECT_FALSE(known);
              EXPECT_EQ(length, -1);
-             expectLoggedOnce("xfer_getContentLength exception");
+             expectLoggedOnce(failure(kXfer, "xfer_getContentLength exception"));
            });
   EXPECT_TRUE(known);
   EXPECT_EQ(length, static_cast<std::int64_t>(kSmallBody));
@@ -510,7 +522,7 @@ TEST_P(EachAllocation, ofAStartedFileDownloadIsReportedUnderItsId) {
   int unfiled = 0;
   failEach([&] { id = start(url, path, 0); },
            [&] {
-             expectLoggedOnce("xfer_downloadFile exception");
+             expectLoggedOnce(failure(kXfer, "xfer_downloadFile exception"));
              if (id == 0) {
                ++unfiled;
                return;

@@ -242,6 +242,18 @@ TEST(Fetch, thirtyThousandRequestsOnEightThreadsStayBelowThirtyTwoConnections) {
   EXPECT_LT(server.connectionsAccepted(), 32U);
 }
 
+TEST(FetchAsync, runsAtOnceAndNotWhenItsResultIsAskedFor) {
+  ScriptedServer server(patternFile(100));
+  std::future<Response> pending = xfer::fetchAsync(get(server.url("/x")));
+  EXPECT_TRUE(server.waitForRequests(1));
+  EXPECT_EQ(pending.wait_for(testTimeout()), std::future_status::ready);
+  EXPECT_EQ(pending.get().status, 200);
+}
+
+TEST(FetchAsync, failureIsAResultAndNoException) {
+  EXPECT_EQ(xfer::fetchAsync(get(unreachable())).get().curlCode, 7);
+}
+
 TEST(FetchAsync, outlivesTheRequestItWasGiven) {
   ScriptedServer server(patternFile(100));
   std::future<Response> pending;
@@ -333,16 +345,38 @@ TEST(Probe, takesDigitsThatFit64Bits) {
 }
 
 TEST(Probe, otherStatusIsTheError) {
-  const auto info = probeOf("HTTP/1.1 404 No\r\nContent-Length: 0\r\nContent-Type: text/plain\r\n\r\n");
+  const auto info =
+      probeOf("HTTP/1.1 404 No\r\nContent-Length: 4\r\nAccept-Ranges: bytes\r\nContent-Type: text/plain\r\n\r\ngone");
+  EXPECT_EQ(info.size, 0U);
+  EXPECT_FALSE(info.acceptRanges);
   EXPECT_EQ(info.error, 404);
   EXPECT_EQ(info.httpStatus, 404);
   EXPECT_EQ(info.contentType, "text/plain");
+}
+
+TEST(Probe, answerWithoutALengthIsNoError) {
+  for (const char* answer : {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n1\r\na\r\n0\r\n\r\n",
+                             "HTTP/1.1 206 x\r\nContent-Length: 1\r\n\r\na"}) {
+    const auto info = probeOf(answer);
+    EXPECT_EQ(info.error, 0) << answer;
+    EXPECT_EQ(info.size, 0U) << answer;
+  }
 }
 
 TEST(Probe, failedRequestGivesItsCodeAndNothingElse) {
   const auto info = xfer::probeRemoteFile(unreachable(), {}, "", 5);
   EXPECT_EQ(info.error, 7);
   EXPECT_EQ(info.httpStatus, 0);
+  EXPECT_EQ(info.size, 0U);
+  EXPECT_FALSE(info.acceptRanges);
+  EXPECT_EQ(info.contentType, "");
+  const auto broken =
+      probeOf("HTTP/1.1 206 x\r\nContent-Range: bytes 0-0/5\r\nContent-Type: a/b\r\nContent-Length: 9\r\n\r\na");
+  EXPECT_EQ(broken.error, 18);
+  EXPECT_EQ(broken.httpStatus, 0);
+  EXPECT_EQ(broken.size, 0U);
+  EXPECT_FALSE(broken.acceptRanges);
+  EXPECT_EQ(broken.contentType, "");
 }
 
 TEST(Probe, bodyThatTakesLongerThanItsTimeFails) {

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "support/gate.h"
+#include "support/log_line.h"
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
 #include "support/temp_dir.h"
@@ -73,6 +74,10 @@ void __wrap__ZN4xfer11DownloadJobD1Ev(xfer::DownloadJob* job) {
 }
 
 namespace {
+
+using support::failure;
+using support::kXfer;
+using support::logError;
 
 constexpr std::uint64_t kSize = 1000;
 constexpr std::uint32_t kMalformedUrl = 3;  // libcurl's code
@@ -155,9 +160,7 @@ TEST_F(Handles, aStopIsTrueAndTheJobGoneWhenItsCancelThrows) {
     EXPECT_TRUE(xfer_stopDownloadHandle(id));
   }
   EXPECT_EQ(g_destroyed, 1) << "before the call returned";
-  const auto record = log_.findPrefix("xfer_stopDownloadHandle exception");
-  ASSERT_TRUE(record);
-  EXPECT_EQ(record->line, 580U);
+  EXPECT_EQ(logError(log_, failure(kXfer, 580, "xfer_stopDownloadHandle exception")), "");
   EXPECT_EQ(progressOf(id).downloaded, 7777U) << "no result of a stopped download is kept";
   EXPECT_FALSE(xfer_stopDownloadHandle(id));
 }
@@ -169,8 +172,8 @@ TEST_F(Handles, aPauseOrResumeThatThrowsIs100000) {
     EXPECT_EQ(xfer_downloadPause(id), 100000);
     EXPECT_EQ(xfer_downloadResume(id), 100000);
   }
-  EXPECT_EQ(log_.count("xfer_downloadPause exception"), 1U);
-  EXPECT_EQ(log_.count("xfer_downloadResume exception"), 1U);
+  EXPECT_EQ(logError(log_, failure(kXfer, "xfer_downloadPause exception")), "");
+  EXPECT_EQ(logError(log_, failure(kXfer, "xfer_downloadResume exception")), "");
   EXPECT_EQ(xfer_downloadPause(id), 0);
   EXPECT_TRUE(xfer_stopDownloadHandle(id));
 }
@@ -184,7 +187,7 @@ TEST_F(Handles, aProgressThatThrowsChangesNothing) {
     EXPECT_EQ(progress.error, 8888U);
     EXPECT_EQ(progress.finished, 99);
   }
-  EXPECT_EQ(log_.count("xfer_getProgress exception"), 1U);
+  EXPECT_EQ(logError(log_, failure(kXfer, "xfer_getProgress exception")), "");
   EXPECT_EQ(progressOf(id).finished, 0);
   EXPECT_TRUE(xfer_stopDownloadHandle(id));
 }
@@ -195,7 +198,8 @@ TEST_F(Handles, aSlowStopHoldsNobodyUpAndReturnsAfterTheDestruction) {
   SlowDestruction slow([stopped] { EXPECT_TRUE(xfer_stopDownloadHandle(stopped)); });
   EXPECT_EQ(xfer_downloadPause(other), 0);
   EXPECT_EQ(progressOf(stopped).downloaded, 7777U);
-  EXPECT_TRUE(log_.contains("xfer_getProgress | dl_id=" + std::to_string(stopped) + " not found!"));
+  const std::string text = "xfer_getProgress | dl_id=" + std::to_string(stopped) + " not found!";
+  EXPECT_EQ(logError(log_, failure(kXfer, 625, text)), "");
   EXPECT_FALSE(xfer_stopDownloadHandle(stopped));
   EXPECT_TRUE(xfer_stopDownloadHandle(other));
   EXPECT_FALSE(slow.returned());

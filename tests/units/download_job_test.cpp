@@ -18,6 +18,7 @@
 #include "support/census.h"
 #include "support/fake_job_world.h"
 #include "support/gate.h"
+#include "support/log_line.h"
 #include "support/pattern.h"
 #include "support/recording_logger.h"
 #include "support/temp_dir.h"
@@ -104,8 +105,9 @@ class DownloadJobTest : public testing::Test {
   // The records of the job itself, as "level text".
   [[nodiscard]] std::vector<std::string> jobLog(std::uint32_t mostLevel = 4) const {
     std::vector<std::string> lines;
-    for (const support::Record& record : log.records()) {
-      if (record.tag == "DlJob" && record.level <= mostLevel) {
+    for (const support::Record& record : recordsOf(log, support::kJob)) {
+      EXPECT_TRUE(record.file.ends_with("modules/xfer/src/download_job.cpp")) << record.text << " of " << record.file;
+      if (record.level <= mostLevel) {
         lines.push_back(std::to_string(record.level) + " " + record.text);
       }
     }
@@ -286,12 +288,6 @@ TEST_F(DownloadJobTest, unknownSizeIsProbedWithThePolicysTimeOut) {
   EXPECT_EQ(job->snapshot().totalBytes, 30U);
   EXPECT_EQ(jobLog(6), Lines{"6 doStart | probed | size=30 | ranges=1 | type=text/plain"});
   EXPECT_EQ(world.backendPolicies().at(0).numThreads, 2U);
-}
-
-TEST_F(DownloadJobTest, recordsNameTheSourceFile) {
-  startProbed(probed(30, true, 206), 2);
-  ASSERT_TRUE(log.waitFor("doStart | probed"));
-  EXPECT_NE(log.findPrefix("doStart | probed")->file.find("download_job"), std::string::npos);
 }
 
 TEST_F(DownloadJobTest, waitReturnsOnlyAtTheEndForEveryThreadInIt) {
@@ -916,6 +912,7 @@ TEST_F(DownloadJobTest, exceptionFromASubmitAfterATransferFailsTheJob) {
   world.transfers.throwOnSubmit();
   world.transfers.serve(0);
   expectFailed(100000, 0);
+  EXPECT_EQ(jobLog(6), Lines{"3 job exception"});
   EXPECT_EQ(world.transfers.count(BackendCommand::CancelAll), 1U);
   world.transfers.finish(10, 42, 0);
   expectFailed(100000, 0);

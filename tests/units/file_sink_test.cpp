@@ -6,12 +6,17 @@
 #include <limits>
 
 #include "result_codes.h"
+#include "support/log_line.h"
 #include "support/recording_logger.h"
 #include "support/temp_dir.h"
 
 using namespace xfer;
+using support::failure;
+using support::kSink;
 using support::RecordingLogger;
 using support::TempDir;
+using support::trace;
+using support::wholeLogError;
 
 namespace {
 
@@ -34,9 +39,9 @@ TEST(FileSink, writesAtOffsetsIntoAFileOfFullSize) {
   EXPECT_EQ(sink.finalize(10), 0);
   EXPECT_FALSE(sink.isOpen());
   EXPECT_EQ(support::readFile(path), "helloworld");
-  EXPECT_EQ(log.texts(6),
-            (std::vector<std::string>{"open | " + path + " | size=10", "finalize | " + path + " | size=10"}));
-  EXPECT_EQ(log.records().front().tag, "FileSink");
+  EXPECT_EQ(wholeLogError(log.records(), {trace(kSink, "open | " + path + " | size=10"),
+                                          trace(kSink, "finalize | " + path + " | size=10")}),
+            "");
 }
 
 TEST(FileSink, sizeOf0ReservesNothing) {
@@ -45,18 +50,37 @@ TEST(FileSink, sizeOf0ReservesNothing) {
   FileSink sink;
   EXPECT_EQ(sink.open(folder.file("empty"), 0), 0);
   EXPECT_EQ(support::fileSize(folder.file("empty")), 0U);
-  EXPECT_TRUE(log.contains(" | size=0"));
+  EXPECT_EQ(wholeLogError(log.records(), {trace(kSink, "open | " + folder.file("empty") + " | size=0")}), "");
 }
 
-TEST(FileSink, closedSinkRefusesWritesAndFinalize) {
+TEST(FileSink, closedSinkRefusesWritesAndFinalizeWithoutAWord) {
   const TempDir folder;
   FileSink sink;
-  EXPECT_EQ(write(sink, 0, "x"), 100006);
-  EXPECT_EQ(sink.finalize(1), 100006);
+  const auto expectRefusals = [&sink] {
+    const RecordingLogger log;
+    EXPECT_EQ(write(sink, 0, "x"), 100006);
+    EXPECT_EQ(sink.writeAt(0, nullptr, 0), 100006);
+    EXPECT_EQ(sink.finalize(1), 100006);
+    sink.close();
+    EXPECT_EQ(wholeLogError(log.records(), {}), "");
+  };
+  expectRefusals();
   ASSERT_EQ(sink.open(folder.file("f"), 4), 0);
   ASSERT_EQ(sink.finalize(4), 0);
-  EXPECT_EQ(write(sink, 0, "x"), 100006);
-  EXPECT_EQ(sink.finalize(1), 100006);
+  expectRefusals();
+  EXPECT_EQ(support::fileSize(folder.file("f")), 4U);
+}
+
+TEST(FileSink, closeSaysNothingAndLeavesTheFileAsItIs) {
+  const TempDir folder;
+  FileSink sink;
+  ASSERT_EQ(sink.open(folder.file("f"), 4), 0);
+  ASSERT_EQ(write(sink, 0, "ab"), 0);
+  const RecordingLogger log;
+  sink.close();
+  EXPECT_FALSE(sink.isOpen());
+  EXPECT_EQ(support::readFile(folder.file("f")), std::string("ab\0\0", 4));
+  EXPECT_EQ(wholeLogError(log.records(), {}), "");
 }
 
 TEST(FileSink, writeOfNothingIsASuccessThatTouchesNothing) {
@@ -81,13 +105,15 @@ TEST(FileSink, finalizeCutsAndExtends) {
 
 TEST(FileSink, failedTruncationIsLoggedAndStillASuccess) {
   const TempDir folder;
-  const RecordingLogger log(3);
   FileSink sink;
   ASSERT_EQ(sink.open(folder.file("f"), 10), 0);
+  const RecordingLogger log;
   EXPECT_EQ(sink.finalize(std::numeric_limits<std::uint64_t>::max()), 0);
   EXPECT_FALSE(sink.isOpen());
-  ASSERT_EQ(log.texts().size(), 1U);
-  EXPECT_TRUE(log.texts()[0].starts_with("finalize | truncate failed | err=")) << log.texts()[0];
+  EXPECT_EQ(
+      wholeLogError(log.records(), {failure(kSink, "finalize | truncate failed | err=#"),
+                                    trace(kSink, "finalize | " + folder.file("f") + " | size=18446744073709551615")}),
+      "");
 }
 
 TEST(FileSink, failedWriteIsRememberedAndNotCounted) {
@@ -100,7 +126,8 @@ TEST(FileSink, failedWriteIsRememberedAndNotCounted) {
   EXPECT_EQ(write(sink, beyond, "abc"), -1);
   EXPECT_TRUE(sink.writeFailed());
   EXPECT_EQ(sink.bytesWritten(), 0U);
-  EXPECT_TRUE(log.contains("writeAt | WriteFile failed | offset=" + std::to_string(beyond) + " | err="));
+  const std::string text = "writeAt | WriteFile failed | offset=" + std::to_string(beyond) + " | err=#";
+  EXPECT_EQ(wholeLogError(log.records(), {failure(kSink, text)}), "");
   EXPECT_EQ(sink.finalize(10), 0);
   ASSERT_EQ(sink.open(folder.file("f"), 10), 0);
   EXPECT_FALSE(sink.writeFailed());
@@ -108,22 +135,24 @@ TEST(FileSink, failedWriteIsRememberedAndNotCounted) {
 
 TEST(FileSink, fileThatCannotBeCreatedGives100004) {
   const TempDir folder;
-  const RecordingLogger log(3);
+  const RecordingLogger log;
   FileSink sink;
   const std::string path = folder.file("missing") + "/f";
   EXPECT_EQ(sink.open(path, 10), 100004);
   EXPECT_FALSE(sink.isOpen());
-  EXPECT_TRUE(log.contains("open | CreateFile failed | path=" + path + " | err="));
   EXPECT_EQ(sink.open("", 10), 100004);
+  EXPECT_EQ(wholeLogError(log.records(), {failure(kSink, "open | CreateFile failed | path=" + path + " | err=#"),
+                                          failure(kSink, "open | CreateFile failed | path= | err=#")}),
+            "");
 }
 
 TEST(FileSink, sizeThatNoDiskHasGives100024AndAClosedSink) {
   const TempDir folder;
-  const RecordingLogger log(3);
+  const RecordingLogger log;
   FileSink sink;
   EXPECT_EQ(sink.open(folder.file("huge"), std::numeric_limits<std::uint64_t>::max()), 100024);
   EXPECT_FALSE(sink.isOpen());
-  EXPECT_TRUE(log.contains("open | SetFilePointerEx failed | err="));
+  EXPECT_EQ(wholeLogError(log.records(), {failure(kSink, "open | SetFilePointerEx failed | err=#")}), "");
 }
 
 TEST(FileSink, pathsAreUtf8) {
@@ -166,6 +195,23 @@ TEST(FileSink, fileIsFreeAgainOnceItsSinkIsClosed) {
   expectFree("finalize");
   ASSERT_EQ(sink.open(folder.file("f"), std::numeric_limits<std::uint64_t>::max()), 100024);
   expectFree("a size that cannot be reserved");
+}
+
+TEST(FileSink, countsTheBytesOfItsLatestFileAlone) {
+  const TempDir folder;
+  FileSink sink;
+  ASSERT_EQ(sink.open(folder.file("f"), 4), 0);
+  ASSERT_EQ(write(sink, 0, "abcd"), 0);
+  ASSERT_EQ(write(sink, 2, "cd"), 0);
+  EXPECT_EQ(sink.bytesWritten(), 6U) << "what is written again counts again";
+  ASSERT_EQ(sink.finalize(4), 0);
+  EXPECT_EQ(sink.bytesWritten(), 6U);
+  ASSERT_EQ(sink.open(folder.file("f"), 4), 0);
+  EXPECT_EQ(sink.bytesWritten(), 0U);
+  ASSERT_EQ(write(sink, 0, "a"), 0);
+  sink.close();
+  EXPECT_EQ(sink.open(folder.file("missing") + "/f", 4), 100004);
+  EXPECT_EQ(sink.bytesWritten(), 0U) << "also when it cannot be opened";
 }
 
 TEST(FileSink, openReplacesTheOldContent) {

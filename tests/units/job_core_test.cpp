@@ -9,11 +9,15 @@
 
 #include "result_codes.h"
 #include "retry_policy.h"
+#include "support/log_line.h"
+#include "support/recording_logger.h"
 
 using namespace xfer;
 
 namespace {
 
+using support::failure;
+using support::kJob;
 using FlightPtr = JobCore::FlightPtr;
 using SizeFrom = JobCore::SizeFrom;
 using Action = Placement::Action;
@@ -467,8 +471,12 @@ TEST_F(JobCoreTest, wholeFileThatEndsElsewhereThanWasProbedIsNotMixedWithRanges)
   head.status = 200;
   head.transferEncoding = true;
   EXPECT_FALSE(answer(flight, head).end);
+  const support::RecordingLogger log;
   core.ended(flight, {CURLE_OK, 200, 5});
   EXPECT_EQ(core.errorCode(), CURLE_RANGE_ERROR);
+  EXPECT_EQ(wholeLogError(log.records(), {failure(kJob, "onTransferDone | size of the remote file changed | end=15"),
+                                          failure(kJob, "fatal | range=10 | err=33 | http=200")}),
+            "");
 }
 
 // ---- Doubts ----
@@ -526,6 +534,7 @@ TEST_F(JobCoreDoubtTest, isNotSettledByAnAnswerOfTheOldVersion) {
 TEST_F(JobCoreDoubtTest, isDroppedWhenTheNewVersionIsNotSeenAgain) {
   raiseDoubt();
   constexpr int kMost = 16;
+  const support::RecordingLogger log;
   for (int old = 0; old < kMost; ++old) {
     const FlightPtr sample = core.next();
     ASSERT_TRUE(sample->sample) << old;
@@ -533,6 +542,10 @@ TEST_F(JobCoreDoubtTest, isDroppedWhenTheNewVersionIsNotSeenAgain) {
     ASSERT_TRUE(core.ended(sample, {CURLE_ABORTED_BY_CALLBACK, kPartial, 0}).refill);
   }
   EXPECT_FALSE(core.next()->sample);
+  EXPECT_EQ(
+      wholeLogError(log.records(),
+                    {support::recovery(kJob, "onHead | changed validator was not seen again, going on | range=0")}),
+      "");
 }
 
 TEST_F(JobCoreDoubtTest, failsTheJobWhenTheSampleIsOfAThirdVersion) {
@@ -575,6 +588,22 @@ TEST_F(JobCoreDoubtTest, isDroppedWhenNothingThatItIsAboutWasDelivered) {
   const FlightPtr next = core.next();
   EXPECT_FALSE(next->sample) << "nothing that was delivered is in doubt";
   EXPECT_EQ(next->asked, (ByteRange{10, 20}));
+}
+
+TEST_F(JobCoreDoubtTest, failsTheJobWhenNothingIsKnownOfWhatWasDelivered) {
+  start(30);
+  const FlightPtr first = core.next();
+  answer(first, rangeHead(0, 10, 30, "a"));
+  core.ended(first, {CURLE_OK, kPartial, 10});  // its bytes went past the hasher
+  const FlightPtr second = core.next();
+  ASSERT_EQ(answer(second, rangeHead(10, 20, 30, "b")).action, Action::Stop);
+  const support::RecordingLogger log;
+  core.ended(second, {CURLE_ABORTED_BY_CALLBACK, kPartial, 0});
+  EXPECT_EQ(core.errorCode(), CURLE_RANGE_ERROR);
+  EXPECT_EQ(core.httpStatus(), 0);
+  EXPECT_EQ(wholeLogError(log.records(),
+                          {failure(kJob, "onHead | remote file changed, and nothing is known to compare it with")}),
+            "");
 }
 
 TEST_F(JobCoreDoubtTest, isDroppedWhenTheFileIsWholeWithoutTheAnswerInDoubt) {

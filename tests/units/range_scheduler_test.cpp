@@ -6,10 +6,16 @@
 #include <set>
 #include <thread>
 
+#include "support/log_line.h"
 #include "support/recording_logger.h"
 
 using namespace xfer;
+using support::failure;
+using support::kRanges;
 using support::RecordingLogger;
+using support::recovery;
+using support::trace;
+using support::wholeLogError;
 
 namespace {
 
@@ -39,12 +45,12 @@ std::vector<std::uint64_t> lengths(std::uint64_t total, const DownloadPolicy& po
 TEST(RangeScheduler, emptyFileIsOneRangeThatCompletesWithoutARecord) {
   const RecordingLogger log;
   RangeScheduler ranges(0, {});
-  EXPECT_FALSE(log.contains("buildRanges"));
   EXPECT_EQ(ranges.rangeCount(), 1U);
   EXPECT_FALSE(ranges.allDone());
   EXPECT_EQ(ranges.nextPending(), (ByteRange{0, 0}));
   ranges.complete(0);
   EXPECT_TRUE(ranges.allDone());
+  EXPECT_EQ(wholeLogError(log.records(), {}), "");
 }
 
 TEST(RangeScheduler, fileSmallerThanTheFirstChunkIsOneRange) {
@@ -57,12 +63,9 @@ TEST(RangeScheduler, chunksGrowUpToTheMaximum) {
   const RecordingLogger log;
   EXPECT_EQ(lengths(100 * kMiB, policy), (std::vector<std::uint64_t>{1 * kMiB, 4 * kMiB, 16 * kMiB, 16 * kMiB,
                                                                      16 * kMiB, 16 * kMiB, 16 * kMiB, 15 * kMiB}));
-  const auto record = log.findPrefix("buildRanges");
-  ASSERT_TRUE(record);
-  EXPECT_EQ(record->text,
-            "buildRanges | total=104857600 | chunks=8 | max_chunk=16777216 | first=1048576 | last=15728640");
-  EXPECT_EQ(record->level, 6U);
-  EXPECT_EQ(record->tag, "RangeSched");
+  const char* const text =
+      "buildRanges | total=104857600 | chunks=8 | max_chunk=16777216 | first=1048576 | last=15728640";
+  EXPECT_EQ(wholeLogError(log.records(), {trace(kRanges, text)}), "");
 }
 
 TEST(RangeScheduler, shareOfAConnectionLowersTheMaximum) {
@@ -70,7 +73,10 @@ TEST(RangeScheduler, shareOfAConnectionLowersTheMaximum) {
   policy.numThreads = 8;
   std::vector<std::uint64_t> expected{1 * kMiB, 4 * kMiB};
   expected.insert(expected.end(), 7, 5 * kMiB);
+  const RecordingLogger log;
   EXPECT_EQ(lengths(40 * kMiB, policy), expected);
+  const char* const text = "buildRanges | total=41943040 | chunks=9 | max_chunk=5242880 | first=1048576 | last=5242880";
+  EXPECT_EQ(wholeLogError(log.records(), {trace(kRanges, text)}), "") << "the lowered maximum";
 }
 
 TEST(RangeScheduler, shareEqualToTheFirstChunkLeavesTheMaximum) {
@@ -107,16 +113,19 @@ TEST(RangeScheduler, secondCompleteIsLoggedAndCountsNothing) {
   EXPECT_EQ(ranges.completedBytes(), 10U);
   ranges.complete(0);
   EXPECT_EQ(ranges.completedBytes(), 10U);
-  EXPECT_EQ(log.texts(3), std::vector<std::string>{"complete | range_start=0 not found as Active"});
+  EXPECT_EQ(wholeLogError(log.records(), {failure(kRanges, "complete | range_start=0 not found as Active")}), "");
 }
 
 TEST(RangeScheduler, failOfADoneRangeIsLoggedAndLeavesItDone) {
-  const RecordingLogger log;
   RangeScheduler ranges(10, fixedChunks(10));
+  const RecordingLogger log;
   ranges.nextPending();
   ranges.complete(0);
   ranges.fail(0);
-  EXPECT_TRUE(log.contains("fail | range_start=0 not found as Active"));
+  ranges.fail(5);
+  EXPECT_EQ(wholeLogError(log.records(), {failure(kRanges, "fail | range_start=0 not found as Active"),
+                                          failure(kRanges, "fail | range_start=5 not found as Active")}),
+            "");
   EXPECT_TRUE(ranges.allDone());
 }
 
@@ -125,7 +134,9 @@ TEST(RangeScheduler, completeOfAPendingOrUnknownRangeChangesNothing) {
   RangeScheduler ranges(30, fixedChunks(10));
   ranges.complete(10);
   ranges.complete(7);
-  EXPECT_EQ(log.texts().size(), 2U);
+  EXPECT_EQ(wholeLogError(log.records(), {failure(kRanges, "complete | range_start=10 not found as Active"),
+                                          failure(kRanges, "complete | range_start=7 not found as Active")}),
+            "");
   EXPECT_EQ(ranges.nextPending(), (ByteRange{0, 10}));
   EXPECT_EQ(ranges.nextPending(), (ByteRange{10, 20}));
 }
@@ -137,7 +148,7 @@ TEST(RangeScheduler, requeuedRangeGoesOutBeforeNeverStartedOnes) {
   ASSERT_EQ(ranges.nextPending(), (ByteRange{0, 10}));
   ASSERT_EQ(ranges.nextPending(), (ByteRange{10, 20}));
   ranges.fail(0);
-  EXPECT_EQ(log.texts(4), std::vector<std::string>{"fail | re-queued range start=0"});
+  EXPECT_EQ(wholeLogError(log.records(), {recovery(kRanges, "fail | re-queued range start=0")}), "");
   EXPECT_EQ(ranges.nextPending(), (ByteRange{0, 10}));
   EXPECT_EQ(ranges.nextPending(), (ByteRange{20, 30}));
   EXPECT_EQ(ranges.nextPending(), std::nullopt);

@@ -122,6 +122,28 @@ TEST(MediaType, hasACodeForEachKnownType) {
   EXPECT_EQ(mediaTypeFromHeaders("short"), 0);
 }
 
+// Hosts rely on the order too.
+TEST(MediaType, thatNamesSeveralHasTheCodeOfTheFirstInTheTablesOrder) {
+  const std::vector<std::pair<std::string, int>> order{
+      {"video/mpeg", 5}, {"video/mp4", 1}, {"video/x-flv", 2}, {"video/webm", 4},
+      {"video/ogg", 6},  {"video/3gp", 3}, {"image/jpeg", 12}, {"application/octet-stream", 7},
+      {"audio/mpeg", 11}};
+  for (std::size_t first = 0; first < order.size(); ++first) {
+    for (std::size_t second = first; second < order.size(); ++second) {
+      const std::string value = order[second].first + "+" + order[first].first;
+      EXPECT_EQ(mediaTypeFromHeaders("Content-Type: " + value), order[first].second) << value;
+    }
+  }
+}
+
+TEST(MediaType, endsWithItsLineOrItsParameters) {
+  EXPECT_EQ(mediaTypeFromHeaders("Content-Type: text/html; video/mp4\r\n"), 0);
+  EXPECT_EQ(mediaTypeFromHeaders("Content-Type: text/html\r\nX: video/mp4\r\n"), 0);
+  EXPECT_EQ(mediaTypeFromHeaders("Content-Type: text/html\nvideo/mp4\r\n"), 0);
+  EXPECT_EQ(mediaTypeFromHeaders("X-Content-Type:   video/mp4"), 1) << "anywhere in the text";
+  EXPECT_EQ(mediaTypeFromHeaders("Content-Type:"), 0);
+}
+
 TEST(MediaType, ofTheFirstResponseWinsAfterARedirect) {
   EXPECT_EQ(mediaTypeFromHeaders("HTTP/1.1 302 Found\r\nContent-Type: text/html\r\n\r\nContent-Type: video/mp4\r\n"),
             0);

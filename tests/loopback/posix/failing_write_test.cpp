@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -9,6 +10,7 @@
 
 #include "support/gate.h"
 #include "support/job_run.h"
+#include "support/log_line.h"
 #include "support/pattern.h"
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
@@ -18,7 +20,10 @@
 namespace {
 
 using support::chunksOf;
+using support::failure;
 using support::Gate;
+using support::kJob;
+using support::kSink;
 using support::range206;
 using support::ReceivedRequest;
 using support::Reply;
@@ -80,13 +85,9 @@ TEST(FailingWrite, endsTheJobFailedAndStopsItsOtherTransfers) {
     EXPECT_TRUE(waitUntil([&] { return server.concurrentRequests() == 0; }, std::chrono::milliseconds(5000)))
         << "the stalled transfer is ended too";
   }
-  const auto failed = log.findPrefix("onTransferDone | finalize failed");
-  ASSERT_TRUE(failed);
-  EXPECT_EQ(failed->text, "onTransferDone | finalize failed | err=-1");
-  EXPECT_EQ(failed->level, 3U);
-  EXPECT_EQ(failed->tag, "DlJob");
-  EXPECT_EQ(log.count("finalize failed"), 1U);
-  EXPECT_TRUE(log.contains("writeAt | WriteFile failed | offset="));
+  EXPECT_EQ(wholeLogError(recordsOf(log, kJob), {failure(kJob, "onTransferDone | finalize failed | err=-1")}), "");
+  const std::string refused = "writeAt | WriteFile failed | offset=# | err=" + std::to_string(EFBIG);
+  EXPECT_EQ(support::wholeLogError({recordsUpTo(log, 3).front()}, {failure(kSink, refused)}), "");
   EXPECT_EQ(server.requests().size(), 3U) << "nothing is asked for afterwards";
 }
 

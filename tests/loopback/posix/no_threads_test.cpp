@@ -8,14 +8,17 @@
 #include <cerrno>
 #include <cstdint>
 #include <string>
+#include <system_error>
 
 #include "support/census.h"
+#include "support/log_line.h"
 #include "support/pattern.h"
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
 #include "support/temp_dir.h"
 #include "support/wait_until.h"
 #include "sys/data_buff.h"
+#include "xfer/download_job.h"
 #include "xfer/xfer.h"
 
 namespace {
@@ -36,6 +39,10 @@ extern "C" [[gnu::visibility("default")]] int pthread_create(pthread_t* thread, 
 }
 
 namespace {
+
+using support::failure;
+using support::kXfer;
+using support::trace;
 
 constexpr std::uint64_t kSize = 1000;
 constexpr std::uint64_t kUntouched = 4242;
@@ -110,14 +117,14 @@ class NoThreads : public testing::Test {
   const std::string path_ = folder_.file("out");
 
  protected:
-  const support::RecordingLogger log_{3};
+  const support::RecordingLogger log_;
   support::ScriptedServer server_{support::patternFile(kSize)};
 };
 
 TEST_F(NoThreads, aFileDownloadThatCannotAskForTheSizeEndsWith100000) {
   const std::uint64_t id = startWithoutThreads(0);
   expectFailedStart(id);
-  EXPECT_EQ(log_.count("xfer_downloadFile exception"), 1U);
+  EXPECT_EQ(logError(log_, failure(kXfer, "xfer_downloadFile exception")), "");
   expectNextWorks(id, 0);
 }
 
@@ -125,6 +132,45 @@ TEST_F(NoThreads, aFileDownloadThatCannotTransferEndsWith100000) {
   const std::uint64_t id = startWithoutThreads(kSize);
   expectFailedStart(id);
   expectNextWorks(id, kSize);
+}
+
+TEST_F(NoThreads, aJobThatCannotAskForTheSizeSaysSoAndCanBeStartedLater) {
+  const support::TempDir folder;
+  xfer::DownloadRequest request;
+  request.url = server_.url("/file");
+  request.path = folder.file("job");
+  xfer::DownloadJob job(request, {});
+  {
+    const RefusedThreads refused;
+    try {
+      job.start();
+      FAIL() << "it has no thread";
+    } catch (const std::system_error& error) {
+      EXPECT_EQ(error.code(), std::errc::resource_unavailable_try_again);
+    }
+  }
+  EXPECT_EQ(g_refused, 1);
+  EXPECT_EQ(job.snapshot().state, xfer::JobState::Idle);
+  EXPECT_EQ(wholeLogError(log_.records(), {}), "");
+  job.start();
+  job.wait();
+  EXPECT_EQ(job.snapshot().state, xfer::JobState::Completed);
+}
+
+TEST_F(NoThreads, aJobThatCannotTransferFailsInItsStart) {
+  const support::TempDir folder;
+  xfer::DownloadRequest request;
+  request.url = server_.url("/file");
+  request.path = folder.file("job");
+  request.knownSize = kSize;
+  xfer::DownloadJob job(request, {});
+  {
+    const RefusedThreads refused;
+    EXPECT_NO_THROW(job.start());
+  }
+  EXPECT_EQ(job.snapshot().state, xfer::JobState::Failed);
+  EXPECT_EQ(job.snapshot().errorCode, 100000);
+  EXPECT_EQ(wholeLogError(recordsUpTo(log_, 4), {failure(support::kJob, "job exception")}), "");
 }
 
 TEST_F(NoThreads, aRequestInTheBackgroundDoesNotStart) {
@@ -135,7 +181,10 @@ TEST_F(NoThreads, aRequestInTheBackgroundDoesNotStart) {
   }
   EXPECT_EQ(g_refused, 1);
   EXPECT_EQ(id, kUntouched);
-  EXPECT_EQ(log_.count("xfer_downloadAsync exception"), 1U);
+  EXPECT_EQ(wholeLogError(log_.records(), {trace(kXfer, 434, "--> xfer_downloadAsync | " + server_.url("/")),
+                                           failure(kXfer, 457, "xfer_downloadAsync exception"),
+                                           trace(kXfer, 461, "<-- xfer_downloadAsync")}),
+            "");
   EXPECT_TRUE(server_.requests().empty());
   ASSERT_EQ(xfer_downloadAsync(server_.url("/").c_str(), &id, nullptr, nullptr, nullptr, nullptr), 0);
   sys::DataBuff headers;

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "file_sink.h"
+#include "support/log_line.h"
 #include "support/recording_logger.h"
 #include "support/temp_dir.h"
 
@@ -160,7 +161,7 @@ TEST(OneWriter, isWaitedForUpToASecondAndThenNamedInOneLine) {
   });
   EXPECT_EQ(second.open(path, 5), kNotCreated);
   EXPECT_EQ(waited, milliseconds(1000));
-  EXPECT_EQ(log.texts(), std::vector<std::string>{refusal(path)});
+  EXPECT_EQ(support::wholeLogError(log.records(), {support::failure(support::kSink, refusal(path))}), "");
   EXPECT_EQ(support::readFile(path), "first");
   EXPECT_EQ(descriptorsOf(path).size(), 1U) << "the first one's";
 }
@@ -198,7 +199,7 @@ TEST(OneWriter, inAnotherProcessExcludesThisOneUntilItLetsGo) {
   ASSERT_TRUE(writing.read());
   const support::RecordingLogger log(3);
   EXPECT_EQ(openOnce(path), kNotCreated);
-  EXPECT_EQ(log.texts(), std::vector<std::string>{refusal(path)});
+  EXPECT_EQ(support::wholeLogError(log.records(), {support::failure(support::kSink, refusal(path))}), "");
   EXPECT_EQ(support::readFile(path), "other");
   enough.closeWriting();
   EXPECT_EQ(other.wait(), 0);
@@ -264,7 +265,7 @@ TEST(OneWriter, ofAPathThatIsReplacedAgainAndAgainGivesUp) {
   });
   const support::RecordingLogger log(3);
   EXPECT_EQ(openOnce(path), kNotCreated);
-  EXPECT_EQ(log.texts(), std::vector<std::string>{refusal(path)});
+  EXPECT_EQ(support::wholeLogError(log.records(), {support::failure(support::kSink, refusal(path))}), "");
   EXPECT_EQ(support::readFile(path), "new");
 }
 
