@@ -332,13 +332,13 @@ TEST(Async, idIsUnknownToASecondCollectorWhileTheFirstOneWaits) {
   ASSERT_TRUE(server.waitForRequests(1));
   std::atomic<int> firsts{0};
   std::atomic<int> others{0};
-  std::vector<std::thread> collectors;
-  for (int i = 0; i < 2; ++i) {
-    collectors.emplace_back([&] { ++(collect(id).code == 0 ? firsts : others); });
-  }
+  const auto collectOnce = [&] { ++(collect(id).code == 0 ? firsts : others); };
+  std::thread one(collectOnce);
+  std::thread another(collectOnce);
   EXPECT_TRUE(waitUntil([&] { return others == 1; })) << "before the request has ended";
   gate.open();
-  for (std::thread& collector : collectors) collector.join();
+  one.join();
+  another.join();
   EXPECT_EQ(firsts, 1);
 }
 

@@ -100,7 +100,6 @@ using support::kBackend;
 using support::kFetch;
 using support::kJob;
 using support::kXfer;
-using support::logError;
 using support::LogLine;
 using support::trace;
 using support::waitUntil;

@@ -27,7 +27,7 @@ std::vector<Request> g_requests;
 
 CountedResponse answer(const Request& request) {
   g_requests.push_back(request);
-  const CountedResponse next = g_answers.front();
+  CountedResponse next = g_answers.front();
   if (g_answers.size() > 1) g_answers.pop_front();
   return next;
 }

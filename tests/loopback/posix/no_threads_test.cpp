@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "support/census.h"
+#include "support/job_run.h"
 #include "support/log_line.h"
 #include "support/pattern.h"
 #include "support/recording_logger.h"
@@ -152,9 +153,7 @@ TEST_F(NoThreads, aJobThatCannotAskForTheSizeSaysSoAndCanBeStartedLater) {
   EXPECT_EQ(g_refused, 1);
   EXPECT_EQ(job.snapshot().state, xfer::JobState::Idle);
   EXPECT_EQ(wholeLogError(log_.records(), {}), "");
-  job.start();
-  job.wait();
-  EXPECT_EQ(job.snapshot().state, xfer::JobState::Completed);
+  EXPECT_EQ(support::run(job).state, xfer::JobState::Completed);
 }
 
 TEST_F(NoThreads, aJobThatCannotTransferFailsInItsStart) {
