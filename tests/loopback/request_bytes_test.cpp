@@ -65,6 +65,17 @@ TEST_F(RequestBytes, ofAFetchWithEverything) {
                             "Content-Length: 16\r\nContent-Type: application/x-www-form-urlencoded\r\n\r\n" + body);
 }
 
+// libcurl by itself would ask whether it may send so much.
+TEST_F(RequestBytes, ofALargePostWaitForNoPermission) {
+  xfer::Request request;
+  request.url = url();
+  request.body = std::string(2 << 20, 'x');
+  EXPECT_EQ(xfer::fetch(request).curlCode, 0);
+  EXPECT_EQ(bytesOf(0), firstLines("POST") + kDefaultLines +
+                            "Content-Length: 2097152\r\nContent-Type: application/x-www-form-urlencoded\r\n\r\n" +
+                            request.body);
+}
+
 TEST_F(RequestBytes, ofADownloadIntoMemory) {
   sys::DataBuff headers;
   sys::DataBuff body;
