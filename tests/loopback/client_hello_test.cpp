@@ -114,7 +114,7 @@ void expectSuitesAndVersions(const Hello& hello) {
   const std::vector<std::uint16_t> suites{
       0x1301, 0x1302, 0x1303,                           // TLS 1.3
       0xC02B, 0xC02F, 0xC02C, 0xC030, 0xCCA9, 0xCCA8,   // ephemeral keys, authenticated encryption
-      0xC013, 0xC014, 0x009C, 0x009D, 0x002F, 0x0035};  // no suite: secure renegotiation
+      0xC013, 0xC014, 0x009C, 0x009D, 0x002F, 0x0035};  // older servers
   constexpr std::uint16_t kRenegotiation = 0x00FF;      // no suite: some say this way what others say in an extension
   std::vector<std::uint16_t> offered = hello.ciphers;
   std::erase(offered, kRenegotiation);
