@@ -461,6 +461,7 @@ TEST(RemoteFileInfo, fieldsTellEachItsOwn) {
     if (request.path() == "/gone") return status(410, "page", {"Content-Type: text/gone"});
     return range206(request, 4321, {.contentType = "text/of-type; charset=x"});
   });
+  const support::RecordingLogger log;
   const xfer::RemoteFileInfo there = xfer::probeRemoteFile(server.url("/"), {}, "", 10);
   EXPECT_EQ(there.size, 4321U);
   EXPECT_TRUE(there.acceptRanges);
@@ -470,6 +471,7 @@ TEST(RemoteFileInfo, fieldsTellEachItsOwn) {
   const xfer::RemoteFileInfo gone = xfer::probeRemoteFile(server.url("/gone"), {}, "", 10);
   EXPECT_EQ(gone.error, 410);
   EXPECT_FALSE(gone.acceptRanges);
+  EXPECT_TRUE(log.texts().empty()) << "nothing is logged about it";
 }
 
 // ---- Downloads into files ----
