@@ -58,11 +58,22 @@ TEST_F(RequestBytes, ofAFetchWithEverything) {
   request.url = url();
   request.headers = {"X-First: 1", "X-Second: 2"};
   request.cookie = "a=b; c=d";
-  request.body = "key=value&other=";
+  const std::string body("key=value\0other=", 16);
+  request.body = body;
   EXPECT_EQ(xfer::fetch(request).curlCode, 0);
   EXPECT_EQ(bytesOf(0), firstLines("POST") + "Cookie: a=b; c=d\r\nX-First: 1\r\nX-Second: 2\r\n" + kDefaultLines +
-                            "Content-Length: 16\r\nContent-Type: application/x-www-form-urlencoded\r\n\r\n" +
-                            "key=value&other=");
+                            "Content-Length: 16\r\nContent-Type: application/x-www-form-urlencoded\r\n\r\n" + body);
+}
+
+// libcurl by itself would ask whether it may send so much.
+TEST_F(RequestBytes, ofALargePostWaitForNoPermission) {
+  xfer::Request request;
+  request.url = url();
+  request.body = std::string(2 << 20, 'x');
+  EXPECT_EQ(xfer::fetch(request).curlCode, 0);
+  EXPECT_EQ(bytesOf(0), firstLines("POST") + kDefaultLines +
+                            "Content-Length: 2097152\r\nContent-Type: application/x-www-form-urlencoded\r\n\r\n" +
+                            request.body);
 }
 
 TEST_F(RequestBytes, ofADownloadIntoMemory) {

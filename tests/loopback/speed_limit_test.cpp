@@ -31,7 +31,7 @@ class JobSpeedLimit : public testing::TestWithParam<Limit> {};
 
 TEST_P(JobSpeedLimit, isHeldFromTheStartOn) {
   const Limit& limit = GetParam();
-  const std::uint64_t size = limit.connections * 2 * limit.enough;  // every connection has enough to do
+  const std::uint64_t size = 2 * limit.enough * limit.connections;  // every connection has enough to do
   const support::ScriptedServer server(support::patternFile(size));
   const support::TempDir folder;
   xfer::DownloadPolicy policy = support::chunksOf(2 * limit.enough, limit.connections);

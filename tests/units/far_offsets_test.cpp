@@ -81,17 +81,20 @@ TEST(FarOffsets, sinkOpensWritesAndFinalizesThere) {
 // ---- Ranges ----
 
 TEST(FarOffsets, schedulerCutsHandsOutAndCompletesRangesThere) {
-  constexpr std::uint64_t kTotal = 10 * kGiB + 1;
-  xfer::RangeScheduler ranges(kTotal, chunks(3 * kGiB, 1));
-  const std::vector<ByteRange> expected{{0, 3 * kGiB}, {3 * kGiB, 6 * kGiB}, {6 * kGiB, 9 * kGiB}, {9 * kGiB, kTotal}};
+  constexpr std::uint64_t kTotal = 16 * kGiB + 1;
+  xfer::RangeScheduler ranges(kTotal, chunks(5 * kGiB, 1));
+  const std::vector<ByteRange> expected{
+      {0, 5 * kGiB}, {5 * kGiB, 10 * kGiB}, {10 * kGiB, 15 * kGiB}, {15 * kGiB, kTotal}};
   for (const ByteRange& range : expected) EXPECT_EQ(ranges.nextPending(), range);
   EXPECT_EQ(ranges.nextPending(), std::nullopt);
-  ranges.fail(6 * kGiB);
+  ranges.fail(10 * kGiB);
   EXPECT_EQ(ranges.nextPending(), expected[2]);
-  EXPECT_EQ(ranges.endOf(9 * kGiB), kTotal);
-  ranges.complete(9 * kGiB);
-  EXPECT_EQ(ranges.openEnd(), 9 * kGiB);
+  EXPECT_EQ(ranges.endOf(15 * kGiB), kTotal);
+  ranges.complete(15 * kGiB);
+  EXPECT_EQ(ranges.openEnd(), 15 * kGiB);
   EXPECT_EQ(ranges.completedBytes(), kGiB + 1);
+  ranges.complete(10 * kGiB);
+  EXPECT_EQ(ranges.completedBytes(), 6 * kGiB + 1);
   ranges.completeFrom(0);
   EXPECT_EQ(ranges.completedBytes(), kTotal);
   EXPECT_TRUE(ranges.allDone());
