@@ -123,7 +123,9 @@ std::vector<RecordedHandle> copy(std::vector<RecordedHandle> Records::*handles) 
 }  // namespace
 
 std::vector<RecordedHandle> easyHandles() {
-  return copy(&Records::easy);
+  std::vector<RecordedHandle> handles = copy(&Records::easy);
+  std::erase_if(handles, [](const RecordedHandle& recorded) { return recorded.options.empty(); });
+  return handles;
 }
 
 std::vector<RecordedHandle> multiHandles() {
