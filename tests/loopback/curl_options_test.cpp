@@ -474,7 +474,7 @@ class CurlOptions : public testing::TestWithParam<Row> {
 TEST_P(CurlOptions, areTheseAndNoOthers) {
   const Row& row = GetParam();
   const support::Handler file = support::patternFile(kFileBytes);
-  const auto redirectsTo = [](std::string url) {
+  const auto redirectsTo = [](const std::string& url) {
     return [url](const ReceivedRequest& /*request*/) { return support::redirect(302, url); };
   };
   server_.setHandler(support::routes({{kFile, file},
