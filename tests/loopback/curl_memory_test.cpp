@@ -31,8 +31,10 @@ namespace {
 // ---- libcurl's allocator ----
 
 enum class Failing { One, AllLater };
+enum class From { TheStart, TheRequest };
 
 std::atomic<bool> g_counting{false};
+std::atomic<bool> g_countingFromRequest{false};
 std::atomic<Failing> g_failing{Failing::One};
 std::atomic<int> g_successesLeft{0};
 std::atomic<int> g_refused{0};
@@ -69,16 +71,19 @@ const CURLcode kInitialised =
     curl_global_init_mem(CURL_GLOBAL_ALL, allocate, std::free, reallocate, duplicate, allocateCleared);
 
 // While it lives, libcurl's nth allocation from its construction on fails (1 is the next one), alone or with all later
-// ones, on whatever thread.
+// ones, on whatever thread; or the nth after the next request for the file.
 class FailingAllocation {
  public:
-  FailingAllocation(int nth, Failing failing) {
+  FailingAllocation(int nth, Failing failing, From from = From::TheStart) {
     g_refused = 0;
     g_successesLeft = nth - 1;
     g_failing = failing;
-    g_counting = true;
+    (from == From::TheStart ? g_counting : g_countingFromRequest) = true;
   }
-  ~FailingAllocation() { g_counting = false; }
+  ~FailingAllocation() {
+    g_countingFromRequest = false;
+    g_counting = false;
+  }
   FailingAllocation(const FailingAllocation&) = delete;
   FailingAllocation& operator=(const FailingAllocation&) = delete;
 };
@@ -150,7 +155,7 @@ class CurlMemory : public testing::TestWithParam<Failing> {
 
   // Runs the operation with all memory, and then with the first, the second, ... allocation of libcurl failing, until
   // it meets no failure.  It has to assert itself that a success is a right one.
-  void failEach(const Operation& operation) {
+  void failEach(const Operation& operation, From from = From::TheStart) {
     ASSERT_EQ(operation(), Succeeded::Yes);
     for (Endpoint* const endpoint : endpoints()) endpoint->learn();
     int nth = 1;
@@ -159,7 +164,7 @@ class CurlMemory : public testing::TestWithParam<Failing> {
       const testing::ScopedTrace trace(__FILE__, __LINE__, "allocation " + std::to_string(nth));
       Succeeded succeeded = Succeeded::No;
       {
-        const FailingAllocation failing(nth, GetParam());
+        const FailingAllocation failing(nth, GetParam(), from);
         succeeded = operation();
       }
       for (Endpoint* const endpoint : endpoints()) endpoint->expectOnlyKnownRequests();
@@ -247,6 +252,7 @@ class CurlMemory : public testing::TestWithParam<Failing> {
   // The file never comes on a connection that has a use later.
   static Reply answer(const ReceivedRequest& request) {
     if (request.target == "/moved") return support::redirect(302, "/file");
+    if (g_countingFromRequest) g_counting = true;
     return support::patternFile(kBytes, {.headers = {"Connection: close"}})(request).close();
   }
 
@@ -401,12 +407,12 @@ INSTANTIATE_TEST_SUITE_P(Failing, CurlMemoryOfARequest, testing::Values(Failing:
 class CurlMemoryOfADownload : public CurlMemory {
  protected:
   // Retries wait for nothing.
-  static Succeeded download(const xfer::DownloadRequest& request, std::uint16_t connections,
+  static Succeeded download(const xfer::DownloadRequest& request, const xfer::DownloadPolicy& policy,
                             std::set<std::int32_t> failuresToo = {}) {
     failuresToo.insert(kAborted);
     xfer::JobEnvironment environment = xfer::realJobEnvironment();
     environment.waitForRetry = [](std::uint64_t /*delayMs*/, xfer::StopSignal& /*stop*/) {};
-    xfer::DownloadJob::Impl job(request, support::chunksOf(kBytes / 2, connections), environment);
+    xfer::DownloadJob::Impl job(request, policy, environment);
     const xfer::DownloadSnapshot end = support::run(job);
     if (end.state != xfer::JobState::Completed) {
       EXPECT_EQ(end.state, xfer::JobState::Failed);
@@ -454,29 +460,29 @@ class CurlMemoryOfADownload : public CurlMemory {
 };
 
 TEST_P(CurlMemoryOfADownload, overOneConnection) {
-  failEach([&] { return download(requestFor(fileUrl(), kBytes), 1); });
+  failEach([&] { return download(requestFor(fileUrl(), kBytes), support::chunksOf(kBytes / 2, 1)); });
 }
 
 TEST_P(CurlMemoryOfADownload, overTwoConnections) {
-  failEach([&] { return download(requestFor(fileUrl(), kBytes), 2); });
+  failEach([&] { return download(requestFor(fileUrl(), kBytes), support::chunksOf(kBytes / 2, 2)); });
 }
 
 TEST_P(CurlMemoryOfADownload, ofUnknownSize) {
-  failEach([&] { return download(requestFor(fileUrl(), 0), 2); });
+  failEach([&] { return download(requestFor(fileUrl(), 0), {}); });
 }
 
 TEST_P(CurlMemoryOfADownload, byAProxy) {
   xfer::DownloadRequest proxied = requestFor(fileUrl(), kBytes);
   proxied.proxy = proxy();
-  failEach([&] { return download(proxied, 1, {kNoProxyAddress, kNoConnection}); });
+  failEach([&] { return download(proxied, {}, {kNoProxyAddress, kNoConnection}); });
 }
 
 TEST_P(CurlMemoryOfADownload, ofARedirect) {
-  failEach([&] { return download(requestFor(movedUrl(), kBytes), 1, {kMalformedUrl}); });
+  failEach([&] { return download(requestFor(movedUrl(), kBytes), {}, {kMalformedUrl}); });
 }
 
 TEST_P(CurlMemoryOfADownload, ofARedirectToAnotherHost) {
-  failEach([&] { return download(requestFor(otherHostsUrl(), kBytes), 1, {kMalformedUrl, kNoConnection}); });
+  failEach([&] { return download(requestFor(otherHostsUrl(), kBytes), {}, {kMalformedUrl, kNoConnection}); });
   expectNoSecretsElsewhere();
 }
 
@@ -484,6 +490,24 @@ TEST_P(CurlMemoryOfADownload, underAnId) {
   failEach([&] {
     const std::uint64_t id = start(fileUrl());
     return judge(id);
+  });
+}
+
+// Its body waits for the speed limit, inside of libcurl.
+TEST_P(CurlMemoryOfADownload, whoseBodyIsHeldBack) {
+  xfer::DownloadPolicy slow;
+  slow.maxDownloadSpeed = 50'000;
+  failEach([&] { return download(requestFor(fileUrl(), kBytes), slow); }, From::TheRequest);
+}
+
+TEST_P(CurlMemoryOfADownload, thatIsHeldAndStopped) {
+  ASSERT_EQ(judge(start(fileUrl())), Succeeded::Yes);
+  failEach([&] {
+    const std::uint64_t id = start(fileUrl());
+    const bool lives = xfer_downloadPause(id) == 0;
+    EXPECT_EQ(xfer_downloadResume(id) == 0, lives);
+    EXPECT_EQ(xfer_stopDownloadHandle(id), lives);
+    return Succeeded::Yes;
   });
 }
 

@@ -123,7 +123,9 @@ std::vector<RecordedHandle> copy(std::vector<RecordedHandle> Records::*handles) 
 }  // namespace
 
 std::vector<RecordedHandle> easyHandles() {
-  return copy(&Records::easy);
+  std::vector<RecordedHandle> handles = copy(&Records::easy);
+  std::erase_if(handles, [](const RecordedHandle& recorded) { return recorded.options.empty(); });
+  return handles;
 }
 
 std::vector<RecordedHandle> multiHandles() {
@@ -156,7 +158,8 @@ RefusedOptions::~RefusedOptions() {
 
 }  // namespace support
 
-// ---- What the linker puts in front of libcurl's functions.  An option's number tells the type of its argument. ----
+// ---- What the linker puts in front of libcurl's functions.  An option's number tells the type of its argument.  It
+// comes as an int, since the last parameter before the dots must not be promoted. ----
 
 namespace {
 
@@ -206,17 +209,18 @@ CURLMcode __wrap_curl_multi_add_handle(CURLM* multi, CURL* easy) {
 }
 
 CURLcode __real_curl_easy_setopt(CURL* easy, CURLoption option, ...);
-CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...) {
+CURLcode __wrap_curl_easy_setopt(CURL* easy, int number, ...) {
+  const auto option = static_cast<CURLoption>(number);
   va_list arguments;
-  va_start(arguments, option);
+  va_start(arguments, number);
   CURLcode code = CURLE_OK;
   const auto pass = [&](const std::string& value, auto argument) {
     const CURLcode refused = support::recordEasy(easy, option, value);
     code = refused != CURLE_OK ? refused : __real_curl_easy_setopt(easy, option, argument);
   };
   if (option < CURLOPTTYPE_OBJECTPOINT) {
-    const long number = va_arg(arguments, long);
-    pass(std::to_string(number), number);
+    const long value = va_arg(arguments, long);
+    pass(std::to_string(value), value);
   } else if (option < CURLOPTTYPE_FUNCTIONPOINT) {
     void* const pointer = va_arg(arguments, void*);
     pass(support::easyPointerText(option, pointer), pointer);
@@ -224,8 +228,8 @@ CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...) {
     const auto function = va_arg(arguments, Function);
     pass(function != nullptr ? "set" : "null", function);
   } else if (option < CURLOPTTYPE_BLOB) {
-    const auto number = va_arg(arguments, curl_off_t);
-    pass(std::to_string(number), number);
+    const auto value = va_arg(arguments, curl_off_t);
+    pass(std::to_string(value), value);
   } else {
     void* const blob = va_arg(arguments, void*);
     pass(support::pointerText(blob), blob);
@@ -235,17 +239,18 @@ CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...) {
 }
 
 CURLMcode __real_curl_multi_setopt(CURLM* multi, CURLMoption option, ...);
-CURLMcode __wrap_curl_multi_setopt(CURLM* multi, CURLMoption option, ...) {
+CURLMcode __wrap_curl_multi_setopt(CURLM* multi, int number, ...) {
+  const auto option = static_cast<CURLMoption>(number);
   va_list arguments;
-  va_start(arguments, option);
+  va_start(arguments, number);
   CURLMcode code = CURLM_OK;
   const auto pass = [&](const std::string& value, auto argument) {
     support::record(&support::Records::multi, multi, support::multiName(option), value);
     code = __real_curl_multi_setopt(multi, option, argument);
   };
   if (option < static_cast<int>(CURLOPTTYPE_OBJECTPOINT)) {
-    const long number = va_arg(arguments, long);
-    pass(std::to_string(number), number);
+    const long value = va_arg(arguments, long);
+    pass(std::to_string(value), value);
   } else if (option < static_cast<int>(CURLOPTTYPE_FUNCTIONPOINT)) {
     void* const pointer = va_arg(arguments, void*);
     pass(support::pointerText(pointer), pointer);
@@ -258,9 +263,10 @@ CURLMcode __wrap_curl_multi_setopt(CURLM* multi, CURLMoption option, ...) {
 }
 
 CURLSHcode __real_curl_share_setopt(CURLSH* share, CURLSHoption option, ...);
-CURLSHcode __wrap_curl_share_setopt(CURLSH* share, CURLSHoption option, ...) {
+CURLSHcode __wrap_curl_share_setopt(CURLSH* share, int number, ...) {
+  const auto option = static_cast<CURLSHoption>(number);
   va_list arguments;
-  va_start(arguments, option);
+  va_start(arguments, number);
   CURLSHcode code = CURLSHE_OK;
   const auto pass = [&](const std::string& value, auto argument) {
     support::record(&support::Records::share, share, support::shareName(option), value);

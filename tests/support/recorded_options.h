@@ -29,6 +29,7 @@ struct RecordedHandle {
 };
 
 /// Every handle that was created since the last forgetHandles, in that order; those of shares since the program began.
+/// Easy handles without any option are left out: a libcurl that is linked statically makes some for itself.
 std::vector<RecordedHandle> easyHandles();
 std::vector<RecordedHandle> multiHandles();
 std::vector<RecordedHandle> shareHandles();

@@ -1,10 +1,9 @@
 // The libcurl options that single requests and range transfers share.
 //
 // Threads: any, one at a time for each handle.
-// Errors:  an option that libcurl does not know must not fail a transfer: it is left out.  One that libcurl has no
-// memory
-//          for must: a request without its range, cookie or proxy would be sent.  Then, as headerList, setOption and
-//          what applies options throw std::bad_alloc.
+// Errors:  an option that libcurl does not know is left out and fails no transfer.  One that libcurl has no memory for
+//          does: a request without its range, cookie or proxy must not be sent.  headerList, setOption and what applies
+//          options throw std::bad_alloc then.
 #pragma once
 
 #include <new>
@@ -28,7 +27,7 @@ bool holdsLineBreak(const std::string& cookie, const std::vector<std::string>& h
 /// "100 Continue".
 SlistPtr headerList(const std::vector<std::string>& headers);
 
-/// Every option is set with it, but for those that set nothing that libcurl copies and that must not throw.
+/// Sets an option, if libcurl knows it.  Callbacks, which must not throw, set without it what libcurl does not copy.
 template <class Value>
 void setOption(CURL* easy, CURLoption option, Value value) {
   if (curl_easy_setopt(easy, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
