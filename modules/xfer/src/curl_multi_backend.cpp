@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <limits>
 #include <utility>
 
 #include "easy_options.h"
@@ -304,7 +305,8 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   if (policy_.transferTimeoutSec > 0) {
     setOption(easy, CURLOPT_TIMEOUT, static_cast<long>(policy_.transferTimeoutSec));
   }
-  setOption(easy, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(lowSpeedLimit));
+  constexpr std::uint64_t kMostLong = std::numeric_limits<long>::max();  // 32 bits on Windows
+  setOption(easy, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(std::min(lowSpeedLimit, kMostLong)));
   setOption(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(policy_.lowSpeedTimeSec));
   setOption(easy, CURLOPT_WRITEFUNCTION, onBody);
   setOption(easy, CURLOPT_WRITEDATA, &transfer);
