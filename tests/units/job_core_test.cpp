@@ -136,6 +136,13 @@ TEST_F(JobCoreTest, cancelBetweenOpeningAndRunningClosesTheFile) {
   EXPECT_EQ(core.state(), JobState::Cancelled);
 }
 
+TEST_F(JobCoreTest, jobThatIsCancelledBeforeItRunsIsFinalWhenItWouldRun) {
+  prepare(30);
+  core.cancel();
+  EXPECT_FALSE(core.run().refill);
+  EXPECT_EQ(core.state(), JobState::Cancelled);
+}
+
 TEST_F(JobCoreTest, closesItsFileOnce) {
   prepare(30);
   EXPECT_TRUE(core.cancel().close);
@@ -232,6 +239,7 @@ TEST_F(JobCoreTest, firstFailureIsTheOneThatCounts) {
   const FlightPtr other = core.next();
   core.ended(one, {CURLE_OK, kForbidden, 0});
   core.writeFailed(result::kWriteFailed);
+  EXPECT_FALSE(core.fail(result::kException, kNoStatus).cancelAll);
   core.ended(other, {CURLE_OK, kForbidden + 1, 0});
   EXPECT_EQ(core.errorCode(), kForbidden);
   EXPECT_EQ(core.httpStatus(), kForbidden);
@@ -402,6 +410,58 @@ TEST_F(JobCoreTest, wholeFileInPlaceOfALaterRangeWaitsForTheEarlierOne) {
   EXPECT_EQ(core.next(), nullptr);
 }
 
+TEST_F(JobCoreTest, wholeFileDoesNotWaitForAnEarlierRangeThatIsSuperseded) {
+  JobCore wide{policy(3)};
+  wide.setSize(30, SizeFrom::Host);
+  wide.fileOpened();
+  wide.plan(chunks());
+  wide.run();
+  const FlightPtr first = wide.next();
+  const FlightPtr put = wide.next();
+  const FlightPtr last = wide.next();
+  JobActions actions;
+  ASSERT_EQ(wide.answered(put, wholeHead(30), actions).action, Action::Stop);
+  wide.ended(first, {CURLE_COULDNT_CONNECT, kNoStatus, 0});
+  EXPECT_EQ(wide.answered(last, wholeHead(30), actions).action, Action::Deliver);
+}
+
+TEST_F(JobCoreTest, wholeFileOfAnotherLengthTakesThePlaceOfRangesThatAreNotWholeYet) {
+  start(20, SizeFrom::ProbedFile);
+  const FlightPtr lead = core.next();
+  const FlightPtr other = core.next();
+  ResponseHead withoutATotal;
+  withoutATotal.status = kPartial;
+  ASSERT_EQ(answer(other, withoutATotal).action, Action::Deliver);
+  EXPECT_EQ(answer(lead, wholeHead(25)).action, Action::Deliver);
+  EXPECT_TRUE(other->superseded);
+  EXPECT_EQ(core.totalBytes(), 25U);
+}
+
+TEST_F(JobCoreTest, wholeFileThatEndsWhereTheRangeStartsFailsTheJob) {
+  start(20);
+  const FlightPtr range = core.next();
+  ResponseHead withoutATotal;
+  withoutATotal.status = kPartial;
+  answer(range, withoutATotal);
+  core.ended(range, {CURLE_OK, kPartial, 10});
+  const FlightPtr flight = core.next();
+  ASSERT_EQ(flight->asked, (ByteRange{10, 20}));
+  EXPECT_EQ(answer(flight, wholeHead(10)).code, CURLE_RANGE_ERROR);
+}
+
+TEST_F(JobCoreTest, anotherEntityTagIsNoHarmWhileNothingWasDelivered) {
+  start(10);
+  ResponseHead head = rangeHead(0, 10, 10);
+  head.strongEtag = "\"old\"";
+  const FlightPtr flight = core.next();
+  answer(flight, head);
+  const JobActions failed = core.ended(flight, {CURLE_RECV_ERROR, kPartial, 3});
+  ASSERT_TRUE(failed.retry);
+  core.retryDue(failed.retry->id);
+  head.strongEtag = "\"new\"";
+  EXPECT_EQ(answer(core.next(), head).action, Action::Deliver);
+}
+
 TEST_F(JobCoreTest, rangeThatIsCappedGoesOnAtOnceAndCostsNoAttempt) {
   start(20);
   for (std::uint64_t start = 0; start < 8; start += 4) {
@@ -412,6 +472,14 @@ TEST_F(JobCoreTest, rangeThatIsCappedGoesOnAtOnceAndCostsNoAttempt) {
     EXPECT_TRUE(ended.refill);
     EXPECT_FALSE(ended.retry);
   }
+}
+
+TEST_F(JobCoreTest, restOfAFileOfUnknownSizeIsAskedForUpToTheTotalThatAnAnswerNames) {
+  start(0, SizeFrom::ProbedFile);
+  const FlightPtr flight = core.next();
+  answer(flight, rangeHead(0, 10, 30));
+  core.ended(flight, {CURLE_OK, kPartial, 10});
+  EXPECT_EQ(core.next()->asked, (ByteRange{10, 30}));
 }
 
 TEST_F(JobCoreTest, tenSmallAnswersInARowAreAFailedTry) {
