@@ -432,9 +432,22 @@ TEST_F(JobCoreTest, wholeFileOfAnotherLengthTakesThePlaceOfRangesThatAreNotWhole
   ResponseHead withoutATotal;
   withoutATotal.status = kPartial;
   ASSERT_EQ(answer(other, withoutATotal).action, Action::Deliver);
-  EXPECT_EQ(answer(lead, wholeHead(25)).action, Action::Deliver);
+  const Placement placement = answer(lead, wholeHead(25));
+  EXPECT_EQ(placement.action, Action::Deliver);
+  EXPECT_EQ(placement.end, 25U);
   EXPECT_TRUE(other->superseded);
   EXPECT_EQ(core.totalBytes(), 25U);
+}
+
+TEST_F(JobCoreTest, wholeFileIsReadUpToTheLastByteThatIsMissing) {
+  start(30);
+  const FlightPtr first = core.next();
+  bring(core.next());
+  const JobActions failed = core.ended(first, {CURLE_COULDNT_CONNECT, kNoStatus, 0});
+  ASSERT_TRUE(failed.retry);
+  bring(core.next());
+  core.retryDue(failed.retry->id);
+  EXPECT_EQ(answer(core.next(), wholeHead(30)).end, 10U);
 }
 
 TEST_F(JobCoreTest, wholeFileThatEndsWhereTheRangeStartsFailsTheJob) {
@@ -474,10 +487,72 @@ TEST_F(JobCoreTest, rangeThatIsCappedGoesOnAtOnceAndCostsNoAttempt) {
   }
 }
 
+TEST_F(JobCoreTest, bodyThatIsShorterThanAskedIsNotWholeWhenNothingSaysThatTheFileGoesOn) {
+  start(20);
+  ResponseHead head = rangeHead(0, 5, 20);
+  head.contentRange->total.reset();
+  EXPECT_FALSE(answer(core.next(), head).namedEnd);
+}
+
+TEST_F(JobCoreTest, bodyThatIsShorterThanItsOwnAnswerNamesGoesOn) {
+  start(10);
+  const FlightPtr flight = core.next();
+  ResponseHead head = rangeHead(0, 10, 10);
+  head.contentRange->total.reset();
+  answer(flight, head);
+  EXPECT_FALSE(core.ended(flight, {CURLE_OK, kPartial, 5}).finalize);
+  EXPECT_EQ(core.next()->asked, (ByteRange{5, 10}));
+}
+
+TEST_F(JobCoreTest, wholeFileWithoutALengthHasToEndWhereTheRangesSay) {
+  start(30);
+  bring(core.next());
+  ResponseHead head;
+  head.status = 200;
+  head.transferEncoding = true;
+  const Placement placement = answer(core.next(), head);
+  EXPECT_EQ(placement.end, 30U);
+  EXPECT_EQ(placement.code, CURLE_RANGE_ERROR);
+  EXPECT_EQ(placement.codeIfShort, CURLE_RANGE_ERROR);
+}
+
+TEST_F(JobCoreTest, fileThatIsShorterThanTheHostSaysEndsWhereTheAnswersSay) {
+  const support::RecordingLogger log;
+  start(40);
+  bring(core.next());
+  bring(core.next());
+  EXPECT_EQ(log.count("known size is contradicted"), 1U) << "noted once";
+  const FlightPtr flight = core.next();
+  ResponseHead head;
+  head.status = 200;
+  head.transferEncoding = true;
+  EXPECT_EQ(answer(flight, head).end, 30U);
+  EXPECT_EQ(core.ended(flight, {CURLE_OK, 200, 10}).finalize, 30U);
+}
+
+TEST_F(JobCoreTest, serverThatSendsLessThanAskedIsNotedOnce) {
+  const support::RecordingLogger log;
+  start(20);
+  for (std::uint64_t start = 0; start < 8; start += 4) {
+    const FlightPtr flight = core.next();
+    answer(flight, rangeHead(start, start + 4, 20));
+    core.ended(flight, {CURLE_OK, kPartial, 4});
+  }
+  EXPECT_EQ(log.count("server sends less of a range than asked"), 1U);
+}
+
+TEST_F(JobCoreTest, writesThatFailAfterTheJobHasFailedAreNotLogged) {
+  const support::RecordingLogger log;
+  start(20);
+  core.writeFailed(result::kWriteFailed);
+  core.writeFailed(result::kWriteFailed);
+  EXPECT_EQ(log.count("finalize failed"), 1U);
+}
+
 TEST_F(JobCoreTest, restOfAFileOfUnknownSizeIsAskedForUpToTheTotalThatAnAnswerNames) {
   start(0, SizeFrom::ProbedFile);
   const FlightPtr flight = core.next();
-  answer(flight, rangeHead(0, 10, 30));
+  EXPECT_FALSE(answer(flight, rangeHead(0, 10, 30)).end);
   core.ended(flight, {CURLE_OK, kPartial, 10});
   EXPECT_EQ(core.next()->asked, (ByteRange{10, 30}));
 }
@@ -643,6 +718,83 @@ TEST_F(JobCoreDoubtTest, sampleThatIsCappedGoesOnWhereItEnded) {
   EXPECT_EQ(second->asked, (ByteRange{4, 10}));
   bring(second, "b");
   EXPECT_FALSE(core.next()->sample);
+}
+
+TEST_F(JobCoreDoubtTest, everyBlockOfTheSampleIsCompared) {
+  start(30);
+  bring(core.next(), "a");
+  bring(core.next(), "a");
+  const FlightPtr flight = core.next();
+  answer(flight, rangeHead(20, 30, 30, "b"));
+  core.ended(flight, {CURLE_ABORTED_BY_CALLBACK, kPartial, 0});
+  bring(core.next(), "b");
+  const FlightPtr second = core.next();
+  ASSERT_EQ(second->asked, (ByteRange{10, 20}));
+  EXPECT_TRUE(second->sample);
+  EXPECT_TRUE(bring(second, "b", 2).close);
+}
+
+// Ranges of ten bytes that come under another tag each, so that each but the first raises a doubt.
+class JobCoreManyDoubtsTest : public JobCoreTest {
+ protected:
+  static constexpr std::uint64_t kSize = 200;
+
+  static ResponseHead head(const FlightPtr& flight, int tag) {
+    return rangeHead(flight->asked.start, flight->asked.end, kSize, std::to_string(tag));
+  }
+
+  // Answers under a new tag, and brings the samples; what the answer met.
+  Placement doubtAndSettle(const FlightPtr& flight, int tag) {
+    const Placement placement = answer(flight, head(flight, tag));
+    core.ended(flight, {CURLE_ABORTED_BY_CALLBACK, kPartial, 0});
+    for (range = core.next(); range && range->sample; range = core.next()) take(range, tag);
+    return placement;
+  }
+
+  void take(const FlightPtr& flight, int tag) {
+    ASSERT_EQ(answer(flight, head(flight, tag)).action, Action::Deliver);
+    deliver(flight, 1);
+    core.ended(flight, {CURLE_OK, kPartial, flight->asked.length()});
+  }
+
+  FlightPtr range;
+};
+
+TEST_F(JobCoreManyDoubtsTest, thatAreSettledDoNotAddUp) {
+  start(kSize);
+  take(core.next(), 0);
+  for (int tag = 1; tag < 12; ++tag) {
+    ASSERT_EQ(doubtAndSettle(core.next(), tag).code, CURLE_ABORTED_BY_CALLBACK) << tag;
+    take(range, tag);
+  }
+  EXPECT_EQ(core.state(), JobState::Running);
+}
+
+TEST_F(JobCoreManyDoubtsTest, inARowFailTheJobWithTheNinth) {
+  start(kSize);
+  take(core.next(), 0);
+  range = core.next();
+  for (int tag = 1; tag <= 8; ++tag) ASSERT_EQ(doubtAndSettle(range, tag).code, CURLE_ABORTED_BY_CALLBACK) << tag;
+  EXPECT_EQ(answer(range, head(range, 9)).code, CURLE_RANGE_ERROR);
+}
+
+TEST_F(JobCoreDoubtTest, failsTheJobWhenASampleBringsNothing) {
+  raiseDoubt();
+  const FlightPtr sample = core.next();
+  answer(sample, rangeHead(0, 10, 30, "b"));
+  EXPECT_TRUE(core.ended(sample, {CURLE_OK, kPartial, 0}).close);
+  EXPECT_EQ(core.errorCode(), CURLE_RANGE_ERROR);
+}
+
+TEST_F(JobCoreDoubtTest, sampleIsFetchedFromWhereTheBytesWereDelivered) {
+  start(30);
+  const FlightPtr first = core.next();
+  bring(core.next(), "a");
+  core.ended(first, {CURLE_COULDNT_CONNECT, kNoStatus, 0});
+  const FlightPtr flight = core.next();
+  ASSERT_EQ(answer(flight, rangeHead(20, 30, 30, "b")).action, Action::Stop);
+  core.ended(flight, {CURLE_ABORTED_BY_CALLBACK, kPartial, 0});
+  EXPECT_EQ(core.next()->asked, (ByteRange{10, 20}));
 }
 
 TEST_F(JobCoreDoubtTest, isDroppedWhenNothingThatItIsAboutWasDelivered) {
