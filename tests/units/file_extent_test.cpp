@@ -206,6 +206,30 @@ TEST(FileExtent, lowestEndThatWasMetCounts) {
   EXPECT_EQ(extent.end(), 10U);
 }
 
+TEST(FileExtent, endThatWasMetBehindTheHostsSizeDoesNotMoveIt) {
+  FileExtent extent;
+  extent.announceByHost(5);
+  extent.endAt(10);
+  EXPECT_EQ(extent.end(), 5U);
+}
+
+TEST(FileExtent, fileWithAGapIsNotComplete) {
+  FileExtent extent;
+  extent.announceByHost(10);
+  extent.deliver({0, 4});
+  extent.deliver({6, 10});
+  EXPECT_FALSE(extent.complete());
+  extent.deliver({4, 6});
+  EXPECT_TRUE(extent.complete());
+}
+
+TEST(FileExtent, wholeFileWithoutALengthLeavesTheLengthThatAnEarlierOneGave) {
+  FileExtent extent;
+  extent.confirmLength(10);
+  extent.confirmLength(std::nullopt);
+  EXPECT_EQ(extent.confirmed(), 10U);
+}
+
 TEST(FileExtent, bytesBehindAMetEndAreAHole) {
   FileExtent extent;
   extent.deliver({10, 20});

@@ -254,6 +254,12 @@ TEST_F(JobCoreTest, pausedJobHandsOutNothing) {
   EXPECT_EQ(core.next(), nullptr);
 }
 
+TEST_F(JobCoreTest, probingJobCannotBePaused) {
+  core.beginProbe();
+  EXPECT_FALSE(core.pause());
+  EXPECT_EQ(core.state(), JobState::Probing);
+}
+
 TEST_F(JobCoreTest, resumeRefillsOnlyWhenNothingIsInFlight) {
   start(30);
   const FlightPtr flight = core.next();
