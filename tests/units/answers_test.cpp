@@ -195,6 +195,11 @@ TEST(AnswerClaim, of200IsTheWholeFileWithItsLengthOrAnEndThatIsSeenOrNot) {
   EXPECT_FALSE(open.endIsSeen);
 }
 
+TEST(AnswerClaim, of200WithALengthOf0IsAnEmptyFile) {
+  const AnswerClaim empty = claim({"HTTP/1.1 200 OK", "Content-Length: 0"});
+  EXPECT_EQ(empty.kind, Kind::WholeFile);
+  EXPECT_EQ(empty.length, 0U);
+}
 TEST(AnswerClaim, ofAnyOtherStatusBringsNoContent) {
   for (const char* status :
        {"HTTP/1.1 203 x", "HTTP/1.1 204 x", "HTTP/1.1 300 x", "HTTP/1.1 304 x", "HTTP/1.1 404 x"}) {

@@ -161,6 +161,13 @@ TEST_F(DownloadJobTest, pauseAndResumeOfAnIdleJobDoNothing) {
   EXPECT_EQ(world.transfers.calls(), std::vector<BackendCall>{});
 }
 
+TEST_F(DownloadJobTest, startOfAJobThatIsStartingDoesNothing) {
+  world.beforeBackend = [&] { job->start(); };
+  started(30, 2);
+  EXPECT_EQ(state(), JobState::Running);
+  EXPECT_EQ(world.backendPolicies().size(), 1U);
+}
+
 TEST_F(DownloadJobTest, pauseAndResumeOfAProbingJobDoNothing) {
   Gate probing;
   Gate goOn;
@@ -1031,6 +1038,7 @@ TEST_F(DownloadJobTest, wholeFileInPlaceOfTheFirstRangeCompletesTheJob) {
   EXPECT_EQ(placement.end, 40U);
   EXPECT_EQ(world.transfers.calls(),
             (std::vector<BackendCall>{{BackendCommand::Cancel, 10}, {BackendCommand::Cancel, 20}}));
+  world.transfers.deliver(10, 10, "not the file's");
   world.transfers.finish(10, 42, 0);
   world.transfers.finish(20, 42, 0);
   EXPECT_EQ(world.transfers.inFlight(), Starts{0}) << "nothing goes out beside it";
@@ -1040,6 +1048,14 @@ TEST_F(DownloadJobTest, wholeFileInPlaceOfTheFirstRangeCompletesTheJob) {
   EXPECT_EQ(support::patternError(path, 40), "");
   EXPECT_EQ(job->snapshot().bytesDone, 40U);
   EXPECT_EQ(jobLog(6), Lines{}) << "what was ended for it is not judged";
+}
+
+TEST_F(DownloadJobTest, wholeFileMayHaveAnotherLengthThanTheWholeOneThatTheProbeMet) {
+  startProbed(probed(20, true, 200), 1);
+  ASSERT_TRUE(world.transfers.waitForInFlight(0));
+  ResponseHead head = head200();
+  head.contentLength = 25;
+  EXPECT_EQ(world.transfers.answer(0, head).action, xfer::Placement::Action::Deliver);
 }
 
 TEST_F(DownloadJobTest, wholeFileInPlaceOfALaterRangeYieldsToTheTransferOfEarlierBytes) {

@@ -44,6 +44,13 @@ TEST(FileSink, writesAtOffsetsIntoAFileOfFullSize) {
             "");
 }
 
+TEST(FileSink, oneByteIsReservedToo) {
+  const TempDir folder;
+  FileSink sink;
+  ASSERT_EQ(sink.open(folder.file("f"), 1), 0);
+  EXPECT_EQ(support::fileSize(folder.file("f")), 1U);
+}
+
 TEST(FileSink, sizeOf0ReservesNothing) {
   const TempDir folder;
   const RecordingLogger log;

@@ -106,6 +106,13 @@ TEST(RemoteVersion, whatAnAcceptedValidatorDidNotSayIsFilledIn) {
   EXPECT_EQ(version.judge(strong("t")), Likeness::Other);
 }
 
+TEST(RemoteVersion, weakTagIsFilledInToo) {
+  RemoteVersion version;
+  version.accept(modified("x"));
+  version.accept(weak("a", "x"));
+  EXPECT_EQ(version.judge(weak("b")), Likeness::Doubt);
+}
+
 TEST(RemoteVersion, whatAnAcceptedValidatorSaidIsNotReplaced) {
   RemoteVersion version;
   version.accept(strong("s", "x"));
