@@ -258,6 +258,18 @@ TEST(Backend, stopBehindACancelEndsEveryTransferExactlyOnce) {
   for (const End& end : ends) EXPECT_EQ(end.code, 42);
 }
 
+TEST(Backend, stopEndsActiveAndWaitingTransfers) {
+  ScriptedServer server(
+      [](const ReceivedRequest& request) { return range206(request, 1000, {.bodyBytes = 0}).stall(); });
+  Transfers transfers(threads(2));
+  for (std::uint64_t i = 0; i < 3; ++i) transfers.submit(range(server.url("/"), i * 10, i * 10 + 10));
+  ASSERT_TRUE(server.waitForRequests(2));
+  transfers.backend().stop();
+  const auto ends = transfers.ends(3);
+  EXPECT_EQ(ends.size(), 3U);
+  for (const End& end : ends) EXPECT_EQ(end.code, 42);
+}
+
 TEST(Backend, submissionTakenTogetherWithAStopGetsNoDoneCallback) {
   ScriptedServer server(patternFile(10));
   CurlMultiBackend backend(threads(1));
@@ -467,12 +479,42 @@ TEST(Placement, wholeFileThatEndsBeforeTheNeededEndIsShort) {
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 18, 200, 400}}));
 }
 
+TEST(Placement, bodyThatIsShortEndsWithTheCodeForThat) {
+  ScriptedServer server([](const ReceivedRequest&) { return full200(500, {.framing = Framing::UntilClose}); });
+  Transfers transfers;
+  transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 0, 1000, {}, 0, 33}));
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 33, 200, 400}}));
+}
+
 TEST(Placement, stoppedAnswerDeliversNothingAndEndsWithItsCode) {
   ScriptedServer server(patternFile(1000));
   Transfers transfers;
   transfers.submit(placed(server.url("/"), {Placement::Action::Stop, 0, {}, {}, 33}));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 33, 206, 0}}));
   EXPECT_EQ(transfers.received(), 0U);
+}
+
+TEST(Placement, bodyThatIsCutOnResumeIsDeliveredUpToThere) {
+  Gate gate;
+  ScriptedServer server([&](const ReceivedRequest&) {
+    return Reply().waitFor(gate).send("HTTP/1.1 206 x\r\nContent-Length: 100\r\n\r\n").sendPattern(100, 200);
+  });
+  std::atomic<bool> held{true};
+  std::atomic<int> looks{0};
+  Transfers transfers;
+  TransferRequest request = placed(server.url("/"), {Placement::Action::Deliver, 100, 150, {}, 0});
+  request.isHeld = [&] {
+    ++looks;
+    return held.load();
+  };
+  transfers.submit(request);
+  ASSERT_TRUE(server.waitForRequests(1));
+  gate.open();
+  const int before = looks;
+  ASSERT_TRUE(waitUntil([&] { return looks > before + 10; })) << "the body has come by then";
+  held = false;
+  EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 0, 206, 50}}));
+  EXPECT_EQ(transfers.received(), 50U);
 }
 
 // The body is refused while the loop lets go of the transfer, where no message of libcurl's reports it.

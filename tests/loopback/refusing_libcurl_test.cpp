@@ -37,7 +37,8 @@ std::atomic<int> g_pollRefusals{0};
 std::atomic<int> g_performExceptions{0};
 
 std::mutex g_strayMutex;
-std::optional<CURLMsg> g_stray;  // the next message; guarded by g_strayMutex
+std::optional<CURLMsg> g_stray;           // the next message; guarded by g_strayMutex
+std::atomic<int> g_nextResult{CURLE_OK};  // of the next transfer that ends, in place of its own
 
 bool refuses(std::atomic<int>& refusals) {
   int left = refusals;
@@ -89,7 +90,11 @@ CURLMsg* __wrap_curl_multi_info_read(CURLM* multi, int* left) {
       return &stray;
     }
   }
-  return __real_curl_multi_info_read(multi, left);
+  CURLMsg* const message = __real_curl_multi_info_read(multi, left);
+  if (message != nullptr && g_nextResult != CURLE_OK) {
+    message->data.result = static_cast<CURLcode>(g_nextResult.exchange(CURLE_OK));
+  }
+  return message;
 }
 }
 
@@ -137,6 +142,7 @@ class RefusingLibcurl : public testing::Test {
                                        &g_pollRefusals, &g_performExceptions}) {
       EXPECT_EQ(refusals->exchange(0), 0) << "what the test demanded happened";
     }
+    EXPECT_EQ(g_nextResult, CURLE_OK);
     const std::lock_guard lock(g_strayMutex);
     EXPECT_FALSE(g_stray);
   }
@@ -332,6 +338,18 @@ TEST_F(RefusingLibcurl, messagesOfAnotherKindSayNothing) {
   }));
   expectNextOneRuns(backend);
   expectFailures({});
+}
+
+TEST_F(RefusingLibcurl, withHttp1ATransferThatWasNotSentIsNotPutBack) {
+  const support::ScriptedServer closing([](const support::ReceivedRequest&) { return support::Reply().close(); });
+  CurlMultiBackend backend({});
+  TransferRequest unanswered = range(0, 4);
+  unanswered.url = closing.url("/");
+  g_nextResult = CURLE_FAILED_INIT;
+  std::atomic<int> code{0};
+  backend.submit(unanswered, {}, [&](std::uint64_t, const TransferEnd& end) { code = end.code; });
+  EXPECT_TRUE(waitUntil([&] { return code != 0; }));
+  EXPECT_EQ(code, CURLE_FAILED_INIT);
 }
 
 TEST_F(RefusingLibcurl, turnsThatFailAreFollowedByOthers) {

@@ -73,11 +73,18 @@ TEST_F(Shares, idleOneLastUsedForTheSameHostGoesFirst) {
     const ShareLease b = pool_.lease("http://b");
     second = b.handle();
   }
-  EXPECT_EQ(pool_.lease("http://b").handle(), second);
   EXPECT_EQ(pool_.lease("http://a").handle(), pool_.primary());
+  EXPECT_EQ(pool_.lease("http://b").handle(), second);
   EXPECT_EQ(pool_.lease("http://c").handle(), pool_.primary()) << "of those that know nothing of a host";
 }
 
+TEST_F(Shares, idleOneIsOfTheHostThatItWasLastUsedFor) {
+  ShareLease primary = pool_.lease("http://a");
+  static_cast<void>(pool_.lease("http://b"));
+  CURLSH* const second = pool_.lease("http://c").handle();
+  primary = {};
+  EXPECT_EQ(pool_.lease("http://c").handle(), second);
+}
 TEST_F(Shares, idleOnesAreTakenBeforeANewOneIsMade) {
   {
     const ShareLease a = pool_.lease("http://a");
