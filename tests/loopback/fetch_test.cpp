@@ -331,6 +331,7 @@ TEST(Probe, readsA200AndItsRangeSupportAsWritten) {
   EXPECT_EQ(probeOf("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nabc").size, 3U);
   EXPECT_FALSE(probeOf("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nabc").acceptRanges);
   EXPECT_TRUE(probeOf("HTTP/1.1 200 OK\r\nAccept-Ranges: bytes\r\nContent-Length: 3\r\n\r\nabc").acceptRanges);
+  EXPECT_FALSE(probeOf("HTTP/1.1 200 OK\r\nAccept-Ranges: none\r\nContent-Length: 3\r\n\r\nabc").acceptRanges);
   EXPECT_FALSE(probeOf("HTTP/1.1 200 OK\r\naccept-ranges: bytes\r\nContent-Length: 3\r\n\r\nabc").acceptRanges);
   EXPECT_EQ(probeOf("HTTP/1.1 200 OK\r\ncontent-type: a/b\r\nContent-Length: 3\r\n\r\nabc").contentType, "");
 }

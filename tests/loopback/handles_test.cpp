@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "handles.h"
 #include "support/gate.h"
 #include "support/log_line.h"
 #include "support/recording_logger.h"
@@ -152,6 +153,16 @@ class SlowDestruction {
   std::atomic<bool> returned_{false};
   std::thread thread_;
 };
+
+TEST_F(Handles, areAllForgottenAtOnce) {
+  xfer::Handles table;
+  const std::uint64_t download = table.file(xfer::Handles::reserveDownload());
+  const std::uint64_t request = table.file(xfer::Handles::reserveRequest());
+  EXPECT_TRUE(table.progress(download));
+  table.clear();
+  EXPECT_FALSE(table.progress(download));
+  EXPECT_TRUE(table.take(request).empty());
+}
 
 TEST_F(Handles, aStopIsTrueAndTheJobGoneWhenItsCancelThrows) {
   const std::uint64_t id = startEndless();
