@@ -14,6 +14,22 @@ void log(std::uint32_t level, const char* tag, const char* text) {
   logger->release();
 }
 
+TEST(Keel, letsFailuresAloneThroughUntilItIsToldOtherwise) {
+  Keel::setRecordSink([](void*, std::uint32_t, const char*, const char*, const char*, std::uint32_t) {}, nullptr);
+  Keel::ILogger* logger = nullptr;
+  ASSERT_EQ(createLogger(&logger), 0);
+  EXPECT_EQ(logger->threshold(), 3U);
+  logger->release();
+  Keel::setRecordSink(nullptr, nullptr);
+}
+
+TEST(Keel, takesANullNameForNone) {
+  Keel::setSettingsName("name");
+  EXPECT_STREQ(Keel::getSettingsName(), "name");
+  Keel::setSettingsName(nullptr);
+  EXPECT_STREQ(Keel::getSettingsName(), "");
+}
+
 TEST(RecordingLogger, keepsEveryPartOfARecord) {
   const RecordingLogger logger;
   log(3, "tag", "first");
