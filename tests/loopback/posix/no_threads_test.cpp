@@ -10,6 +10,7 @@
 #include <string>
 #include <system_error>
 
+#include "retry_timers.h"
 #include "support/census.h"
 #include "support/job_run.h"
 #include "support/log_line.h"
@@ -133,6 +134,20 @@ TEST_F(NoThreads, aFileDownloadThatCannotTransferEndsWith100000) {
   const std::uint64_t id = startWithoutThreads(kSize);
   expectFailedStart(id);
   expectNextWorks(id, kSize);
+}
+
+TEST_F(NoThreads, aRetryTimerThatCannotBeStartedIsNotAwaited) {
+  int runs = 0;
+  xfer::RetryTimers timers([](std::uint64_t) {});
+  {
+    const RefusedThreads refused;
+    EXPECT_THROW(timers.schedule(0, [&] { ++runs; }), std::system_error);
+  }
+  timers.joinAll();
+  EXPECT_EQ(runs, 0);
+  timers.schedule(0, [&] { ++runs; });
+  timers.joinAll();
+  EXPECT_EQ(runs, 1);
 }
 
 TEST_F(NoThreads, aJobThatCannotAskForTheSizeSaysSoAndCanBeStartedLater) {
