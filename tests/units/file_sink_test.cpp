@@ -140,6 +140,18 @@ TEST(FileSink, failedWriteIsRememberedAndNotCounted) {
   EXPECT_FALSE(sink.writeFailed());
 }
 
+TEST(FileSink, writeAtAnOffsetThatNoFileHasFailsAndAppendsNothing) {
+  const TempDir folder;
+  const std::string path = folder.file("f");
+  FileSink sink;
+  ASSERT_EQ(sink.open(path, 3), 0);
+  for (const std::uint64_t below : {1U, 2U}) {
+    EXPECT_EQ(write(sink, std::numeric_limits<std::uint64_t>::max() - below + 1, "x"), result::kWriteFailed) << below;
+  }
+  sink.close();
+  EXPECT_EQ(support::readFile(path), std::string(3, '\0'));
+}
+
 TEST(FileSink, fileThatCannotBeCreatedGives100004) {
   const TempDir folder;
   const RecordingLogger log;
