@@ -40,6 +40,8 @@ std::mutex g_strayMutex;
 std::optional<CURLMsg> g_stray;           // the next message; guarded by g_strayMutex
 std::atomic<int> g_nextResult{CURLE_OK};  // of the next transfer that ends, in place of its own
 
+thread_local bool t_inMultiInit = false;  // newer versions of libcurl make an easy handle of their own there
+
 bool refuses(std::atomic<int>& refusals) {
   int left = refusals;
   while (left > 0 && !refusals.compare_exchange_weak(left, left - 1)) {
@@ -59,11 +61,16 @@ CURLMcode __real_curl_multi_poll(CURLM* multi, curl_waitfd* more, unsigned int m
 CURLMsg* __real_curl_multi_info_read(CURLM* multi, int* left);
 
 CURL* __wrap_curl_easy_init(void) {
-  return refuses(g_easyRefusals) ? nullptr : __real_curl_easy_init();
+  const bool asked = !t_inMultiInit;
+  return asked && refuses(g_easyRefusals) ? nullptr : __real_curl_easy_init();
 }
 
 CURLM* __wrap_curl_multi_init(void) {
-  return refuses(g_multiRefusals) ? nullptr : __real_curl_multi_init();
+  if (refuses(g_multiRefusals)) return nullptr;
+  t_inMultiInit = true;
+  CURLM* const multi = __real_curl_multi_init();
+  t_inMultiInit = false;
+  return multi;
 }
 
 CURLMcode __wrap_curl_multi_add_handle(CURLM* multi, CURL* easy) {
