@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
+#include <memory>
 #include <new>
 #include <string>
 #include <thread>
@@ -18,6 +19,7 @@
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
 #include "support/temp_dir.h"
+#include "support/test_timeout.h"
 #include "support/wait_until.h"
 #include "sys/data_buff.h"
 #include "xfer/download_job.h"
@@ -659,6 +661,145 @@ TEST_P(EachAllocation, isNoneForAnIdThatIsUnknown) {
   EXPECT_EQ(xfer_getProgress(kUntouched, &progress.downloaded, &progress.error, &progress.finished), 0);
   EXPECT_EQ(progress.finished, 1);
   EXPECT_EQ(g_refused, 0);
+}
+
+// ---- The C++ functions ----
+
+xfer::Request requestOf(const std::string& url) {
+  xfer::Request request;
+  request.url = url;
+  request.cookie = kCookie;
+  request.headers = {"Authorization: " + std::string(60, 'e')};
+  return request;
+}
+
+// Whether the call ended without an exception; none but that of memory comes out.
+template <class Call>
+bool succeeds(Call call) {
+  try {
+    call();
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+TEST_P(EachAllocation, ofAFetchIsThrown) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const xfer::Request request = requestOf(server.url("/file"));
+  xfer::Response response;
+  bool succeeded = true;
+  failEach([&] { succeeded = succeeds([&] { response = xfer::fetch(request); }); }, [&] { EXPECT_FALSE(succeeded); });
+  EXPECT_TRUE(succeeded);
+  EXPECT_EQ(response.body, support::patternBytes(0, kSmallBody));
+}
+
+// Without a server, whose allocations would count too.
+TEST_P(EachAllocation, ofAFetchInTheBackgroundIsThrownByItOrByItsFuture) {
+  xfer::Request request = requestOf("");
+  request.quiet = true;  // a record that finds no memory is lost, which is no failure
+  std::int32_t code = 0;
+  bool succeeded = true;
+  failEach([&] { succeeded = succeeds([&] { code = xfer::fetchAsync(request).get().curlCode; }); },
+           [&] { EXPECT_FALSE(succeeded); }, Counted::EveryThread);
+  EXPECT_TRUE(succeeded);
+  EXPECT_EQ(code, kMalformedUrl);
+}
+
+TEST_P(EachAllocation, ofASizeQueryIsThrown) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const std::string url = server.url("/file");
+  std::int64_t length = 0;
+  xfer::RemoteFileInfo info;
+  bool succeeded = true;
+  failEach([&] { succeeded = succeeds([&] { length = xfer::getContentLength(url, {}, kCookie); }); },
+           [&] { EXPECT_FALSE(succeeded); });
+  EXPECT_TRUE(succeeded);
+  EXPECT_EQ(length, static_cast<std::int64_t>(kSmallBody));
+  failEach([&] { succeeded = succeeds([&] { info = xfer::probeRemoteFile(url, {}, kCookie, 10); }); },
+           [&] { EXPECT_FALSE(succeeded); });
+  EXPECT_TRUE(succeeded);
+  EXPECT_EQ(info.size, kSmallBody);
+}
+
+TEST_P(EachAllocation, ofAJobIsThrownByItsConstructionOrFailsIt) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const support::TempDir folder;
+  const std::string path = folder.file("out");
+  xfer::DownloadRequest request;
+  request.url = server.url("/file");
+  request.path = path;
+  request.cookie = kCookie;
+  request.knownSize = kSmallBody;
+  xfer::DownloadPolicy policy;
+  policy.numThreads = 2;
+  policy.rampChunks = false;
+  policy.maxChunkSize = kSmallBody / 2;
+  const xfer::DownloadOptions options = xfer::DownloadOptions().setSpeedLimiter(xfer::SpeedLimiter());
+  std::unique_ptr<xfer::DownloadJob> job;
+  failEach(
+      [&] {
+        job.reset();
+        succeeds([&] {
+          job = std::make_unique<xfer::DownloadJob>(request, policy, options);
+          job->start();
+        });
+      },
+      [&] {
+        if (job == nullptr) return;
+        EXPECT_TRUE(job->waitFor(static_cast<std::uint64_t>(support::testTimeout().count())));
+        EXPECT_EQ(job->snapshot().state, xfer::JobState::Failed);
+        EXPECT_EQ(job->snapshot().errorCode, 100000);
+      });
+  EXPECT_TRUE(job->waitFor(static_cast<std::uint64_t>(support::testTimeout().count())));
+  EXPECT_EQ(job->snapshot().state, xfer::JobState::Completed);
+  EXPECT_EQ(support::patternError(path, kSmallBody), "");
+}
+
+TEST_P(EachAllocation, isNoneOfAJobThatIsAskedOrTold) {
+  const support::ScriptedServer server(
+      [](const ReceivedRequest& request) { return support::range206(request, kSmallBody, {.bodyBytes = 1}).stall(); });
+  const support::TempDir folder;
+  xfer::DownloadRequest request;
+  request.url = server.url("/file");
+  request.path = folder.file("out");
+  request.knownSize = kSmallBody;
+  xfer::DownloadJob job(request, xfer::DownloadPolicy());
+  xfer::SpeedLimiter limiter(5);
+  job.start();
+  ASSERT_TRUE(server.waitForRequests(1));
+  {
+    const FailingAllocation failing(1, GetParam());
+    job.setSpeedLimit(1'000);
+    job.pause();
+    EXPECT_FALSE(job.waitFor(1));
+    EXPECT_EQ(job.snapshot().state, xfer::JobState::Paused);
+    job.resume();
+    const xfer::SpeedLimiter copy = limiter;
+    limiter.setLimit(6);
+    EXPECT_EQ(copy.limit(), 6U);
+    job.cancel();
+    EXPECT_TRUE(job.waitFor(static_cast<std::uint64_t>(support::testTimeout().count())));
+  }
+  EXPECT_EQ(g_refused, 0);
+  EXPECT_EQ(job.snapshot().state, xfer::JobState::Cancelled);
+}
+
+TEST_P(EachAllocation, ofOptionsIsThrownAndLeavesThemAsTheyWere) {
+  xfer::DownloadOptions options;
+  bool succeeded = true;
+  failEach(
+      [&] {
+        succeeded = succeeds([&] {
+          const xfer::SpeedLimiter limiter(5);
+          xfer::DownloadOptions limited;
+          limited.setSpeedLimiter(limiter);
+          const xfer::DownloadOptions copy = limited;
+          options = copy;
+        });
+      },
+      [&] { EXPECT_FALSE(succeeded); });
+  EXPECT_TRUE(succeeded);
 }
 
 INSTANTIATE_TEST_SUITE_P(ExhaustedMemory, EachAllocation, testing::Values(Failing::One, Failing::AllLater),
