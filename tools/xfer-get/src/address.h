@@ -1,4 +1,4 @@
-// Numeric network addresses.  One twin a platform.
+// Numeric network addresses.
 #pragma once
 
 #include <cstdint>
