@@ -563,21 +563,25 @@ TEST_F(JobCoreTest, restOfAFileOfUnknownSizeIsAskedForUpToTheTotalThatAnAnswerNa
   EXPECT_EQ(core.next()->asked, (ByteRange{10, 30}));
 }
 
-TEST_F(JobCoreTest, tenSmallAnswersInARowAreAFailedTry) {
+TEST_F(JobCoreTest, tenAnswersOfLessThanAKibibyteInARowAreAFailedTry) {
   DownloadPolicy oneRange = chunks();
-  oneRange.maxChunkSize = 4000;
-  core.setSize(4000, SizeFrom::Host);
+  oneRange.maxChunkSize = 40'000;
+  core.setSize(40'000, SizeFrom::Host);
   core.fileOpened();
   core.plan(oneRange);
   ASSERT_TRUE(core.run().refill);
-  for (std::uint64_t small = 1; small <= 10; ++small) {
+  std::uint64_t at = 0;
+  const auto bring = [&](std::uint64_t bytes) {
     const FlightPtr flight = core.next();
-    const std::uint64_t at = flight->asked.start;
-    EXPECT_EQ(at, small - 1);
+    EXPECT_EQ(flight->asked.start, at);
     EXPECT_EQ(flight->rangeStart, 0U);
-    answer(flight, rangeHead(at, at + 1, 4000));
-    ASSERT_EQ(core.ended(flight, {CURLE_OK, kPartial, 1}).retry.has_value(), small == 10) << small;
-  }
+    answer(flight, rangeHead(at, at + bytes, 40'000));
+    at += bytes;
+    return core.ended(flight, {CURLE_OK, kPartial, bytes}).retry.has_value();
+  };
+  for (int small = 1; small <= 9; ++small) ASSERT_FALSE(bring(1023)) << small;
+  ASSERT_FALSE(bring(1024)) << "large enough: the count begins anew";
+  for (int small = 1; small <= 10; ++small) ASSERT_EQ(bring(1023), small == 10) << small;
 }
 
 TEST_F(JobCoreTest, answerWithoutAByteIsAFailedTry) {
