@@ -136,6 +136,7 @@ TEST(PieceGate, keepsItsPlaceWhenThePieceComesInAnotherSize) {
   EXPECT_TRUE(gate.opensFor(limits, 300, kSecond + kSecond / 2));
   gate.passed(300);
   EXPECT_FALSE(gate.opensFor(limits, 300, kSecond + kSecond / 2)) << "of which 100 are left, and 100 are saved";
+  EXPECT_FALSE(gate.opensFor(limits, 50, kSecond + kSecond / 2)) << "while it waits, nothing passes";
   EXPECT_TRUE(gate.isOpen(kSecond + kSecond * 7 / 10));
 }
 

@@ -32,7 +32,7 @@ bool RateLimit::ask(Place& place, std::uint64_t size, std::uint64_t nowNs) noexc
     place.wanted = size - place.granted;
   }
   serve();
-  return size <= place.granted;
+  return place.wanted == 0;  // while it waits, another thread may grant it more
 }
 
 bool RateLimit::isServed(const Place& place, std::uint64_t nowNs) noexcept {

@@ -24,7 +24,8 @@ class DownloadOptions {
   XFER_API ~DownloadOptions();
 
   /// A limit that this job keeps together with every other job that is given the same limiter: the sum of their speeds
-  /// never exceeds it, and they pass their pieces in turn.  It counts beside the job's own limit.
+  /// does not exceed it, but for 100 ms' worth after a lull, and they pass their pieces in turn.  It counts beside the
+  /// job's own limit.
   XFER_API DownloadOptions& setSpeedLimiter(const SpeedLimiter& limiter);
 
   [[nodiscard]] const Values& values() const;  ///< internal
