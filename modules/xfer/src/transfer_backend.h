@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,15 @@ struct TransferEnd {
   std::int32_t code = 0;
   std::int32_t status = 0;  ///< HTTP status; 0: none
   std::uint64_t bytes = 0;  ///< delivered, from the range's start
+  /// How long the server asked to be left alone, in seconds from now on.  Nothing: it did not, or not legibly.
+  std::optional<std::uint64_t> retryAfterSec{};
+};
+
+/// One turn of the backend's loop.
+struct LoopTurn {
+  std::uint64_t nowNs = 0;    ///< monotonic
+  std::uint64_t sinceNs = 0;  ///< the time since the turn before
+  std::uint64_t sleptNs = 0;  ///< of which the loop waited for the network, and was not busy
 };
 
 /// Takes each piece of a successful response's body: its file offset, its bytes (valid only during the call) and their
@@ -51,7 +61,11 @@ struct TransferRequest {
   std::uint64_t rangeEnd = 0;      ///< 0: open-ended; when rangeStart is 0 too, no range is requested
   std::uint64_t maxRecvSpeed = 0;  ///< its share while the job's own limit is not set; 0: unlimited
   SpeedLimits limits;
-  HeadCallback onHead;  ///< empty: any body is taken as the requested range
+  bool freshConnection = false;     ///< not over a connection that was used before
+  std::uint64_t receiveBuffer = 0;  ///< bytes; 0: as usual
+  HeadCallback onHead;              ///< empty: any body is taken as the requested range
+  /// Tells whether a speed limit holds the transfer, at each change; on the loop thread.
+  std::function<void(bool held)> onThrottled;
   /// Whether to hold the transfer.  The loop thread asks at every turn, and pause and resume start a turn.  Empty:
   /// pause and resume hold and continue the transfer.
   std::function<bool()> isHeld;
@@ -78,6 +92,14 @@ class ITransferBackend {
 
   /// Ends one transfer with 42; does nothing when it has ended already.
   virtual void cancel(Ticket ticket) noexcept = 0;
+
+  /// Lowers the exclusive end of the bytes that a transfer has to deliver; it ends well there, at once when it is there
+  /// already.  Only from the turn callback.  Does nothing when the transfer has ended, or ends before.
+  virtual void cut(Ticket ticket, std::uint64_t end) = 0;
+
+  /// Calls back on the loop thread at the end of each of its turns, at least every 20 ms, after the data and done
+  /// callbacks of the turn.  Set before the first submit.
+  virtual void onTurn(std::function<void(const LoopTurn&)> callback) = 0;
 
   /// Ends every transfer with 42 and joins the loop thread; transfers that the loop has not taken over yet get no done
   /// callback.  Later submissions end at once with 42.  Destruction does the same; a job calls stop first, so that no
