@@ -1,7 +1,10 @@
 #include "xfer/download_job.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
 #include <chrono>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -9,6 +12,7 @@
 #include "download_job_impl.h"
 #include "job_state.h"
 #include "log.h"
+#include "range_scheduler.h"
 #include "remote_file.h"
 #include "result_codes.h"
 #include "share_pool.h"
@@ -21,6 +25,11 @@ namespace {
 constexpr const char* kLogTag = "DlJob";
 constexpr std::uint64_t kSpeedWindowNs = 500'000'000;
 
+// Bytes, of an adaptive plan: many connections get by with smaller buffers.
+constexpr std::uint64_t kReceiveBuffers = 8 * 1024 * 1024;  // of all together
+constexpr std::uint64_t kSmallestBuffer = 65536;
+constexpr std::uint64_t kLargestBuffer = 524288;
+
 }  // namespace
 
 JobEnvironment realJobEnvironment() {
@@ -32,6 +41,7 @@ JobEnvironment realJobEnvironment() {
     return probeStoppable(request, timeoutSec, stop);
   };
   real.nowNs = steadyNs;
+  real.hosts = &hostBook();
   real.waitForRetry = [](std::uint64_t delayMs, StopSignal& stop) { stop.waitFor(std::chrono::milliseconds(delayMs)); };
   return real;
 }
@@ -102,6 +112,7 @@ decltype(auto) DownloadJob::Impl::withCore(Event&& event) {
       if (now != before) job.stateChanged_.notifyAll();
     }
   } const tell{*this, core_.state()};
+  core_.setTime(environment_.nowNs());
   return event(core_);
 }
 
@@ -116,7 +127,9 @@ void DownloadJob::Impl::post(Event&& event) noexcept {
 }
 
 void DownloadJob::Impl::carryOut(const JobActions& actions) {
+  if (actions.open) openFile(*actions.open);
   if (actions.cancelSuperseded) cancelSuperseded();
+  for (const JobActions::Cut& cut : actions.cuts) backend_.load()->cut(cut.ticket, cut.end);
   if (ITransferBackend* const backend = backend_; actions.cancelAll && backend != nullptr) backend->cancelAll();
   if (actions.finalize) finalizeFile(*actions.finalize);
   if (actions.close) closeFile();
@@ -162,9 +175,14 @@ DownloadJob::Impl::Impl(DownloadRequest request, DownloadPolicy policy, JobEnvir
       policy_(policy),
       options_(std::move(options)),
       environment_(std::move(environment)),
-      core_(policy),
+      core_(policy,
+            options_.adaptive(policy.numThreads, environment_.nowNs() ^ reinterpret_cast<std::uintptr_t>(this))),
       sink_([this](std::chrono::milliseconds time) { stopping_.waitFor(time); }),
-      retryTimers_([this](std::uint64_t delayMs) { environment_.waitForRetry(delayMs, stopping_); }) {}
+      retryTimers_([this](std::uint64_t delayMs) { environment_.waitForRetry(delayMs, stopping_); }) {
+  // Shares of fixed connections make no sense when their number changes.
+  const bool moves = options_.plan == DownloadPlan::Adaptive;
+  if (moves && policy_.maxDownloadSpeed != 0) setSpeedLimit(policy_.maxDownloadSpeed);
+}
 
 DownloadJob::Impl::~Impl() {
   cancel();
@@ -183,7 +201,7 @@ DownloadJob::Impl::~Impl() {
 void DownloadJob::Impl::start() {
   const bool idle = withCore([](JobCore& core) { return core.state() == JobState::Idle; });
   if (!idle || started_.exchange(true)) return;
-  if (request_.knownSize != 0) return runDoStart();
+  if (request_.knownSize != 0 || options_.plan == DownloadPlan::Adaptive) return runDoStart();
   const sys::MutexLock lock(workerMutex_);
   try {
     worker_ = std::thread([this] {
@@ -283,6 +301,11 @@ void DownloadJob::Impl::doStart() {
     XFER_LOG(log::kFailure, "doStart | policy refused | field=" << field);
     return failWith(CURLE_BAD_FUNCTION_ARGUMENT);
   }
+  if (const char* const option = options_.unworkable()) {
+    XFER_LOG(log::kFailure, "doStart | options refused | field=" << option);
+    return failWith(CURLE_BAD_FUNCTION_ARGUMENT);
+  }
+  if (options_.plan == DownloadPlan::Adaptive) return startMoving();
   std::uint64_t size = request_.knownSize;
   bool ranges = true;
   SizeFrom from = SizeFrom::Host;
@@ -318,6 +341,50 @@ void DownloadJob::Impl::doStart() {
   post([](JobCore& core) { return core.run(); });
 }
 
+// Begins a download whose ranges move.  All that follows is done on the loop thread, from its first turn on.
+void DownloadJob::Impl::startMoving() {
+  const bool begun = withCore([this](JobCore& core) {
+    if (!core.beginProbe()) return false;
+    core.setSize(request_.knownSize, JobCore::SizeFrom::Host);
+    core.plan(policy_);
+    if (environment_.hosts != nullptr) core.adopt(environment_.hosts->of(originOf(request_.url)));
+    return true;
+  });
+  if (!begun) {
+    withCore([](JobCore& core) { core.markCancelled(); });
+    return;
+  }
+  backendOwner_ = environment_.makeBackend(request_, policy_);
+  speedWindowStart_ = environment_.nowNs();
+  backend_ = backendOwner_.get();
+  backendOwner_->onTurn([this](const LoopTurn& turn) { onTurn(turn); });
+}
+
+void DownloadJob::Impl::onTurn(LoopTurn turn) {
+  turn.nowNs = environment_.nowNs();
+  post([&](JobCore& core) { return core.turned(turn); });
+  if (environment_.hosts != nullptr) exchangeTerms();
+}
+
+// Jobs of one host go by what it asked any of them for.
+void DownloadJob::Impl::exchangeTerms() {
+  const std::string_view origin = originOf(request_.url);
+  const HostTerms own = *withCore([](JobCore& core) { return core.hostTerms(); });
+  if (own != toldTerms_) {
+    environment_.hosts->note(origin, own);
+    toldTerms_ = own;
+  }
+  const HostTerms known = environment_.hosts->of(origin);
+  if (known.notBeforeNs > own.notBeforeNs) withCore([&](JobCore& core) { core.adopt({known.notBeforeNs, 0}); });
+}
+
+void DownloadJob::Impl::openFile(std::uint64_t size) {
+  const std::int32_t error = sink_.open(request_.path, size);
+  if (error == 0) return post([](JobCore& core) { return core.fileOpened(); });
+  XFER_LOG(log::kFailure, "doStart | sink open failed | err=" << error);
+  post([error](JobCore& core) { return core.fail(error, 0); });
+}
+
 void DownloadJob::Impl::refill() {
   while (const FlightPtr flight = withCore([](JobCore& core) { return core.next(); })) submit(flight);
 }
@@ -335,12 +402,12 @@ void DownloadJob::Impl::submit(const FlightPtr& flight) {
     transfer.maxRecvSpeed = policy_.maxDownloadSpeed / policy_.numThreads;
     transfer.limits = {&ownLimit_, options_.sharedLimit.get()};
     transfer.isHeld = [this] { return paused_.load(); };
-    transfer.onHead = [this, flight](const ResponseHead& head) {
-      JobActions actions;
-      const Placement placement = withCore([&](JobCore& core) { return core.answered(flight, head, actions); });
-      carryOut(actions);
-      return placement;
-    };
+    transfer.onHead = [this, flight](const ResponseHead& head) { return onHead(flight, head); };
+    if (options_.plan == DownloadPlan::Adaptive) {
+      transfer.freshConnection = flight->freshConnection;
+      transfer.receiveBuffer = std::clamp(kReceiveBuffers / policy_.numThreads, kSmallestBuffer, kLargestBuffer);
+      transfer.onThrottled = [flight](bool held) { flight->throttled = held; };
+    }
     const Ticket ticket = backend.submit(
         transfer,
         [this, flight](std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length) {
@@ -359,6 +426,17 @@ void DownloadJob::Impl::submit(const FlightPtr& flight) {
 
 // ---- The data path, on the loop thread ----
 
+Placement DownloadJob::Impl::onHead(const FlightPtr& flight, const ResponseHead& head) {
+  JobActions actions;
+  Placement placement = withCore([&](JobCore& core) { return core.answered(flight, head, actions); });
+  carryOut(actions);
+  if (actions.open && !sink_.isOpen()) {
+    placement.action = Placement::Action::Stop;
+    placement.code = CURLE_ABORTED_BY_CALLBACK;
+  }
+  return placement;
+}
+
 void DownloadJob::Impl::onData(JobCore::Flight& flight, std::uint64_t offset, const std::uint8_t* bytes,
                                std::uint64_t length) {
   if (flight.superseded) return;
@@ -371,6 +449,7 @@ void DownloadJob::Impl::onData(JobCore::Flight& flight, std::uint64_t offset, co
     static_cast<void>(sink_.writeAt(part.start, bytes + (part.start - offset), part.length()));
   });
   if (flight.hasher) flight.hasher->add(bytes, length);
+  flight.position = offset + length;
   bytesDone_ += length;
   measureSpeed(length);
   if (sink_.writeFailed()) post([](JobCore& core) { return core.writeFailed(result::kWriteFailed); });

@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "file_sink.h"
+#include "host_terms.h"
 #include "job_core.h"
 #include "option_values.h"
 #include "rate_limit.h"
@@ -34,9 +35,10 @@ struct JobEnvironment {
   std::function<std::uint64_t()> nowNs;  ///< monotonic
   /// Waits for the delay of a retry, but no longer than until the signal is set.
   std::function<void(std::uint64_t delayMs, StopSignal&)> waitForRetry;
+  HostBook* hosts = nullptr;  ///< where an adaptive plan reads and writes what hosts ask for
 };
 
-/// libcurl, the steady clock and real waiting.
+/// libcurl, the steady clock, real waiting and the process's book.
 JobEnvironment realJobEnvironment();
 
 class DownloadJob::Impl {
@@ -73,8 +75,13 @@ class DownloadJob::Impl {
 
   void runDoStart() noexcept;
   void doStart();
+  void startMoving();
+  void openFile(std::uint64_t size);
+  void onTurn(LoopTurn turn);
+  void exchangeTerms();
   void refill();
   void submit(const FlightPtr& flight);
+  Placement onHead(const FlightPtr& flight, const ResponseHead& head);
   void cancelSuperseded() noexcept SYS_EXCLUDES(mutex_);
   void finalizeFile(std::uint64_t size);
   void closeFile() noexcept;
@@ -107,6 +114,9 @@ class DownloadJob::Impl {
   // Written by the loop thread, read by snapshot.
   std::atomic<std::uint64_t> bytesDone_{0};
   std::atomic<std::uint64_t> bytesPerSec_{0};
+
+  // The loop thread's.
+  HostTerms toldTerms_;  // what the book was told last
 
   // The loop thread's; doStart sets the start before the first transfer.
   std::uint64_t speedWindowBytes_ = 0;

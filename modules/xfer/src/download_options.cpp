@@ -43,6 +43,47 @@ DownloadOptions& DownloadOptions::setSpeedLimiter(const SpeedLimiter& limiter) {
   return *this;
 }
 
+DownloadOptions& DownloadOptions::setPlan(DownloadPlan plan) {
+  values_->plan = plan;
+  return *this;
+}
+
+DownloadOptions& DownloadOptions::setMaxTries(std::uint32_t tries) {
+  values_->maxTries = tries;
+  return *this;
+}
+
+DownloadOptions& DownloadOptions::setRetryMaxTime(std::uint32_t seconds) {
+  values_->retryMaxSec = seconds;
+  return *this;
+}
+
+DownloadOptions& DownloadOptions::setLongestWait(std::uint32_t seconds) {
+  values_->longestWaitSec = seconds;
+  return *this;
+}
+
+const char* DownloadOptions::Values::unworkable() const {
+  if (plan != DownloadPlan::Stated && plan != DownloadPlan::Adaptive) return "plan";
+  const bool moves = plan == DownloadPlan::Adaptive;
+  if (maxTries && (!moves || *maxTries == 0)) return "maxTries";
+  if (retryMaxSec && !moves) return "retryMaxTime";
+  if (longestWaitSec && !moves) return "longestWait";
+  return nullptr;
+}
+
+std::optional<AdaptiveSettings> DownloadOptions::Values::adaptive(std::size_t connections, std::uint64_t seed) const {
+  constexpr std::uint64_t kNsPerSec = 1'000'000'000;
+  if (plan != DownloadPlan::Adaptive) return std::nullopt;
+  AdaptiveSettings settings;
+  settings.connections = connections;
+  if (maxTries) settings.maxTries = *maxTries;
+  if (retryMaxSec) settings.retryMaxNs = *retryMaxSec * kNsPerSec;
+  if (longestWaitSec) settings.longestWaitNs = *longestWaitSec * kNsPerSec;
+  settings.seed = seed;
+  return settings;
+}
+
 const DownloadOptions::Values& DownloadOptions::values() const {
   return *values_;
 }

@@ -9,14 +9,13 @@
 #include "log.h"
 #include "result_codes.h"
 #include "retry_policy.h"
+#include "stated_plan.h"
 
 namespace xfer {
 namespace {
 
 constexpr const char* kLogTag = "DlJob";
 constexpr std::int32_t kMostSlowTimeouts = 5;
-constexpr std::uint64_t kSmallAnswer = 1024;
-constexpr int kMostSmallAnswers = 10;
 constexpr int kMostAnswersOfOldVersion = 16;
 constexpr int kMostDoubtsInARow = 8;
 
@@ -44,13 +43,13 @@ bool JobCore::ending() const {
 
 bool JobCore::throttled() const {
   // A file of few ranges cannot collect many slow time-outs, so it is flagged after as many as it has ranges.
-  const std::uint32_t ranges = scheduler_ ? scheduler_->rangeCount() : 0;
-  const bool few = ranges >= 1 && ranges < static_cast<std::uint32_t>(kMostSlowTimeouts);
+  const std::size_t ranges = plan_ ? plan_->rangeCount() : 0;
+  const bool few = ranges >= 1 && ranges < static_cast<std::size_t>(kMostSlowTimeouts);
   return slowTimeouts_ >= (few ? static_cast<std::int32_t>(ranges) : kMostSlowTimeouts);
 }
 
 bool JobCore::standsStill() const {
-  return !ending() && (retryDropped_ || finalized_);
+  return !ending() && (retryDropped_ || (finalized_ && moving_ == nullptr));
 }
 
 // A job that is to end closes its file once nothing is in flight that may still write to it; that completes a cancel.
@@ -92,6 +91,12 @@ JobActions JobCore::cancel() noexcept {
 
 bool JobCore::resume(JobActions& actions) noexcept {
   if (state_ != JobState::Paused || !enter(JobState::Running)) return false;
+  // The last byte arrived during the pause.
+  if (moving_ != nullptr && finalized_) {
+    enter(JobState::Completed);
+    settle(actions);
+    return true;
+  }
   // Intended: slots that came free during the pause are refilled when the next transfer ends.  When every transfer has
   // ended meanwhile there is no next one.
   actions.refill = flights_.empty();
@@ -114,6 +119,7 @@ void JobCore::setSize(std::uint64_t size, SizeFrom from) {
 JobActions JobCore::fileOpened() noexcept {
   JobActions actions;
   fileOpen_ = true;
+  if (moving_ != nullptr) enter(JobState::Running);
   settle(actions);
   return actions;
 }
@@ -121,7 +127,21 @@ JobActions JobCore::fileOpened() noexcept {
 void JobCore::plan(const DownloadPolicy& policy) {
   planPolicy_ = policy;
   planSize_ = totalBytes_;
-  scheduler_ = std::make_unique<RangeScheduler>(planSize_, planPolicy_);
+  plan_ = makePlan();
+}
+
+std::unique_ptr<RangePlan> JobCore::makePlan() {
+  std::unique_ptr<RangePlan> plan;
+  if (adaptive_) {
+    const auto size = planSize_ != 0 ? std::optional(planSize_) : std::nullopt;
+    auto moving = std::make_unique<AdaptivePlan>(*adaptive_, size);
+    moving_ = moving.get();
+    plan = std::move(moving);
+  } else {
+    plan = std::make_unique<StatedPlan>(planSize_, planPolicy_, policy_.numThreads);
+  }
+  if (oneAtATime_) plan->oneAtATime();
+  return plan;
 }
 
 JobActions JobCore::run() {
@@ -144,32 +164,33 @@ JobCore::FlightPtr JobCore::addFlight() {
   return flight;
 }
 
+JobCore::FlightPtr JobCore::flightOf(RangePlan::PieceId piece) const {
+  const auto found = std::find_if(flights_.begin(), flights_.end(), [&](const auto& flight) {
+    return flight.second->piece == piece && flight.second->generation == generation_;
+  });
+  return found->second;
+}
+
 JobCore::FlightPtr JobCore::next() {
-  if (state_ != JobState::Running) return nullptr;
+  const bool begins = moving_ != nullptr && state_ == JobState::Probing;
+  if (state_ != JobState::Running && !begins) return nullptr;
   return doubt_ ? nextSample() : nextRange();
 }
 
 JobCore::FlightPtr JobCore::nextRange() {
-  if (flights_.size() >= limit()) return nullptr;
-  auto flight = addFlight();  // first: it may throw, and a range that was handed out must not be lost
-  std::optional<ByteRange> range;
-  if (!rests_.empty()) {
-    range = rests_.front();
-    rests_.pop_front();
-  } else {
-    range = scheduler_->nextPending();
-  }
-  if (!range) {
+  if (flights_.size() >= plan_->limit()) return nullptr;
+  auto flight = addFlight();  // first: it may throw, and a piece that was handed out must not be lost
+  const auto piece = plan_->next(nowNs_);
+  if (!piece) {
     flights_.erase(flight->id);
     return nullptr;
   }
-  flight->rangeStart = range->start;
-  flight->asked = *range;
-  if (const auto known = progress_.find(range->start); known != progress_.end()) {
-    flight->asked.start = std::max(range->start, known->second.reached);
-  }
+  flight->piece = piece->id;
+  flight->asked = piece->range;
+  flight->rangeStart = piece->rangeStart;
+  flight->freshConnection = piece->freshConnection;
   // The rest of a file whose size was unknown when it was planned.
-  if (range->empty() && flight->asked.start != 0) flight->asked.end = extent_.size().value_or(0);
+  if (flight->asked.end == 0 && flight->asked.start != 0) flight->asked.end = extent_.size().value_or(0);
   return flight;
 }
 
@@ -228,7 +249,10 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
   if (flight->sample) return answeredSample(*flight, claim, validator);
 
   const bool whole = claim.kind == Kind::WholeFile;
-  if (whole) oneAtATime_ = true;
+  if (whole) {
+    oneAtATime_ = true;
+    plan_->oneAtATime();
+  }
   const bool leads = whole && isLowest(*flight);
   // Whether anything would be mixed with this answer's bytes.
   const bool mixes = extent_.holdsBytes() || (!leads && othersAreAnswered(*flight));
@@ -245,7 +269,7 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
   if (likeness == Likeness::Other && mixes) {
     return refuse(*flight, Refusal::Changed, "entity tag of the remote file changed");
   }
-  if (likeness == Likeness::Doubt && mixes) return raiseDoubt(*flight, validator);
+  if (likeness == Likeness::Doubt && mixes) return raiseDoubt(*flight, validator, actions);
   // A transfer of earlier bytes is under way; should it bring the whole file too, these would come twice.
   if (whole && !leads) return putBack(*flight);
   if (whole && claim.length && flight->asked.start != 0 && *claim.length <= flight->asked.start) {
@@ -268,6 +292,13 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
     replan(*flight, actions);
     return putBack(*flight);
   }
+  if (moving_ != nullptr) {
+    if (!whole && !extent_.size() && !unsized_) {
+      planWithoutSize();
+      return putBack(*flight);
+    }
+    learnSize(*flight, whole, actions);
+  }
   return place(*flight, claim, validator, actions);
 }
 
@@ -287,7 +318,7 @@ Placement JobCore::place(Flight& flight, const AnswerClaim& claim, const Validat
       if (claim.endIsSeen) placement.codeIfShort = CURLE_RANGE_ERROR;
     } else if (claim.length || hostGaveSize_) {
       // What only the probe said does not bind a body without a length.
-      placement.end = extent_.size() == planSize_ ? scheduler_->openEnd() : extent_.size();
+      placement.end = extent_.size() == planSize_ ? plan_->openEnd() : extent_.size();
     }
   } else {
     placement.bodyOffset = flight.asked.start;
@@ -299,6 +330,57 @@ Placement JobCore::place(Flight& flight, const AnswerClaim& claim, const Validat
   const bool decides = !validator.strongEtag.empty();
   if (!decides && validator.says()) flight.hasher.emplace(flight.asked.start, sample_.stride());
   return placement;
+}
+
+// An answer of an adaptive plan's piece is accepted; the first one tells what the file is.
+void JobCore::learnSize(Flight& flight, bool whole, JobActions& actions) {
+  if (!fileOpen_) {
+    if (!hostGaveSize_) totalBytes_ = extent_.size().value_or(0);
+    actions.open = totalBytes_;
+  }
+  if (!whole && !unsized_) {
+    if (planSize_ == 0) {
+      planSize_ = *extent_.size();
+      moving_->setSize(planSize_);
+    }
+    flight.asked.end = std::min(flight.asked.end, planSize_);
+  }
+  moving_->answered(*flight.piece, nowNs_);
+}
+
+// Neither the first answer nor a later one tells the size: the file is fetched as a whole.
+void JobCore::planWithoutSize() {
+  unsized_ = true;
+  ++generation_;
+  moving_->setUnsized();
+}
+
+// What the answer of a piece has brought of its range so far is part of the file, however its transfer ends.  Returns
+// the exclusive end of it.
+std::uint64_t JobCore::keep(Flight& flight) {
+  const std::uint64_t start = flight.asked.start;
+  if (moving_ == nullptr || !flight.answer || flight.answer->claim.kind != AnswerClaim::Kind::Range) return start;
+  std::uint64_t reached = std::max(start, flight.position);
+  if (flight.asked.end != 0) reached = std::min(reached, flight.asked.end);
+  extent_.deliver({start, reached});
+  addSample(flight);
+  return reached;
+}
+
+void JobCore::addSample(Flight& flight) {
+  if (!flight.hasher) return;
+  std::vector<HashedBlock> blocks = flight.hasher->finish();
+  std::erase_if(blocks, [&](const HashedBlock& block) { return flight.kept.meets(block.range); });
+  sample_.add(blocks);
+}
+
+// Ends a flight, keeping what it has brought; the rest of its piece is fetched by another one.
+void JobCore::interrupt(Flight& flight, JobActions& actions) {
+  const std::uint64_t reached = keep(flight);
+  if (flight.piece) static_cast<void>(plan_->partDone(*flight.piece, reached, reached - flight.asked.start, nowNs_));
+  flight.piece.reset();
+  flight.superseded = flight.toCancel = true;
+  actions.cancelSuperseded = true;
 }
 
 // No other transfer in flight is of any use.
@@ -314,11 +396,9 @@ void JobCore::supersedeOthers(const Flight& flightThatCounts, JobActions& action
 void JobCore::replan(const Flight& flight, JobActions& actions) {
   supersedeOthers(flight, actions);
   ++generation_;
-  progress_.clear();
-  rests_.clear();
   retries_.clear();
   planSize_ = totalBytes_ = *extent_.size();
-  scheduler_ = std::make_unique<RangeScheduler>(planSize_, planPolicy_);
+  plan_ = makePlan();
 }
 
 // What was said of the size so far is of no use, and nothing was fetched by it that counts.
@@ -348,17 +428,47 @@ JobActions JobCore::ended(const FlightPtr& flight, const TransferEnd& end) {
   if (ending()) {
     settle(actions);
   } else if (flight->superseded) {
-    if (!flight->sample && flight->generation == generation_) scheduler_->release(flight->rangeStart);
+    if (flight->piece && flight->generation == generation_) plan_->release(*flight->piece);
     proceed(actions);
   } else if (flight->sample) {
     sampleEnded(*flight, end, actions);
   } else if (flight->refusal == Flight::Refusal::Unusable) {
-    retryOrFail(flight->rangeStart, end, actions);
+    retryOrFail(*flight, Verdict::Retryable, end, actions);
   } else if (classifyTransfer(end.code, end.status) == Verdict::Success) {
     succeeded(*flight, end, actions);
   } else {
     failed(*flight, end, actions);
   }
+  return actions;
+}
+
+JobActions JobCore::turned(const LoopTurn& turn) {
+  JobActions actions;
+  if (moving_ == nullptr || ending()) return actions;
+  nowNs_ = turn.nowNs;
+  for (const auto& [id, flight] : flights_) {
+    if (!flight->piece || flight->superseded || flight->generation != generation_) continue;
+    moving_->report(*flight->piece, std::max(flight->asked.start, flight->position), flight->throttled);
+  }
+  RangePlan::Orders orders = moving_->turn(turn, state_ == JobState::Paused);
+  for (const auto& cut : orders.cuts) {
+    Flight& flight = *flightOf(cut.piece);
+    XFER_LOG(log::kTrace,
+             "turn | cut | range=" << flight.asked.start << " | end=" << flight.asked.end << " | to=" << cut.end);
+    flight.asked.end = cut.end;
+    actions.cuts.push_back({*flight.ticket, cut.end});
+  }
+  for (const auto& close : orders.closes) {
+    Flight& flight = *flightOf(close.piece);
+    const std::uint64_t reached = keep(flight);
+    XFER_LOG(log::kRecovery, "turn | connection given up | reason=" << close.reason << " | range=" << flight.asked.start
+                                                                    << " | at=" << reached
+                                                                    << " | end=" << flight.asked.end);
+    flight.piece.reset();
+    flight.superseded = flight.toCancel = true;
+    actions.cancelSuperseded = true;
+  }
+  actions.refill = true;
   return actions;
 }
 
@@ -381,17 +491,13 @@ void JobCore::succeeded(Flight& flight, const TransferEnd& end, JobActions& acti
   if (whole && !endWholeFile(flight, reached, end, actions)) return;
   if (flight.answer && !whole && end.bytes == 0) {
     // No range is empty.
-    return retryOrFail(flight.rangeStart, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+    return retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
   }
   extent_.deliver({flight.asked.start, reached});
   doubtsInARow_ = 0;
-  if (flight.hasher) {
-    std::vector<HashedBlock> blocks = flight.hasher->finish();
-    std::erase_if(blocks, [&](const HashedBlock& block) { return flight.kept.meets(block.range); });
-    sample_.add(blocks);
-  }
+  addSample(flight);
   if (whole) {
-    completeFrom(flight.rangeStart);
+    plan_->completeFrom(*flight.piece);
     return finishIfWhole(flight, end, actions);
   }
   if (flight.asked.end == 0 || reached < flight.asked.end) {
@@ -401,7 +507,7 @@ void JobCore::succeeded(Flight& flight, const TransferEnd& end, JobActions& acti
     }
     extent_.endAt(reached);
   }
-  scheduler_->complete(flight.rangeStart);
+  plan_->complete(*flight.piece, nowNs_);
   finishIfWhole(flight, end, actions);
 }
 
@@ -416,7 +522,7 @@ bool JobCore::endWholeFile(Flight& flight, std::uint64_t reached, const Transfer
   const auto size = extent_.size();
   if (!answer.claim.endIsSeen && size && reached < *size) {
     // The end of the connection is all that ended this body.
-    retryOrFail(flight.rangeStart, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+    retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
     return false;
   }
   const Fit fit = extent_.judgeLength(reached);
@@ -432,33 +538,21 @@ bool JobCore::endWholeFile(Flight& flight, std::uint64_t reached, const Transfer
 }
 
 // The server sent less of the range than asked, and the file goes on.
-void JobCore::continueRange(const Flight& flight, std::uint64_t reached, const TransferEnd& end, JobActions& actions) {
+void JobCore::continueRange(Flight& flight, std::uint64_t reached, const TransferEnd& end, JobActions& actions) {
   if (!partsNoted_) {
     partsNoted_ = true;
     XFER_LOG(log::kRecovery, "onTransferDone | server sends less of a range than asked | range="
                                  << flight.asked.start << " | asked=" << flight.asked.length()
                                  << " | got=" << end.bytes);
   }
-  Progress& progress = progress_[flight.rangeStart];
-  progress.reached = reached;
-  progress.smallAnswers = end.bytes < kSmallAnswer ? progress.smallAnswers + 1 : 0;
-  if (progress.smallAnswers == kMostSmallAnswers) {
-    progress.smallAnswers = 0;
-    return retryOrFail(flight.rangeStart, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+  if (!plan_->partDone(*flight.piece, reached, end.bytes, nowNs_)) {
+    return retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
   }
-  rests_.push_back({flight.rangeStart, scheduler_->endOf(flight.rangeStart)});
   proceed(actions);
 }
 
-// Every range from this one on is complete, and what was planned for one is not needed any more.
-void JobCore::completeFrom(std::uint64_t rangeStart) {
-  scheduler_->completeFrom(rangeStart);
-  std::erase_if(rests_, [&](const ByteRange& range) { return range.start >= rangeStart; });
-  std::erase_if(retries_, [&](const auto& retry) { return retry.second && *retry.second >= rangeStart; });
-}
-
 void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobActions& actions) {
-  const bool allDone = scheduler_->allDone();
+  const bool allDone = plan_->allDone();
   if (extent_.hasHole() || (allDone && !extent_.complete())) {
     XFER_LOG(log::kFailure,
              "onTransferDone | bytes are missing | from=" << std::min(extent_.firstMissing(), extent_.end().value_or(0))
@@ -466,7 +560,8 @@ void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobAct
     return failFatally(flight.asked.start, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
   }
   if (!allDone) return proceed(actions);
-  doubt_.reset();  // the answer that raised it was put back, and is not needed any more
+  supersedeOthers(flight, actions);  // a copy of what has arrived
+  doubt_.reset();                    // the answer that raised it was put back, and is not needed any more
   finalizing_ = true;
   actions.finalize = extent_.end();
 }
@@ -496,56 +591,85 @@ JobActions JobCore::writeFailed(std::int32_t error) {
 
 // ---- Failures ----
 
-void JobCore::failed(const Flight& flight, const TransferEnd& end, JobActions& actions) {
-  switch (classifyTransfer(end.code, end.status)) {
-    case Verdict::Success:
-      return;
-    case Verdict::Rejected:
-      XFER_LOG(log::kFailure,
-               "cdn reject | range=" << flight.asked.start << " | err=" << end.code << " | http=" << end.status);
-      return failFrom(end.code != 0 ? end.code : end.status, end.status, actions);
-    case Verdict::Retryable:
-      return retryOrFail(flight.rangeStart, end, actions);
-    case Verdict::Fatal:
-      return failFatally(flight.asked.start, end, actions);
-  }
+void JobCore::failed(Flight& flight, const TransferEnd& end, JobActions& actions) {
+  const Verdict verdict = classifyTransfer(end.code, end.status);
+  if (moving_ != nullptr || verdict == Verdict::Retryable) return retryOrFail(flight, verdict, end, actions);
+  giveUp(flight, verdict, end, actions);
 }
 
-void JobCore::retryOrFail(std::uint64_t rangeStart, const TransferEnd& end, JobActions& actions) {
-  const std::size_t attempt = ++(doubt_ && doubt_->prepared ? doubt_->attempts : progress_[rangeStart].attempts);
-  if (attempt > kRetryDelaysMs.size()) {
-    XFER_LOG(log::kFailure, "exhausted retries | range=" << rangeStart);
-    return failFatally(rangeStart, end, actions);
+void JobCore::giveUp(const Flight& flight, Verdict verdict, const TransferEnd& end, JobActions& actions) {
+  if (verdict != Verdict::Rejected) return failFatally(flight.asked.start, end, actions);
+  XFER_LOG(log::kFailure,
+           "cdn reject | range=" << flight.asked.start << " | err=" << end.code << " | http=" << end.status);
+  failFrom(end.code != 0 ? end.code : end.status, end.status, actions);
+}
+
+void JobCore::retryOrFail(Flight& flight, Verdict verdict, const TransferEnd& end, JobActions& actions) {
+  using Kind = RangePlan::FollowUp::Kind;
+  // A server may have no range to give of a file that is empty, or whose size it does not know.
+  if (moving_ != nullptr && end.status == 416 && !fileOpen_ && !unsized_) {
+    planWithoutSize();
+    return proceed(actions);
   }
-  Retry retry;
-  retry.id = ++lastRetry_;
-  retry.delayMs = kRetryDelaysMs[attempt - 1];
-  XFER_LOG(log::kRecovery, "retry scheduled | range=" << rangeStart << " | attempt=" << attempt
-                                                      << " | delay_ms=" << retry.delayMs << " | err=" << end.code
-                                                      << " | http=" << end.status);
-  retries_.emplace(retry.id, rangeStart);
-  actions.retry = retry;
+  const auto followUp =
+      flight.sample ? retrySample() : plan_->failed(*flight.piece, verdict, end, keep(flight), nowNs_);
+  switch (followUp.kind) {
+    case Kind::TryLater:
+      scheduleRetry(flight, followUp, end, actions);
+      break;
+    case Kind::Planned:
+      XFER_LOG(log::kRecovery,
+               "try again | range=" << flight.rangeStart << " | err=" << end.code << " | http=" << end.status);
+      break;
+    case Kind::GiveUp:
+      if (verdict != Verdict::Retryable) return giveUp(flight, verdict, end, actions);
+      XFER_LOG(log::kFailure, "exhausted retries | range=" << flight.rangeStart);
+      return failFatally(flight.rangeStart, end, actions);
+  }
   // Intended: nothing takes the range's slot meanwhile.
   settleDoubt(actions);
+}
+
+void JobCore::scheduleRetry(const Flight& flight, const RangePlan::FollowUp& followUp, const TransferEnd& end,
+                            JobActions& actions) {
+  Retry retry;
+  retry.id = ++lastRetry_;
+  retry.delayMs = followUp.delayMs;
+  XFER_LOG(log::kRecovery, "retry scheduled | range=" << flight.rangeStart << " | attempt=" << followUp.attempt
+                                                      << " | delay_ms=" << retry.delayMs << " | err=" << end.code
+                                                      << " | http=" << end.status);
+  retries_.emplace(retry.id, flight.piece);
+  actions.retry = retry;
+}
+
+RangePlan::FollowUp JobCore::retrySample() {
+  RangePlan::FollowUp followUp;
+  followUp.attempt = ++doubt_->attempts;
+  if (followUp.attempt > kRetryDelaysMs.size()) return followUp;
+  followUp.kind = RangePlan::FollowUp::Kind::TryLater;
+  followUp.delayMs = kRetryDelaysMs[followUp.attempt - 1];
+  doubt_->waiting = true;
+  return followUp;
 }
 
 JobActions JobCore::retryDue(std::uint64_t id) {
   JobActions actions;
   const auto retry = retries_.find(id);
   if (retry == retries_.end()) return actions;
-  const std::optional<std::uint64_t> rangeStart = retry->second;
+  const std::optional<RangePlan::PieceId> piece = retry->second;
   retries_.erase(retry);
-  if (!rangeStart) {
+  if (!piece) {
     if (doubt_) doubt_->waiting = false;
     proceed(actions);
     return actions;
   }
+  if (!plan_->awaitsRequeue(*piece)) return actions;
   if (state_ != JobState::Running) {
     // Intended: a retry whose delay ends while the job is paused is dropped for good.
     retryDropped_ = retryDropped_ || state_ == JobState::Paused;
     return actions;
   }
-  scheduler_->fail(*rangeStart);
+  plan_->requeue(*piece);
   proceed(actions);
   return actions;
 }
@@ -557,7 +681,7 @@ void JobCore::failFatally(std::uint64_t rangeStart, const TransferEnd& end, JobA
 
 // ---- Doubts ----
 
-Placement JobCore::raiseDoubt(Flight& flight, const Validator& validator) {
+Placement JobCore::raiseDoubt(Flight& flight, const Validator& validator, JobActions& actions) {
   if (!doubt_) {
     if (++doubtsInARow_ > kMostDoubtsInARow) {
       return refuse(flight, Flight::Refusal::Changed, "validator of the remote file changes all the time");
@@ -566,6 +690,12 @@ Placement JobCore::raiseDoubt(Flight& flight, const Validator& validator) {
     Doubt doubt;
     doubt.candidate = validator;
     doubt_ = std::move(doubt);
+  }
+  if (moving_ != nullptr) {
+    // Its pieces are long.
+    for (const auto& [id, other] : flights_) {
+      if (id != flight.id && !other->superseded) interrupt(*other, actions);
+    }
   }
   return putBack(flight);
 }
@@ -631,14 +761,11 @@ void JobCore::sampleEnded(Flight& flight, const TransferEnd& end, JobActions& ac
   const bool unusable = flight.refusal == Flight::Refusal::Unusable;
   const Verdict verdict = classifyTransfer(end.code, end.status);
   if (unusable || verdict == Verdict::Retryable) {
-    retryOrFail(flight.rangeStart, end, actions);
-    if (!actions.retry) return;
-    retries_[actions.retry->id].reset();
-    doubt_->waiting = true;
+    retryOrFail(flight, Verdict::Retryable, end, actions);
   } else if (verdict == Verdict::Success) {
     sampleSucceeded(flight, end, actions);
   } else {
-    failed(flight, end, actions);
+    giveUp(flight, verdict, end, actions);
   }
 }
 

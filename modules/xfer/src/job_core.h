@@ -8,10 +8,15 @@
 //
 // A server may also send less of a range than asked while it says that the file goes on: the rest is asked for at once.
 //
+// Which bytes are fetched next, and what follows a failure, is the plan's to say.  With an adaptive plan
+//   - there is no probe: the first range's answer tells the size, and the file is opened then;
+//   - ranges are cut while they run, and what was delivered of one is kept however its transfer ends.
+//
 // A doubt: a weak validator that changes between answers may mean another version, or nothing.  The answer is put back,
 // what is in flight may end, and then a sample of what was delivered is fetched again and compared.
 //
-// Knows no lock, no thread, no clock and no file, and of libcurl only the result codes.  It logs.
+// Knows no lock, no thread, no clock and no file, and of libcurl only the result codes.  It logs.  The caller tells it
+// the time before each event.
 //
 // Threads: one at a time.  Flight::superseded may be read at any time.
 // Errors:  pause, resume, cancel, fail and the transitions neither allocate nor throw.  Every other event may throw
@@ -21,18 +26,18 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
 
+#include "adaptive_plan.h"
 #include "body_placement.h"
 #include "byte_range.h"
 #include "content_sample.h"
 #include "file_extent.h"
-#include "range_scheduler.h"
+#include "range_plan.h"
 #include "remote_version.h"
 #include "transfer_backend.h"
 #include "xfer/download_records.h"
@@ -47,8 +52,16 @@ struct Retry {
 
 /// What the caller has to do after an event, in any order.
 struct JobActions {
-  bool refill = false;                      ///< call next until it has nothing more
-  bool cancelSuperseded = false;            ///< cancel the transfers of superseded flights
+  /// Where a running transfer ends now.
+  struct Cut {
+    Ticket ticket = 0;
+    std::uint64_t end = 0;
+  };
+
+  std::optional<std::uint64_t> open{};  ///< open the file at this size, then call fileOpened, or fail
+  bool refill = false;                  ///< call next until it has nothing more
+  bool cancelSuperseded = false;        ///< cancel the transfers of superseded flights
+  std::vector<Cut> cuts{};
   bool cancelAll = false;                   ///< cancel every transfer
   bool close = false;                       ///< close the file: nothing is in flight that may still write to it
   std::optional<std::uint64_t> finalize{};  ///< cut the file to this size and close it, then call finalized
@@ -72,12 +85,14 @@ class JobCore {
     };
 
     std::uint64_t id = 0;
-    ByteRange asked{};               ///< an end of 0: as long as it goes
-    std::uint64_t rangeStart = 0;    ///< of the planned range that it serves
-    std::uint64_t generation = 0;    ///< of the plan that the range is from
-    bool sample = false;             ///< its bytes are compared and do not reach the file
-    std::optional<Ticket> ticket{};  ///< once the backend has given it
-    std::optional<Answer> answer{};  ///< once accepted
+    ByteRange asked{};                          ///< an end of 0: as long as it goes
+    std::optional<RangePlan::PieceId> piece{};  ///< of the plan; nothing when the plan knows it no more, or never did
+    std::uint64_t rangeStart = 0;               ///< names it in the log
+    std::uint64_t generation = 0;               ///< of the plan that the piece is from
+    bool freshConnection = false;               ///< not over a connection that was used before
+    bool sample = false;                        ///< its bytes are compared and do not reach the file
+    std::optional<Ticket> ticket{};             ///< once the backend has given it
+    std::optional<Answer> answer{};             ///< once accepted
     Refusal refusal = Refusal::None;
     bool toCancel = false;                ///< superseded by another one; its transfer does not end by itself
     std::atomic<bool> superseded{false};  ///< other transfers bring its bytes; its result is ignored
@@ -85,13 +100,20 @@ class JobCore {
     /// Of a whole file: what was delivered before it.  Not written again, since this transfer may yet fail.
     ByteRanges kept{};
 
-    // The data path's own: written by the thread that delivers, read once the transfer has ended.
+    // The data path's own: written by the thread that delivers, read on it or once the transfer has ended.
+    std::uint64_t position = 0;            ///< exclusive end of what was delivered; 0: nothing yet
+    bool throttled = false;                ///< a speed limit holds it
     std::optional<StreamHasher> hasher{};  ///< when the answer's validator cannot decide alone
     std::vector<std::uint8_t> sampled{};   ///< of a sample
   };
   using FlightPtr = std::shared_ptr<Flight>;
 
-  explicit JobCore(const DownloadPolicy& policy) : policy_(policy) {}
+  /// With settings the plan is an adaptive one.
+  explicit JobCore(const DownloadPolicy& policy, const std::optional<AdaptiveSettings>& adaptive = {})
+      : policy_(policy), adaptive_(adaptive) {}
+
+  /// The time of the events that follow.
+  void setTime(std::uint64_t nowNs) { nowNs_ = nowNs; }
 
   // ---- State ----
 
@@ -105,6 +127,14 @@ class JobCore {
   [[nodiscard]] bool throttled() const;
 
   [[nodiscard]] std::size_t inFlight() const { return flights_.size(); }
+
+  /// What an adaptive plan goes by; nothing of another one, or before there is a plan.
+  [[nodiscard]] std::optional<HostTerms> hostTerms() const {
+    return moving_ != nullptr ? std::optional(moving_->terms()) : std::nullopt;
+  }
+
+  /// What others learned of the host.
+  void adopt(const HostTerms& terms) { moving_->adopt(terms); }
 
   /// Whether the job will never end by itself: a retry fell due while it was paused, or its last range ended then.
   [[nodiscard]] bool standsStill() const;
@@ -128,13 +158,13 @@ class JobCore {
   /// Sets the size to work with; 0: unknown, whatever it is from.
   void setSize(std::uint64_t size, SizeFrom from);
 
-  /// The file is open, and the core says when to close it.
+  /// The file is open, and the core says when to close it.  With an adaptive plan the job runs from here on.
   JobActions fileOpened() noexcept;
 
-  /// Cuts the file into ranges.
+  /// Plans what to fetch.  An adaptive plan begins with the next refill.
   void plan(const DownloadPolicy& policy);
 
-  /// Enters Running, or Cancelled when the job was cancelled meanwhile.
+  /// Enters Running, or Cancelled when the job was cancelled meanwhile.  Not with an adaptive plan.
   JobActions run();
 
   // ---- Events ----
@@ -152,6 +182,9 @@ class JobCore {
   Placement answered(const FlightPtr& flight, const ResponseHead& head, JobActions& actions);
 
   JobActions ended(const FlightPtr& flight, const TransferEnd& end);
+
+  /// The loop made a turn; on the thread that delivers.
+  JobActions turned(const LoopTurn& turn);
 
   JobActions retryDue(std::uint64_t id);
 
@@ -178,13 +211,6 @@ class JobCore {
   void markCancelled() noexcept { enter(JobState::Cancelled); }
 
  private:
-  /// What is known of one planned range beside its state in the scheduler.
-  struct Progress {
-    std::size_t attempts = 0;   // failed ones, over the job's life
-    std::uint64_t reached = 0;  // exclusive end of what its well-ended transfers brought; 0: nothing yet
-    int smallAnswers = 0;       // in a row
-  };
-
   /// A validator changed, and a sample is to tell whether the bytes did.
   struct Doubt {
     Validator candidate;
@@ -201,14 +227,20 @@ class JobCore {
   void settle(JobActions& actions) noexcept;
   void proceed(JobActions& actions);
   void settleDoubt(JobActions& actions);
-  [[nodiscard]] std::size_t limit() const { return oneAtATime_ ? 1 : policy_.numThreads; }
   [[nodiscard]] bool isLowest(const Flight& flight) const;
   [[nodiscard]] bool othersAreAnswered(const Flight& flight) const;
 
+  [[nodiscard]] std::unique_ptr<RangePlan> makePlan();
+  [[nodiscard]] FlightPtr flightOf(RangePlan::PieceId piece) const;
   FlightPtr addFlight();
   FlightPtr nextRange();
   FlightPtr nextSample();
 
+  void learnSize(Flight& flight, bool whole, JobActions& actions);
+  void planWithoutSize();
+  std::uint64_t keep(Flight& flight);
+  void addSample(Flight& flight);
+  void interrupt(Flight& flight, JobActions& actions);
   Placement refuse(Flight& flight, Flight::Refusal refusal, const char* reason);
   static Placement putBack(Flight& flight);
   Placement place(Flight& flight, const AnswerClaim& claim, const Validator& validator, JobActions& actions);
@@ -219,22 +251,27 @@ class JobCore {
 
   void succeeded(Flight& flight, const TransferEnd& end, JobActions& actions);
   [[nodiscard]] bool endWholeFile(Flight& flight, std::uint64_t reached, const TransferEnd& end, JobActions& actions);
-  void continueRange(const Flight& flight, std::uint64_t reached, const TransferEnd& end, JobActions& actions);
-  void completeFrom(std::uint64_t rangeStart);
+  void continueRange(Flight& flight, std::uint64_t reached, const TransferEnd& end, JobActions& actions);
   void finishIfWhole(const Flight& flight, const TransferEnd& end, JobActions& actions);
-  void failed(const Flight& flight, const TransferEnd& end, JobActions& actions);
-  void retryOrFail(std::uint64_t rangeStart, const TransferEnd& end, JobActions& actions);
+  void failed(Flight& flight, const TransferEnd& end, JobActions& actions);
+  void retryOrFail(Flight& flight, Verdict verdict, const TransferEnd& end, JobActions& actions);
+  [[nodiscard]] RangePlan::FollowUp retrySample();
+  void giveUp(const Flight& flight, Verdict verdict, const TransferEnd& end, JobActions& actions);
+  void scheduleRetry(const Flight& flight, const RangePlan::FollowUp& followUp, const TransferEnd& end,
+                     JobActions& actions);
   void failFatally(std::uint64_t rangeStart, const TransferEnd& end, JobActions& actions);
   void failFrom(std::int32_t code, std::int32_t httpStatus, JobActions& actions) noexcept;
 
-  Placement raiseDoubt(Flight& flight, const Validator& validator);
+  Placement raiseDoubt(Flight& flight, const Validator& validator, JobActions& actions);
   void prepareSample(JobActions& actions);
   Placement answeredSample(Flight& flight, const AnswerClaim& claim, const Validator& validator);
   void sampleEnded(Flight& flight, const TransferEnd& end, JobActions& actions);
   void sampleSucceeded(Flight& flight, const TransferEnd& end, JobActions& actions);
 
   const DownloadPolicy policy_;
+  const std::optional<AdaptiveSettings> adaptive_;
 
+  std::uint64_t nowNs_ = 0;
   JobState state_ = JobState::Idle;
   std::int32_t errorCode_ = 0;
   std::int32_t httpStatus_ = 0;
@@ -257,16 +294,16 @@ class JobCore {
   DownloadPolicy planPolicy_;
   std::uint64_t planSize_ = 0;
   std::uint64_t generation_ = 0;  // of the plan
-  std::unique_ptr<RangeScheduler> scheduler_;
-  std::map<std::uint64_t, Progress> progress_;  // by range start
-  std::deque<ByteRange> rests_;                 // ranges whose next part is to be asked for at once
+  std::unique_ptr<RangePlan> plan_;
+  AdaptivePlan* moving_ = nullptr;  // plan_, when its pieces move
+  bool unsized_ = false;            // an adaptive plan that works without a size
 
   std::uint64_t lastFlight_ = 0;
   std::map<std::uint64_t, FlightPtr> flights_;  // by id, so oldest first
   bool oneAtATime_ = false;                     // the server sends whole files
 
   std::uint64_t lastRetry_ = 0;
-  std::map<std::uint64_t, std::optional<std::uint64_t>> retries_;  // by id: the range's start; nothing: the sample
+  std::map<std::uint64_t, std::optional<RangePlan::PieceId>> retries_;  // by id; nothing: the sample
 
   std::int32_t slowTimeouts_ = 0;
 };

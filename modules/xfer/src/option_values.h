@@ -1,8 +1,11 @@
-// What DownloadOptions holds.
+// What DownloadOptions holds, and which of it cannot work.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 
+#include "adaptive_plan.h"
 #include "rate_limit.h"
 #include "xfer/download_options.h"
 
@@ -10,6 +13,16 @@ namespace xfer {
 
 struct DownloadOptions::Values {
   std::shared_ptr<RateLimit> sharedLimit{};  ///< null: none
+  DownloadPlan plan = DownloadPlan::Stated;
+  std::optional<std::uint32_t> maxTries{};
+  std::optional<std::uint32_t> retryMaxSec{};
+  std::optional<std::uint32_t> longestWaitSec{};
+
+  /// The name of an option that cannot work, alone or with the others; null when all can.
+  [[nodiscard]] const char* unworkable() const;
+
+  /// Of the adaptive plan; nothing with the stated one.
+  [[nodiscard]] std::optional<AdaptiveSettings> adaptive(std::size_t connections, std::uint64_t seed) const;
 };
 
 }  // namespace xfer

@@ -15,6 +15,7 @@
 //          milliseconds.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -106,6 +107,9 @@ class RangePlan {
   /// Exclusive end of the last byte that is missing; 0 when none is, or the size is unknown.
   [[nodiscard]] virtual std::uint64_t openEnd() const = 0;
   [[nodiscard]] virtual bool allDone() const = 0;
+
+  /// Of a plan whose ranges are fixed; else 0.
+  [[nodiscard]] virtual std::size_t rangeCount() const { return 0; }
 };
 
 }  // namespace xfer

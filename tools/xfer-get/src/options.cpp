@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <map>
 
 #include "outcome.h"
 #include "proxy_text.h"
@@ -17,6 +18,12 @@ std::uint64_t bytes(const char* option, const std::string& text, bool unitsAllow
   return *size;
 }
 
+xfer::DownloadPlan planFromText(const std::string& text) {
+  if (text == "adaptive") return xfer::DownloadPlan::Adaptive;
+  if (text == "stated") return xfer::DownloadPlan::Stated;
+  throw CLI::ValidationError("--plan", "neither adaptive nor stated: " + text);
+}
+
 void checkHeader(const std::string& line) {
   const auto colon = line.find(':');
   if (colon == 0 || colon == std::string::npos) {
@@ -25,7 +32,8 @@ void checkHeader(const std::string& line) {
 }
 
 // Rules between options that the parser cannot express, or reports badly.
-void checkTogether(const Options& options, bool hasFile, bool hasData) {
+void checkTogether(const Options& options, bool hasFile, bool hasData,
+                   const std::map<std::string, bool>& forDownloads) {
   const bool asks = options.print || options.head || hasData;
   if (hasFile && options.file.empty()) throw CLI::ValidationError("FILE", "empty: leave it out to use the URL's name");
   if (hasData && options.data.empty()) throw CLI::ValidationError("--data", "empty: there is nothing to send");
@@ -38,6 +46,15 @@ void checkTogether(const Options& options, bool hasFile, bool hasData) {
   }
   if (options.noRedirect && !asks) {
     throw CLI::ValidationError("--no-redirect", "is for --print, --head and --data; a download follows redirects");
+  }
+  if (asks || options.info) {
+    for (const auto& [name, given] : forDownloads) {
+      if (given) throw CLI::ValidationError(name, "is for downloads");
+    }
+  } else if (options.plan == xfer::DownloadPlan::Stated) {
+    if (options.maxTries)
+      throw CLI::ValidationError("--max-tries", "cannot go with --plan stated, whose tries are fixed");
+    if (options.retryMaxSec) throw CLI::ValidationError("--retry-max-time", "cannot go with --plan stated");
   }
   if (options.quiet && options.verbosity > 0) throw CLI::ValidationError("--quiet", "cannot go with --verbose");
 }
@@ -68,6 +85,19 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
          [&](const std::string& text) { options.knownSize = bytes("--known-size", text, /*unitsAllowed=*/false); },
          "size of the file in bytes, when it is known; saves the question")
       ->type_name("BYTES");
+  auto* const plan =
+      app.add_option_function<std::string>(
+             "--plan", [&](const std::string& text) { options.plan = planFromText(text); },
+             "adaptive: ranges move from slow connections to fast ones (when not given); stated: ranges are fixed")
+          ->type_name("adaptive|stated");
+  auto* const maxTries = app.add_option("--max-tries", options.maxTries,
+                                        "give up after so many tries in a row that bring nothing (10 when not given)")
+                             ->check(CLI::Range(1, 1000000).description(""))
+                             ->type_name("N");
+  auto* const retryMax = app.add_option("--retry-max-time", options.retryMaxSec,
+                                        "give up when nothing has arrived for so long; 0: never (when not given)")
+                             ->check(CLI::Range(0, 1000000000).description(""))
+                             ->type_name("SECONDS");
   app.add_option_function<std::string>(
          "-x,--proxy",
          [&](const std::string& text) {
@@ -86,7 +116,7 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
   auto* const data = app.add_option("-d,--data", options.data, "send this as the body of a POST, and print the answer");
   app.add_flag("--no-redirect", options.noRedirect, "do not follow redirects (with --print, --head or --data)");
   app.add_flag("-q,--quiet", options.quiet, "write nothing but errors");
-  app.add_flag("-v,--verbose", options.verbosity, "log failures; twice: retries too; three times: everything");
+  app.add_flag("-v,--verbose", options.verbosity, "log failures, retries and replaced connections; twice: everything");
   app.set_version_flag("-V,--version", std::string("xfer-get ") + XFER_VERSION);
   app.footer(
       "Exit codes: 0 done, 1 internal error, 2 usage, 3 file, 4 network, 5 HTTP status, 130 cancelled.\n"
@@ -98,7 +128,10 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
     std::reverse(arguments.begin(), arguments.end());  // the parser expects reverse order
     app.parse(arguments);
     for (const std::string& line : options.headers) checkHeader(line);
-    checkTogether(options, file->count() > 0, data->count() > 0);
+    checkTogether(options, file->count() > 0, data->count() > 0,
+                  {{"--plan", plan->count() > 0},
+                   {"--max-tries", maxTries->count() > 0},
+                   {"--retry-max-time", retryMax->count() > 0}});
   } catch (const CLI::ParseError& error) {
     *exitCode = app.exit(error) == 0 ? kDone : kUsage;
     return std::nullopt;

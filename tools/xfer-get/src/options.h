@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "net/proxy.h"
+#include "xfer/download_options.h"
 
 namespace xfer_get {
 
@@ -14,8 +15,11 @@ struct Options {
   std::string url;
   std::string file;  ///< empty: named after the URL
   std::uint16_t connections = 4;
-  std::uint64_t bytesPerSec = 0;    ///< 0: unlimited
-  std::uint64_t knownSize = 0;      ///< 0: unknown
+  std::uint64_t bytesPerSec = 0;  ///< 0: unlimited
+  std::uint64_t knownSize = 0;    ///< 0: unknown
+  xfer::DownloadPlan plan = xfer::DownloadPlan::Adaptive;
+  std::optional<std::uint32_t> maxTries;
+  std::optional<std::uint32_t> retryMaxSec;
   std::optional<net::Proxy> proxy;  ///< not given: that of the environment; empty host: none
   std::string cookie;
   std::vector<std::string> headers;

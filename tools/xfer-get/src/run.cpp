@@ -36,7 +36,7 @@ void writeRecord(void* /*context*/, std::uint32_t level, const char* tag, const 
 
 void startLog(int verbosity) {
   if (verbosity <= 0) return;
-  Keel::setLogThreshold(verbosity == 1 ? 3 : verbosity == 2 ? 4 : 6);
+  Keel::setLogThreshold(verbosity == 1 ? 4 : 6);
   Keel::setRecordSink(writeRecord, nullptr);
 }
 
@@ -95,7 +95,11 @@ Outcome download(const Options& options, const net::Proxy& proxy) {
   const std::string path = request.path;
   Display display(options);
   const auto begin = Clock::now();
-  xfer::DownloadJob job(std::move(request), policy);
+  xfer::DownloadOptions abilities;
+  abilities.setPlan(options.plan);
+  if (options.maxTries) abilities.setMaxTries(*options.maxTries);
+  if (options.retryMaxSec) abilities.setRetryMaxTime(*options.retryMaxSec);
+  xfer::DownloadJob job(std::move(request), policy, abilities);
   if (options.bytesPerSec != 0) job.setSpeedLimit(options.bytesPerSec);
   job.start();
   auto next = begin;

@@ -1,15 +1,36 @@
 // What a download job can do beside its policy.  A job whose options are not set behaves as one without options.
 //
+// With options that cannot work, or cannot work together, the job ends Failed with libcurl's bad-function-argument
+// code, 43, and the log names the option.
+//
 // Threads: a plain value.
 // Errors:  std::bad_alloc.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "xfer/export.h"
 #include "xfer/speed_limiter.h"
 
 namespace xfer {
+
+/// Which bytes each connection fetches.
+enum class DownloadPlan : std::uint32_t {
+  /// Ranges of the policy's chunk sizes, cut before the download starts.
+  Stated = 0,
+  /// Ranges that are cut by measured rates, and cut again while they run:
+  ///   - a slow, silent or dead connection loses what it has not delivered yet to one that delivers, and near the end
+  ///     the last range may be fetched twice (at most 1 % of the file, or 256 KiB);
+  ///   - there is no probe: the first range's answer tells the size.  The job is Probing, and its file not touched,
+  ///     until then; the policy's probeTimeoutSec has no meaning;
+  ///   - what a failed try delivered is kept, and tries are counted for the job: see setMaxTries;
+  ///   - a busy server (429, 503, refused connections) is asked again when it wants to be (Retry-After), or after
+  ///     growing random delays, over fewer connections; all jobs of the process go by what it asked for;
+  ///   - policy.maxDownloadSpeed is the job's, however many connections deliver.
+  /// The policy's chunk sizes have no meaning.
+  Adaptive = 1
+};
 
 /// Grows without breaking hosts that are built already.  A moved-from object may only be destroyed or assigned to.
 class DownloadOptions {
@@ -27,6 +48,20 @@ class DownloadOptions {
   /// does not exceed it, but for 100 ms' worth after a lull, and they pass their pieces in turn.  It counts beside the
   /// job's own limit.
   XFER_API DownloadOptions& setSpeedLimiter(const SpeedLimiter& limiter);
+
+  XFER_API DownloadOptions& setPlan(DownloadPlan plan);
+
+  /// So many tries in a row that bring nothing end the job; tries that go out together count as one.  From 1 on; 10
+  /// when it is not set.  Only with the adaptive plan.
+  XFER_API DownloadOptions& setMaxTries(std::uint32_t tries);
+
+  /// A failure ends the job when nothing has arrived for so many seconds; 0, or when it is not set: no such limit.
+  /// Only with the adaptive plan.
+  XFER_API DownloadOptions& setRetryMaxTime(std::uint32_t seconds);
+
+  /// A server that asks to be left alone for longer than so many seconds ends the job; 600 when it is not set.  Only
+  /// with the adaptive plan.
+  XFER_API DownloadOptions& setLongestWait(std::uint32_t seconds);
 
   [[nodiscard]] const Values& values() const;  ///< internal
 
