@@ -112,12 +112,22 @@ void FakeTransfers::serve(std::uint64_t rangeStart) {
   finish(rangeStart, 0, 206, rangeEnd - rangeStart);
 }
 
+void FakeTransfers::turn(const xfer::LoopTurn& turn) const {
+  std::function<void(const xfer::LoopTurn&)> callback;
+  {
+    const sys::MutexLock lock(mutex_);
+    callback = onTurn_;
+  }
+  if (callback) callback(turn);
+}
+
 void FakeTransfers::stop() {
   std::vector<std::shared_ptr<Transfer>> ending;
   {
     const sys::MutexLock lock(mutex_);
     if (!stopped_) calls_.push_back({BackendCommand::Stop, 0});
     stopped_ = true;
+    onTurn_ = nullptr;
     for (const auto& transfer : transfers_) {
       if (!transfer->ended) ending.push_back(transfer);
     }
@@ -148,6 +158,17 @@ void FakeBackend::cancel(xfer::Ticket ticket) noexcept {
   const sys::MutexLock lock(transfers_.mutex_);
   const auto& transfer = *transfers_.transfers_.at(ticket - 1);
   if (!transfer.ended) transfers_.calls_.push_back({BackendCommand::Cancel, transfer.request.rangeStart});
+}
+
+void FakeBackend::cut(xfer::Ticket ticket, std::uint64_t end) {
+  const sys::MutexLock lock(transfers_.mutex_);
+  const auto& transfer = *transfers_.transfers_.at(ticket - 1);
+  if (!transfer.ended) transfers_.calls_.push_back({BackendCommand::Cut, transfer.request.rangeStart, end});
+}
+
+void FakeBackend::onTurn(std::function<void(const xfer::LoopTurn&)> callback) {
+  const sys::MutexLock lock(transfers_.mutex_);
+  transfers_.onTurn_ = std::move(callback);
 }
 
 std::int32_t FakeBackend::activeCount() const {

@@ -7,15 +7,17 @@
 //   transfers.finish(0, 0, 206, 10);
 //
 // Cancelling ends nothing by itself: like the real backend it takes effect later, when the test says finish(start, 42).
+// Nor does cutting.
 // Stopping ends every transfer with 42.
 //
-// Threads: every function from any thread.  Callbacks run on the thread that calls deliver, answer, finish or serve;
-//          after stop, on the one that called stop.
+// Threads: every function from any thread.  Callbacks run on the thread that calls deliver, answer, finish, serve or
+//          turn; after stop, on the one that called stop.
 // Errors:  std::logic_error for a range that has no transfer in flight.
 // Units:   offsets and lengths are bytes, half-open [start, end).
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,11 +28,12 @@
 
 namespace support {
 
-enum class BackendCommand { CancelAll, Pause, Resume, Cancel, Stop };
+enum class BackendCommand { CancelAll, Pause, Resume, Cancel, Cut, Stop };
 
 struct BackendCall {
   BackendCommand command{};
-  std::uint64_t rangeStart = 0;  // Cancel: of the transfer
+  std::uint64_t rangeStart = 0;  // Cancel and Cut: of the transfer
+  std::uint64_t end = 0;         // Cut: the new one
 
   bool operator==(const BackendCall&) const = default;
 };
@@ -73,6 +76,9 @@ class FakeTransfers {
   /// The whole range, of the pattern, as a 206.
   void serve(std::uint64_t rangeStart);
 
+  /// Ends a turn of the loop: calls the turn callback, if there is one and the backend has not stopped.
+  void turn(const xfer::LoopTurn& turn) const;
+
  private:
   friend class FakeBackend;
   struct Transfer {
@@ -90,6 +96,7 @@ class FakeTransfers {
   mutable sys::Mutex mutex_;  // not held while calling back
   std::vector<std::shared_ptr<Transfer>> transfers_ SYS_GUARDED_BY(mutex_);
   std::vector<BackendCall> calls_ SYS_GUARDED_BY(mutex_);
+  std::function<void(const xfer::LoopTurn&)> onTurn_ SYS_GUARDED_BY(mutex_);
   std::optional<std::int32_t> refusal_ SYS_GUARDED_BY(mutex_);
   bool throws_ SYS_GUARDED_BY(mutex_) = false;
   bool stopped_ SYS_GUARDED_BY(mutex_) = false;
@@ -109,6 +116,8 @@ class FakeBackend final : public xfer::ITransferBackend {
   void resume() noexcept override { record({BackendCommand::Resume, 0}); }
   [[nodiscard]] std::int32_t activeCount() const override;
   void cancel(xfer::Ticket ticket) noexcept override;
+  void cut(xfer::Ticket ticket, std::uint64_t end) override;
+  void onTurn(std::function<void(const xfer::LoopTurn&)> callback) override;
   void stop() noexcept override { transfers_.stop(); }
 
  private:

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <limits>
 #include <utility>
 
@@ -9,6 +10,7 @@
 #include "log.h"
 #include "request_headers.h"
 #include "result_codes.h"
+#include "retry_after.h"
 #include "steady_time.h"
 #include "sys/module.h"
 #include "transfer_end.h"
@@ -33,6 +35,11 @@ std::string rangeText(std::uint64_t start, std::uint64_t end) {
   return text;
 }
 
+std::int64_t unixTime() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::seconds>(now).count();
+}
+
 }  // namespace
 
 struct CurlMultiBackend::Transfer {
@@ -50,6 +57,7 @@ struct CurlMultiBackend::Transfer {
   std::optional<std::uint64_t> firstAddedNs;  // to the multi handle
   int goneConnections = 0;                    // ended under this transfer before any answer
   bool pausedByHost = false;                  // by pause; only where the request does not say itself when it is held
+  std::optional<std::uint64_t> cutEnd;        // the lowest end that cut set
 
   // What one attempt learns and holds: one that is put back starts clean.
   struct Attempt {
@@ -79,6 +87,22 @@ struct CurlMultiBackend::Transfer {
     attempt = {};
     attempt.bodyOffset = attempt.position = request.rangeStart;
     if (request.rangeEnd != 0) attempt.end = request.rangeEnd;
+    applyCut();
+  }
+
+  // Ends what the attempt has to deliver at the cut, unless it ends before anyway.
+  void applyCut() {
+    if (!cutEnd || (attempt.end && *attempt.end < *cutEnd)) return;
+    attempt.end = cutEnd;
+    attempt.codeAtEnd = CURLE_OK;
+  }
+
+  [[nodiscard]] bool isCut() const { return cutEnd && attempt.end == cutEnd; }
+
+  // Whether the body ends there by itself, as far as the answer tells.
+  [[nodiscard]] bool bodyEndsAt(std::uint64_t end) const {
+    if (const auto length = attempt.head.head().bodyLength()) return end - attempt.bodyOffset == *length;
+    return attempt.namedEnd == end;
   }
 
   [[nodiscard]] bool hostHolds() const { return request.isHeld ? request.isHeld() : pausedByHost; }
@@ -124,13 +148,16 @@ struct CurlMultiBackend::Transfer {
     attempt.namedEnd = placement.namedEnd;
     attempt.codeAtEnd = placement.code;
     attempt.codeIfShort = placement.codeIfShort;
+    applyCut();
     return true;
   }
 
   // Takes a piece of the body; false when the transfer is to end here, since all that is needed has arrived.
   bool take(const std::uint8_t* bytes, std::uint64_t length) {
     const std::uint64_t room = attempt.end ? *attempt.end - std::min(*attempt.end, attempt.position) : length;
-    const bool goesOn = attempt.codeAtEnd && length > room;
+    // A body that is cut ends with the last byte that is needed: the next one may be long in coming.
+    const bool endsEarly = isCut() && length == room && !bodyEndsAt(*attempt.end);
+    const bool goesOn = attempt.codeAtEnd && (length > room || endsEarly);
     if (goesOn) length = room;
     const std::uint64_t before = std::min(length, request.rangeStart - std::min(request.rangeStart, attempt.position));
     stage(bytes + before, attempt.position + before, length - before);
@@ -283,7 +310,9 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   } else {
     setOption(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   }
+  constexpr std::uint64_t kMostLong = std::numeric_limits<long>::max();  // 32 bits on Windows
   long receiveBuffer = kReceiveBuffer;
+  if (request.receiveBuffer != 0) receiveBuffer = static_cast<long>(std::min(request.receiveBuffer, kMostLong));
   std::uint64_t lowSpeedLimit = policy_.lowSpeedLimit;
   // Limits are kept by the slot's token bucket and by the job's limits: libcurl's own lets megabytes through before it
   // looks and then falls silent.  A small buffer makes small pieces, so that a low rate comes evenly.
@@ -296,6 +325,7 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   // A transfer that is held below the low-speed limit on purpose must not be given up for it.
   if (request.maxRecvSpeed != 0) lowSpeedLimit = std::min(lowSpeedLimit, request.maxRecvSpeed / 2);
   setOption(easy, CURLOPT_BUFFERSIZE, receiveBuffer);
+  if (request.freshConnection) setOption(easy, CURLOPT_FRESH_CONNECT, 1L);
   if (policy_.tcpKeepAlive) setOption(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   setOption(easy, CURLOPT_FOLLOWLOCATION, 1L);
   setOption(easy, CURLOPT_MAXREDIRS, 10L);
@@ -305,7 +335,6 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   if (policy_.transferTimeoutSec > 0) {
     setOption(easy, CURLOPT_TIMEOUT, static_cast<long>(policy_.transferTimeoutSec));
   }
-  constexpr std::uint64_t kMostLong = std::numeric_limits<long>::max();  // 32 bits on Windows
   setOption(easy, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(std::min(lowSpeedLimit, kMostLong)));
   setOption(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(policy_.lowSpeedTimeSec));
   setOption(easy, CURLOPT_WRITEFUNCTION, onBody);
@@ -313,6 +342,11 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   setOption(easy, CURLOPT_HEADERFUNCTION, onHeader);
   setOption(easy, CURLOPT_HEADERDATA, &transfer);
   setOption(easy, CURLOPT_PRIVATE, &transfer);
+}
+
+void CurlMultiBackend::onTurn(std::function<void(const LoopTurn&)> callback) {
+  const sys::MutexLock lock(mutex_);
+  newTurnCallback_ = std::move(callback);
 }
 
 // ---- Loop thread ----
@@ -344,6 +378,7 @@ void CurlMultiBackend::turn() {
     const sys::MutexLock lock(mutex_);
     commands = std::exchange(commands_, {});
     taken_.splice(taken_.end(), submissions_);
+    if (newTurnCallback_) turnCallback_ = std::exchange(newTurnCallback_, nullptr);
   }
   waiting_.splice(waiting_.begin(), putBack_);
   apply(commands);
@@ -360,8 +395,57 @@ void CurlMultiBackend::turn() {
   flushBodies();
   processCompleted();
   updateHolds();
+  if (turnCallback_) reportTurn();
   const bool canAdmit = hasRoom() && !waiting_.empty();
-  curl_multi_poll(multi_.get(), nullptr, 0, canAdmit ? 0 : kPollMs, nullptr);
+  poll(canAdmit ? 0 : kPollMs);
+}
+
+void CurlMultiBackend::reportTurn() {
+  flushBodies();  // what came while transfers were let go: the callback is to know all that has arrived
+  const std::uint64_t now = steadyNs();
+  const LoopTurn turn{now, now - reportedNs_.value_or(now), std::exchange(sleptNs_, 0)};
+  reportedNs_ = now;
+  try {
+    turnCallback_(turn);
+  } catch (...) {
+    XFER_LOG(log::kFailure, "reportTurn | turn_cb threw");
+  }
+}
+
+void CurlMultiBackend::poll(int timeoutMs) {
+  const std::uint64_t before = turnCallback_ ? steadyNs() : 0;
+  curl_multi_poll(multi_.get(), nullptr, 0, timeoutMs, nullptr);
+  if (turnCallback_) sleptNs_ += steadyNs() - before;
+}
+
+void CurlMultiBackend::cut(Ticket ticket, std::uint64_t end) {
+  assertLoopThread();
+  const auto isMeant = [ticket](const auto& transfer) { return transfer->ticket == ticket; };
+  // Lowers the end; whether nothing is left to deliver.
+  const auto lowersToNothing = [end](Transfer& transfer) {
+    if (transfer.attempt.end && *transfer.attempt.end <= end) return false;
+    transfer.cutEnd = end;
+    transfer.applyCut();
+    return std::max(transfer.attempt.position, transfer.request.rangeStart) >= end;
+  };
+  if (const auto meant = std::find_if(active_.begin(), active_.end(), isMeant); meant != active_.end()) {
+    if (!lowersToNothing(**meant)) return;
+    (*meant)->attempt.ownResult = CURLE_OK;
+    completeTransfer(meant, CURLE_WRITE_ERROR);
+    return;
+  }
+  Transfers ended;
+  const auto cutIn = [&](Transfers& transfers) {
+    const auto meant = std::find_if(transfers.begin(), transfers.end(), isMeant);
+    if (meant != transfers.end() && lowersToNothing(**meant)) ended.splice(ended.end(), transfers, meant);
+  };
+  cutIn(waiting_);
+  cutIn(putBack_);
+  {
+    const sys::MutexLock lock(mutex_);
+    cutIn(submissions_);
+  }
+  for (const auto& transfer : ended) finishTransfer(*transfer, {CURLE_OK, 0, 0});
 }
 
 void CurlMultiBackend::apply(const Commands& commands) {
@@ -481,6 +565,7 @@ std::size_t CurlMultiBackend::onBody(char* bytes, std::size_t size, std::size_t 
     if (attempt.heldByHost) return CURL_WRITEFUNC_PAUSE;
     if (attempt.body == Transfer::Body::Unjudged && !transfer.judge()) return CURL_WRITEFUNC_ERROR;
     if (!transfer.passesLimits(length, steadyNs())) {
+      if (transfer.request.onThrottled) transfer.request.onThrottled(true);
       attempt.throttledPiece = length;
       return CURL_WRITEFUNC_PAUSE;
     }
@@ -588,7 +673,7 @@ void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode c
     XFER_LOG(log::kFailure,
              "HTTP " << status << " response body (" << attempt.errorBody.size() << " bytes): " << attempt.errorBody);
   }
-  finishTransfer(transfer, {result, status, got});
+  finishTransfer(transfer, {result, status, got, retryAfterSec(attempt.head.head(), unixTime())});
 }
 
 void CurlMultiBackend::finishTransfer(const Transfer& transfer, const TransferEnd& end) {
@@ -618,9 +703,22 @@ void CurlMultiBackend::updateHolds() {
     // Others use the limit meanwhile; a place that is kept over a pause would let a burst pass at its end.
     if (hostHolds) transfer.gate.leave();
     const bool fits = attempt.throttledPiece && !hostHolds && transfer.wouldPassLimits(*attempt.throttledPiece, now);
-    if (fits) attempt.throttledPiece.reset();
+    if (fits && !releasePiece(position)) continue;
     if (changed || fits) applyHolds(position);
   }
+}
+
+// False when the transfer has ended instead.
+bool CurlMultiBackend::releasePiece(Transfers::iterator position) {
+  const TransferRequest& request = (*position)->request;
+  try {
+    if (request.onThrottled) request.onThrottled(false);
+  } catch (...) {
+    completeTransfer(position, CURLE_WRITE_ERROR);
+    return false;
+  }
+  (*position)->attempt.throttledPiece.reset();
+  return true;
 }
 
 void CurlMultiBackend::applyHolds(Transfers::iterator position) {

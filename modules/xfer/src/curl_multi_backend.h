@@ -12,13 +12,14 @@
 //
 // Threads: see transfer_backend.h.  A thread that joins itself ends the process.  What runs on the loop thread asserts
 //          it in debug builds.
-// Errors:  see transfer_backend.h.  An exception from a callback is caught: from the done callback it is logged, from
-//          the others it ends the transfer with libcurl's write error (23).
+// Errors:  see transfer_backend.h.  An exception from a callback is caught: from the done and turn callbacks it is
+//          logged, from the others it ends the transfer with libcurl's write error (23).
 // Units:   offsets and lengths are bytes, half-open [start, end); speeds bytes per second.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -51,6 +52,8 @@ class CurlMultiBackend final : public ITransferBackend {
   void resume() noexcept override { setHold(false); }
   [[nodiscard]] std::int32_t activeCount() const override { return activeCount_.load(std::memory_order_relaxed); }
   void cancel(Ticket ticket) noexcept override;
+  void cut(Ticket ticket, std::uint64_t end) override;
+  void onTurn(std::function<void(const LoopTurn&)> callback) override;
   void stop() noexcept override;
 
  private:
@@ -95,7 +98,10 @@ class CurlMultiBackend final : public ITransferBackend {
   void completeTransfer(Transfers::iterator position, CURLcode result);
   void finishTransfer(const Transfer& transfer, const TransferEnd& end) SYS_EXCLUDES(mutex_);
   void updateHolds();
+  [[nodiscard]] bool releasePiece(Transfers::iterator position);
   void applyHolds(Transfers::iterator position);
+  void reportTurn();
+  void poll(int timeoutMs);
 
   // Constant after construction.
   const DownloadPolicy policy_;
@@ -107,6 +113,7 @@ class CurlMultiBackend final : public ITransferBackend {
   Transfers submissions_ SYS_GUARDED_BY(mutex_);
   std::map<Ticket, bool> live_ SYS_GUARDED_BY(mutex_);  // submitted and not ended: whether it is to be cancelled
   Ticket lastTicket_ SYS_GUARDED_BY(mutex_) = 0;
+  std::function<void(const LoopTurn&)> newTurnCallback_ SYS_GUARDED_BY(mutex_);  // empty: the loop has taken it over
 
   // Loop thread only; after it has ended, the thread that destroys the backend.
   Transfers taken_;            // submissions of this turn, until its commands are applied
@@ -115,6 +122,9 @@ class CurlMultiBackend final : public ITransferBackend {
   Transfers active_;           // on the multi handle
   std::list<Slot> slots_;      // in use by active transfers
   std::list<Slot> freeSlots_;  // left by those that ended; the last one is the most recent
+  std::function<void(const LoopTurn&)> turnCallback_;
+  std::optional<std::uint64_t> reportedNs_;  // when the turn callback ran last
+  std::uint64_t sleptNs_ = 0;                // since then
 
   std::atomic<bool> running_{false};          // read by submit on other threads
   std::atomic<std::int32_t> activeCount_{0};  // read by activeCount on other threads

@@ -121,6 +121,10 @@ void ResponseHeadReader::addField(std::string_view name, std::string_view value)
     head_.weakEtag = value.starts_with("W/\"") ? value : std::string_view();
   } else if (sameName(name, "last-modified")) {
     head_.lastModified = value;
+  } else if (sameName(name, "date")) {
+    head_.date = value;
+  } else if (sameName(name, "retry-after")) {
+    head_.retryAfter = value;
   }
 }
 

@@ -35,6 +35,8 @@ struct ResponseHead {
   std::string strongEtag;        ///< with its quotes; empty: none, or a weak one
   std::string weakEtag;          ///< with its W/ and quotes; empty: none, or a strong one
   std::string lastModified;      ///< as written
+  std::string date;              ///< as written
+  std::string retryAfter;        ///< as written
 
   /// Announced length of the body; nothing when unknown, ambiguous or replaced by a transfer encoding.
   [[nodiscard]] std::optional<std::uint64_t> bodyLength() const;
