@@ -345,8 +345,11 @@ void CurlMultiBackend::configure(Transfer& transfer) {
 }
 
 void CurlMultiBackend::onTurn(std::function<void(const LoopTurn&)> callback) {
-  const sys::MutexLock lock(mutex_);
-  newTurnCallback_ = std::move(callback);
+  {
+    const sys::MutexLock lock(mutex_);
+    newTurnCallback_ = std::move(callback);
+  }
+  wake();
 }
 
 // ---- Loop thread ----

@@ -97,6 +97,10 @@ DownloadSnapshot DownloadJob::snapshot() const {
   return impl_->snapshot();
 }
 
+DownloadDetails DownloadJob::details() const {
+  return impl_->details();
+}
+
 // ---- The core and what it wants done ----
 
 // Brings an event to the core, and tells waiters when it changed the state.
@@ -274,6 +278,11 @@ DownloadSnapshot DownloadJob::Impl::snapshot() const {
     snapshot.percent = static_cast<float>(snapshot.bytesDone) * 100.0F / static_cast<float>(snapshot.totalBytes);
   }
   return snapshot;
+}
+
+DownloadDetails DownloadJob::Impl::details() {
+  return DownloadDetails(
+      std::make_unique<DownloadDetails::Values>(withCore([](const JobCore& core) { return core.details(); })));
 }
 
 bool DownloadJob::Impl::standsStill() const {

@@ -59,6 +59,7 @@ class DownloadJob::Impl {
   [[nodiscard]] bool waitFor(std::uint64_t milliseconds);
   void setSpeedLimit(std::uint64_t bytesPerSec) noexcept;
   [[nodiscard]] DownloadSnapshot snapshot() const;
+  [[nodiscard]] DownloadDetails details();
 
   /// See JobCore::standsStill.
   [[nodiscard]] bool standsStill() const;

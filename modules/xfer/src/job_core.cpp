@@ -18,6 +18,7 @@ constexpr const char* kLogTag = "DlJob";
 constexpr std::int32_t kMostSlowTimeouts = 5;
 constexpr int kMostAnswersOfOldVersion = 16;
 constexpr int kMostDoubtsInARow = 8;
+constexpr std::size_t kMostGivenUp = 16;  // that are remembered
 
 Placement stopWith(std::int32_t code) {
   Placement placement;
@@ -50,6 +51,24 @@ bool JobCore::throttled() const {
 
 bool JobCore::standsStill() const {
   return !ending() && (retryDropped_ || (finalized_ && moving_ == nullptr));
+}
+
+DownloadDetails::Values JobCore::details() const {
+  constexpr std::uint64_t kNsPerMs = 1'000'000;
+  DownloadDetails::Values details;
+  if (moving_ == nullptr) return details;
+  for (const AdaptivePlan::Activity& one : moving_->activity()) {
+    details.ranges.push_back(
+        {one.range.start, one.range.end, one.position, one.bytesPerSec, one.silentNs / kNsPerMs, one.copy});
+  }
+  std::sort(details.ranges.begin(), details.ranges.end(),
+            [](const RangeDetails& one, const RangeDetails& other) { return one.start < other.start; });
+  details.givenUp = givenUp_;
+  details.counters = moving_->counters();
+  details.hostConnections = moving_->terms().connections;
+  const std::uint64_t notBefore = moving_->terms().notBeforeNs;
+  details.hostLeftAloneMs = notBefore > nowNs_ ? (notBefore - nowNs_ + kNsPerMs - 1) / kNsPerMs : 0;
+  return details;
 }
 
 // A job that is to end closes its file once nothing is in flight that may still write to it; that completes a cancel.
@@ -272,6 +291,8 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
   if (likeness == Likeness::Doubt && mixes) return raiseDoubt(*flight, validator, actions);
   // A transfer of earlier bytes is under way; should it bring the whole file too, these would come twice.
   if (whole && !leads) return putBack(*flight);
+  // Its transfer would end where it was cut.
+  if (whole && flight->cut) return putBack(*flight);
   if (whole && claim.length && flight->asked.start != 0 && *claim.length <= flight->asked.start) {
     return refuse(*flight, Refusal::Changed, "whole file ends before the range");
   }
@@ -456,6 +477,7 @@ JobActions JobCore::turned(const LoopTurn& turn) {
     XFER_LOG(log::kTrace,
              "turn | cut | range=" << flight.asked.start << " | end=" << flight.asked.end << " | to=" << cut.end);
     flight.asked.end = cut.end;
+    flight.cut = true;
     actions.cuts.push_back({*flight.ticket, cut.end});
   }
   for (const auto& close : orders.closes) {
@@ -464,6 +486,8 @@ JobActions JobCore::turned(const LoopTurn& turn) {
     XFER_LOG(log::kRecovery, "turn | connection given up | reason=" << close.reason << " | range=" << flight.asked.start
                                                                     << " | at=" << reached
                                                                     << " | end=" << flight.asked.end);
+    if (givenUp_.size() == kMostGivenUp) givenUp_.erase(givenUp_.begin());
+    givenUp_.push_back({close.reason, flight.asked.start, reached, flight.asked.end});
     flight.piece.reset();
     flight.superseded = flight.toCancel = true;
     actions.cancelSuperseded = true;

@@ -36,6 +36,7 @@
 #include "body_placement.h"
 #include "byte_range.h"
 #include "content_sample.h"
+#include "details_values.h"
 #include "file_extent.h"
 #include "range_plan.h"
 #include "remote_version.h"
@@ -89,6 +90,7 @@ class JobCore {
     std::optional<RangePlan::PieceId> piece{};  ///< of the plan; nothing when the plan knows it no more, or never did
     std::uint64_t rangeStart = 0;               ///< names it in the log
     std::uint64_t generation = 0;               ///< of the plan that the piece is from
+    bool cut = false;                           ///< its end was lowered while it was in flight
     bool freshConnection = false;               ///< not over a connection that was used before
     bool sample = false;                        ///< its bytes are compared and do not reach the file
     std::optional<Ticket> ticket{};             ///< once the backend has given it
@@ -127,6 +129,9 @@ class JobCore {
   [[nodiscard]] bool throttled() const;
 
   [[nodiscard]] std::size_t inFlight() const { return flights_.size(); }
+
+  /// Empty but with an adaptive plan.
+  [[nodiscard]] DownloadDetails::Values details() const;
 
   /// What an adaptive plan goes by; nothing of another one, or before there is a plan.
   [[nodiscard]] std::optional<HostTerms> hostTerms() const {
@@ -306,6 +311,8 @@ class JobCore {
   std::map<std::uint64_t, std::optional<RangePlan::PieceId>> retries_;  // by id; nothing: the sample
 
   std::int32_t slowTimeouts_ = 0;
+
+  std::vector<GivenUpConnection> givenUp_;  // the latest ones, oldest first
 };
 
 }  // namespace xfer

@@ -23,6 +23,7 @@
 #include <string>
 
 #include "net/proxy.h"
+#include "xfer/download_details.h"
 #include "xfer/download_options.h"
 #include "xfer/download_records.h"
 #include "xfer/export.h"
@@ -99,6 +100,9 @@ class DownloadJob {
 
   /// Never blocks for long.
   [[nodiscard]] XFER_API DownloadSnapshot snapshot() const;
+
+  /// For onlookers: what each connection does, and what was done about those that held the download up.
+  [[nodiscard]] XFER_API DownloadDetails details() const;
 
  private:
   std::unique_ptr<Impl> impl_;

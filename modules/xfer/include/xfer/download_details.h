@@ -1,0 +1,72 @@
+// What a download job with the adaptive plan does at one moment, range by range, and what it has done about connections
+// that held it up.  Empty for any other job, and before a job has started.
+//
+// Threads: a plain value.
+// Errors:  std::bad_alloc.
+// Units:   offsets and sizes are bytes, half-open [start, end); speeds bytes per second; times milliseconds.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "xfer/export.h"
+
+namespace xfer {
+
+/// A range in flight, over a connection of its own.
+struct RangeDetails {
+  std::uint64_t start = 0;
+  std::uint64_t end = 0;          ///< 0: as long as it goes
+  std::uint64_t position = 0;     ///< exclusive end of what has arrived
+  std::uint64_t bytesPerSec = 0;  ///< 0: nothing was measured yet
+  std::uint64_t silentMs = 0;  ///< since the last byte, without the time in which a pause, a limit or the disk held it
+  bool copy = false;           ///< fetched a second time, since the first one is slow
+};
+
+/// A connection that was closed before its range was complete, since it held the download up.
+struct GivenUpConnection {
+  const char* reason = "";     ///< "silent", "slow" or "copied"; static text
+  std::uint64_t start = 0;     ///< of its range
+  std::uint64_t position = 0;  ///< where others went on
+  std::uint64_t end = 0;
+};
+
+class DownloadDetails {
+ public:
+  struct Values;  ///< internal
+
+  XFER_API explicit DownloadDetails(std::unique_ptr<Values> values);  ///< internal
+  XFER_API DownloadDetails(DownloadDetails&& other) noexcept;
+  XFER_API DownloadDetails& operator=(DownloadDetails&& other) noexcept;
+  XFER_API ~DownloadDetails();
+
+  /// In flight now, ascending by their start.
+  [[nodiscard]] XFER_API std::vector<RangeDetails> ranges() const;
+
+  /// The latest ones, at most 16, oldest first.
+  [[nodiscard]] XFER_API std::vector<GivenUpConnection> givenUp() const;
+
+  /// Connections given up so far.
+  [[nodiscard]] XFER_API std::uint64_t givenUpCount() const;
+
+  /// Bytes that were moved from one range in flight to another one.
+  [[nodiscard]] XFER_API std::uint64_t movedBytes() const;
+
+  /// Bytes that were fetched twice on purpose, near the end.
+  [[nodiscard]] XFER_API std::uint64_t duplicateBytes() const;
+
+  /// Failed tries that were followed by another one.
+  [[nodiscard]] XFER_API std::uint64_t retries() const;
+
+  /// Most connections at once that the host is known to bear; 0: no limit is known.
+  [[nodiscard]] XFER_API std::uint64_t hostConnections() const;
+
+  /// So long from now on the host gets no new request, since it asked for that or failed; 0: it may get one.
+  [[nodiscard]] XFER_API std::uint64_t hostLeftAloneMs() const;
+
+ private:
+  std::unique_ptr<const Values> values_;
+};
+
+}  // namespace xfer

@@ -1,0 +1,49 @@
+#include "xfer/download_details.h"
+
+#include <utility>
+
+#include "details_values.h"
+
+namespace xfer {
+
+DownloadDetails::DownloadDetails(std::unique_ptr<Values> values) : values_(std::move(values)) {}
+
+DownloadDetails::DownloadDetails(DownloadDetails&& other) noexcept = default;
+
+DownloadDetails& DownloadDetails::operator=(DownloadDetails&& other) noexcept = default;
+
+DownloadDetails::~DownloadDetails() = default;
+
+std::vector<RangeDetails> DownloadDetails::ranges() const {
+  return values_->ranges;
+}
+
+std::vector<GivenUpConnection> DownloadDetails::givenUp() const {
+  return values_->givenUp;
+}
+
+std::uint64_t DownloadDetails::givenUpCount() const {
+  return values_->counters.replaced;
+}
+
+std::uint64_t DownloadDetails::movedBytes() const {
+  return values_->counters.stolenBytes;
+}
+
+std::uint64_t DownloadDetails::duplicateBytes() const {
+  return values_->counters.duplicateBytes;
+}
+
+std::uint64_t DownloadDetails::retries() const {
+  return values_->counters.retries;
+}
+
+std::uint64_t DownloadDetails::hostConnections() const {
+  return values_->hostConnections;
+}
+
+std::uint64_t DownloadDetails::hostLeftAloneMs() const {
+  return values_->hostLeftAloneMs;
+}
+
+}  // namespace xfer
