@@ -404,6 +404,14 @@ void JobCore::interrupt(Flight& flight, JobActions& actions) {
   actions.cancelSuperseded = true;
 }
 
+// What is still in flight when all has arrived fetches the rest of a range a second time, or was overtaken by that.
+void JobCore::endCopies(const Flight& lastOne, JobActions& actions) {
+  for (const auto& [id, flight] : flights_) {
+    if (id != lastOne.id && !flight->superseded) static_cast<void>(keep(*flight));
+  }
+  supersedeOthers(lastOne, actions);
+}
+
 // No other transfer in flight is of any use.
 void JobCore::supersedeOthers(const Flight& flightThatCounts, JobActions& actions) {
   for (const auto& [id, flight] : flights_) {
@@ -577,6 +585,7 @@ void JobCore::continueRange(Flight& flight, std::uint64_t reached, const Transfe
 
 void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobActions& actions) {
   const bool allDone = plan_->allDone();
+  if (allDone) endCopies(flight, actions);
   if (extent_.hasHole() || (allDone && !extent_.complete())) {
     XFER_LOG(log::kFailure,
              "onTransferDone | bytes are missing | from=" << std::min(extent_.firstMissing(), extent_.end().value_or(0))
@@ -584,8 +593,7 @@ void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobAct
     return failFatally(flight.asked.start, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
   }
   if (!allDone) return proceed(actions);
-  supersedeOthers(flight, actions);  // a copy of what has arrived
-  doubt_.reset();                    // the answer that raised it was put back, and is not needed any more
+  doubt_.reset();  // the answer that raised it was put back, and is not needed any more
   finalizing_ = true;
   actions.finalize = extent_.end();
 }
@@ -647,7 +655,7 @@ void JobCore::retryOrFail(Flight& flight, Verdict verdict, const TransferEnd& en
       break;
     case Kind::GiveUp:
       if (verdict != Verdict::Retryable) return giveUp(flight, verdict, end, actions);
-      XFER_LOG(log::kFailure, "exhausted retries | range=" << flight.rangeStart);
+      if (moving_ == nullptr) XFER_LOG(log::kFailure, "exhausted retries | range=" << flight.rangeStart);
       return failFatally(flight.rangeStart, end, actions);
   }
   // Intended: nothing takes the range's slot meanwhile.

@@ -249,6 +249,7 @@ class JobCore {
   Placement refuse(Flight& flight, Flight::Refusal refusal, const char* reason);
   static Placement putBack(Flight& flight);
   Placement place(Flight& flight, const AnswerClaim& claim, const Validator& validator, JobActions& actions);
+  void endCopies(const Flight& lastOne, JobActions& actions);
   void supersedeOthers(const Flight& flightThatCounts, JobActions& actions);
   void replan(const Flight& flight, JobActions& actions);
   void giveWay(std::optional<std::uint64_t> size);
