@@ -10,8 +10,8 @@ namespace {
 constexpr std::uint64_t kMillisecond = 1'000'000;
 constexpr double kNsPerSec = 1e9;
 
-constexpr std::uint64_t kFirstPiece = std::uint64_t{1} << 20;
 constexpr std::uint64_t kSmallestPiece = std::uint64_t{64} * 1024;
+constexpr std::uint64_t kPiecesOfFirst = 16;  // a smaller first piece makes smaller pieces
 constexpr double kSmallestGainSec = 0.005;
 
 // The window in which the loop is watched: before the other connections are opened, and later.
@@ -355,10 +355,10 @@ std::optional<RangePlan::Piece> AdaptivePlan::next(std::uint64_t nowNs) {
   }
   if (!firstAnswered_) {
     if (!flights_.empty()) return std::nullopt;
-    if (!size_) return launch({0, kFirstPiece}, nowNs);
+    if (!size_) return launch({0, settings_.firstPiece}, nowNs);
     if (missing_.empty()) return std::nullopt;
     const ByteRange run = missing_.front();
-    const ByteRange first{run.start, run.start + std::min(run.length(), kFirstPiece)};
+    const ByteRange first{run.start, run.start + std::min(run.length(), settings_.firstPiece)};
     missing_.front().start = first.end;
     if (missing_.front().empty()) missing_.erase(missing_.begin());
     return launch(first, nowNs);
@@ -617,7 +617,8 @@ double AdaptivePlan::patience(const Flight& flight) const {
 }
 
 double AdaptivePlan::smallestPiece(double cost) const {
-  return std::max(asDouble(kSmallestPiece), typicalRate_ * cost);
+  const std::uint64_t least = std::clamp<std::uint64_t>(settings_.firstPiece / kPiecesOfFirst, 1, kSmallestPiece);
+  return std::max(asDouble(least), typicalRate_ * cost);
 }
 
 std::uint64_t AdaptivePlan::mostDuplicates() const {

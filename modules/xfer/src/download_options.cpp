@@ -72,11 +72,13 @@ const char* DownloadOptions::Values::unworkable() const {
   return nullptr;
 }
 
-std::optional<AdaptiveSettings> DownloadOptions::Values::adaptive(std::size_t connections, std::uint64_t seed) const {
+std::optional<AdaptiveSettings> DownloadOptions::Values::adaptive(const DownloadPolicy& policy,
+                                                                  std::uint64_t seed) const {
   constexpr std::uint64_t kNsPerSec = 1'000'000'000;
   if (plan != DownloadPlan::Adaptive) return std::nullopt;
   AdaptiveSettings settings;
-  settings.connections = connections;
+  settings.connections = policy.numThreads;
+  if (policy.initialChunkSize != 0) settings.firstPiece = policy.initialChunkSize;
   if (maxTries) settings.maxTries = *maxTries;
   if (retryMaxSec) settings.retryMaxNs = *retryMaxSec * kNsPerSec;
   if (longestWaitSec) settings.longestWaitNs = *longestWaitSec * kNsPerSec;

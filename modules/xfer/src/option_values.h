@@ -8,6 +8,7 @@
 #include "adaptive_plan.h"
 #include "rate_limit.h"
 #include "xfer/download_options.h"
+#include "xfer/download_records.h"
 
 namespace xfer {
 
@@ -22,7 +23,7 @@ struct DownloadOptions::Values {
   [[nodiscard]] const char* unworkable() const;
 
   /// Of the adaptive plan; nothing with the stated one.
-  [[nodiscard]] std::optional<AdaptiveSettings> adaptive(std::size_t connections, std::uint64_t seed) const;
+  [[nodiscard]] std::optional<AdaptiveSettings> adaptive(const DownloadPolicy& policy, std::uint64_t seed) const;
 };
 
 }  // namespace xfer
