@@ -212,6 +212,48 @@ TEST(JobCoreWalkOfUnknownSize, everyOrder) {
   walkAll("size unknown", world, stepsToWalk());
 }
 
+// ---- With a plan that moves ranges ----
+
+class MovingWalk : public testing::TestWithParam<Shape> {
+ protected:
+  static WorldSetup setup() {
+    WorldSetup setup;
+    setup.adaptive = true;
+    setup.ranges = GetParam().ranges;
+    setup.connections = GetParam().connections;
+    setup.sizeFrom.reset();
+    setup.ticketsAtOnce = true;  // all is submitted by the thread that makes the turns
+    setup.pieces = 1;
+    setup.turns = 3;
+    return setup;
+  }
+};
+
+TEST_P(MovingWalk, hostsCommandsAndFailuresInEveryOrder) {
+  WorldSetup world = setup();
+  world.ends = {CURLE_COULDNT_CONNECT, kForbidden};
+  world.openFailures = 1;
+  walkAll("moving, commands and failures", world, stepsToWalk());
+}
+
+TEST_P(MovingWalk, answersOfEveryKindInEveryOrder) {
+  for (const bool known : {false, true}) {
+    WorldSetup world = setup();
+    if (known) world.sizeFrom = JobCore::SizeFrom::Host;
+    world.pauses = world.cancels = world.writeFailures = 0;
+    world.heads = {Head::Capped,   Head::NoTotal,    Head::Whole,   Head::WholeToTheEnd,
+                   Head::OtherTag, Head::OldVersion, Head::Unusable};
+    world.ends = {CURLE_PARTIAL_FILE};
+    walkAll(known ? "moving, answers, size by host" : "moving, answers", world, stepsToWalk() / 2);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Shapes, MovingWalk, testing::Values(Shape{1, 1}, Shape{2, 2}, Shape{4, 3}),
+                         [](const auto& shape) {
+                           return std::to_string(shape.param.ranges) + "ranges" +
+                                  std::to_string(shape.param.connections) + "connections";
+                         });
+
 // ---- At random ----
 
 using Random = std::mt19937_64;
@@ -257,7 +299,26 @@ WorldSetup randomSetup(Random& random) {
   return setup;
 }
 
-TEST(JobCoreWalkAtRandom, everyWorldComesToItsEnd) {
+WorldSetup randomMovingSetup(Random& random) {
+  WorldSetup setup = randomSetup(random);
+  setup.adaptive = true;
+  setup.refillInOneStep = setup.ticketsAtOnce = true;
+  if (random() % 4 != 0 || !setup.sizeFrom) {
+    setup.sizeFrom.reset();
+    setup.sizeError = 0;
+  } else {
+    setup.sizeFrom = JobCore::SizeFrom::Host;
+  }
+  setup.abandons = 0;
+  setup.turns = 200;
+  setup.openFailures = random() % 16 == 0 ? 1 : 0;
+  return setup;
+}
+
+class JobCoreWalkAtRandom : public testing::TestWithParam<bool> {};
+
+TEST_P(JobCoreWalkAtRandom, everyWorldComesToItsEnd) {
+  const bool moving = GetParam();
   const int worlds = 40'000 / static_cast<int>(slowness());
   constexpr int kMostSteps = 400;
   std::uint64_t seed = 20'240'229;
@@ -268,7 +329,7 @@ TEST(JobCoreWalkAtRandom, everyWorldComesToItsEnd) {
   int standing = 0;
   for (int index = 0; index < worlds; ++index) {
     Random random(seed + static_cast<std::uint64_t>(index));
-    JobCoreWorld world(randomSetup(random));
+    JobCoreWorld world(moving ? randomMovingSetup(random) : randomSetup(random));
     std::string path;
     for (int step = 0; step < kMostSteps && world.fault().empty(); ++step) {
       const std::vector<Step> choices = world.choices();
@@ -290,6 +351,12 @@ TEST(JobCoreWalkAtRandom, everyWorldComesToItsEnd) {
   EXPECT_GT(count(JobState::Completed), worlds / 4);
   EXPECT_GT(count(JobState::Failed), 0);
   EXPECT_GT(count(JobState::Cancelled), 0);
+  if (moving) {
+    EXPECT_EQ(standing, 0);
+  }
 }
+
+INSTANTIATE_TEST_SUITE_P(Plans, JobCoreWalkAtRandom, testing::Bool(),
+                         [](const auto& moving) { return moving.param ? "moving" : "stated"; });
 
 }  // namespace

@@ -20,7 +20,8 @@ namespace {
 constexpr std::int32_t kForbidden = 403;
 constexpr std::int32_t kUnsatisfiable = 416;
 constexpr std::int32_t kBusy = 503;
-constexpr int kRetries = 3;
+constexpr int kRetries = 3;  // as many tries has an adaptive plan here
+constexpr std::uint64_t kMs = 1'000'000;
 constexpr int kMostDoubts = 8;
 constexpr std::uint64_t kPiece = 16384;
 
@@ -39,10 +40,10 @@ const char* nameOf(Head head) {
 }
 
 const char* nameOf(Kind kind) {
-  constexpr std::array kNames{"refill",    "submit",     "submitted",     "abandon", "cancelSuperseded",
-                              "cancelAll", "finalize",   "finalizeFails", "close",   "retryDue",
-                              "answer",    "piece",      "end",           "pause",   "resume",
-                              "cancel",    "writeFails", "newVersion",    "newSize"};
+  constexpr std::array kNames{"refill",   "submit",        "submitted", "abandon",  "cancelSuperseded", "cancelAll",
+                              "finalize", "finalizeFails", "close",     "retryDue", "answer",           "piece",
+                              "end",      "pause",         "resume",    "cancel",   "writeFails",       "newVersion",
+                              "newSize",  "openFails",     "shortTurn", "turn",     "longTurn"};
   return kNames.at(static_cast<std::size_t>(kind));
 }
 
@@ -63,7 +64,14 @@ JobCoreWorld::JobCoreWorld(const WorldSetup& setup)
     : setup_(setup), core_([&] {
         DownloadPolicy policy;
         policy.numThreads = setup.connections;
-        return policy;
+        std::optional<AdaptiveSettings> adaptive;
+        if (setup.adaptive) {
+          adaptive.emplace();
+          adaptive->connections = setup.connections;
+          adaptive->firstPiece = setup.chunk;
+          adaptive->maxTries = kRetries;
+        }
+        return JobCore(policy, adaptive);
       }()) {
   const std::uint64_t planned = setup_.chunk * setup_.ranges;
   versions_.push_back({planned - std::min(planned, setup_.lastRangeCut), 0, "v0", "v0b"});
@@ -79,11 +87,16 @@ JobCoreWorld::JobCoreWorld(const WorldSetup& setup)
   }
   lied_ = setup_.sizeError != 0;
   sizesDiffer_ = lied_ || setup_.newSizes != 0;
-  if (from == JobCore::SizeFrom::Host) {
-    hostSize_ = size;
-  } else {
-    core_.beginProbe();
+  if (from == JobCore::SizeFrom::Host) hostSize_ = size;
+  core_.setTime(nowNs_);
+  if (from != JobCore::SizeFrom::Host || setup_.adaptive) core_.beginProbe();
+  if (setup_.adaptive) {
+    core_.setSize(size, JobCore::SizeFrom::Host);
+    core_.plan(policy);
+    turn(1);
+    return;
   }
+  fileOpen_ = true;
   core_.setSize(size, from);
   want(core_.fileOpened());
   core_.plan(policy);
@@ -140,12 +153,16 @@ std::vector<Step> JobCoreWorld::choices() const {
   if (core_.state() == JobState::Running && setup_.pauses > 0) steps.push_back({Kind::Pause});
   if (core_.state() == JobState::Paused) steps.push_back({Kind::Resume});
   if (!ending && setup_.cancels > 0) steps.push_back({Kind::Cancel});
+  if (setup_.adaptive && !ending && setup_.turns > 0) {
+    for (const Kind kind : {Kind::ShortTurn, Kind::Turn, Kind::LongTurn}) steps.push_back({kind});
+  }
   if (ending || !mayHinder) return steps;
   const bool writing = std::any_of(transfers_.begin(), transfers_.end(),
                                    [](const Transfer& transfer) { return transfer.body == Transfer::Body::Delivered; });
   if (writing && setup_.writeFailures > 0) steps.push_back({Kind::WriteFails});
   if (setup_.newVersions > 0) steps.push_back({Kind::NewVersion});
   if (setup_.newSizes > 0) steps.push_back({Kind::NewSize});
+  if (setup_.openFailures > 0 && !fileOpen_ && !openFails_) steps.push_back({Kind::OpenFails});
   return steps;
 }
 
@@ -247,6 +264,20 @@ void JobCoreWorld::perform(const Step& step) {
       versions_.push_back(next);
       return;
     }
+    case Kind::OpenFails:
+      --setup_.deviations;
+      --setup_.openFailures;
+      openFails_ = true;
+      return;
+    case Kind::ShortTurn:
+      --setup_.turns;
+      return turn(3);
+    case Kind::Turn:
+      --setup_.turns;
+      return turn(60);
+    case Kind::LongTurn:
+      --setup_.turns;
+      return turn(1500);
   }
 }
 
@@ -254,6 +285,7 @@ void JobCoreWorld::perform(const Step& step) {
 
 void JobCoreWorld::want(const JobActions& actions) {
   const auto add = [&](Kind kind) { actions_.push_back({kind}); };
+  for (const JobActions::Cut& cutting : actions.cuts) cut(cutting);
   if (actions.cancelSuperseded) add(Kind::CancelSuperseded);
   if (actions.cancelAll) add(Kind::CancelAll);
   if (actions.finalize) {
@@ -286,7 +318,8 @@ void JobCoreWorld::refill() {
     actions_.erase(action);
     return;
   }
-  if (before != JobState::Running) breaks("a job that is not running submits");
+  const bool probes = setup_.adaptive && before == JobState::Probing;
+  if (before != JobState::Running && !probes) breaks("a job that is not running submits");
   const std::size_t limit = wholeAnswered_ ? 1 : setup_.connections;
   if (core_.inFlight() > limit) breaks("more is in flight than may be");
   if (setup_.refillInOneStep) {
@@ -304,7 +337,9 @@ void JobCoreWorld::submit(const JobCore::FlightPtr& flight) {
   if (flight->asked.end != 0) transfer.end = flight->asked.end;
   const ByteRange first{flight->asked.start, flight->asked.start + 1};
   if (flight->sample && !broughtWell_.covers(flight->asked)) breaks("a sample is taken of what was not delivered");
-  if (!flight->sample && !flight->superseded && broughtWell_.covers(first))
+  // What was superseded by a whole file counts no more.
+  const bool counts = !setup_.adaptive || !wholeAnswered_;
+  if (!flight->sample && !flight->superseded && counts && broughtWell_.covers(first))
     breaks("what was delivered is asked for again");
   const Action told{Kind::Submitted, flight, transfer.ticket};
   transfers_.push_back(std::move(transfer));
@@ -330,6 +365,36 @@ void JobCoreWorld::finalize(std::uint64_t size, std::int32_t error) {
     seenCodes_.insert(error);
   }
   want(core_.finalized(error));
+}
+
+void JobCoreWorld::open() {
+  if (openFails_) {
+    seenCodes_.insert(result::kFileNotCreated);
+    return want(core_.fail(result::kFileNotCreated, 0));
+  }
+  if (fileOpen_) breaks("the file is opened twice");
+  fileOpen_ = true;
+  want(core_.fileOpened());
+}
+
+void JobCoreWorld::turn(std::uint64_t ms) {
+  nowNs_ += ms * kMs;
+  core_.setTime(nowNs_);
+  want(core_.turned({nowNs_, ms * kMs, ms * kMs}));
+}
+
+// At once, as the loop does.
+void JobCoreWorld::cut(const JobActions::Cut& cut) {
+  const auto transfer =
+      std::find_if(transfers_.begin(), transfers_.end(), [&](const Transfer& one) { return one.ticket == cut.ticket; });
+  if (transfer == transfers_.end()) return breaks("a transfer is cut that has ended");
+  if (transfer->end && *transfer->end <= cut.end) return breaks("a cut does not lower an end");
+  if (transfer->position > cut.end) return breaks("what was delivered is cut off");
+  if (transfer->body != Transfer::Body::Delivered) return;  // its answer will be placed up to there
+  transfer->end = cut.end;
+  if (transfer->position < cut.end) return;
+  transfer->bodyEnd = cut.end;
+  end(static_cast<std::size_t>(transfer - transfers_.begin()), 0, 0);
 }
 
 // ---- The server and the backend ----
@@ -374,7 +439,14 @@ void JobCoreWorld::answer(Transfer& transfer, Head kind) {
   wholeAnswered_ = wholeAnswered_ || (whole && counts);
   const bool ofNoUse = core_.ending() || transfer.flight->superseded;
   JobActions actions;
-  const Placement placement = core_.answered(transfer.flight, head, actions);
+  Placement placement = core_.answered(transfer.flight, head, actions);
+  if (actions.open) {
+    open();
+    if (!fileOpen_) {
+      placement.action = Placement::Action::Stop;
+      placement.code = CURLE_ABORTED_BY_CALLBACK;
+    }
+  }
   if (ofNoUse && placement.action != Placement::Action::Stop) breaks("an answer of no use is let through");
   if (placement.action == Placement::Action::Stop) {
     transfer.body = Transfer::Body::Stopped;
@@ -410,11 +482,14 @@ void JobCoreWorld::deliver(Transfer& transfer, std::uint64_t length) {
       if (flight.sample) {
         flight.sampled.insert(flight.sampled.end(), bytes.begin(), bytes.end());
       } else {
-        if (fileClosed_) breaks("a closed file is written to");
+        if (fileClosed_ || !fileOpen_) breaks("a closed file is written to");
         if (hostSize_ && to > *hostSize_) breaks("the host's size is exceeded");
         if (file_.size() < to) file_.resize(to);
         std::copy(bytes.begin(), bytes.end(), file_.begin() + static_cast<std::ptrdiff_t>(from));
         if (flight.hasher) flight.hasher->add(bytes.data(), bytes.size());
+        flight.position = to;
+        // What a range brings is kept however it ends.
+        if (setup_.adaptive && transfer.status == 206) broughtWell_.add({from, to});
       }
     }
     if (goesOn) {
@@ -445,9 +520,11 @@ void JobCoreWorld::end(std::size_t index, std::int32_t code, std::int32_t status
   const bool ranWell = code == 0 && (status == 200 || status == 206);
   seenCodes_.insert(code != 0 ? code : status);
   const bool endIsLost = transfer.endIsLost;
+  const bool brokeOffEarly = transfer.position < transfer.bodyEnd;
   transfers_.erase(transfers_.begin() + static_cast<std::ptrdiff_t>(index));
+  if (!ranWell && code != CURLE_ABORTED_BY_CALLBACK) ++failures_;
   const JobActions actions = core_.ended(flight, {code, status, bytes});
-  const bool brokeOff = endIsLost && actions.retry;
+  const bool brokeOff = endIsLost && (setup_.adaptive ? brokeOffEarly : actions.retry.has_value());
   if (ranWell && !brokeOff && !flight->superseded && !flight->sample) broughtWell_.add({start, start + bytes});
   want(actions);
 }
@@ -464,12 +541,17 @@ Step JobCoreWorld::firstGoodStep() const {
     if (transfer.body == Transfer::Body::Unanswered) return {Kind::Answer, 0};
     return {Kind::End, 0};
   }
+  if (timers_.empty()) return {Kind::LongTurn};
   return {Kind::RetryDue, 0};
 }
 
 void JobCoreWorld::behave() {
   constexpr int kMostSteps = 10'000;
-  for (int steps = 0; fault_.empty() && (!nothingPending() || core_.state() == JobState::Paused); ++steps) {
+  const auto goesOn = [&] {
+    const bool turns = setup_.adaptive && !isFinal(core_.state());
+    return fault_.empty() && (!nothingPending() || core_.state() == JobState::Paused || turns);
+  };
+  for (int steps = 0; goesOn(); ++steps) {
     if (steps == kMostSteps) return breaks("the job comes to no end");
     take(firstGoodStep());
   }
@@ -498,12 +580,14 @@ void JobCoreWorld::watch() {
     if (transfer.body != Transfer::Body::Delivered || flight.sample) continue;
     constexpr std::uint64_t kOpen = 1ULL << 62;
     const ByteRange range{flight.asked.start, transfer.end.value_or(kOpen)};
+    int sameBytes = 0;  // a slow range may be fetched a second time
     for (const Transfer& other : transfers_) {
       if (&other == &transfer || other.flight->superseded || other.flight->sample) continue;
       if (other.body != Transfer::Body::Delivered) continue;
       const ByteRange others{other.flight->asked.start, other.end.value_or(kOpen)};
-      if (std::max(range.start, others.start) < std::min(range.end, others.end)) breaks("two transfers write a byte");
+      if (std::max(range.start, others.start) < std::min(range.end, others.end)) ++sameBytes;
     }
+    if (sameBytes > (setup_.adaptive ? 1 : 0)) breaks("too many transfers write a byte");
   }
   const std::size_t onTheirWay = static_cast<std::size_t>(
       std::count_if(actions_.begin(), actions_.end(), [](const Action& one) { return one.kind == Kind::Submit; }));
@@ -521,7 +605,8 @@ void JobCoreWorld::watch() {
     breaks("the job failed without a reason, with " + std::to_string(core_.errorCode()));
   }
   const bool mayStand = core_.state() == JobState::Running && core_.standsStill();
-  if (nothingPending() && core_.state() != JobState::Paused && !isFinal(core_.state()) && !mayStand) {
+  if (!setup_.adaptive && nothingPending() && core_.state() != JobState::Paused && !isFinal(core_.state()) &&
+      !mayStand) {
     breaks("the job is stuck");
   }
 }
@@ -530,8 +615,8 @@ void JobCoreWorld::watchEnd() {
   if (!fault_.empty()) return;
   const JobState state = core_.state();
   if (isFinal(state)) {
-    if (!fileClosed_) breaks("the file stays open");
-    if (closeAsked_ != 1) breaks("the file is not closed once");
+    if (fileOpen_ && !fileClosed_) breaks("the file stays open");
+    if (closeAsked_ != (fileOpen_ ? 1 : 0)) breaks("the file is not closed once");
     if (cancelled_ && state == JobState::Completed) breaks("a cancelled job completed");
   } else if (!core_.standsStill()) {
     breaks("the job did not end");
@@ -557,12 +642,13 @@ std::string JobCoreWorld::completedWrongly() const {
 
 bool JobCoreWorld::failureHasAReason() const {
   const std::int32_t code = core_.errorCode();
-  const bool exhausted = retries_ >= kRetries;
+  const bool exhausted = setup_.adaptive ? failures_ >= kRetries : retries_ >= kRetries;
   switch (code) {
     case kForbidden:
     case result::kException:
     case result::kWriteFailed:
     case result::kFileNotOpen:
+    case result::kFileNotCreated:
       return seenCodes_.contains(code);
     case CURLE_RANGE_ERROR:
       return versions_.size() > 1 || lied_ || exhausted || otherTags_ >= (setup_.strongTags ? 1 : kMostDoubts);

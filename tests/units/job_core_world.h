@@ -59,6 +59,11 @@ struct Step {
     WriteFails,
     NewVersion,  ///< of the same size
     NewSize,
+    OpenFails,  ///< the next time that the file is to be opened
+    // The loop makes a turn, after a time.
+    ShortTurn,
+    Turn,
+    LongTurn,
   };
 
   Kind kind;
@@ -78,6 +83,7 @@ struct WorldSetup {
   /// How the size became known; nothing: it did not.
   std::optional<xfer::JobCore::SizeFrom> sizeFrom = xfer::JobCore::SizeFrom::Host;
   std::int64_t sizeError = 0;  ///< by so much the known size differs from the file's
+  bool adaptive = false;       ///< the plan; the size is known from the host, or not
   bool strongTags = false;     ///< versions differ in strong entity tags, else in weak ones
   /// A refill goes on until the core has nothing more, and each flight is submitted.
   bool refillInOneStep = true;
@@ -95,6 +101,8 @@ struct WorldSetup {
   int newSizes = 0;
   int finalizeFailures = 0;
   int abandons = 0;
+  int openFailures = 0;
+  int turns = 0;
 };
 
 class JobCoreWorld {
@@ -159,6 +167,9 @@ class JobCoreWorld {
   void submit(const xfer::JobCore::FlightPtr& flight);
   void tellTicket(const Action& action);
   void finalize(std::uint64_t size, std::int32_t error);
+  void open();
+  void turn(std::uint64_t ms);
+  void cut(const xfer::JobActions::Cut& cut);
   void answer(Transfer& transfer, Head head);
   void deliver(Transfer& transfer, std::uint64_t length);
   void end(std::size_t index, std::int32_t code, std::int32_t status);
@@ -189,6 +200,10 @@ class JobCoreWorld {
   xfer::ByteRanges broughtWell_;
   bool fileClosed_ = false;
   std::optional<std::uint64_t> finalSize_;
+  std::uint64_t nowNs_ = 1'000'000'000;
+  bool fileOpen_ = false;
+  bool openFails_ = false;
+  int failures_ = 0;
   int finalizeAsked_ = 0;
   int closeAsked_ = 0;
 
