@@ -39,6 +39,7 @@ constexpr std::uint64_t kDuplicatesPart = 100;  // of the file
 constexpr std::uint64_t kSmallAnswer = 1024;
 constexpr std::uint64_t kMostSmallAnswers = 10;
 
+constexpr double kForgetRateSec = 5;
 constexpr double kAssumedRate = 1'000'000;
 constexpr double kAssumedLatencySec = 0.05;
 constexpr double kNewSample = 0.3;
@@ -259,7 +260,7 @@ void AdaptivePlan::completeFrom(PieceId piece) {
 // ---- What is missing ----
 
 void AdaptivePlan::addMissing(const ByteRange& range) {
-  if (range.empty() || whole_) return;
+  if (range.empty() || whole_ || !size_) return;
   const auto behind = std::lower_bound(missing_.begin(), missing_.end(), range.start,
                                        [](const ByteRange& held, std::uint64_t start) { return held.end < start; });
   auto last = behind;
@@ -400,7 +401,7 @@ RangePlan::Orders AdaptivePlan::turn(const LoopTurn& turn, bool paused) {
   if (paused) return orders;
   watchLoop(turn);
   if (!isShared()) return orders;
-  updateTypicalRate();
+  updateTypicalRate(seconds(elapsed));
   judge(orders, elapsed, turn.nowNs);
   double sum = 0;
   for (const Flight& flight : flights_) sum += flight.answered ? rateOf(flight) : 0;
@@ -579,7 +580,7 @@ bool AdaptivePlan::isMeasured(const Flight& flight) const {
   return flight.slow.seconds >= kMeasuredSec;
 }
 
-void AdaptivePlan::updateTypicalRate() {
+void AdaptivePlan::updateTypicalRate(double elapsedSec) {
   rates_.clear();
   for (const Flight& flight : flights_) {
     if (isMeasured(flight)) rates_.push_back(flight.slow.rate());
@@ -587,7 +588,9 @@ void AdaptivePlan::updateTypicalRate() {
   if (rates_.empty()) return;
   const auto middle = rates_.begin() + static_cast<std::ptrdiff_t>(rates_.size() / 2);
   std::nth_element(rates_.begin(), middle, rates_.end());
-  if (*middle > 0) typicalRate_ = *middle;
+  // The last ones in flight tell little of what an idle connection could do.
+  const double before = rates_.size() < 3 ? typicalRate_ * std::exp(-elapsedSec / kForgetRateSec) : 0;
+  if (*middle > 0) typicalRate_ = std::max(*middle, before);
 }
 
 // The lower of both meters: what has become slow is seen soon, a burst is not believed.

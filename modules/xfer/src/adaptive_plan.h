@@ -184,7 +184,7 @@ class AdaptivePlan final : public RangePlan {
   [[nodiscard]] std::size_t idle() const;
   [[nodiscard]] bool isShared() const { return opened_ && !oneAtATime_ && !whole_; }
 
-  void updateTypicalRate();
+  void updateTypicalRate(double elapsedSec);
   [[nodiscard]] double rateOf(const Flight& flight) const;
   [[nodiscard]] double secondsToGo(const Flight& flight) const;
   [[nodiscard]] double waitOf(const Flight& flight) const;
