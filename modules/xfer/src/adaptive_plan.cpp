@@ -10,9 +10,11 @@ namespace {
 constexpr std::uint64_t kMillisecond = 1'000'000;
 constexpr double kNsPerSec = 1e9;
 
+constexpr RangePlan::PieceId kFirstId = 1;
 constexpr std::uint64_t kFirstPiece = std::uint64_t{1} << 20;
 constexpr std::uint64_t kSmallestPiece = std::uint64_t{64} * 1024;
 constexpr double kSmallestGainSec = 0.005;
+constexpr int kRoundsToEndTogether = 4;
 
 // The window in which the loop is watched: before the other connections are opened, and later.
 constexpr std::uint64_t kOpeningWindowNs = 2 * kMillisecond;
@@ -302,6 +304,17 @@ ByteRange AdaptivePlan::takeShare(std::size_t slots) {
   return taken;
 }
 
+// 1 while the first piece is in flight and ends before a share of what is missing would: its connection then takes one.
+std::size_t AdaptivePlan::soonFree(std::size_t slots) const {
+  if (flights_.empty() || flights_.front().id != kFirstId) return 0;
+  std::uint64_t all = 0;
+  for (const ByteRange& range : missing_) all += range.length();
+  const double rate = typicalRate_ > 0 ? typicalRate_ : kAssumedRate;
+  const double share = asDouble(all) / static_cast<double>(slots + 1);
+  const double ends = secondsToGo(flights_.front()) + cost(false);
+  return ends < cost(true) + share / rate ? 1 : 0;
+}
+
 std::uint64_t AdaptivePlan::openEnd() const {
   if (whole_ || !size_) return 0;
   std::uint64_t end = missing_.empty() ? 0 : missing_.back().end;
@@ -366,7 +379,11 @@ std::optional<RangePlan::Piece> AdaptivePlan::next(std::uint64_t nowNs) {
   }
   if (!missing_.empty()) {
     std::size_t slots = isShared() ? std::max<std::size_t>(idle(), 1) : 1;
-    if (stolenFor_ > 0) slots = std::min(slots, stolenFor_--);
+    if (stolenFor_ > 0) {
+      slots = std::min(slots, stolenFor_--);
+    } else if (isShared()) {
+      slots += soonFree(slots);
+    }
     return launch(takeShare(slots), nowNs);
   }
   stolenFor_ = 0;
@@ -503,26 +520,16 @@ bool AdaptivePlan::isSuspect(const Flight& flight, std::size_t receiving) const 
 void AdaptivePlan::steal(Orders& orders) {
   if (busy_) return;
   const double rate = typicalRate_ > 0 ? typicalRate_ : kAssumedRate;
-  double work = 0;  // bytes, with the waiting of those that wait
-  double sum = 0;
   double latest = 0;
   for (const Flight& flight : flights_) {
-    if (flight.copy) continue;
-    const double own = rateOf(flight);
-    work += asDouble(flight.left()) + own * waitOf(flight);
-    sum += own;
-    latest = std::max(latest, secondsToGo(flight));
+    if (!flight.copy) latest = std::max(latest, secondsToGo(flight));
   }
   // As many thieves as leave each of them a piece that pays.
-  const std::size_t most = idle();
-  std::size_t thieves = most;
+  std::size_t thieves = idle();
   double together = 0;
   for (; thieves > 0; --thieves) {
-    const std::size_t kept = std::min(thieves, kept_);
-    const std::size_t opened = thieves - kept;
-    const double dearest = cost(opened > 0);
-    together = (work + rate * (static_cast<double>(kept) * cost(false) + static_cast<double>(opened) * cost(true))) /
-               (sum + rate * static_cast<double>(thieves));
+    const double dearest = cost(thieves > kept_);
+    together = endTogether(thieves, rate);
     if (rate * (together - dearest) >= smallestPiece(dearest) && latest - together >= kSmallestGainSec) break;
   }
   for (std::size_t thief = 0; thief < thieves; ++thief) {
@@ -548,6 +555,28 @@ void AdaptivePlan::steal(Orders& orders) {
     }
     ++stolenFor_;
   }
+}
+
+// How soon all end together, with so many thieves: of the pieces in flight those that end later count.
+double AdaptivePlan::endTogether(std::size_t thieves, double rate) const {
+  const std::size_t kept = std::min(thieves, kept_);
+  const double count = static_cast<double>(thieves);
+  const double lost = rate * (static_cast<double>(kept) * cost(false) + static_cast<double>(thieves - kept) * cost(true));
+  double together = 0;
+  for (int round = 0; round < kRoundsToEndTogether; ++round) {
+    double work = lost;  // bytes, with those that are lost by waiting
+    double sum = rate * count;
+    for (const Flight& flight : flights_) {
+      if (flight.copy || secondsToGo(flight) < together) continue;
+      const double own = rateOf(flight);
+      work += asDouble(flight.left()) + own * waitOf(flight);
+      sum += own;
+    }
+    const double next = work / sum;
+    if (next <= together) break;
+    together = next;
+  }
+  return together;
 }
 
 // The last piece a second time, where that ends sooner and nothing is worth taking from it.

@@ -173,12 +173,14 @@ class AdaptivePlan final : public RangePlan {
   void addMissing(const ByteRange& range);
   void dropMissingFrom(std::uint64_t start);
   [[nodiscard]] ByteRange takeShare(std::size_t slots);
+  [[nodiscard]] std::size_t soonFree(std::size_t slots) const;
 
   void measure(std::uint64_t elapsedNs, std::uint64_t sleptNs, bool paused, std::uint64_t nowNs);
   void watchLoop(const LoopTurn& turn);
   void judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t nowNs);
   [[nodiscard]] bool isSuspect(const Flight& flight, std::size_t receiving) const;
   void steal(Orders& orders);
+  [[nodiscard]] double endTogether(std::size_t thieves, double rate) const;
   void considerCopy();
   Flight* latestFlight();
   [[nodiscard]] std::size_t idle() const;
