@@ -13,6 +13,7 @@ constexpr double kNsPerSec = 1e9;
 constexpr RangePlan::PieceId kFirstId = 1;
 constexpr std::uint64_t kFirstPiece = std::uint64_t{1} << 20;
 constexpr std::uint64_t kSmallestPiece = std::uint64_t{64} * 1024;
+constexpr double kSmallestShareOfCost = 0.5;  // a piece takes so much of what it costs to ask for it
 constexpr double kSmallestGainSec = 0.005;
 constexpr int kRoundsToEndTogether = 4;
 
@@ -174,11 +175,11 @@ void AdaptivePlan::complete(PieceId piece, std::uint64_t nowNs) {
   flights_.erase(flights_.begin() + static_cast<std::ptrdiff_t>(index));
   if (copyNext_ == piece) copyNext_ = 0;
   if (whole_) wholeDone_ = true;
-  if (!whole_ && ended.range.end == ended.uncutEnd) ++kept_;
+  if (!whole_ && ended.range.end == ended.uncutEnd) keepConnection(ended);
   if (!ended.paidBack) pace_.paidBack();
   pace_.delivered(nowNs);
-  if (typicalRate_ == 0 && ended.receivingNs > 0) {
-    typicalRate_ = asDouble(ended.range.length()) / seconds(ended.receivingNs);
+  if (newRate_ == 0 && ended.receivingNs > 0) {
+    newRate_ = asDouble(ended.range.length()) / seconds(ended.receivingNs);
   }
   if (ended.twin == 0) return;
   const Index loser = find(ended.twin);
@@ -186,6 +187,12 @@ void AdaptivePlan::complete(PieceId piece, std::uint64_t nowNs) {
   const std::uint64_t shared = std::max(ended.range.start, other.range.start);
   losers_.push_back({other.id, {shared, ended.range.end}, other.position});
   flights_.erase(flights_.begin() + static_cast<std::ptrdiff_t>(loser));
+}
+
+void AdaptivePlan::keepConnection(const Flight& ended) {
+  const double before = keptRate_ * static_cast<double>(kept_);
+  ++kept_;
+  keptRate_ = (before + rateOf(ended)) / static_cast<double>(kept_);
 }
 
 bool AdaptivePlan::partDone(PieceId piece, std::uint64_t reached, std::uint64_t lastBytes, std::uint64_t nowNs) {
@@ -200,7 +207,7 @@ bool AdaptivePlan::partDone(PieceId piece, std::uint64_t reached, std::uint64_t 
   const Flight& flight = flights_[index];
   if (!flight.paidBack) pace_.paidBack();
   pace_.delivered(nowNs);
-  ++kept_;
+  keepConnection(flight);
   takeOff(index, std::clamp(reached, flight.range.start, flight.range.end));
   return true;
 }
@@ -292,7 +299,7 @@ ByteRange AdaptivePlan::takeShare(std::size_t slots) {
     std::uint64_t all = 0;
     for (const ByteRange& range : missing_) all += range.length();
     const std::size_t most = slots - (missing_.size() - 1);
-    const double smallest = smallestPiece(cost(kept_ == 0));
+    const double smallest = smallestPiece(kept_ == 0);
     const double share = std::min({asDouble(length) / asDouble(all) * static_cast<double>(slots) + 0.5,
                                    static_cast<double>(most), asDouble(length) / smallest});
     const auto parts = std::max<std::uint64_t>(static_cast<std::uint64_t>(share), 1);
@@ -309,7 +316,7 @@ std::size_t AdaptivePlan::soonFree(std::size_t slots) const {
   if (flights_.empty() || flights_.front().id != kFirstId) return 0;
   std::uint64_t all = 0;
   for (const ByteRange& range : missing_) all += range.length();
-  const double rate = typicalRate_ > 0 ? typicalRate_ : kAssumedRate;
+  const double rate = expectedRate(true);
   const double share = asDouble(all) / static_cast<double>(slots + 1);
   const double ends = secondsToGo(flights_.front()) + cost(false);
   return ends < cost(true) + share / rate ? 1 : 0;
@@ -355,6 +362,7 @@ RangePlan::Piece AdaptivePlan::launch(const ByteRange& range, std::uint64_t nowN
   Piece piece{flight.id, range, range.start, freshOwed_ > 0};
   flight.fresh = piece.freshConnection || kept_ == 0;
   if (freshOwed_ > 0) --freshOwed_;
+  flight.expectedRate = expectedRate(flight.fresh);
   if (!flight.fresh) --kept_;
   flights_.push_back(flight);
   return piece;
@@ -418,7 +426,7 @@ RangePlan::Orders AdaptivePlan::turn(const LoopTurn& turn, bool paused) {
   if (paused) return orders;
   watchLoop(turn);
   if (!isShared()) return orders;
-  updateTypicalRate(seconds(elapsed));
+  updateRates(seconds(elapsed));
   judge(orders, elapsed, turn.nowNs);
   double sum = 0;
   for (const Flight& flight : flights_) sum += flight.answered ? rateOf(flight) : 0;
@@ -486,7 +494,7 @@ void AdaptivePlan::judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t 
   for (Index index = 0; index < flights_.size();) {
     Flight& flight = flights_[index];
     const bool slow = flight.slow.seconds >= kSlowMeasuredSec && !flight.throttled && rates_.size() > 2 &&
-                      flight.slow.rate() < kSlowShare * typicalRate_;
+                      flight.slow.rate() < kSlowShare * medianRate_ && flight.quick.rate() < kSlowShare * medianRate_;
     flight.slowNs = slow ? flight.slowNs + elapsedNs : 0;
     const bool silent = isSuspect(flight, receiving);
     const bool tooSlow = flight.slowNs >= kSlowForNs && secondsToGo(flight) > kSlowWorthwhileSec &&
@@ -519,7 +527,6 @@ bool AdaptivePlan::isSuspect(const Flight& flight, std::size_t receiving) const 
 // Gives idle connections the tails of the pieces that end last, so much that all end together.
 void AdaptivePlan::steal(Orders& orders) {
   if (busy_) return;
-  const double rate = typicalRate_ > 0 ? typicalRate_ : kAssumedRate;
   double latest = 0;
   for (const Flight& flight : flights_) {
     if (!flight.copy) latest = std::max(latest, secondsToGo(flight));
@@ -528,18 +535,21 @@ void AdaptivePlan::steal(Orders& orders) {
   std::size_t thieves = idle();
   double together = 0;
   for (; thieves > 0; --thieves) {
-    const double dearest = cost(thieves > kept_);
-    together = endTogether(thieves, rate);
-    if (rate * (together - dearest) >= smallestPiece(dearest) && latest - together >= kSmallestGainSec) break;
+    const bool fresh = thieves > kept_;
+    together = endTogether(thieves);
+    if (expectedRate(fresh) * (together - cost(fresh)) >= smallestPiece(fresh) && latest - together >= kSmallestGainSec)
+      break;
   }
   for (std::size_t thief = 0; thief < thieves; ++thief) {
     Flight* victim = latestFlight();
     if (victim == nullptr) break;
-    const double latency = cost(thief >= kept_);
+    const bool fresh = thief >= kept_;
+    const double latency = cost(fresh);
+    const double rate = expectedRate(fresh);
     const double ends = secondsToGo(*victim);
     const double pairwise = (ends - latency) / (1 / rate + 1 / rateOf(*victim));
     const double bytes = std::min(rate * (together - latency), pairwise);
-    if (bytes < smallestPiece(latency) || ends - (latency + bytes / rate) < kSmallestGainSec) break;
+    if (bytes < smallestPiece(fresh) || ends - (latency + bytes / rate) < kSmallestGainSec) break;
     const std::uint64_t from = std::max(victim->position, victim->have) + 1;
     if (victim->range.end < from + static_cast<std::uint64_t>(bytes)) break;
     const std::uint64_t end = victim->range.end - static_cast<std::uint64_t>(bytes);
@@ -558,14 +568,15 @@ void AdaptivePlan::steal(Orders& orders) {
 }
 
 // How soon all end together, with so many thieves: of the pieces in flight those that end later count.
-double AdaptivePlan::endTogether(std::size_t thieves, double rate) const {
+double AdaptivePlan::endTogether(std::size_t thieves) const {
   const std::size_t kept = std::min(thieves, kept_);
-  const double count = static_cast<double>(thieves);
-  const double lost = rate * (static_cast<double>(kept) * cost(false) + static_cast<double>(thieves - kept) * cost(true));
+  const double keptSum = static_cast<double>(kept) * expectedRate(false);
+  const double freshSum = static_cast<double>(thieves - kept) * expectedRate(true);
+  const double lost = keptSum * cost(false) + freshSum * cost(true);
   double together = 0;
   for (int round = 0; round < kRoundsToEndTogether; ++round) {
     double work = lost;  // bytes, with those that are lost by waiting
-    double sum = rate * count;
+    double sum = keptSum + freshSum;
     for (const Flight& flight : flights_) {
       if (flight.copy || secondsToGo(flight) < together) continue;
       const double own = rateOf(flight);
@@ -585,8 +596,8 @@ void AdaptivePlan::considerCopy() {
   if (victim == nullptr || victim->copied || victim->throttled) return;
   const std::uint64_t left = victim->left();
   if (left == 0 || counters_.duplicateBytes + duplicatesAtRisk_ + left > mostDuplicates()) return;
-  const double rate = typicalRate_ > 0 ? typicalRate_ : kAssumedRate;
-  if (secondsToGo(*victim) > 2 * cost(kept_ == 0) + asDouble(left) / rate) copyNext_ = victim->id;
+  const bool fresh = kept_ == 0;
+  if (secondsToGo(*victim) > 2 * cost(fresh) + asDouble(left) / expectedRate(fresh)) copyNext_ = victim->id;
 }
 
 // That is predicted to end last, of those that no other piece copies.
@@ -609,23 +620,33 @@ bool AdaptivePlan::isMeasured(const Flight& flight) const {
   return flight.slow.seconds >= kMeasuredSec;
 }
 
-void AdaptivePlan::updateTypicalRate(double elapsedSec) {
+void AdaptivePlan::updateRates(double elapsedSec) {
   rates_.clear();
+  double sum = 0;
   for (const Flight& flight : flights_) {
-    if (isMeasured(flight)) rates_.push_back(flight.slow.rate());
+    if (!isMeasured(flight)) continue;
+    rates_.push_back(flight.slow.rate());
+    sum += flight.slow.rate();
   }
   if (rates_.empty()) return;
   const auto middle = rates_.begin() + static_cast<std::ptrdiff_t>(rates_.size() / 2);
   std::nth_element(rates_.begin(), middle, rates_.end());
-  // The last ones in flight tell little of what an idle connection could do.
-  const double before = rates_.size() < 3 ? typicalRate_ * std::exp(-elapsedSec / kForgetRateSec) : 0;
-  if (*middle > 0) typicalRate_ = std::max(*middle, before);
+  medianRate_ = *middle;
+  // The last ones in flight tell little of what another connection could do.
+  const double before = rates_.size() < 3 ? newRate_ * std::exp(-elapsedSec / kForgetRateSec) : 0;
+  newRate_ = std::max(sum / static_cast<double>(rates_.size()), before);
 }
 
 // The lower of both meters: what has become slow is seen soon, a burst is not believed.
 double AdaptivePlan::rateOf(const Flight& flight) const {
   if (isMeasured(flight)) return std::max(std::min(flight.slow.rate(), flight.quick.rate()), 1.0);
-  return typicalRate_ > 0 ? typicalRate_ : kAssumedRate;
+  return flight.expectedRate;
+}
+
+// Of a connection that has no work yet.
+double AdaptivePlan::expectedRate(bool fresh) const {
+  if (!fresh && kept_ > 0 && keptRate_ > 0) return keptRate_;
+  return newRate_ > 0 ? newRate_ : kAssumedRate;
 }
 
 double AdaptivePlan::waitOf(const Flight& flight) const {
@@ -648,8 +669,8 @@ double AdaptivePlan::patience(const Flight& flight) const {
   return std::max({kLeastPatienceSec, 4 * latency, 3 * gapSec_});
 }
 
-double AdaptivePlan::smallestPiece(double cost) const {
-  return std::max(asDouble(kSmallestPiece), typicalRate_ * cost);
+double AdaptivePlan::smallestPiece(bool fresh) const {
+  return std::max(asDouble(kSmallestPiece), kSmallestShareOfCost * expectedRate(fresh) * cost(fresh));
 }
 
 std::uint64_t AdaptivePlan::mostDuplicates() const {
