@@ -10,9 +10,12 @@ namespace {
 constexpr std::uint64_t kMillisecond = 1'000'000;
 constexpr double kNsPerSec = 1e9;
 
+constexpr RangePlan::PieceId kFirstId = 1;
 constexpr std::uint64_t kSmallestPiece = std::uint64_t{64} * 1024;
 constexpr std::uint64_t kPiecesOfFirst = 16;  // a smaller first piece makes smaller pieces
+constexpr double kSmallestShareOfCost = 0.5;  // a piece takes so much of what it costs to ask for it
 constexpr double kSmallestGainSec = 0.005;
+constexpr int kRoundsToEndTogether = 4;
 
 // The window in which the loop is watched: before the other connections are opened, and later.
 constexpr std::uint64_t kOpeningWindowNs = 2 * kMillisecond;
@@ -39,6 +42,7 @@ constexpr std::uint64_t kDuplicatesPart = 100;  // of the file
 constexpr std::uint64_t kSmallAnswer = 1024;
 constexpr std::uint64_t kMostSmallAnswers = 10;
 
+constexpr double kForgetRateSec = 5;
 constexpr double kAssumedRate = 1'000'000;
 constexpr double kAssumedLatencySec = 0.05;
 constexpr double kNewSample = 0.3;
@@ -171,11 +175,11 @@ void AdaptivePlan::complete(PieceId piece, std::uint64_t nowNs) {
   flights_.erase(flights_.begin() + static_cast<std::ptrdiff_t>(index));
   if (copyNext_ == piece) copyNext_ = 0;
   if (whole_) wholeDone_ = true;
-  if (!whole_ && ended.range.end == ended.uncutEnd) ++kept_;
+  if (!whole_ && ended.range.end == ended.uncutEnd) keepConnection(ended);
   if (!ended.paidBack) pace_.paidBack();
   pace_.delivered(nowNs);
-  if (typicalRate_ == 0 && ended.receivingNs > 0) {
-    typicalRate_ = asDouble(ended.range.length()) / seconds(ended.receivingNs);
+  if (newRate_ == 0 && ended.receivingNs > 0) {
+    newRate_ = asDouble(ended.range.length()) / seconds(ended.receivingNs);
   }
   if (ended.twin == 0) return;
   const Index loser = find(ended.twin);
@@ -183,6 +187,12 @@ void AdaptivePlan::complete(PieceId piece, std::uint64_t nowNs) {
   const std::uint64_t shared = std::max(ended.range.start, other.range.start);
   losers_.push_back({other.id, {shared, ended.range.end}, other.position});
   flights_.erase(flights_.begin() + static_cast<std::ptrdiff_t>(loser));
+}
+
+void AdaptivePlan::keepConnection(const Flight& ended) {
+  const double before = keptRate_ * static_cast<double>(kept_);
+  ++kept_;
+  keptRate_ = (before + rateOf(ended)) / static_cast<double>(kept_);
 }
 
 bool AdaptivePlan::partDone(PieceId piece, std::uint64_t reached, std::uint64_t lastBytes, std::uint64_t nowNs) {
@@ -197,7 +207,7 @@ bool AdaptivePlan::partDone(PieceId piece, std::uint64_t reached, std::uint64_t 
   const Flight& flight = flights_[index];
   if (!flight.paidBack) pace_.paidBack();
   pace_.delivered(nowNs);
-  ++kept_;
+  keepConnection(flight);
   takeOff(index, std::clamp(reached, flight.range.start, flight.range.end));
   return true;
 }
@@ -259,7 +269,7 @@ void AdaptivePlan::completeFrom(PieceId piece) {
 // ---- What is missing ----
 
 void AdaptivePlan::addMissing(const ByteRange& range) {
-  if (range.empty() || whole_) return;
+  if (range.empty() || whole_ || !size_) return;
   const auto behind = std::lower_bound(missing_.begin(), missing_.end(), range.start,
                                        [](const ByteRange& held, std::uint64_t start) { return held.end < start; });
   auto last = behind;
@@ -289,7 +299,7 @@ ByteRange AdaptivePlan::takeShare(std::size_t slots) {
     std::uint64_t all = 0;
     for (const ByteRange& range : missing_) all += range.length();
     const std::size_t most = slots - (missing_.size() - 1);
-    const double smallest = smallestPiece(cost(kept_ == 0));
+    const double smallest = smallestPiece(kept_ == 0);
     const double share = std::min({asDouble(length) / asDouble(all) * static_cast<double>(slots) + 0.5,
                                    static_cast<double>(most), asDouble(length) / smallest});
     const auto parts = std::max<std::uint64_t>(static_cast<std::uint64_t>(share), 1);
@@ -299,6 +309,17 @@ ByteRange AdaptivePlan::takeShare(std::size_t slots) {
   run.start = taken.end;
   if (run.empty()) missing_.erase(missing_.begin());
   return taken;
+}
+
+// 1 while the first piece is in flight and ends before a share of what is missing would: its connection then takes one.
+std::size_t AdaptivePlan::soonFree(std::size_t slots) const {
+  if (flights_.empty() || flights_.front().id != kFirstId) return 0;
+  std::uint64_t all = 0;
+  for (const ByteRange& range : missing_) all += range.length();
+  const double rate = expectedRate(true);
+  const double share = asDouble(all) / static_cast<double>(slots + 1);
+  const double ends = secondsToGo(flights_.front()) + cost(false);
+  return ends < cost(true) + share / rate ? 1 : 0;
 }
 
 std::uint64_t AdaptivePlan::openEnd() const {
@@ -341,6 +362,7 @@ RangePlan::Piece AdaptivePlan::launch(const ByteRange& range, std::uint64_t nowN
   Piece piece{flight.id, range, range.start, freshOwed_ > 0};
   flight.fresh = piece.freshConnection || kept_ == 0;
   if (freshOwed_ > 0) --freshOwed_;
+  flight.expectedRate = expectedRate(flight.fresh);
   if (!flight.fresh) --kept_;
   flights_.push_back(flight);
   return piece;
@@ -365,7 +387,11 @@ std::optional<RangePlan::Piece> AdaptivePlan::next(std::uint64_t nowNs) {
   }
   if (!missing_.empty()) {
     std::size_t slots = isShared() ? std::max<std::size_t>(idle(), 1) : 1;
-    if (stolenFor_ > 0) slots = std::min(slots, stolenFor_--);
+    if (stolenFor_ > 0) {
+      slots = std::min(slots, stolenFor_--);
+    } else if (isShared()) {
+      slots += soonFree(slots);
+    }
     return launch(takeShare(slots), nowNs);
   }
   stolenFor_ = 0;
@@ -400,7 +426,7 @@ RangePlan::Orders AdaptivePlan::turn(const LoopTurn& turn, bool paused) {
   if (paused) return orders;
   watchLoop(turn);
   if (!isShared()) return orders;
-  updateTypicalRate();
+  updateRates(seconds(elapsed));
   judge(orders, elapsed, turn.nowNs);
   double sum = 0;
   for (const Flight& flight : flights_) sum += flight.answered ? rateOf(flight) : 0;
@@ -468,7 +494,7 @@ void AdaptivePlan::judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t 
   for (Index index = 0; index < flights_.size();) {
     Flight& flight = flights_[index];
     const bool slow = flight.slow.seconds >= kSlowMeasuredSec && !flight.throttled && rates_.size() > 2 &&
-                      flight.slow.rate() < kSlowShare * typicalRate_;
+                      flight.slow.rate() < kSlowShare * medianRate_ && flight.quick.rate() < kSlowShare * medianRate_;
     flight.slowNs = slow ? flight.slowNs + elapsedNs : 0;
     const bool silent = isSuspect(flight, receiving);
     const bool tooSlow = flight.slowNs >= kSlowForNs && secondsToGo(flight) > kSlowWorthwhileSec &&
@@ -501,37 +527,29 @@ bool AdaptivePlan::isSuspect(const Flight& flight, std::size_t receiving) const 
 // Gives idle connections the tails of the pieces that end last, so much that all end together.
 void AdaptivePlan::steal(Orders& orders) {
   if (busy_) return;
-  const double rate = typicalRate_ > 0 ? typicalRate_ : kAssumedRate;
-  double work = 0;  // bytes, with the waiting of those that wait
-  double sum = 0;
   double latest = 0;
   for (const Flight& flight : flights_) {
-    if (flight.copy) continue;
-    const double own = rateOf(flight);
-    work += asDouble(flight.left()) + own * waitOf(flight);
-    sum += own;
-    latest = std::max(latest, secondsToGo(flight));
+    if (!flight.copy) latest = std::max(latest, secondsToGo(flight));
   }
   // As many thieves as leave each of them a piece that pays.
-  const std::size_t most = idle();
-  std::size_t thieves = most;
+  std::size_t thieves = idle();
   double together = 0;
   for (; thieves > 0; --thieves) {
-    const std::size_t kept = std::min(thieves, kept_);
-    const std::size_t opened = thieves - kept;
-    const double dearest = cost(opened > 0);
-    together = (work + rate * (static_cast<double>(kept) * cost(false) + static_cast<double>(opened) * cost(true))) /
-               (sum + rate * static_cast<double>(thieves));
-    if (rate * (together - dearest) >= smallestPiece(dearest) && latest - together >= kSmallestGainSec) break;
+    const bool fresh = thieves > kept_;
+    together = endTogether(thieves);
+    if (expectedRate(fresh) * (together - cost(fresh)) >= smallestPiece(fresh) && latest - together >= kSmallestGainSec)
+      break;
   }
   for (std::size_t thief = 0; thief < thieves; ++thief) {
     Flight* victim = latestFlight();
     if (victim == nullptr) break;
-    const double latency = cost(thief >= kept_);
+    const bool fresh = thief >= kept_;
+    const double latency = cost(fresh);
+    const double rate = expectedRate(fresh);
     const double ends = secondsToGo(*victim);
     const double pairwise = (ends - latency) / (1 / rate + 1 / rateOf(*victim));
     const double bytes = std::min(rate * (together - latency), pairwise);
-    if (bytes < smallestPiece(latency) || ends - (latency + bytes / rate) < kSmallestGainSec) break;
+    if (bytes < smallestPiece(fresh) || ends - (latency + bytes / rate) < kSmallestGainSec) break;
     const std::uint64_t from = std::max(victim->position, victim->have) + 1;
     if (victim->range.end < from + static_cast<std::uint64_t>(bytes)) break;
     const std::uint64_t end = victim->range.end - static_cast<std::uint64_t>(bytes);
@@ -549,14 +567,37 @@ void AdaptivePlan::steal(Orders& orders) {
   }
 }
 
+// How soon all end together, with so many thieves: of the pieces in flight those that end later count.
+double AdaptivePlan::endTogether(std::size_t thieves) const {
+  const std::size_t kept = std::min(thieves, kept_);
+  const double keptSum = static_cast<double>(kept) * expectedRate(false);
+  const double freshSum = static_cast<double>(thieves - kept) * expectedRate(true);
+  const double lost = keptSum * cost(false) + freshSum * cost(true);
+  double together = 0;
+  for (int round = 0; round < kRoundsToEndTogether; ++round) {
+    double work = lost;  // bytes, with those that are lost by waiting
+    double sum = keptSum + freshSum;
+    for (const Flight& flight : flights_) {
+      if (flight.copy || secondsToGo(flight) < together) continue;
+      const double own = rateOf(flight);
+      work += asDouble(flight.left()) + own * waitOf(flight);
+      sum += own;
+    }
+    const double next = work / sum;
+    if (next <= together) break;
+    together = next;
+  }
+  return together;
+}
+
 // The last piece a second time, where that ends sooner and nothing is worth taking from it.
 void AdaptivePlan::considerCopy() {
   const Flight* victim = latestFlight();
   if (victim == nullptr || victim->copied || victim->throttled) return;
   const std::uint64_t left = victim->left();
   if (left == 0 || counters_.duplicateBytes + duplicatesAtRisk_ + left > mostDuplicates()) return;
-  const double rate = typicalRate_ > 0 ? typicalRate_ : kAssumedRate;
-  if (secondsToGo(*victim) > 2 * cost(kept_ == 0) + asDouble(left) / rate) copyNext_ = victim->id;
+  const bool fresh = kept_ == 0;
+  if (secondsToGo(*victim) > 2 * cost(fresh) + asDouble(left) / expectedRate(fresh)) copyNext_ = victim->id;
 }
 
 // That is predicted to end last, of those that no other piece copies.
@@ -579,21 +620,33 @@ bool AdaptivePlan::isMeasured(const Flight& flight) const {
   return flight.slow.seconds >= kMeasuredSec;
 }
 
-void AdaptivePlan::updateTypicalRate() {
+void AdaptivePlan::updateRates(double elapsedSec) {
   rates_.clear();
+  double sum = 0;
   for (const Flight& flight : flights_) {
-    if (isMeasured(flight)) rates_.push_back(flight.slow.rate());
+    if (!isMeasured(flight)) continue;
+    rates_.push_back(flight.slow.rate());
+    sum += flight.slow.rate();
   }
   if (rates_.empty()) return;
   const auto middle = rates_.begin() + static_cast<std::ptrdiff_t>(rates_.size() / 2);
   std::nth_element(rates_.begin(), middle, rates_.end());
-  if (*middle > 0) typicalRate_ = *middle;
+  medianRate_ = *middle;
+  // The last ones in flight tell little of what another connection could do.
+  const double before = rates_.size() < 3 ? newRate_ * std::exp(-elapsedSec / kForgetRateSec) : 0;
+  newRate_ = std::max(sum / static_cast<double>(rates_.size()), before);
 }
 
 // The lower of both meters: what has become slow is seen soon, a burst is not believed.
 double AdaptivePlan::rateOf(const Flight& flight) const {
   if (isMeasured(flight)) return std::max(std::min(flight.slow.rate(), flight.quick.rate()), 1.0);
-  return typicalRate_ > 0 ? typicalRate_ : kAssumedRate;
+  return flight.expectedRate;
+}
+
+// Of a connection that has no work yet.
+double AdaptivePlan::expectedRate(bool fresh) const {
+  if (!fresh && kept_ > 0 && keptRate_ > 0) return keptRate_;
+  return newRate_ > 0 ? newRate_ : kAssumedRate;
 }
 
 double AdaptivePlan::waitOf(const Flight& flight) const {
@@ -616,9 +669,9 @@ double AdaptivePlan::patience(const Flight& flight) const {
   return std::max({kLeastPatienceSec, 4 * latency, 3 * gapSec_});
 }
 
-double AdaptivePlan::smallestPiece(double cost) const {
+double AdaptivePlan::smallestPiece(bool fresh) const {
   const std::uint64_t least = std::clamp<std::uint64_t>(settings_.firstPiece / kPiecesOfFirst, 1, kSmallestPiece);
-  return std::max(asDouble(least), typicalRate_ * cost);
+  return std::max(asDouble(least), kSmallestShareOfCost * expectedRate(fresh) * cost(fresh));
 }
 
 std::uint64_t AdaptivePlan::mostDuplicates() const {

@@ -143,7 +143,8 @@ class AdaptivePlan final : public RangePlan {
     std::uint64_t slowNs = 0;         // so long it has been far slower than the others
     Meter slow{};
     Meter quick{};
-    PieceId twin = 0;  // fetches the same bytes up to the end; 0: none
+    double expectedRate = 0;  // until it is measured
+    PieceId twin = 0;         // fetches the same bytes up to the end; 0: none
     bool answered = false;
     bool fresh = false;  // over a new connection
     bool throttled = false;
@@ -169,29 +170,33 @@ class AdaptivePlan final : public RangePlan {
   Piece launch(const ByteRange& range, std::uint64_t nowNs);
   void takeOff(Index index, std::uint64_t reached);
   void separate(const Flight& ended, std::uint64_t reached);
+  void keepConnection(const Flight& ended);
   void forgetLoser(PieceId piece);
   void settleLoser(const Loser& loser);
   void addMissing(const ByteRange& range);
   void dropMissingFrom(std::uint64_t start);
   [[nodiscard]] ByteRange takeShare(std::size_t slots);
+  [[nodiscard]] std::size_t soonFree(std::size_t slots) const;
 
   void measure(std::uint64_t elapsedNs, std::uint64_t sleptNs, bool paused, std::uint64_t nowNs);
   void watchLoop(const LoopTurn& turn);
   void judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t nowNs);
   [[nodiscard]] bool isSuspect(const Flight& flight, std::size_t receiving) const;
   void steal(Orders& orders);
+  [[nodiscard]] double endTogether(std::size_t thieves) const;
   void considerCopy();
   Flight* latestFlight();
   [[nodiscard]] std::size_t idle() const;
   [[nodiscard]] bool isShared() const { return opened_ && !oneAtATime_ && !whole_; }
 
-  void updateTypicalRate();
+  void updateRates(double elapsedSec);
   [[nodiscard]] double rateOf(const Flight& flight) const;
+  [[nodiscard]] double expectedRate(bool fresh) const;
   [[nodiscard]] double secondsToGo(const Flight& flight) const;
   [[nodiscard]] double waitOf(const Flight& flight) const;
   [[nodiscard]] double cost(bool fresh) const;
   [[nodiscard]] double patience(const Flight& flight) const;
-  [[nodiscard]] double smallestPiece(double cost) const;
+  [[nodiscard]] double smallestPiece(bool fresh) const;
   [[nodiscard]] std::uint64_t mostDuplicates() const;
   [[nodiscard]] bool isMeasured(const Flight& flight) const;
 
@@ -227,8 +232,10 @@ class AdaptivePlan final : public RangePlan {
 
   double newConnectionSec_ = 0;  // to the head of an answer; 0: not measured
   double keptConnectionSec_ = 0;
-  double gapSec_ = 0;  // between bursts, where bytes come in bursts
-  double typicalRate_ = 0;
+  double gapSec_ = 0;          // between bursts, where bytes come in bursts
+  double medianRate_ = 0;      // of those in flight
+  double newRate_ = 0;         // that a new connection is expected to have
+  double keptRate_ = 0;        // average of the idle ones
   std::vector<double> rates_;  // for the median
 };
 
