@@ -381,6 +381,8 @@ void JobCoreWorld::turn(std::uint64_t ms) {
   nowNs_ += ms * kMs;
   core_.setTime(nowNs_);
   want(core_.turned({nowNs_, ms * kMs, ms * kMs}));
+  // The thread that delivers submits before it delivers again: a copy begins where its original is.
+  if (pending(Kind::Refill)) refill();
 }
 
 // At once, as the loop does.

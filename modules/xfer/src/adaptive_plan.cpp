@@ -113,7 +113,8 @@ void AdaptivePlan::answered(PieceId piece, std::uint64_t nowNs) {
   const std::uint64_t active = nowNs - std::min(pausedNs_, nowNs);
   const double took = std::max(seconds(active - std::min(flight->begunActiveNs, active)), 1e-6);
   average(flight->fresh ? newConnectionSec_ : keptConnectionSec_, took);
-  if (!firstAnswered_) {
+  // A whole file in its place may yet fail, and be asked for again.
+  if (!firstAnswered_ && size_) {
     firstAnswered_ = true;
     loopNs_ = sleptNs_ = 0;
   }
@@ -210,6 +211,14 @@ bool AdaptivePlan::partDone(PieceId piece, std::uint64_t reached, std::uint64_t 
   keepConnection(flight);
   takeOff(index, std::clamp(reached, flight.range.start, flight.range.end));
   return true;
+}
+
+void AdaptivePlan::interrupted(PieceId piece, std::uint64_t reached) {
+  forgetLoser(piece);
+  const Index index = find(piece);
+  if (index == flights_.size()) return;
+  const ByteRange range = flights_[index].range;
+  takeOff(index, std::clamp(reached, range.start, range.end));
 }
 
 void AdaptivePlan::release(PieceId piece) {

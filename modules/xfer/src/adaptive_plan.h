@@ -82,6 +82,9 @@ class AdaptivePlan final : public RangePlan {
   /// Where it is now, and whether a speed limit holds it.  Before each turn, for every piece in flight.
   void report(PieceId piece, std::uint64_t position, bool throttled);
 
+  /// The caller ended its transfer after it had arrived up to reached.
+  void interrupted(PieceId piece, std::uint64_t reached);
+
   /// paused: the job is, so nothing can arrive.
   [[nodiscard]] Orders turn(const LoopTurn& turn, bool paused);
 

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 
 #include "job_state.h"
@@ -118,7 +119,7 @@ bool JobCore::resume(JobActions& actions) noexcept {
   }
   // Intended: slots that came free during the pause are refilled when the next transfer ends.  When every transfer has
   // ended meanwhile there is no next one.
-  actions.refill = flights_.empty();
+  actions.refill = flights_.empty() && moving_ == nullptr;
   return true;
 }
 
@@ -187,6 +188,7 @@ JobCore::FlightPtr JobCore::flightOf(RangePlan::PieceId piece) const {
   const auto found = std::find_if(flights_.begin(), flights_.end(), [&](const auto& flight) {
     return flight.second->piece == piece && flight.second->generation == generation_;
   });
+  assert(found != flights_.end());
   return found->second;
 }
 
@@ -199,6 +201,7 @@ JobCore::FlightPtr JobCore::next() {
 JobCore::FlightPtr JobCore::nextRange() {
   if (flights_.size() >= plan_->limit()) return nullptr;
   auto flight = addFlight();  // first: it may throw, and a piece that was handed out must not be lost
+  if (moving_ != nullptr) reportPositions();
   const auto piece = plan_->next(nowNs_);
   if (!piece) {
     flights_.erase(flight->id);
@@ -398,7 +401,7 @@ void JobCore::addSample(Flight& flight) {
 // Ends a flight, keeping what it has brought; the rest of its piece is fetched by another one.
 void JobCore::interrupt(Flight& flight, JobActions& actions) {
   const std::uint64_t reached = keep(flight);
-  if (flight.piece) static_cast<void>(plan_->partDone(*flight.piece, reached, reached - flight.asked.start, nowNs_));
+  if (flight.piece) moving_->interrupted(*flight.piece, reached);
   flight.piece.reset();
   flight.superseded = flight.toCancel = true;
   actions.cancelSuperseded = true;
@@ -471,14 +474,19 @@ JobActions JobCore::ended(const FlightPtr& flight, const TransferEnd& end) {
   return actions;
 }
 
-JobActions JobCore::turned(const LoopTurn& turn) {
-  JobActions actions;
-  if (moving_ == nullptr || ending()) return actions;
-  nowNs_ = turn.nowNs;
+// On the thread that delivers.
+void JobCore::reportPositions() {
   for (const auto& [id, flight] : flights_) {
     if (!flight->piece || flight->superseded || flight->generation != generation_) continue;
     moving_->report(*flight->piece, std::max(flight->asked.start, flight->position), flight->throttled);
   }
+}
+
+JobActions JobCore::turned(const LoopTurn& turn) {
+  JobActions actions;
+  if (moving_ == nullptr || ending() || finalizing_ || finalized_) return actions;
+  nowNs_ = turn.nowNs;
+  reportPositions();
   RangePlan::Orders orders = moving_->turn(turn, state_ == JobState::Paused);
   for (const auto& cut : orders.cuts) {
     Flight& flight = *flightOf(cut.piece);
@@ -499,6 +507,11 @@ JobActions JobCore::turned(const LoopTurn& turn) {
     flight.piece.reset();
     flight.superseded = flight.toCancel = true;
     actions.cancelSuperseded = true;
+    // It had delivered all, and its end did not come.
+    if (plan_->allDone()) {
+      finishIfWhole(flight, {CURLE_PARTIAL_FILE, 0, 0}, actions);
+      return actions;
+    }
   }
   actions.refill = true;
   return actions;
@@ -643,8 +656,13 @@ void JobCore::retryOrFail(Flight& flight, Verdict verdict, const TransferEnd& en
     planWithoutSize();
     return proceed(actions);
   }
-  const auto followUp =
-      flight.sample ? retrySample() : plan_->failed(*flight.piece, verdict, end, keep(flight), nowNs_);
+  const std::uint64_t reached = keep(flight);
+  if (reached > flight.asked.start && reached == flight.asked.end) {
+    // Nothing but its end was lost.
+    plan_->complete(*flight.piece, nowNs_);
+    return finishIfWhole(flight, end, actions);
+  }
+  const auto followUp = flight.sample ? retrySample() : plan_->failed(*flight.piece, verdict, end, reached, nowNs_);
   switch (followUp.kind) {
     case Kind::TryLater:
       scheduleRetry(flight, followUp, end, actions);
@@ -693,6 +711,7 @@ JobActions JobCore::retryDue(std::uint64_t id) {
   if (!piece) {
     if (doubt_) doubt_->waiting = false;
     proceed(actions);
+    if (moving_ != nullptr) actions.refill = false;  // only the thread that delivers submits: its next turn will
     return actions;
   }
   if (!plan_->awaitsRequeue(*piece)) return actions;

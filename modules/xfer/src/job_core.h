@@ -236,6 +236,7 @@ class JobCore {
   [[nodiscard]] bool othersAreAnswered(const Flight& flight) const;
 
   [[nodiscard]] std::unique_ptr<RangePlan> makePlan();
+  void reportPositions();
   [[nodiscard]] FlightPtr flightOf(RangePlan::PieceId piece) const;
   FlightPtr addFlight();
   FlightPtr nextRange();
