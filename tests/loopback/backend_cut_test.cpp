@@ -137,7 +137,7 @@ TEST(Cut, thatIsNotLowerChangesNothing) {
 
 TEST(Cut, isNotTakenBackByAHigherOne) {
   Gate gate;
-  ScriptedServer server(inTwoPieces(400, kFile, gate));
+  ScriptedServer server(inTwoPieces(400, 500, gate));
   LoopingBackend backend;
   const Ticket ticket = backend.submit(rangeOf(server.url("/"), 0, kFile));
   ASSERT_TRUE(backend.waitForBytes(400));
@@ -170,6 +170,14 @@ TEST(Cut, bodyThatEndsBeforeItIsShort) {
 }
 
 // ---- Where the body ends by itself ----
+
+TEST(Cut, isNotSeenWhereABodyReachesItsEndUncut) {
+  ScriptedServer server(
+      [](const ReceivedRequest&) { return Reply().send("HTTP/1.1 206 x\r\n\r\n").sendPattern(0, kFile).close(); });
+  LoopingBackend backend;
+  backend.submit(placed(server, kFile, std::nullopt));
+  EXPECT_EQ(backend.ends(1), (Ends{{0, 0, 206, kFile}})) << "it does not go on";
+}
 
 // A connection that is cut off cannot be used again.
 TEST(Cut, thatCutsABodyOffCostsTheConnection) {
