@@ -12,7 +12,6 @@ namespace {
 
 using xfer::kLongestRetryAfterSec;
 using xfer::parseHttpDate;
-using xfer::ResponseHead;
 using xfer::retryAfterSec;
 
 constexpr std::int64_t kNow = 784'111'777;  // 1994-11-06 08:49:37
@@ -77,7 +76,7 @@ TEST(HttpDate, hasThreeForms) {
   EXPECT_EQ(parseHttpDate(kNowText, kNow), kNow);
   EXPECT_EQ(parseHttpDate("Sunday, 06-Nov-94 08:49:37 GMT", kNow), kNow);
   EXPECT_EQ(parseHttpDate("Sun Nov  6 08:49:37 1994", kNow), kNow);
-  EXPECT_EQ(parseHttpDate("Wed Nov 16 08:49:37 1994", kNow), kNow + 10 * 86'400);
+  EXPECT_EQ(parseHttpDate("Wed Nov 16 08:49:37 1994", kNow), kNow + 864'000);
   EXPECT_EQ(parseHttpDate("Thu, 01 Jan 1970 00:00:00 GMT", kNow), 0);
   EXPECT_EQ(parseHttpDate("Wed, 31 Dec 1969 23:59:59 GMT", kNow), -1);
   EXPECT_EQ(parseHttpDate("Thu, 29 Feb 2024 00:00:00 GMT", kNow), 1'709'164'800);
