@@ -332,6 +332,7 @@ const std::vector<Row>& rows() {
          request.rangeStart = 100;
          request.rangeEnd = 200;
          request.maxRecvSpeed = 100'000;
+         request.freshConnection = true;
          policy.numThreads = 4;
          policy.useHttp2 = true;
          policy.connectTimeoutSec = 21;
@@ -343,6 +344,7 @@ const std::vector<Row>& rows() {
                                           {"HTTPHEADER", kOwnLines + kMissingLines},
                                           {"RANGE", "100-199"},
                                           {"BUFFERSIZE", "12500"},
+                                          {"FRESH_CONNECT", "1"},
                                           {"HTTP_VERSION", "4"},  // 2 over TLS
                                           {"PIPEWAIT", "1"},
                                           {"CONNECTTIMEOUT", "21"},
@@ -383,6 +385,21 @@ const std::vector<Row>& rows() {
       {.name = "rangeAtAHighSpeed",
        .operation = rangeOf([](TransferRequest& request) { request.maxRecvSpeed = 100'000'000; }),
        .easy = with(kRange, {{"BUFFERSIZE", "65536"}})},
+      {.name = "rangeOverAFreshConnection",
+       .operation = rangeOf([](TransferRequest& request) { request.freshConnection = true; }),
+       .easy = with(kRange, {{"FRESH_CONNECT", "1"}})},
+      {.name = "rangeWithASmallBuffer",
+       .operation = rangeOf([](TransferRequest& request) { request.receiveBuffer = 16'384; }),
+       .easy = with(kRange, {{"BUFFERSIZE", "16384"}})},
+      {.name = "rangeWithALargeBuffer",
+       .operation = rangeOf([](TransferRequest& request) { request.receiveBuffer = 1'048'576; }),
+       .easy = with(kRange, {{"BUFFERSIZE", "1048576"}})},
+      {.name = "rangeWithASmallBufferAtALowSpeed",
+       .operation = rangeOf([](TransferRequest& request) {
+         request.receiveBuffer = 16'384;
+         request.maxRecvSpeed = 64'000;
+       }),
+       .easy = with(kRange, {{"BUFFERSIZE", "8000"}})},
       {.name = "rangeOfALimitedJob",
        .operation = rangeOf([](TransferRequest& request) { request.limits.own = limitOf<16'000>(); }),
        .easy = with(kRange, {{"BUFFERSIZE", "2000"}})},

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "curl_multi_backend.h"
+#include "support/gate.h"
 #include "support/job_run.h"
 #include "support/log_line.h"
 #include "support/pattern.h"
@@ -168,8 +169,10 @@ class RefusingLibcurl : public testing::Test {
     return request;
   }
 
-  void submit(CurlMultiBackend& backend, std::uint64_t start, std::uint64_t end) {
-    backend.submit(range(start, end), {}, [this](std::uint64_t rangeStart, const TransferEnd& transferEnd) {
+  void submit(CurlMultiBackend& backend, std::uint64_t start, std::uint64_t end) { submit(backend, range(start, end)); }
+
+  xfer::Ticket submit(CurlMultiBackend& backend, const TransferRequest& request) {
+    return backend.submit(request, {}, [this](std::uint64_t rangeStart, const TransferEnd& transferEnd) {
       const std::lock_guard lock(mutex_);
       ends_.push_back({rangeStart, transferEnd.code, transferEnd.status, transferEnd.bytes});
     });
@@ -357,6 +360,38 @@ TEST_F(RefusingLibcurl, withHttp1ATransferThatWasNotSentIsNotPutBack) {
   backend.submit(unanswered, {}, [&](std::uint64_t, const TransferEnd& end) { code = end.code; });
   EXPECT_TRUE(waitUntil([&] { return code != 0; }));
   EXPECT_EQ(code, CURLE_FAILED_INIT);
+}
+
+// A server may end an HTTP/2 connection at any time.
+TEST_F(RefusingLibcurl, aCutHoldsAfterTheTransferHasBeenPutBack) {
+  support::Gate gate;
+  std::atomic<int> requests{0};
+  const support::ScriptedServer twice([&](const support::ReceivedRequest& request) {
+    if (++requests == 1) return support::Reply().waitFor(gate).close();
+    return support::range206(request, kSize, {.bodyBytes = 6}).stall();
+  });
+  xfer::DownloadPolicy policy;
+  policy.useHttp2 = true;
+  CurlMultiBackend backend(policy);
+  xfer::Ticket ticket = 0;
+  std::atomic<bool> asked{false};
+  support::Gate cut;
+  backend.onTurn([&](const xfer::LoopTurn&) {
+    if (!asked.exchange(false)) return;
+    backend.cut(ticket, 6);
+    cut.open();
+  });
+  TransferRequest request = range(0, kSize);
+  request.url = twice.url("/");
+  ticket = submit(backend, request);
+  ASSERT_TRUE(twice.waitForRequests(1));
+  asked = true;
+  ASSERT_TRUE(cut.wait());
+  g_nextResult = CURLE_HTTP2;
+  gate.open();
+  ASSERT_TRUE(waitUntil([&] { return !ends().empty(); }));
+  EXPECT_EQ(ends(), (std::vector<End>{{0, 0, 206, 6}}));
+  EXPECT_EQ(twice.requests().size(), 2U);
 }
 
 TEST_F(RefusingLibcurl, turnsThatFailAreFollowedByOthers) {

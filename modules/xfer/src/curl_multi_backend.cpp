@@ -429,7 +429,7 @@ void CurlMultiBackend::cut(Ticket ticket, std::uint64_t end) {
     if (transfer.attempt.end && *transfer.attempt.end <= end) return false;
     transfer.cutEnd = end;
     transfer.applyCut();
-    return std::max(transfer.attempt.position, transfer.request.rangeStart) >= end;
+    return transfer.attempt.position >= end;
   };
   if (const auto meant = std::find_if(active_.begin(), active_.end(), isMeant); meant != active_.end()) {
     if (!lowersToNothing(**meant)) return;
