@@ -50,6 +50,7 @@ The second table says what the server saw: connections (most of them at once), r
 the file's size.  What a client takes but does not need counts there.
 """
 import argparse
+import contextlib
 import dataclasses
 import json
 import os
@@ -187,7 +188,8 @@ def timed(words, most_seconds):
 
     def stop():
         stopped.set()
-        os.killpg(process.pid, signal.SIGKILL)  # with what it has started
+        with contextlib.suppress(ProcessLookupError):  # it ends at this moment
+            os.killpg(process.pid, signal.SIGKILL)  # with what it has started
 
     begin = time.perf_counter()
     process = subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
