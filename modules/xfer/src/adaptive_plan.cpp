@@ -11,8 +11,8 @@ constexpr std::uint64_t kMillisecond = 1'000'000;
 constexpr double kNsPerSec = 1e9;
 
 constexpr RangePlan::PieceId kFirstId = 1;
-constexpr std::uint64_t kFirstPiece = std::uint64_t{1} << 20;
 constexpr std::uint64_t kSmallestPiece = std::uint64_t{64} * 1024;
+constexpr std::uint64_t kPiecesOfFirst = 16;  // a smaller first piece makes smaller pieces
 constexpr double kSmallestShareOfCost = 0.5;  // a piece takes so much of what it costs to ask for it
 constexpr double kSmallestGainSec = 0.005;
 constexpr int kRoundsToEndTogether = 4;
@@ -255,7 +255,7 @@ void AdaptivePlan::completeFrom(PieceId piece) {
   const Index index = find(piece);
   if (index == flights_.size()) return;
   const std::uint64_t start = flights_[index].range.start;
-  if (whole_) wholeDone_ = true;
+  if (whole_ || !size_) whole_ = wholeDone_ = true;
   std::erase_if(flights_, [&](const Flight& flight) { return flight.range.start >= start; });
   for (Flight& flight : flights_) {
     flight.range.end = std::min(flight.range.end, start);
@@ -377,10 +377,10 @@ std::optional<RangePlan::Piece> AdaptivePlan::next(std::uint64_t nowNs) {
   }
   if (!firstAnswered_) {
     if (!flights_.empty()) return std::nullopt;
-    if (!size_) return launch({0, kFirstPiece}, nowNs);
+    if (!size_) return launch({0, settings_.firstPiece}, nowNs);
     if (missing_.empty()) return std::nullopt;
     const ByteRange run = missing_.front();
-    const ByteRange first{run.start, run.start + std::min(run.length(), kFirstPiece)};
+    const ByteRange first{run.start, run.start + std::min(run.length(), settings_.firstPiece)};
     missing_.front().start = first.end;
     if (missing_.front().empty()) missing_.erase(missing_.begin());
     return launch(first, nowNs);
@@ -670,7 +670,8 @@ double AdaptivePlan::patience(const Flight& flight) const {
 }
 
 double AdaptivePlan::smallestPiece(bool fresh) const {
-  return std::max(asDouble(kSmallestPiece), kSmallestShareOfCost * expectedRate(fresh) * cost(fresh));
+  const std::uint64_t least = std::clamp<std::uint64_t>(settings_.firstPiece / kPiecesOfFirst, 1, kSmallestPiece);
+  return std::max(asDouble(least), kSmallestShareOfCost * expectedRate(fresh) * cost(fresh));
 }
 
 std::uint64_t AdaptivePlan::mostDuplicates() const {

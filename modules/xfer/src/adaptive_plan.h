@@ -37,6 +37,7 @@ namespace xfer {
 
 struct AdaptiveSettings {
   std::size_t connections = 1;                    ///< most at once
+  std::uint64_t firstPiece = 1048576;  ///< length of the first piece, which tells the size; at least 1
   std::size_t maxTries = 10;                      ///< tries in a row that bring nothing before the job gives up
   std::uint64_t longestWaitNs = 600'000'000'000;  ///< a host that asks for a longer wait ends the job
   std::uint64_t retryMaxNs = 0;                   ///< gives up after so long a time without progress; 0: never
