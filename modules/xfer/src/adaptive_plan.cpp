@@ -15,6 +15,7 @@ constexpr std::uint64_t kSmallestPiece = std::uint64_t{64} * 1024;
 constexpr std::uint64_t kPiecesOfFirst = 16;  // a smaller first piece makes smaller pieces
 constexpr double kSmallestShareOfCost = 0.5;  // a piece takes so much of what it costs to ask for it
 constexpr double kSmallestGainSec = 0.005;
+constexpr double kSmallestGainOfCost = 0.3;  // so much of what it costs to ask for it
 constexpr int kRoundsToEndTogether = 4;
 
 // The window in which the loop is watched: before the other connections are opened, and later.
@@ -113,7 +114,8 @@ void AdaptivePlan::answered(PieceId piece, std::uint64_t nowNs) {
   const std::uint64_t active = nowNs - std::min(pausedNs_, nowNs);
   const double took = std::max(seconds(active - std::min(flight->begunActiveNs, active)), 1e-6);
   average(flight->fresh ? newConnectionSec_ : keptConnectionSec_, took);
-  if (!firstAnswered_) {
+  // A whole file in its place may yet fail, and be asked for again.
+  if (!firstAnswered_ && size_) {
     firstAnswered_ = true;
     loopNs_ = sleptNs_ = 0;
   }
@@ -210,6 +212,14 @@ bool AdaptivePlan::partDone(PieceId piece, std::uint64_t reached, std::uint64_t 
   keepConnection(flight);
   takeOff(index, std::clamp(reached, flight.range.start, flight.range.end));
   return true;
+}
+
+void AdaptivePlan::interrupted(PieceId piece, std::uint64_t reached) {
+  forgetLoser(piece);
+  const Index index = find(piece);
+  if (index == flights_.size()) return;
+  const ByteRange range = flights_[index].range;
+  takeOff(index, std::clamp(reached, range.start, range.end));
 }
 
 void AdaptivePlan::release(PieceId piece) {
@@ -537,8 +547,8 @@ void AdaptivePlan::steal(Orders& orders) {
   for (; thieves > 0; --thieves) {
     const bool fresh = thieves > kept_;
     together = endTogether(thieves);
-    if (expectedRate(fresh) * (together - cost(fresh)) >= smallestPiece(fresh) && latest - together >= kSmallestGainSec)
-      break;
+    const double bytes = expectedRate(fresh) * (together - cost(fresh));
+    if (bytes >= asDouble(kSmallestPiece) && latest - together >= smallestGain(fresh)) break;
   }
   for (std::size_t thief = 0; thief < thieves; ++thief) {
     Flight* victim = latestFlight();
@@ -549,7 +559,7 @@ void AdaptivePlan::steal(Orders& orders) {
     const double ends = secondsToGo(*victim);
     const double pairwise = (ends - latency) / (1 / rate + 1 / rateOf(*victim));
     const double bytes = std::min(rate * (together - latency), pairwise);
-    if (bytes < smallestPiece(fresh) || ends - (latency + bytes / rate) < kSmallestGainSec) break;
+    if (bytes < asDouble(kSmallestPiece) || ends - (latency + bytes / rate) < smallestGain(fresh)) break;
     const std::uint64_t from = std::max(victim->position, victim->have) + 1;
     if (victim->range.end < from + static_cast<std::uint64_t>(bytes)) break;
     const std::uint64_t end = victim->range.end - static_cast<std::uint64_t>(bytes);
@@ -665,13 +675,18 @@ double AdaptivePlan::cost(bool fresh) const {
 }
 
 double AdaptivePlan::patience(const Flight& flight) const {
-  const double latency = cost(flight.fresh && !flight.answered);
-  return std::max({kLeastPatienceSec, 4 * latency, 3 * gapSec_});
+  const double latencies = flight.answered ? 3 * cost(false) : 4 * cost(flight.fresh);
+  return std::max({kLeastPatienceSec, latencies, 3 * gapSec_});
 }
 
 double AdaptivePlan::smallestPiece(bool fresh) const {
   const std::uint64_t least = std::clamp<std::uint64_t>(settings_.firstPiece / kPiecesOfFirst, 1, kSmallestPiece);
   return std::max(asDouble(least), kSmallestShareOfCost * expectedRate(fresh) * cost(fresh));
+}
+
+// In seconds: by less it is not worth a cut, which closes the victim's connection.
+double AdaptivePlan::smallestGain(bool fresh) const {
+  return std::max(kSmallestGainSec, kSmallestGainOfCost * cost(fresh));
 }
 
 std::uint64_t AdaptivePlan::mostDuplicates() const {

@@ -37,7 +37,7 @@ namespace xfer {
 
 struct AdaptiveSettings {
   std::size_t connections = 1;                    ///< most at once
-  std::uint64_t firstPiece = 1048576;  ///< length of the first piece, which tells the size; at least 1
+  std::uint64_t firstPiece = 1048576;             ///< length of the first piece, which tells the size; at least 1
   std::size_t maxTries = 10;                      ///< tries in a row that bring nothing before the job gives up
   std::uint64_t longestWaitNs = 600'000'000'000;  ///< a host that asks for a longer wait ends the job
   std::uint64_t retryMaxNs = 0;                   ///< gives up after so long a time without progress; 0: never
@@ -81,6 +81,9 @@ class AdaptivePlan final : public RangePlan {
 
   /// Where it is now, and whether a speed limit holds it.  Before each turn, for every piece in flight.
   void report(PieceId piece, std::uint64_t position, bool throttled);
+
+  /// The caller ended its transfer after it had arrived up to reached.
+  void interrupted(PieceId piece, std::uint64_t reached);
 
   /// paused: the job is, so nothing can arrive.
   [[nodiscard]] Orders turn(const LoopTurn& turn, bool paused);
@@ -197,6 +200,7 @@ class AdaptivePlan final : public RangePlan {
   [[nodiscard]] double cost(bool fresh) const;
   [[nodiscard]] double patience(const Flight& flight) const;
   [[nodiscard]] double smallestPiece(bool fresh) const;
+  [[nodiscard]] double smallestGain(bool fresh) const;
   [[nodiscard]] std::uint64_t mostDuplicates() const;
   [[nodiscard]] bool isMeasured(const Flight& flight) const;
 
