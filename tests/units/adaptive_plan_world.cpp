@@ -243,7 +243,7 @@ class Life {
       kept_.pop_back();
     }
     transfer.answersAt = now_ + transfer.connection.latency * latencies;
-    const bool tooMany = world_.served != 0 && transfers_.size() >= world_.served;
+    const bool tooMany = world_.served != 0 && servedNow() >= world_.served;
     const bool busy = now_ >= world_.busyFrom && now_ < world_.busyTo;
     if (world_.refusesAll != 0) {
       transfer.status = world_.refusesAll;
@@ -251,12 +251,20 @@ class Life {
       transfer.status = kBusy;
     } else if (tooMany && world_.refusal == Refusal::Connection) {
       transfer.code = kRefused;
+    } else if (tooMany && world_.refusal == Refusal::Forbidden) {
+      transfer.status = kForbidden;
     } else if (tooMany) {
       transfer.answersAt = kNever;
     } else if (random_.chance(world_.flaky)) {
       random_.chance(0.5) ? transfer.code = kReset : transfer.status = kServerError;
     }
     transfers_.push_back(transfer);
+  }
+
+  [[nodiscard]] std::size_t servedNow() const {
+    return static_cast<std::size_t>(std::count_if(transfers_.begin(), transfers_.end(), [](const Transfer& transfer) {
+      return transfer.code == 0 && transfer.status == 0 && transfer.answersAt < kNever;
+    }));
   }
 
   // What a new piece may be.
@@ -267,7 +275,8 @@ class Life {
       if (!transfers_.empty()) breaks("a whole file beside others");
       return;
     }
-    if (piece.range.empty() || (world_.sizeGiven && piece.range.end > world_.size)) return breaks("an impossible range");
+    if (piece.range.empty() || (world_.sizeGiven && piece.range.end > world_.size))
+      return breaks("an impossible range");
     if (delivered_.meets(piece.range)) return breaks("bytes that were delivered are asked for again");
     std::size_t met = 0;
     for (const Transfer& other : transfers_) {
@@ -408,7 +417,10 @@ class Life {
       plan_.setUnsized();
       return false;
     }
-    if (!world_.sizeGiven && !world_.unsized) plan_.setSize(world_.size);
+    if (!world_.sizeGiven && !world_.unsized) {
+      plan_.setSize(world_.size);
+      if (!transfer.whole) transfer.range.end = transfer.uncutEnd = std::min(transfer.range.end, world_.size);
+    }
     if (!world_.ranges && !world_.unsized) {
       plan_.oneAtATime();
       transfer.whole = true;
@@ -447,6 +459,10 @@ class Life {
   void fail(std::size_t index, std::int32_t code, std::int32_t status) {
     const Transfer ended = transfers_[index];
     remove(index);
+    if (!ended.whole && random_.chance(world_.voided)) {
+      total_ -= ended.position - ended.range.start;
+      return plan_.release(ended.id);
+    }
     if (ended.whole) total_ = 0;
     if (!ended.whole) delivered_.add({ended.range.start, ended.position});
     tellFailure(ended, code, ended.whole ? kWholeFile : status, ended.whole ? ended.range.start : ended.position);
@@ -530,46 +546,41 @@ PlanWorld drawWorld(std::uint64_t seed) {
   return world;
 }
 
-PlanWorld drawHostileWorld(std::uint64_t seed) {
-  PlanWorld world = drawWorld(seed);
-  Random random(seed ^ 0xc0ffee);
-  static constexpr std::array<std::size_t, 6> kConnections{1, 2, 3, 8, 16, 64};
-  world.connections = kConnections[random.below(kConnections.size())];
-  if (random.chance(0.5)) world.size = 1 + random.bits() % (std::uint64_t{1} << (10 + random.below(17)));
-  switch (random.below(10)) {
+namespace {
+
+void hinder(PlanWorld& world, Random& random) {
+  switch (random.below(9)) {
     case 0:
-      world.served = 1 + random.below(6);
-      world.refusal = Refusal::Connection;
-      break;
     case 1:
+    case 2: {
+      static constexpr std::array<Refusal, 4> kRefusals{Refusal::Connection, Refusal::Busy, Refusal::Mute,
+                                                        Refusal::Forbidden};
       world.served = 1 + random.below(6);
-      world.refusal = Refusal::Busy;
+      world.refusal = kRefusals[random.below(kRefusals.size())];
+      world.tellsWhen = random.chance(0.2);
       break;
-    case 2:
-      world.served = 1 + random.below(6);
-      world.refusal = Refusal::Mute;
-      break;
+    }
     case 3:
-    case 4:
       world.busyFrom = random.chance(0.5) ? 0 : random.between(0, 3);
       world.busyTo = world.busyFrom + random.logBetween(0.1, 20);
       world.tellsWhen = random.chance(0.5);
       break;
-    case 5:
+    case 4:
       world.flaky = random.between(0, 0.25);
       break;
-    case 6:
+    case 5:
       world.rangeCap = std::uint64_t{64} * 1024 + random.bits() % (world.size / 8 + 1);
       break;
-    case 7:
+    case 6:
       world.unsized = random.chance(0.5);
       world.ranges = world.unsized;
       world.sizeGiven = world.sizeGiven && !world.unsized;
       world.deathShare = world.silenceShare = 0;
       break;
-    case 8:
+    case 7:
+      world.voided = 0.5;
       if (random.chance(0.2)) world.refusesAll = random.chance(0.5) ? kForbidden : kBusy;
-      [[fallthrough]];
+      break;
     default: {
       static constexpr std::array<PlanWorld::Hold, 3> kHolds{PlanWorld::Hold::Paused, PlanWorld::Hold::Throttled,
                                                              PlanWorld::Hold::ProcessorBound};
@@ -578,6 +589,18 @@ PlanWorld drawHostileWorld(std::uint64_t seed) {
       world.holdTo = world.holdFrom + random.logBetween(0.1, 10);
     }
   }
+}
+
+}  // namespace
+
+PlanWorld drawHostileWorld(std::uint64_t seed) {
+  PlanWorld world = drawWorld(seed);
+  Random random(seed ^ 0xc0ffee);
+  static constexpr std::array<std::size_t, 6> kConnections{1, 2, 3, 8, 16, 64};
+  world.connections = kConnections[random.below(kConnections.size())];
+  if (random.chance(0.5)) world.size = 1 + random.bits() % (std::uint64_t{1} << (10 + random.below(17)));
+  const std::size_t hindrances = random.chance(0.3) ? 2 : 1;
+  for (std::size_t i = 0; i < hindrances; ++i) hinder(world, random);
   return world;
 }
 
@@ -599,8 +622,8 @@ std::string describe(const PlanWorld& world) {
        << world.endAfter << " served " << world.served << " refusal " << static_cast<int>(world.refusal) << " busy "
        << world.busyFrom << " to " << world.busyTo << (world.tellsWhen ? " tellsWhen" : "") << " flaky " << world.flaky
        << " rangeCap " << world.rangeCap << (world.ranges ? "" : " noRanges") << (world.unsized ? " unsized" : "")
-       << " refusesAll " << world.refusesAll << " hold " << static_cast<int>(world.hold) << ' ' << world.holdFrom
-       << " to " << world.holdTo;
+       << " voided " << world.voided << " refusesAll " << world.refusesAll << " hold " << static_cast<int>(world.hold)
+       << ' ' << world.holdFrom << " to " << world.holdTo;
   return text.str();
 }
 

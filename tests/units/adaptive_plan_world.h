@@ -22,7 +22,7 @@
 namespace support {
 
 /// What a server does to requests that it does not want.
-enum class Refusal { Connection, Busy, Mute };
+enum class Refusal { Connection, Busy, Mute, Forbidden };
 
 struct PlanWorld {
   std::uint64_t seed = 0;
@@ -33,24 +33,25 @@ struct PlanWorld {
   double latency = 0.05;
   double setup = 1;  ///< latencies that a new connection costs beyond those of its request
   bool slowStarts = false;
-  double rate = 1e6;         ///< of a connection
-  double spread = 0;         ///< rates differ by so much of it
-  double sumCap = 0;         ///< 0: none
-  double slowShare = 0;      ///< of connections that are slowBy times slower
+  double rate = 1e6;     ///< of a connection
+  double spread = 0;     ///< rates differ by so much of it
+  double sumCap = 0;     ///< 0: none
+  double slowShare = 0;  ///< of connections that are slowBy times slower
   double slowBy = 1;
-  double changeEvery = 0;    ///< 0: rates do not change
+  double changeEvery = 0;  ///< 0: rates do not change
   double changeBy = 0;
-  double deathShare = 0;     ///< of connections that break after a part of endAfter
-  double silenceShare = 0;   ///< or fall silent
-  double endAfter = 0;       ///< bytes
+  double deathShare = 0;    ///< of connections that break after a part of endAfter
+  double silenceShare = 0;  ///< or fall silent
+  double endAfter = 0;      ///< bytes
 
   // What makes it hostile.
   std::size_t served = 0;  ///< most connections at once; 0: any number
   Refusal refusal = Refusal::Busy;
   double busyFrom = 0;
-  double busyTo = 0;      ///< until then new requests are answered with 503
-  bool tellsWhen = false;  ///< with Retry-After
-  double flaky = 0;        ///< share of requests that fail
+  double busyTo = 0;           ///< until then new requests are answered with 503
+  bool tellsWhen = false;      ///< with Retry-After
+  double flaky = 0;            ///< share of requests that fail
+  double voided = 0;           ///< share of broken transfers of which nothing counts
   std::uint64_t rangeCap = 0;  ///< most bytes of a range
   bool ranges = true;
   bool unsized = false;

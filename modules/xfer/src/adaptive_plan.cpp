@@ -247,7 +247,7 @@ RangePlan::FollowUp AdaptivePlan::failed(PieceId piece, Verdict verdict, const T
   if (brought >= HostPace::kProgress && !ended.paidBack) pace_.paidBack();
   const auto delivering =
       static_cast<std::size_t>(std::count_if(flights_.begin(), flights_.end(), [&](const Flight& flight) {
-        return flight.answered && flight.position > flight.range.start && seconds(flight.silentNs) < patience(flight);
+        return flight.answered && seconds(flight.silentNs) < patience(flight);
       }));
   const std::optional<std::uint64_t> wait =
       pace_.failed({verdict, end, ended.begunNs, brought, ended.answered, flights_.size(), delivering}, nowNs);
