@@ -15,6 +15,7 @@ constexpr std::uint64_t kSmallestPiece = std::uint64_t{64} * 1024;
 constexpr std::uint64_t kPiecesOfFirst = 16;  // a smaller first piece makes smaller pieces
 constexpr double kSmallestShareOfCost = 0.5;  // a piece takes so much of what it costs to ask for it
 constexpr double kSmallestGainSec = 0.005;
+constexpr double kSmallestGainOfCost = 0.3;  // so much of what it costs to ask for it
 constexpr int kRoundsToEndTogether = 4;
 
 // The window in which the loop is watched: before the other connections are opened, and later.
@@ -246,7 +247,7 @@ RangePlan::FollowUp AdaptivePlan::failed(PieceId piece, Verdict verdict, const T
   if (brought >= HostPace::kProgress && !ended.paidBack) pace_.paidBack();
   const auto delivering =
       static_cast<std::size_t>(std::count_if(flights_.begin(), flights_.end(), [&](const Flight& flight) {
-        return flight.answered && flight.position > flight.range.start && seconds(flight.silentNs) < patience(flight);
+        return flight.answered && seconds(flight.silentNs) < patience(flight);
       }));
   const std::optional<std::uint64_t> wait =
       pace_.failed({verdict, end, ended.begunNs, brought, ended.answered, flights_.size(), delivering}, nowNs);
@@ -546,8 +547,8 @@ void AdaptivePlan::steal(Orders& orders) {
   for (; thieves > 0; --thieves) {
     const bool fresh = thieves > kept_;
     together = endTogether(thieves);
-    if (expectedRate(fresh) * (together - cost(fresh)) >= smallestPiece(fresh) && latest - together >= kSmallestGainSec)
-      break;
+    const double bytes = expectedRate(fresh) * (together - cost(fresh));
+    if (bytes >= asDouble(kSmallestPiece) && latest - together >= smallestGain(fresh)) break;
   }
   for (std::size_t thief = 0; thief < thieves; ++thief) {
     Flight* victim = latestFlight();
@@ -558,7 +559,7 @@ void AdaptivePlan::steal(Orders& orders) {
     const double ends = secondsToGo(*victim);
     const double pairwise = (ends - latency) / (1 / rate + 1 / rateOf(*victim));
     const double bytes = std::min(rate * (together - latency), pairwise);
-    if (bytes < smallestPiece(fresh) || ends - (latency + bytes / rate) < kSmallestGainSec) break;
+    if (bytes < asDouble(kSmallestPiece) || ends - (latency + bytes / rate) < smallestGain(fresh)) break;
     const std::uint64_t from = std::max(victim->position, victim->have) + 1;
     if (victim->range.end < from + static_cast<std::uint64_t>(bytes)) break;
     const std::uint64_t end = victim->range.end - static_cast<std::uint64_t>(bytes);
@@ -674,13 +675,18 @@ double AdaptivePlan::cost(bool fresh) const {
 }
 
 double AdaptivePlan::patience(const Flight& flight) const {
-  const double latency = cost(flight.fresh && !flight.answered);
-  return std::max({kLeastPatienceSec, 4 * latency, 3 * gapSec_});
+  const double latencies = flight.answered ? 3 * cost(false) : 4 * cost(flight.fresh);
+  return std::max({kLeastPatienceSec, latencies, 3 * gapSec_});
 }
 
 double AdaptivePlan::smallestPiece(bool fresh) const {
   const std::uint64_t least = std::clamp<std::uint64_t>(settings_.firstPiece / kPiecesOfFirst, 1, kSmallestPiece);
   return std::max(asDouble(least), kSmallestShareOfCost * expectedRate(fresh) * cost(fresh));
+}
+
+// In seconds: by less it is not worth a cut, which closes the victim's connection.
+double AdaptivePlan::smallestGain(bool fresh) const {
+  return std::max(kSmallestGainSec, kSmallestGainOfCost * cost(fresh));
 }
 
 std::uint64_t AdaptivePlan::mostDuplicates() const {

@@ -200,6 +200,7 @@ class AdaptivePlan final : public RangePlan {
   [[nodiscard]] double cost(bool fresh) const;
   [[nodiscard]] double patience(const Flight& flight) const;
   [[nodiscard]] double smallestPiece(bool fresh) const;
+  [[nodiscard]] double smallestGain(bool fresh) const;
   [[nodiscard]] std::uint64_t mostDuplicates() const;
   [[nodiscard]] bool isMeasured(const Flight& flight) const;
 

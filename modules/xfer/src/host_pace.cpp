@@ -36,9 +36,9 @@ bool isLasting(std::int32_t status) {
 }
 
 // Whether the host is known to refuse, and not to be busy or out of reach.
-bool endsTheJob(const HostPace::Failure& failure, bool everDelivered) {
+bool endsTheJob(const HostPace::Failure& failure, bool everServed) {
   const std::int32_t status = failure.end.status;
-  if (isLasting(status)) return !everDelivered;
+  if (isLasting(status)) return !everServed;
   if (status == kRequestTimeout || status == kTooEarly || status == kTooMany) return false;
   if (failure.verdict == Verdict::Rejected) return true;
   return failure.verdict == Verdict::Fatal && !isOneOf(kBrokenCodes, failure.end.code);
@@ -73,9 +73,13 @@ void HostPace::begin(std::uint64_t nowNs) {
   if (troubleNs_ == 0) troubleNs_ = nowNs;
 }
 
+void HostPace::answered() {
+  scouting_ = false;
+  everServed_ = true;
+}
+
 void HostPace::delivered(std::uint64_t nowNs) {
   progressNs_ = nowNs;
-  everDelivered_ = true;
 }
 
 void HostPace::paidBack() {
@@ -86,7 +90,7 @@ void HostPace::paidBack() {
 std::optional<std::uint64_t> HostPace::failed(const Failure& failure, std::uint64_t nowNs) {
   const TransferEnd& end = failure.end;
   const bool others = failure.delivering > 0;
-  if (endsTheJob(failure, everDelivered_ || others)) return std::nullopt;
+  if (endsTheJob(failure, everServed_)) return std::nullopt;
   if (settings_.retryMaxNs > 0 && nowNs - std::min(progressNs_, nowNs) >= settings_.retryMaxNs) return std::nullopt;
   if (end.retryAfterSec) {
     if (*end.retryAfterSec > settings_.longestWaitNs / kSecond) return std::nullopt;

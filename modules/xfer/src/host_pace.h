@@ -68,7 +68,7 @@ class HostPace {
   void begin(std::uint64_t nowNs);
 
   /// A usable answer has come.
-  void answered() { scouting_ = false; }
+  void answered();
 
   /// Bytes have come.
   void delivered(std::uint64_t nowNs);
@@ -103,7 +103,7 @@ class HostPace {
   std::uint64_t waitNs_ = 0;      // until when
   std::uint64_t countedNs_ = 0;   // when a failure was counted last
   std::uint64_t progressNs_ = 0;  // when bytes came last
-  bool everDelivered_ = false;
+  bool everServed_ = false;
   bool scouting_ = false;
 
   std::uint64_t troubleNs_ = 0;  // when connections was lowered or settled last
