@@ -219,7 +219,7 @@ def tools(args):
         if not words or shutil.which(words[0]) is None:
             raise SystemExit(f"not a program: {text}")
         everyone[label] = words + [place for place in ("{url}", "{file}") if place not in command]
-    peers = {
+    peers = {} if args.alone else {
         "bare libcurl": [str(args.bin / "bare_loop"), "{url}", "{file}"],
         "curl": ["curl", "-sf", "-o", "{file}", "{url}"],
         "aria2c": ["aria2c", "-q", "--allow-overwrite=true", "--no-conf", "-x", str(CONNECTIONS), "-s",
@@ -331,6 +331,7 @@ def main():
     parser.add_argument("--tool", action="append", metavar="LABEL=COMMAND", help="may be repeated; default: xfer-get")
     parser.add_argument("--only", action="append", choices=[scenario.name for scenario in SCENARIOS],
                         help="may be repeated")
+    parser.add_argument("--alone", action="store_true", help="leave out the programs beside --tool")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--patience", type=float, default=5, help="see above; default: %(default)s")
     parser.add_argument("--folder", type=pathlib.Path, default=pathlib.Path("/dev/shm"), help="default: %(default)s")

@@ -36,7 +36,7 @@ class DownloadDetails {
  public:
   struct Values;  ///< internal
 
-  XFER_API explicit DownloadDetails(std::unique_ptr<Values> values);  ///< internal
+  explicit DownloadDetails(std::unique_ptr<Values> values);  ///< internal
   XFER_API DownloadDetails(DownloadDetails&& other) noexcept;
   XFER_API DownloadDetails& operator=(DownloadDetails&& other) noexcept;
   XFER_API ~DownloadDetails();
