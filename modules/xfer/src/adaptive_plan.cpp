@@ -497,16 +497,17 @@ void AdaptivePlan::watchLoop(const LoopTurn& turn) {
 
 // Closes what is silent or far too slow.
 void AdaptivePlan::judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t nowNs) {
-  std::size_t receiving = 0;
-  for (const Flight& flight : flights_) {
-    if (flight.answered && seconds(flight.silentNs) < kLeastPatienceSec) ++receiving;
-  }
+  const std::size_t deliver = countReceiving(static_cast<std::uint64_t>(kLeastPatienceSec * kNsPerSec));
   for (Index index = 0; index < flights_.size();) {
     Flight& flight = flights_[index];
-    const bool slow = flight.slow.seconds >= kSlowMeasuredSec && !flight.throttled && rates_.size() > 2 &&
-                      flight.slow.rate() < kSlowShare * medianRate_ && flight.quick.rate() < kSlowShare * medianRate_;
+    const bool slow = !busy_ && deliver >= 2 && flight.slow.seconds >= kSlowMeasuredSec && !flight.throttled &&
+                      rates_.size() > 2 && flight.slow.rate() < kSlowShare * medianRate_ &&
+                      flight.quick.rate() < kSlowShare * medianRate_;
     flight.slowNs = slow ? flight.slowNs + elapsedNs : 0;
-    const bool silent = isSuspect(flight, receiving);
+    // Those that fell silent together with this one do not count: the network may have.
+    const bool quiet = seconds(flight.silentNs) >= patience(flight);
+    const std::size_t receiving = quiet ? countReceiving(flight.silentNs / 2) : 0;
+    const bool silent = quiet && isSuspect(flight, receiving);
     const bool tooSlow = flight.slowNs >= kSlowForNs && secondsToGo(flight) > kSlowWorthwhileSec &&
                          slowClosed_ < kSlowClosesPerConnection * settings_.connections;
     if (!silent && !tooSlow) {
@@ -524,14 +525,19 @@ void AdaptivePlan::judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t 
   }
 }
 
+std::size_t AdaptivePlan::countReceiving(std::uint64_t withinNs) const {
+  return static_cast<std::size_t>(std::count_if(flights_.begin(), flights_.end(), [&](const Flight& flight) {
+    return flight.answered && flight.silentNs < withinNs;
+  }));
+}
+
 // When all are silent the network is: only others that receive, or have nothing else to do, make silence suspect.
 bool AdaptivePlan::isSuspect(const Flight& flight, std::size_t receiving) const {
-  const double silent = seconds(flight.silentNs);
-  if (silent < patience(flight)) return false;
   if (receiving >= 2 || (receiving == 1 && receiving * 2 >= flights_.size() - 1)) return true;
   if (idle() == 0 || !missing_.empty()) return false;
   return receiving > 0 ||
-         silent >= patience(flight) * std::exp2(static_cast<double>(std::min<std::size_t>(closedInVain_, 10)));
+         seconds(flight.silentNs) >=
+             patience(flight) * std::exp2(static_cast<double>(std::min<std::size_t>(closedInVain_, 10)));
 }
 
 // Gives idle connections the tails of the pieces that end last, so much that all end together.

@@ -184,6 +184,7 @@ class AdaptivePlan final : public RangePlan {
   void measure(std::uint64_t elapsedNs, std::uint64_t sleptNs, bool paused, std::uint64_t nowNs);
   void watchLoop(const LoopTurn& turn);
   void judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t nowNs);
+  [[nodiscard]] std::size_t countReceiving(std::uint64_t withinNs) const;
   [[nodiscard]] bool isSuspect(const Flight& flight, std::size_t receiving) const;
   void steal(Orders& orders);
   [[nodiscard]] double endTogether(std::size_t thieves) const;
