@@ -12,8 +12,9 @@ constexpr double kNsPerSec = 1e9;
 
 constexpr RangePlan::PieceId kFirstId = 1;
 constexpr std::uint64_t kSmallestPiece = std::uint64_t{64} * 1024;
-constexpr std::uint64_t kPiecesOfFirst = 16;  // a smaller first piece makes smaller pieces
-constexpr double kSmallestShareOfCost = 0.5;  // a piece takes so much of what it costs to ask for it
+constexpr std::uint64_t kPiecesOfFirst = 16;              // a smaller first piece makes smaller pieces
+constexpr std::uint64_t kLookAgainNs = 5 * kMillisecond;  // for something to take, where nothing has changed
+constexpr double kSmallestShareOfCost = 0.5;              // a piece takes so much of what it costs to ask for it
 constexpr double kSmallestGainSec = 0.005;
 constexpr double kSmallestGainOfCost = 0.3;  // so much of what it costs to ask for it
 constexpr int kRoundsToEndTogether = 4;
@@ -110,6 +111,7 @@ void AdaptivePlan::answered(PieceId piece, std::uint64_t nowNs) {
   Flight* flight = known(piece);
   if (flight == nullptr || flight->answered) return;
   flight->answered = true;
+  changed_ = true;
   flight->quietNs = flight->silentNs = 0;
   const std::uint64_t active = nowNs - std::min(pausedNs_, nowNs);
   const double took = std::max(seconds(active - std::min(flight->begunActiveNs, active)), 1e-6);
@@ -136,6 +138,7 @@ void AdaptivePlan::report(PieceId piece, std::uint64_t position, bool throttled)
 void AdaptivePlan::takeOff(Index index, std::uint64_t reached) {
   const Flight ended = flights_[index];
   flights_.erase(flights_.begin() + static_cast<std::ptrdiff_t>(index));
+  changed_ = true;
   if (copyNext_ == ended.id) copyNext_ = 0;
   if (ended.twin != 0) {
     separate(ended, reached);
@@ -175,6 +178,7 @@ void AdaptivePlan::complete(PieceId piece, std::uint64_t nowNs) {
   if (index == flights_.size()) return;
   const Flight ended = flights_[index];
   flights_.erase(flights_.begin() + static_cast<std::ptrdiff_t>(index));
+  changed_ = true;
   if (copyNext_ == piece) copyNext_ = 0;
   if (whole_) wholeDone_ = true;
   if (!whole_ && ended.range.end == ended.uncutEnd) keepConnection(ended);
@@ -441,7 +445,10 @@ RangePlan::Orders AdaptivePlan::turn(const LoopTurn& turn, bool paused) {
   double sum = 0;
   for (const Flight& flight : flights_) sum += flight.answered ? rateOf(flight) : 0;
   pace_.turn(flights_.size(), sum, turn.nowNs);
-  if (turn.nowNs >= pace_.notBeforeNs() && missing_.empty() && idle() > 0 && !flights_.empty()) {
+  const bool due = changed_ || turn.nowNs >= lookAgainNs_;
+  if (due && turn.nowNs >= pace_.notBeforeNs() && missing_.empty() && idle() > 0 && !flights_.empty()) {
+    changed_ = false;
+    lookAgainNs_ = turn.nowNs + kLookAgainNs;
     steal(orders);
     if (missing_.empty()) considerCopy();
   }
@@ -547,15 +554,21 @@ void AdaptivePlan::steal(Orders& orders) {
   for (const Flight& flight : flights_) {
     if (!flight.copy) latest = std::max(latest, secondsToGo(flight));
   }
-  // As many thieves as leave each of them a piece that pays.
-  std::size_t thieves = idle();
-  double together = 0;
-  for (; thieves > 0; --thieves) {
-    const bool fresh = thieves > kept_;
-    together = endTogether(thieves);
-    const double bytes = expectedRate(fresh) * (together - cost(fresh));
-    if (bytes >= asDouble(kSmallestPiece) && latest - together >= smallestGain(fresh)) break;
+  // As many thieves as leave each of them a piece that pays: the more, the smaller.
+  std::size_t thieves = 0;
+  for (std::size_t most = idle(); thieves < most;) {
+    const std::size_t middle = (thieves + most + 1) / 2;
+    const bool fresh = middle > kept_;
+    const double bytes = expectedRate(fresh) * (endTogether(middle) - cost(fresh));
+    if (bytes >= asDouble(kSmallestPiece)) {
+      thieves = middle;
+    } else {
+      most = middle - 1;
+    }
   }
+  if (thieves == 0) return;
+  const double together = endTogether(thieves);
+  if (latest - together < smallestGain(thieves > kept_)) return;
   for (std::size_t thief = 0; thief < thieves; ++thief) {
     Flight* victim = latestFlight();
     if (victim == nullptr) break;

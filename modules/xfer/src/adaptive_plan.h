@@ -229,6 +229,9 @@ class AdaptivePlan final : public RangePlan {
   std::uint64_t smallAnswers_ = 0;  // in a row
   std::uint64_t duplicatesAtRisk_ = 0;
 
+  bool changed_ = false;  // since it was looked for something to take
+  std::uint64_t lookAgainNs_ = 0;
+
   std::uint64_t lastTurnNs_ = 0;
   std::uint64_t pausedNs_ = 0;
   std::uint64_t loopNs_ = 0;   // of the window in which the loop is watched
