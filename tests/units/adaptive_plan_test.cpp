@@ -640,6 +640,55 @@ TEST(AdaptivePlan, fileOfUnknownSizeIsOneRequestWithoutARange) {
   EXPECT_TRUE(caller.plan.allDone());
 }
 
+TEST(AdaptivePlan, wholeFileThatBreaksAgainAndAgainEndsTheJob) {
+  for (const bool unsized : {true, false}) {
+    Caller caller(settingsFor(8, 3), std::nullopt);
+    caller.rate = 1e7;
+    if (unsized) {
+      caller.plan.setUnsized();
+    } else {
+      caller.plan.setSize(100 * kMiB);
+      caller.plan.oneAtATime();
+    }
+    for (int tries = 1; tries <= 3; ++tries) {
+      ASSERT_EQ(caller.refill().size(), 1U) << tries;
+      caller.flights.begin()->second.end = 100 * kMiB;
+      caller.answerAll();
+      caller.pass(100 * kMillisecond);
+      caller.flights.begin()->second.position = 0;  // nothing of it counts
+      const Kind kind = caller.fail(caller.first(), kReset, kPartial).kind;
+      EXPECT_EQ(kind, tries < 3 ? Kind::Planned : Kind::GiveUp) << tries;
+      caller.now += 5 * kSecond;
+    }
+  }
+}
+
+TEST(AdaptivePlan, interruptedPieceIsMissingFromWhereItWas) {
+  Caller caller(settingsFor(2), 21 * kMiB);
+  caller.open();
+  const PieceId id = caller.last();
+  const Caller::Flight flight = caller.flights.at(id);
+  caller.flights.erase(id);
+  caller.plan.interrupted(id, flight.position);
+  const auto pieces = caller.refill();
+  ASSERT_EQ(pieces.size(), 1U);
+  EXPECT_EQ(pieces[0].range, (ByteRange{flight.position, flight.end}));
+  EXPECT_EQ(caller.plan.counters().retries, 0U);
+}
+
+TEST(AdaptivePlan, smallerFirstPieceMakesSmallerPieces) {
+  AdaptiveSettings settings = settingsFor(4);
+  settings.firstPiece = 1600;
+  Caller caller(settings, 1600 + 900);
+  caller.rate = 1000;
+  EXPECT_EQ(caller.refill().at(0).range, (ByteRange{0, 1600}));
+  caller.answerAll();
+  caller.turn();
+  const auto pieces = caller.refill();
+  ASSERT_EQ(pieces.size(), 3U);
+  EXPECT_EQ(pieces[0].range, (ByteRange{1600, 1900}));
+}
+
 TEST(AdaptivePlan, unknownPiecesAreIgnored) {
   Caller caller(settingsFor(2), 21 * kMiB);
   caller.open();
@@ -650,6 +699,7 @@ TEST(AdaptivePlan, unknownPiecesAreIgnored) {
   caller.plan.complete(kUnknown, caller.now);
   caller.plan.release(kUnknown);
   caller.plan.completeFrom(kUnknown);
+  caller.plan.interrupted(kUnknown, 5);
   EXPECT_TRUE(caller.plan.partDone(kUnknown, 5, 5, caller.now));
   EXPECT_EQ(caller.plan.failed(kUnknown, Verdict::Fatal, {}, 5, caller.now).kind, Kind::Planned);
   EXPECT_EQ(caller.plan.openEnd(), openEnd);

@@ -245,7 +245,8 @@ RangePlan::FollowUp AdaptivePlan::failed(PieceId piece, Verdict verdict, const T
   if (index == flights_.size()) return followUp;
   const Flight ended = flights_[index];
   if (!whole_) reached = std::clamp(reached, ended.range.start, ended.range.end);
-  const std::uint64_t brought = reached - std::min(reached, ended.range.start);
+  // What a whole file has brought is lost.
+  const std::uint64_t brought = countsInParts() ? reached - std::min(reached, ended.range.start) : 0;
   takeOff(index, reached);
   if (brought > 0) pace_.delivered(nowNs);
   if (brought >= HostPace::kProgress && !ended.paidBack) pace_.paidBack();
@@ -472,7 +473,7 @@ void AdaptivePlan::measure(std::uint64_t elapsedNs, std::uint64_t sleptNs, bool 
       flight.quietNs = flight.silentNs = 0;
       closedInVain_ = 0;
       pace_.delivered(nowNs);
-      if (!flight.paidBack && flight.position - flight.range.start >= HostPace::kProgress) {
+      if (!flight.paidBack && countsInParts() && flight.position - flight.range.start >= HostPace::kProgress) {
         flight.paidBack = true;
         pace_.paidBack();
       }
@@ -560,7 +561,7 @@ void AdaptivePlan::steal(Orders& orders) {
     const std::size_t middle = (thieves + most + 1) / 2;
     const bool fresh = middle > kept_;
     const double bytes = expectedRate(fresh) * (endTogether(middle) - cost(fresh));
-    if (bytes >= asDouble(kSmallestPiece)) {
+    if (bytes >= asDouble(fewestBytes())) {
       thieves = middle;
     } else {
       most = middle - 1;
@@ -578,7 +579,7 @@ void AdaptivePlan::steal(Orders& orders) {
     const double ends = secondsToGo(*victim);
     const double pairwise = (ends - latency) / (1 / rate + 1 / rateOf(*victim));
     const double bytes = std::min(rate * (together - latency), pairwise);
-    if (bytes < asDouble(kSmallestPiece) || ends - (latency + bytes / rate) < smallestGain(fresh)) break;
+    if (bytes < asDouble(fewestBytes()) || ends - (latency + bytes / rate) < smallestGain(fresh)) break;
     const std::uint64_t from = std::max(victim->position, victim->have) + 1;
     if (victim->range.end < from + static_cast<std::uint64_t>(bytes)) break;
     const std::uint64_t end = victim->range.end - static_cast<std::uint64_t>(bytes);
@@ -698,9 +699,12 @@ double AdaptivePlan::patience(const Flight& flight) const {
   return std::max({kLeastPatienceSec, latencies, 3 * gapSec_});
 }
 
+std::uint64_t AdaptivePlan::fewestBytes() const {
+  return std::clamp<std::uint64_t>(settings_.firstPiece / kPiecesOfFirst, 1, kSmallestPiece);
+}
+
 double AdaptivePlan::smallestPiece(bool fresh) const {
-  const std::uint64_t least = std::clamp<std::uint64_t>(settings_.firstPiece / kPiecesOfFirst, 1, kSmallestPiece);
-  return std::max(asDouble(least), kSmallestShareOfCost * expectedRate(fresh) * cost(fresh));
+  return std::max(asDouble(fewestBytes()), kSmallestShareOfCost * expectedRate(fresh) * cost(fresh));
 }
 
 // In seconds: by less it is not worth a cut, which closes the victim's connection.

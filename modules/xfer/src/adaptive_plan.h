@@ -82,7 +82,7 @@ class AdaptivePlan final : public RangePlan {
   /// Where it is now, and whether a speed limit holds it.  Before each turn, for every piece in flight.
   void report(PieceId piece, std::uint64_t position, bool throttled);
 
-  /// The caller ended its transfer after it had arrived up to reached.
+  /// The caller ended its transfer after it had arrived up to reached: what follows is missing again.
   void interrupted(PieceId piece, std::uint64_t reached);
 
   /// paused: the job is, so nothing can arrive.
@@ -191,6 +191,7 @@ class AdaptivePlan final : public RangePlan {
   void considerCopy();
   Flight* latestFlight();
   [[nodiscard]] std::size_t idle() const;
+  [[nodiscard]] bool countsInParts() const { return !whole_ && !oneAtATime_; }
   [[nodiscard]] bool isShared() const { return opened_ && !oneAtATime_ && !whole_; }
 
   void updateRates(double elapsedSec);
@@ -200,6 +201,7 @@ class AdaptivePlan final : public RangePlan {
   [[nodiscard]] double waitOf(const Flight& flight) const;
   [[nodiscard]] double cost(bool fresh) const;
   [[nodiscard]] double patience(const Flight& flight) const;
+  [[nodiscard]] std::uint64_t fewestBytes() const;
   [[nodiscard]] double smallestPiece(bool fresh) const;
   [[nodiscard]] double smallestGain(bool fresh) const;
   [[nodiscard]] std::uint64_t mostDuplicates() const;
