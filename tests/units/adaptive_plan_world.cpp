@@ -101,7 +101,7 @@ bool holds(const PlanWorld& world, double now, PlanWorld::Hold hold) {
 
 // What the sum of the rates is reduced to.
 double capAt(const PlanWorld& world, double now) {
-  if (holds(world, now, PlanWorld::Hold::Paused)) return 0;
+  if (holds(world, now, PlanWorld::Hold::Paused) || holds(world, now, PlanWorld::Hold::Outage)) return 0;
   const double cap = world.sumCap > 0 ? world.sumCap : kNever;
   return holds(world, now, PlanWorld::Hold::Throttled) ? std::min(cap, world.rate / 4) : cap;
 }
@@ -582,7 +582,8 @@ void hinder(PlanWorld& world, Random& random) {
       if (random.chance(0.2)) world.refusesAll = random.chance(0.5) ? kForbidden : kBusy;
       break;
     default: {
-      static constexpr std::array<PlanWorld::Hold, 3> kHolds{PlanWorld::Hold::Paused, PlanWorld::Hold::Throttled,
+      static constexpr std::array<PlanWorld::Hold, 4> kHolds{PlanWorld::Hold::Outage, PlanWorld::Hold::Paused,
+                                                             PlanWorld::Hold::Throttled,
                                                              PlanWorld::Hold::ProcessorBound};
       world.hold = kHolds[random.below(kHolds.size())];
       world.holdFrom = random.between(0, 2);

@@ -60,7 +60,7 @@ struct PlanWorld {
   // What the caller does.
   double holdFrom = 0;
   double holdTo = 0;
-  enum class Hold { None, Paused, Throttled, ProcessorBound } hold = Hold::None;
+  enum class Hold { None, Paused, Throttled, ProcessorBound, Outage } hold = Hold::None;
 };
 
 struct PlanOutcome {

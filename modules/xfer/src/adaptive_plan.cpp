@@ -12,8 +12,9 @@ constexpr double kNsPerSec = 1e9;
 
 constexpr RangePlan::PieceId kFirstId = 1;
 constexpr std::uint64_t kSmallestPiece = std::uint64_t{64} * 1024;
-constexpr std::uint64_t kPiecesOfFirst = 16;  // a smaller first piece makes smaller pieces
-constexpr double kSmallestShareOfCost = 0.5;  // a piece takes so much of what it costs to ask for it
+constexpr std::uint64_t kPiecesOfFirst = 16;              // a smaller first piece makes smaller pieces
+constexpr std::uint64_t kLookAgainNs = 5 * kMillisecond;  // for something to take, where nothing has changed
+constexpr double kSmallestShareOfCost = 0.5;              // a piece takes so much of what it costs to ask for it
 constexpr double kSmallestGainSec = 0.005;
 constexpr double kSmallestGainOfCost = 0.3;  // so much of what it costs to ask for it
 constexpr int kRoundsToEndTogether = 4;
@@ -110,6 +111,7 @@ void AdaptivePlan::answered(PieceId piece, std::uint64_t nowNs) {
   Flight* flight = known(piece);
   if (flight == nullptr || flight->answered) return;
   flight->answered = true;
+  changed_ = true;
   flight->quietNs = flight->silentNs = 0;
   const std::uint64_t active = nowNs - std::min(pausedNs_, nowNs);
   const double took = std::max(seconds(active - std::min(flight->begunActiveNs, active)), 1e-6);
@@ -136,6 +138,7 @@ void AdaptivePlan::report(PieceId piece, std::uint64_t position, bool throttled)
 void AdaptivePlan::takeOff(Index index, std::uint64_t reached) {
   const Flight ended = flights_[index];
   flights_.erase(flights_.begin() + static_cast<std::ptrdiff_t>(index));
+  changed_ = true;
   if (copyNext_ == ended.id) copyNext_ = 0;
   if (ended.twin != 0) {
     separate(ended, reached);
@@ -175,6 +178,7 @@ void AdaptivePlan::complete(PieceId piece, std::uint64_t nowNs) {
   if (index == flights_.size()) return;
   const Flight ended = flights_[index];
   flights_.erase(flights_.begin() + static_cast<std::ptrdiff_t>(index));
+  changed_ = true;
   if (copyNext_ == piece) copyNext_ = 0;
   if (whole_) wholeDone_ = true;
   if (!whole_ && ended.range.end == ended.uncutEnd) keepConnection(ended);
@@ -241,7 +245,8 @@ RangePlan::FollowUp AdaptivePlan::failed(PieceId piece, Verdict verdict, const T
   if (index == flights_.size()) return followUp;
   const Flight ended = flights_[index];
   if (!whole_) reached = std::clamp(reached, ended.range.start, ended.range.end);
-  const std::uint64_t brought = reached - std::min(reached, ended.range.start);
+  // What a whole file has brought is lost.
+  const std::uint64_t brought = countsInParts() ? reached - std::min(reached, ended.range.start) : 0;
   takeOff(index, reached);
   if (brought > 0) pace_.delivered(nowNs);
   if (brought >= HostPace::kProgress && !ended.paidBack) pace_.paidBack();
@@ -441,7 +446,10 @@ RangePlan::Orders AdaptivePlan::turn(const LoopTurn& turn, bool paused) {
   double sum = 0;
   for (const Flight& flight : flights_) sum += flight.answered ? rateOf(flight) : 0;
   pace_.turn(flights_.size(), sum, turn.nowNs);
-  if (turn.nowNs >= pace_.notBeforeNs() && missing_.empty() && idle() > 0 && !flights_.empty()) {
+  const bool due = changed_ || turn.nowNs >= lookAgainNs_;
+  if (due && turn.nowNs >= pace_.notBeforeNs() && missing_.empty() && idle() > 0 && !flights_.empty()) {
+    changed_ = false;
+    lookAgainNs_ = turn.nowNs + kLookAgainNs;
     steal(orders);
     if (missing_.empty()) considerCopy();
   }
@@ -465,7 +473,7 @@ void AdaptivePlan::measure(std::uint64_t elapsedNs, std::uint64_t sleptNs, bool 
       flight.quietNs = flight.silentNs = 0;
       closedInVain_ = 0;
       pace_.delivered(nowNs);
-      if (!flight.paidBack && flight.position - flight.range.start >= HostPace::kProgress) {
+      if (!flight.paidBack && countsInParts() && flight.position - flight.range.start >= HostPace::kProgress) {
         flight.paidBack = true;
         pace_.paidBack();
       }
@@ -497,16 +505,17 @@ void AdaptivePlan::watchLoop(const LoopTurn& turn) {
 
 // Closes what is silent or far too slow.
 void AdaptivePlan::judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t nowNs) {
-  std::size_t receiving = 0;
-  for (const Flight& flight : flights_) {
-    if (flight.answered && seconds(flight.silentNs) < kLeastPatienceSec) ++receiving;
-  }
+  const std::size_t deliver = countReceiving(static_cast<std::uint64_t>(kLeastPatienceSec * kNsPerSec));
   for (Index index = 0; index < flights_.size();) {
     Flight& flight = flights_[index];
-    const bool slow = flight.slow.seconds >= kSlowMeasuredSec && !flight.throttled && rates_.size() > 2 &&
-                      flight.slow.rate() < kSlowShare * medianRate_ && flight.quick.rate() < kSlowShare * medianRate_;
+    const bool slow = !busy_ && deliver >= 2 && flight.slow.seconds >= kSlowMeasuredSec && !flight.throttled &&
+                      rates_.size() > 2 && flight.slow.rate() < kSlowShare * medianRate_ &&
+                      flight.quick.rate() < kSlowShare * medianRate_;
     flight.slowNs = slow ? flight.slowNs + elapsedNs : 0;
-    const bool silent = isSuspect(flight, receiving);
+    // Those that fell silent together with this one do not count: the network may have.
+    const bool quiet = seconds(flight.silentNs) >= patience(flight);
+    const std::size_t receiving = quiet ? countReceiving(flight.silentNs / 2) : 0;
+    const bool silent = quiet && isSuspect(flight, receiving);
     const bool tooSlow = flight.slowNs >= kSlowForNs && secondsToGo(flight) > kSlowWorthwhileSec &&
                          slowClosed_ < kSlowClosesPerConnection * settings_.connections;
     if (!silent && !tooSlow) {
@@ -524,14 +533,19 @@ void AdaptivePlan::judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t 
   }
 }
 
+std::size_t AdaptivePlan::countReceiving(std::uint64_t withinNs) const {
+  return static_cast<std::size_t>(std::count_if(flights_.begin(), flights_.end(), [&](const Flight& flight) {
+    return flight.answered && flight.silentNs < withinNs;
+  }));
+}
+
 // When all are silent the network is: only others that receive, or have nothing else to do, make silence suspect.
 bool AdaptivePlan::isSuspect(const Flight& flight, std::size_t receiving) const {
-  const double silent = seconds(flight.silentNs);
-  if (silent < patience(flight)) return false;
   if (receiving >= 2 || (receiving == 1 && receiving * 2 >= flights_.size() - 1)) return true;
   if (idle() == 0 || !missing_.empty()) return false;
   return receiving > 0 ||
-         silent >= patience(flight) * std::exp2(static_cast<double>(std::min<std::size_t>(closedInVain_, 10)));
+         seconds(flight.silentNs) >=
+             patience(flight) * std::exp2(static_cast<double>(std::min<std::size_t>(closedInVain_, 10)));
 }
 
 // Gives idle connections the tails of the pieces that end last, so much that all end together.
@@ -541,15 +555,21 @@ void AdaptivePlan::steal(Orders& orders) {
   for (const Flight& flight : flights_) {
     if (!flight.copy) latest = std::max(latest, secondsToGo(flight));
   }
-  // As many thieves as leave each of them a piece that pays.
-  std::size_t thieves = idle();
-  double together = 0;
-  for (; thieves > 0; --thieves) {
-    const bool fresh = thieves > kept_;
-    together = endTogether(thieves);
-    const double bytes = expectedRate(fresh) * (together - cost(fresh));
-    if (bytes >= asDouble(kSmallestPiece) && latest - together >= smallestGain(fresh)) break;
+  // As many thieves as leave each of them a piece that pays: the more, the smaller.
+  std::size_t thieves = 0;
+  for (std::size_t most = idle(); thieves < most;) {
+    const std::size_t middle = (thieves + most + 1) / 2;
+    const bool fresh = middle > kept_;
+    const double bytes = expectedRate(fresh) * (endTogether(middle) - cost(fresh));
+    if (bytes >= asDouble(fewestBytes())) {
+      thieves = middle;
+    } else {
+      most = middle - 1;
+    }
   }
+  if (thieves == 0) return;
+  const double together = endTogether(thieves);
+  if (latest - together < smallestGain(thieves > kept_)) return;
   for (std::size_t thief = 0; thief < thieves; ++thief) {
     Flight* victim = latestFlight();
     if (victim == nullptr) break;
@@ -559,7 +579,7 @@ void AdaptivePlan::steal(Orders& orders) {
     const double ends = secondsToGo(*victim);
     const double pairwise = (ends - latency) / (1 / rate + 1 / rateOf(*victim));
     const double bytes = std::min(rate * (together - latency), pairwise);
-    if (bytes < asDouble(kSmallestPiece) || ends - (latency + bytes / rate) < smallestGain(fresh)) break;
+    if (bytes < asDouble(fewestBytes()) || ends - (latency + bytes / rate) < smallestGain(fresh)) break;
     const std::uint64_t from = std::max(victim->position, victim->have) + 1;
     if (victim->range.end < from + static_cast<std::uint64_t>(bytes)) break;
     const std::uint64_t end = victim->range.end - static_cast<std::uint64_t>(bytes);
@@ -679,9 +699,12 @@ double AdaptivePlan::patience(const Flight& flight) const {
   return std::max({kLeastPatienceSec, latencies, 3 * gapSec_});
 }
 
+std::uint64_t AdaptivePlan::fewestBytes() const {
+  return std::clamp<std::uint64_t>(settings_.firstPiece / kPiecesOfFirst, 1, kSmallestPiece);
+}
+
 double AdaptivePlan::smallestPiece(bool fresh) const {
-  const std::uint64_t least = std::clamp<std::uint64_t>(settings_.firstPiece / kPiecesOfFirst, 1, kSmallestPiece);
-  return std::max(asDouble(least), kSmallestShareOfCost * expectedRate(fresh) * cost(fresh));
+  return std::max(asDouble(fewestBytes()), kSmallestShareOfCost * expectedRate(fresh) * cost(fresh));
 }
 
 // In seconds: by less it is not worth a cut, which closes the victim's connection.

@@ -82,7 +82,7 @@ class AdaptivePlan final : public RangePlan {
   /// Where it is now, and whether a speed limit holds it.  Before each turn, for every piece in flight.
   void report(PieceId piece, std::uint64_t position, bool throttled);
 
-  /// The caller ended its transfer after it had arrived up to reached.
+  /// The caller ended its transfer after it had arrived up to reached: what follows is missing again.
   void interrupted(PieceId piece, std::uint64_t reached);
 
   /// paused: the job is, so nothing can arrive.
@@ -184,12 +184,14 @@ class AdaptivePlan final : public RangePlan {
   void measure(std::uint64_t elapsedNs, std::uint64_t sleptNs, bool paused, std::uint64_t nowNs);
   void watchLoop(const LoopTurn& turn);
   void judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t nowNs);
+  [[nodiscard]] std::size_t countReceiving(std::uint64_t withinNs) const;
   [[nodiscard]] bool isSuspect(const Flight& flight, std::size_t receiving) const;
   void steal(Orders& orders);
   [[nodiscard]] double endTogether(std::size_t thieves) const;
   void considerCopy();
   Flight* latestFlight();
   [[nodiscard]] std::size_t idle() const;
+  [[nodiscard]] bool countsInParts() const { return !whole_ && !oneAtATime_; }
   [[nodiscard]] bool isShared() const { return opened_ && !oneAtATime_ && !whole_; }
 
   void updateRates(double elapsedSec);
@@ -199,6 +201,7 @@ class AdaptivePlan final : public RangePlan {
   [[nodiscard]] double waitOf(const Flight& flight) const;
   [[nodiscard]] double cost(bool fresh) const;
   [[nodiscard]] double patience(const Flight& flight) const;
+  [[nodiscard]] std::uint64_t fewestBytes() const;
   [[nodiscard]] double smallestPiece(bool fresh) const;
   [[nodiscard]] double smallestGain(bool fresh) const;
   [[nodiscard]] std::uint64_t mostDuplicates() const;
@@ -227,6 +230,9 @@ class AdaptivePlan final : public RangePlan {
   std::size_t closedInVain_ = 0;    // for silence, since the last byte of all
   std::uint64_t smallAnswers_ = 0;  // in a row
   std::uint64_t duplicatesAtRisk_ = 0;
+
+  bool changed_ = false;  // since it was looked for something to take
+  std::uint64_t lookAgainNs_ = 0;
 
   std::uint64_t lastTurnNs_ = 0;
   std::uint64_t pausedNs_ = 0;

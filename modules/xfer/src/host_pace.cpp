@@ -111,7 +111,7 @@ std::optional<std::uint64_t> HostPace::failed(const Failure& failure, std::uint6
       if (tokens_ < kNoToken) {
         // The others go on; what is missing is tried again by one of them.
         tokens_ = 0;
-        allow(failure.inFlight);
+        allow(std::min(connections(), failure.inFlight));
         troubleNs_ = nowNs;
       }
       if (!end.retryAfterSec) holdBack(nowNs);
