@@ -300,14 +300,6 @@ TEST(AdaptivePlan, nothingIsTakenFromALivePieceWhileTheLoopIsBusy) {
   EXPECT_FALSE(caller.cuts.empty());
 }
 
-TEST(AdaptivePlan, pieceThatWasCutLeavesNoConnectionForTheNext) {
-  Caller caller(settingsFor(2), 21 * kMiB);
-  caller.open();
-  caller.run(60 * kSecond);
-  ASSERT_TRUE(caller.plan.allDone());
-  EXPECT_TRUE(caller.closes.empty());
-}
-
 // ---- Silence ----
 
 TEST(AdaptivePlan, silentPieceIsClosedWhileOthersReceive) {
@@ -412,12 +404,15 @@ TEST(AdaptivePlan, unansweredPieceThatIsClosedLowersTheConnections) {
 
 TEST(AdaptivePlan, patienceGrowsWithTheLatency) {
   Caller caller(settingsFor(4), 101 * kMiB);
+  caller.rate = 30'000;
   caller.refill();
   caller.pass(12 * kSecond);
   caller.answerAll();
   caller.turn();
   caller.refill();
-  caller.pass(20 * kSecond);  // three new connections without an answer, while the first one receives
+  caller.answer(caller.last());
+  caller.pass(20 * kSecond);  // two receive, two have no answer yet
+  EXPECT_EQ(caller.flights.size(), 4U);
   EXPECT_TRUE(caller.closes.empty());
 }
 
@@ -497,12 +492,29 @@ TEST_F(LastPiece, isFetchedASecondTimeAndTheFirstToBeCompleteWins) {
 TEST_F(LastPiece, ownsItsBytesWhenTheCopyFails) {
   const auto copy = awaitCopy();
   ASSERT_TRUE(copy);
-  caller.fail(copy->id, kReset, kNoStatus);
+  caller.flights.at(copy->id).position += 20 * 1024;
+  caller.fail(copy->id, kReset, kPartial);
   EXPECT_FALSE(caller.plan.allDone());
   EXPECT_EQ(caller.plan.openEnd(), 31 * kMiB);
+  for (int turns = 0; turns < 200; ++turns) {
+    caller.turn();
+    EXPECT_TRUE(caller.refill().empty());  // one copy
+  }
   caller.flights.at(original).rate = 1e6;
   caller.pass(kSecond);
   EXPECT_TRUE(caller.plan.allDone());
+}
+
+TEST_F(LastPiece, lacksNothingThatTheCopyBroughtBeforeBothFailed) {
+  const auto copy = awaitCopy();
+  ASSERT_TRUE(copy);
+  constexpr std::uint64_t kBrought = 40 * 1024;
+  caller.flights.at(copy->id).position += kBrought;
+  caller.fail(copy->id, kReset, kPartial);
+  caller.fail(original, kReset, kPartial);
+  const auto pieces = caller.refill();
+  ASSERT_EQ(pieces.size(), 1U);
+  EXPECT_EQ(pieces[0].range, (ByteRange{copy->range.start + kBrought, 31 * kMiB}));
 }
 
 TEST_F(LastPiece, isLeftToTheCopyWhenItFails) {
