@@ -102,7 +102,8 @@ bool holds(const PlanWorld& world, double now, PlanWorld::Hold hold) {
 // What the sum of the rates is reduced to.
 double capAt(const PlanWorld& world, double now) {
   if (holds(world, now, PlanWorld::Hold::Paused) || holds(world, now, PlanWorld::Hold::Outage)) return 0;
-  const double cap = world.sumCap > 0 ? world.sumCap : kNever;
+  double cap = kNever;
+  if (world.sumCap > 0) cap = world.sumCap;
   return holds(world, now, PlanWorld::Hold::Throttled) ? std::min(cap, world.rate / 4) : cap;
 }
 
@@ -492,7 +493,7 @@ class Life {
     if (plan_.openEnd() != 0) breaks("it ends with something open");
     if (total_ < world_.size) breaks("it ends with too few bytes");
     outcome_.duplicates = total_ - std::min(total_, world_.size);
-    if (outcome_.duplicates > std::max<std::uint64_t>(256 * 1024, world_.size / 100)) {
+    if (outcome_.duplicates > std::max<std::uint64_t>(262'144, world_.size / 100)) {
       breaks(std::to_string(outcome_.duplicates) + " bytes are fetched twice");
     }
   }
