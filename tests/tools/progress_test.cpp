@@ -63,6 +63,8 @@ TEST(PlainLine, tellsAStateThatIsNotRunningAndASlowServer) {
   EXPECT_EQ(plainLine(snapshot, 1).rfind("cancelling ", 0), 0U);
   snapshot.throttled = true;
   EXPECT_NE(plainLine(snapshot, 1).find("(slow server)"), std::string::npos);
+  EXPECT_EQ(plainLine(snapshot, 1).find("next try"), std::string::npos);
+  EXPECT_NE(plainLine(snapshot, 1, 3001).find("next try in 4 s"), std::string::npos);
 }
 
 TEST(PlainLine, neverSaysMoreThanAHundredPercent) {

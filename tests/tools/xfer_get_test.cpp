@@ -95,21 +95,62 @@ TEST_F(XferGet, storesAnEmptyFile) {
 }
 
 TEST_F(XferGet, knownSizeSavesTheQuestion) {
-  ScriptedServer server(patternFile(1000));
-  EXPECT_EQ(get({server.url("/file"), "out", "--known-size", "1000"}).exitCode, 0);
-  ASSERT_EQ(server.requests().size(), 1U);
-  EXPECT_EQ(server.requests().front().range, (support::RequestedRange{0, 999}));
-  EXPECT_EQ(support::patternError(file("out"), 1000), "");
+  for (const char* plan : {"adaptive", "stated"}) {
+    ScriptedServer server(patternFile(1000));
+    EXPECT_EQ(get({server.url("/file"), "out", "--known-size", "1000", "--plan", plan}).exitCode, 0);
+    ASSERT_EQ(server.requests().size(), 1U);
+    EXPECT_EQ(server.requests().front().range, (support::RequestedRange{0, 999}));
+    EXPECT_EQ(support::patternError(file("out"), 1000), "");
+  }
+}
+
+TEST_F(XferGet, planDecidesWhatIsAskedForFirst) {
+  for (const auto& [arguments, last] : {std::pair<std::vector<std::string>, std::uint64_t>{{}, 1048575},
+                                        {{"--plan", "adaptive"}, 1048575},
+                                        {{"--plan", "stated"}, 0}}) {
+    ScriptedServer server(patternFile(1000));
+    std::vector<std::string> all = {server.url("/file"), "out"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    EXPECT_EQ(get(all).exitCode, 0);
+    ASSERT_FALSE(server.requests().empty());
+    EXPECT_EQ(server.requests().front().range, (support::RequestedRange{0, last}));
+    EXPECT_EQ(support::patternError(file("out"), 1000), "");
+  }
+}
+
+TEST_F(XferGet, planOfAnotherNameAndTriesThatItCannotHaveAreRefused) {
+  EXPECT_EQ(get({"http://127.0.0.1/file", "out", "--plan", "other"}).exitCode, 2);
+  EXPECT_EQ(get({"http://127.0.0.1/file", "out", "--max-tries", "0"}).exitCode, 2);
+  EXPECT_EQ(get({"http://127.0.0.1/file", "out", "--plan", "stated", "--max-tries", "3"}).exitCode, 2);
+  EXPECT_EQ(get({"http://127.0.0.1/file", "out", "--plan", "stated", "--retry-max-time", "3"}).exitCode, 2);
+  EXPECT_EQ(get({"http://127.0.0.1/file", "-p", "--max-tries", "3"}).exitCode, 2);
+}
+
+TEST_F(XferGet, triesAsOftenAsItMay) {
+  for (const std::size_t tries : {1U, 3U}) {
+    ScriptedServer server([](const ReceivedRequest&) { return Reply().close(); });
+    const Finished done = get({server.url("/file"), "out", "-v", "--max-tries", std::to_string(tries)});
+    EXPECT_EQ(done.exitCode, 4) << done.err;
+    EXPECT_EQ(server.requests().size(), tries) << done.err;
+  }
+}
+
+TEST_F(XferGet, givesUpAfterTheTimeThatRetriesMayTake) {
+  ScriptedServer server([](const ReceivedRequest&) { return Reply().close(); });
+  const Finished done = get({server.url("/file"), "out", "--max-tries", "1000000", "--retry-max-time", "1"});
+  EXPECT_EQ(done.exitCode, 4) << done.err;
+  EXPECT_GE(server.requests().size(), 2U);
 }
 
 TEST_F(XferGet, sendsCookieAndHeaders) {
   ScriptedServer server(patternFile(1000));
   EXPECT_EQ(get({server.url("/file"), "out", "-b", "a=b; c=d", "-H", "X-One: 1", "-H", "X-Two: 2"}).exitCode, 0);
-  ASSERT_GE(server.requests().size(), 2U);
-  const ReceivedRequest range = server.requests().back();
-  EXPECT_EQ(range.header("Cookie"), "a=b; c=d");
-  EXPECT_EQ(range.header("X-One"), "1");
-  EXPECT_EQ(range.header("X-Two"), "2");
+  ASSERT_GE(server.requests().size(), 1U);
+  for (const ReceivedRequest& range : server.requests()) {
+    EXPECT_EQ(range.header("Cookie"), "a=b; c=d");
+    EXPECT_EQ(range.header("X-One"), "1");
+    EXPECT_EQ(range.header("X-Two"), "2");
+  }
 }
 
 TEST_F(XferGet, goesThroughTheProxyThatIsNamed) {
@@ -159,9 +200,7 @@ TEST_F(XferGet, exitCodeTellsWhatWentWrong) {
   ScriptedServer server([](const ReceivedRequest& request) {
     if (request.path() == "/missing") return support::status(404, "not here");
     if (request.path() == "/closed") return Reply().close();
-    if (request.path() == "/forbidden" && request.range != support::RequestedRange{0, 0}) {
-      return support::status(403, "no");
-    }
+    if (request.path() == "/forbidden") return support::status(403, "no");
     return support::range206(request, 1000);
   });
   const struct {
@@ -172,11 +211,14 @@ TEST_F(XferGet, exitCodeTellsWhatWentWrong) {
       {{"ftp://127.0.0.1/file", "out"}, 2, "http"},
       {{"http://", "out"}, 2, ""},
       {{server.url("/file"), file("no such folder") + "/out"}, 3, "no such folder"},
-      {{unused.url("/file"), "out"}, 4, "connect"},
-      {{server.url("/file"), "out", "-x", "127.0.0.1:" + std::to_string(unused.port())}, 4, "connect"},
+      {{unused.url("/file"), "out", "--max-tries", "1"}, 4, "connect"},
+      {{server.url("/file"), "out", "-x", "127.0.0.1:" + std::to_string(unused.port()), "--max-tries", "1"},
+       4,
+       "connect"},
       {{server.url("/missing"), "out"}, 5, "404"},
       {{server.url("/forbidden"), "out"}, 5, "403"},
-      {{server.url("/closed"), "out"}, 4, "nothing"},
+      {{server.url("/closed"), "out", "--max-tries", "2"}, 4, "nothing"},
+      {{server.url("/closed"), "out", "--plan", "stated"}, 4, "nothing"},
       {{"-p", server.url("/missing")}, 5, "404"},
       {{"-p", server.url("/closed")}, 4, "nothing"},
       {{"-p", unused.url("/file")}, 4, "connect"},
@@ -256,23 +298,27 @@ TEST_F(XferGet, quietWritesNothingOnSuccessAndTheErrorOtherwise) {
   EXPECT_EQ(done.exitCode, 0);
   EXPECT_EQ(done.err, "");
   const support::UnusedPort unused;
-  EXPECT_NE(get({"-q", unused.url("/file"), "out"}).err, "");
+  EXPECT_NE(get({"-q", unused.url("/file"), "out", "--max-tries", "1"}).err, "");
 }
 
 TEST_F(XferGet, verbosityDecidesWhatIsLogged) {
-  for (const int verbosity : {0, 1, 2, 3}) {
-    ScriptedServer server([](const ReceivedRequest& request) {
-      if (request.number == 1) return support::status(503, "busy");  // the first try of the range
-      return support::range206(request, 1000);
-    });
-    std::vector<std::string> arguments = {server.url("/file"), "out"};
-    for (int i = 0; i < verbosity; ++i) arguments.emplace_back("-v");
-    const Finished done = get(arguments);
-    EXPECT_EQ(done.exitCode, 0) << done.err;
-    const auto logged = [&](const char* words) { return done.err.find(words) != std::string::npos; };
-    EXPECT_EQ(logged("response body (4 bytes): busy"), verbosity >= 1) << done.err;
-    EXPECT_EQ(logged("retry scheduled | range=0"), verbosity >= 2) << done.err;
-    EXPECT_EQ(logged("doStart | probed | size=1000"), verbosity >= 3) << done.err;
+  for (const bool stated : {false, true}) {
+    for (const int verbosity : {0, 1, 2}) {
+      const std::uint64_t busyOne = stated ? 1 : 0;  // the first try of the range
+      ScriptedServer server([busyOne](const ReceivedRequest& request) {
+        if (request.number == busyOne) return support::status(503, "busy");
+        return support::range206(request, 1000);
+      });
+      std::vector<std::string> arguments = {server.url("/file"), "out"};
+      if (stated) arguments.insert(arguments.end(), {"--plan", "stated"});
+      for (int i = 0; i < verbosity; ++i) arguments.emplace_back("-v");
+      const Finished done = get(arguments);
+      EXPECT_EQ(done.exitCode, 0) << done.err;
+      const auto logged = [&](const char* words) { return done.err.find(words) != std::string::npos; };
+      EXPECT_EQ(logged("response body (4 bytes): busy"), verbosity >= 1) << done.err;
+      EXPECT_EQ(logged(stated ? "retry scheduled | range=0" : "try again | range=0"), verbosity >= 1) << done.err;
+      EXPECT_EQ(logged("done | range=0 | err=0"), verbosity >= 2) << done.err;
+    }
   }
 }
 

@@ -93,6 +93,9 @@ class AdaptivePlan final : public RangePlan {
   /// What the host asked for, or bears, as far as this job knows.
   [[nodiscard]] const HostTerms& terms() const;
 
+  /// No new request before: as the host asked, or after failures.  0: at any time.
+  [[nodiscard]] std::uint64_t notBeforeNs() const { return pace_.notBeforeNs(); }
+
   /// What others have learned of the host.
   void adopt(const HostTerms& terms);
 

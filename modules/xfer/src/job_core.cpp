@@ -67,7 +67,7 @@ DownloadDetails::Values JobCore::details() const {
   details.givenUp = givenUp_;
   details.counters = moving_->counters();
   details.hostConnections = moving_->terms().connections;
-  const std::uint64_t notBefore = moving_->terms().notBeforeNs;
+  const std::uint64_t notBefore = moving_->notBeforeNs();
   details.hostLeftAloneMs = notBefore > nowNs_ ? (notBefore - nowNs_ + kNsPerMs - 1) / kNsPerMs : 0;
   return details;
 }

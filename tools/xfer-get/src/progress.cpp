@@ -54,20 +54,22 @@ std::string etaText(const xfer::DownloadSnapshot& snapshot) {
   return text.data();
 }
 
-std::string plainLine(const xfer::DownloadSnapshot& snapshot, unsigned connections) {
+std::string plainLine(const xfer::DownloadSnapshot& snapshot, unsigned connections, std::uint64_t nextTryMs) {
   std::string line = stateWord(snapshot.state);
   if (snapshot.totalBytes != 0) line += std::to_string(percent(snapshot)) + "% ";
   line += sizeText(snapshot.bytesDone);
   if (snapshot.totalBytes != 0) line += " of " + sizeText(snapshot.totalBytes);
   line += "  " + sizeText(snapshot.bytesPerSec) + "/s  ETA " + etaText(snapshot) + "  x" + std::to_string(connections);
   if (snapshot.throttled) line += "  (slow server)";
+  if (nextTryMs != 0) line += "  next try in " + std::to_string((nextTryMs + 999) / 1000) + " s";
   return line;
 }
 
-std::string progressLine(const xfer::DownloadSnapshot& snapshot, unsigned connections, unsigned columns) {
+std::string progressLine(const xfer::DownloadSnapshot& snapshot, unsigned connections, unsigned columns,
+                         std::uint64_t nextTryMs) {
   constexpr std::size_t kNarrowestBar = 8;
   constexpr std::size_t kWidestBar = 40;
-  const std::string figures = plainLine(snapshot, connections);
+  const std::string figures = plainLine(snapshot, connections, nextTryMs);
   if (figures.size() + kNarrowestBar + 3 > columns) return figures.substr(0, columns);
   const std::size_t width = std::min(kWidestBar, columns - figures.size() - 3);
   const std::size_t full = width * percent(snapshot) / 100;

@@ -17,10 +17,11 @@ std::string sizeText(std::uint64_t bytes);
 std::string etaText(const xfer::DownloadSnapshot& snapshot);
 
 /// A line of at most columns characters: a bar if there is room, percent, done and total, speed, time left,
-/// connections.
-std::string progressLine(const xfer::DownloadSnapshot& snapshot, unsigned connections, unsigned columns);
+/// connections.  nextTryMs: nothing is asked for before; 0: something is.
+std::string progressLine(const xfer::DownloadSnapshot& snapshot, unsigned connections, unsigned columns,
+                         std::uint64_t nextTryMs = 0);
 
 /// The same line without a bar, for a log.
-std::string plainLine(const xfer::DownloadSnapshot& snapshot, unsigned connections);
+std::string plainLine(const xfer::DownloadSnapshot& snapshot, unsigned connections, std::uint64_t nextTryMs = 0);
 
 }  // namespace xfer_get

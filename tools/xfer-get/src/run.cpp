@@ -46,22 +46,25 @@ class Display {
   explicit Display(const Options& options)
       : quiet_(options.quiet), redraws_(options.verbosity == 0), connections_(options.connections) {}
 
-  void show(const xfer::DownloadSnapshot& snapshot) {
+  void show(const xfer::DownloadJob& job) {
     if (quiet_) return;
+    const xfer::DownloadSnapshot snapshot = job.snapshot();
+    const xfer::DownloadDetails details = job.details();
+    const std::uint64_t nextTryMs = details.ranges().empty() ? details.hostLeftAloneMs() : 0;
     if (const unsigned columns = redraws_ ? terminalColumns() : 0; columns > 0) {
-      const std::string line = progressLine(snapshot, connections_, columns - 1);
+      const std::string line = progressLine(snapshot, connections_, columns - 1, nextTryMs);
       std::fprintf(stderr, "\r%s%s", line.c_str(), std::string(columns - 1 - line.size(), ' ').c_str());
       std::fflush(stderr);
       drawn_ = true;
     } else if (const auto now = Clock::now(); now >= nextPlain_) {
       nextPlain_ = now + kPlainLine;
-      say(plainLine(snapshot, connections_));
+      say(plainLine(snapshot, connections_, nextTryMs));
     }
   }
 
-  void end(const xfer::DownloadSnapshot& snapshot) {
+  void end(const xfer::DownloadJob& job) {
     if (!drawn_) return;
-    show(snapshot);
+    show(job);
     std::fputc('\n', stderr);
   }
 
@@ -106,11 +109,11 @@ Outcome download(const Options& options, const net::Proxy& proxy) {
   do {
     if (interrupted()) job.cancel();
     if (Clock::now() < next) continue;
-    display.show(job.snapshot());
+    display.show(job);
     next = Clock::now() + kRedraw;
   } while (!job.waitFor(kInterruptLookMs));
   const xfer::DownloadSnapshot snapshot = job.snapshot();
-  display.end(snapshot);
+  display.end(job);
   Outcome outcome = downloadOutcome(snapshot);
   if (outcome.code == kFile) outcome.message += ": " + path;
   if (outcome.code == kDone && !options.quiet) {
