@@ -3,12 +3,41 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
+#include <cstdlib>
 #include <map>
+#include <new>
 #include <string>
 #include <vector>
 
 using namespace xfer;
+
+namespace {
+
+std::size_t allocations = 0;
+
+// Neither inlined, or the compiler takes one for not belonging to the other.
+[[gnu::noinline]] void* allocate(std::size_t size) {
+  ++allocations;
+  void* block = std::malloc(size == 0 ? 1 : size);
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+
+[[gnu::noinline]] void release(void* block) noexcept {
+  std::free(block);
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  return allocate(size);
+}
+void operator delete(void* block) noexcept {
+  release(block);
+}
+void operator delete(void* block, std::size_t /*size*/) noexcept {
+  release(block);
+}
 
 namespace {
 
@@ -733,6 +762,15 @@ TEST(AdaptivePlan, activityTellsWhatPiecesDo) {
   EXPECT_EQ(last.position, caller.flights.at(last.piece).position);
   EXPECT_NEAR(static_cast<double>(last.silentNs), 100.0 * kMillisecond, 6.0 * kMillisecond);
   EXPECT_FALSE(last.copy);
+}
+
+TEST(AdaptivePlan, turnInWhichNothingIsToBeDoneAllocatesNothing) {
+  Caller caller(settingsFor(8), 801 * kMiB);
+  caller.open();
+  const std::size_t before = allocations;
+  caller.pass(kSecond);
+  EXPECT_EQ(allocations, before);
+  EXPECT_EQ(caller.flights.size(), 8U);
 }
 
 // ---- Hosts ----
