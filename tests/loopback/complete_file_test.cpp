@@ -107,7 +107,8 @@ class CompleteFile : public testing::TestWithParam<Setup> {
   std::unique_ptr<Job> jobOf(const ScriptedServer& server, std::uint64_t knownSize, const DownloadPolicy& policy) {
     xfer::JobEnvironment environment = xfer::realJobEnvironment();
     environment.waitForRetry = [](std::uint64_t, xfer::StopSignal&) {};
-    return std::make_unique<Job>(requestFor(server.url("/file"), path, knownSize), policy, environment);
+    return std::make_unique<Job>(requestFor(server.url("/file"), path, knownSize), policy, environment,
+                                 support::planUnderTest().values());
   }
 
   std::unique_ptr<Job> jobOf(const ScriptedServer& server, std::uint64_t size = kSize) {
@@ -425,7 +426,8 @@ TEST_P(LateAnswer, wholeFilesOfTwoLengthsAreNotMixed) {
   Gate restIsDone;
   xfer::JobEnvironment environment = xfer::realJobEnvironment();
   environment.waitForRetry = [restIsDone](std::uint64_t, xfer::StopSignal&) { static_cast<void>(restIsDone.wait()); };
-  Job job(requestFor(server.url("/file"), path, GetParam().knownSize ? kSize : 0), ranges(), environment);
+  Job job(requestFor(server.url("/file"), path, GetParam().knownSize ? kSize : 0), ranges(), environment,
+          support::planUnderTest().values());
   job.start();
   EXPECT_TRUE(log.waitFor("retry scheduled | range=0"));
   firstHasFailed.open();

@@ -92,7 +92,7 @@ TEST(FarRanges, jobAsksForThemAndWritesThemAtTheirOffsets) {
   policy.initialChunkSize = k32Bits - 7;
   policy.maxChunkSize = 1000;
   {
-    xfer::DownloadJob job(requestFor(server.url("/f"), path, kTotal), policy);
+    xfer::DownloadJob job(requestFor(server.url("/f"), path, kTotal), policy, support::planUnderTest());
     job.start();
     EXPECT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 10 + 2507; }));
     EXPECT_EQ(job.snapshot().totalBytes, kTotal);

@@ -258,7 +258,7 @@ class JobProbeRun : public testing::TestWithParam<std::uint16_t> {
   DownloadSnapshot download(const ScriptedServer& server, std::vector<std::string> headers = {}) {
     DownloadRequest request = requestFor(server.url("/file"), path);
     request.headers = std::move(headers);
-    DownloadJob job(std::move(request), chunksOf(kChunk, GetParam()));
+    DownloadJob job(std::move(request), chunksOf(kChunk, GetParam()), support::planUnderTest());
     return run(job);
   }
 

@@ -64,7 +64,7 @@ class JobTrust : public testing::Test {
                                                   std::function<void()> delay) {
     xfer::JobEnvironment environment = xfer::realJobEnvironment();
     environment.waitForRetry = [delay = std::move(delay)](std::uint64_t /*delayMs*/, xfer::StopSignal&) { delay(); };
-    return std::make_unique<DownloadJob::Impl>(request, policy, environment);
+    return std::make_unique<DownloadJob::Impl>(request, policy, environment, support::planUnderTest().values());
   }
   std::unique_ptr<DownloadJob::Impl> jobWithoutDelay(const xfer::DownloadRequest& request,
                                                      const DownloadPolicy& policy) {
@@ -104,7 +104,7 @@ class JobTrust : public testing::Test {
     ScriptedServer server([right, instead](const ReceivedRequest& request) {
       return request.range->first == kChunk ? instead(request) : right(request);
     });
-    DownloadJob job(requestFor(server.url("/file"), path, knownSize), chunksOf(kChunk, 1));
+    DownloadJob job(requestFor(server.url("/file"), path, knownSize), chunksOf(kChunk, 1), support::planUnderTest());
     const DownloadSnapshot end = run(job);
     EXPECT_EQ(end.state, JobState::Failed);
     EXPECT_EQ(end.errorCode, 33);
@@ -146,8 +146,9 @@ TEST_F(JobTrust, twoJobsOfOneConnectionToOneHostBothComplete) {
         .send("HTTP/1.1 206 Partial Content\r\nContent-Length: 1000\r\n\r\n")
         .sendPattern(request.range->first, request.range->first + 1000);
   });
-  DownloadJob first(requestFor(server.url("/one"), path, 4000), chunksOf(1000, 1));
-  DownloadJob second(requestFor(server.url("/two"), folder.file("two.bin"), 4000), chunksOf(1000, 1));
+  DownloadJob first(requestFor(server.url("/one"), path, 4000), chunksOf(1000, 1), support::planUnderTest());
+  DownloadJob second(requestFor(server.url("/two"), folder.file("two.bin"), 4000), chunksOf(1000, 1),
+                     support::planUnderTest());
   first.start();
   second.start();
   EXPECT_EQ(waitForEnd(first).state, JobState::Completed);
@@ -164,10 +165,10 @@ TEST_F(JobTrust, secondJobOnOneFileFailsAndTheFirstCompletes) {
         .send("HTTP/1.1 206 Partial Content\r\nContent-Length: " + std::to_string(kChunk) + "\r\n\r\n")
         .sendPattern(request.range->first, request.range->first + kChunk);
   });
-  DownloadJob first(requestFor(server.url("/file"), path, 4 * kChunk), chunksOf(kChunk, 2));
+  DownloadJob first(requestFor(server.url("/file"), path, 4 * kChunk), chunksOf(kChunk, 2), support::planUnderTest());
   first.start();
   ASSERT_TRUE(server.waitForRequests(2));
-  DownloadJob second(requestFor(server.url("/file"), path, kChunk), chunksOf(kChunk, 2));
+  DownloadJob second(requestFor(server.url("/file"), path, kChunk), chunksOf(kChunk, 2), support::planUnderTest());
   const DownloadSnapshot end = run(second);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 100004);
@@ -190,7 +191,7 @@ TEST_F(JobTrust, jobBesideALongFetchCompletesBeforeTheFetchDoes) {
   request.lowSpeedTimeSec = 0;
   auto fetched = xfer::fetchAsync(request);
   ASSERT_TRUE(server.waitForRequests(1));
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 1));
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 1), support::planUnderTest());
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
   jobDone.open();
@@ -204,7 +205,8 @@ TEST_F(JobTrust, thirtyTwoJobsToFourHostsAtOnceAllComplete) {
   const auto fileOf = [&](std::size_t job) { return folder.file(std::to_string(job) + ".bin"); };
   for (std::size_t job = 0; job < 32; ++job) {
     jobs.push_back(std::make_unique<DownloadJob>(requestFor(servers[job % 4]->url("/file"), fileOf(job)),
-                                                 chunksOf(kChunk, static_cast<std::uint16_t>(1 + job % 4))));
+                                                 chunksOf(kChunk, static_cast<std::uint16_t>(1 + job % 4)),
+                                                 support::planUnderTest()));
     jobs.back()->start();
   }
   for (std::size_t job = 0; job < 32; ++job) {
@@ -226,7 +228,7 @@ TEST_F(JobTrust, connectionsAreReusedFromFetchesToAJobAndBack) {
   fetchFifty();
   EXPECT_EQ(server.connectionsAccepted(), 1U);
   {
-    DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, 4));
+    DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, 4), support::planUnderTest());
     EXPECT_EQ(run(job).state, JobState::Completed);
     EXPECT_LE(server.connectionsAccepted(), 5U);
     EXPECT_EQ(server.requests().size(), 66U);
@@ -239,7 +241,7 @@ TEST_F(JobTrust, connectionsAreReusedFromFetchesToAJobAndBack) {
 TEST_F(JobTrust, connectionsAreReusedFromJobToJob) {
   ScriptedServer server(patternFile(16 * kChunk));
   for (int round = 0; round < 10; ++round) {
-    DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, 4));
+    DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, 4), support::planUnderTest());
     EXPECT_EQ(run(job).state, JobState::Completed);
   }
   EXPECT_EQ(server.requests().size(), 160U);
@@ -254,7 +256,7 @@ TEST_F(JobTrust, fileFromAServerWithoutRangesIsRightAndFetchedOnce) {
     if (request.number == 0) return full200(kSize, {.bodyBytes = 0, .acceptRanges = false});
     return full200(kSize, {.acceptRanges = false});
   });
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4));
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest());
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(end.bytesDone, kSize);
@@ -268,7 +270,7 @@ TEST_F(JobTrust, fileFromAServerWithoutRangesIsRightAndFetchedOnce) {
 TEST_F(JobTrust, knownSizeWithFourConnectionsToAServerWithoutRangesGivesTheRightFile) {
   ScriptedServer server([](const ReceivedRequest&) { return full200(kSize, {.acceptRanges = false}); });
   for (int round = 0; round < 20; ++round) {
-    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4));
+    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
     const DownloadSnapshot end = run(job);
     ASSERT_EQ(end.state, JobState::Completed) << round;
     ASSERT_EQ(end.bytesDone, kSize) << round;
@@ -282,7 +284,7 @@ TEST_F(JobTrust, wholeFileInTheMiddleOfRangesGivesTheRightFile) {
     ScriptedServer server([odd](const ReceivedRequest& request) {
       return request.range->first == odd ? full200(kSize) : range206(request, kSize);
     });
-    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4));
+    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
     ASSERT_EQ(run(job).state, JobState::Completed) << odd;
     ASSERT_EQ(patternError(path, kSize), "") << odd;
   }
@@ -365,7 +367,7 @@ TEST_F(JobTrust, weakEntityTagThatIsAnotherInEveryAnswerIsFatal) {
   ScriptedServer server([](const ReceivedRequest& request) {
     return range206(request, kSize, {.etag = "W/\"" + std::to_string(request.range->first) + "\""});
   });
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 1));
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 1), support::planUnderTest());
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 33);
@@ -376,7 +378,7 @@ TEST_F(JobTrust, answersWithoutAReadableContentRangeAreTakenAsAsked) {
   for (const char* const value : {"", "garbage", "bytes", "bytes */5", "lines 3-4/5"}) {
     ScriptedServer server(
         [value](const ReceivedRequest& request) { return range206(request, kSize, {.contentRange = value}); });
-    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4));
+    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
     EXPECT_EQ(run(job).state, JobState::Completed) << value;
     EXPECT_EQ(patternError(path, kSize), "") << value;
   }
@@ -393,7 +395,7 @@ TEST_F(JobTrust, bytesPastTheRangesEndAreNotWritten) {
     if (range.first == 0) reply.waitFor(secondIsWritten);
     return reply.send(head).sendPattern(range.first, range.first + 1000).send(excess);
   });
-  DownloadJob job(requestFor(server.url("/file"), path, 2000), chunksOf(1000, 2));
+  DownloadJob job(requestFor(server.url("/file"), path, 2000), chunksOf(1000, 2), support::planUnderTest());
   job.start();
   ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 1000; }));
   secondIsWritten.open();
@@ -410,7 +412,8 @@ TEST_F(JobTrust, wholeFileThatNeverEndsIsCutAtTheKnownSize) {
     return full200(1ULL << 40, {.acceptRanges = false, .framing = support::Framing::UntilClose});
   });
   for (const std::uint16_t connections : std::initializer_list<std::uint16_t>{1, 4}) {
-    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, connections));
+    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, connections),
+                    support::planUnderTest());
     const DownloadSnapshot end = run(job);
     EXPECT_EQ(end.state, JobState::Completed);
     EXPECT_EQ(end.bytesDone, kSize);
@@ -423,7 +426,7 @@ TEST_F(JobTrust, rangesThatNeverEndAreCutAtTheirEnds) {
   ScriptedServer server([](const ReceivedRequest& request) {
     return range206(request, kSize, {.bodyBytes = 1ULL << 40, .framing = support::Framing::UntilClose});
   });
-  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4));
+  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(end.bytesDone, kSize);
@@ -499,14 +502,14 @@ TEST_F(JobTrust, endBeforeAnyAnswerIsRecoveredFrom) {
 
 TEST_F(JobTrust, redirectLoopFailsTheJob) {
   ScriptedServer server([](const ReceivedRequest& request) { return support::redirect(302, request.path()); });
-  DownloadJob known(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1));
+  DownloadJob known(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1), support::planUnderTest());
   const DownloadSnapshot end = run(known);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 47);
   EXPECT_EQ(end.httpStatus, 302);
   EXPECT_EQ(server.requests().size(), 11U) << "ten redirects";
   EXPECT_TRUE(log.contains("fatal | range=0 | err=47 | http=302"));
-  DownloadJob unknown(requestFor(server.url("/file"), path), chunksOf(kChunk, 1));
+  DownloadJob unknown(requestFor(server.url("/file"), path), chunksOf(kChunk, 1), support::planUnderTest());
   EXPECT_EQ(run(unknown).errorCode, 47);
   EXPECT_TRUE(log.contains("doStart | probe failed | err=47"));
 }
@@ -518,7 +521,7 @@ TEST_F(JobTrust, redirectToAnotherPortIsFollowedForTheProbeAndEachRange) {
     // Without a length of its own: the probe takes the first one it finds for the file's.
     return Reply().send("HTTP/1.1 302 Found\r\nLocation: " + url + "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n");
   });
-  DownloadJob job(requestFor(server.url("/here"), path), chunksOf(kChunk, 3));
+  DownloadJob job(requestFor(server.url("/here"), path), chunksOf(kChunk, 3), support::planUnderTest());
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
   EXPECT_EQ(target.requests().size(), 10U) << "the probe and nine ranges";
@@ -527,7 +530,7 @@ TEST_F(JobTrust, redirectToAnotherPortIsFollowedForTheProbeAndEachRange) {
 TEST_F(JobTrust, redirectToAnotherProtocolFailsTheJob) {
   for (const char* const location : {"ftp://127.0.0.1/file", "file:///etc/hostname"}) {
     ScriptedServer server([location](const ReceivedRequest&) { return support::redirect(302, location); });
-    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1));
+    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1), support::planUnderTest());
     const DownloadSnapshot end = run(job);
     EXPECT_EQ(end.state, JobState::Failed) << location;
     EXPECT_EQ(end.errorCode, 1) << location;

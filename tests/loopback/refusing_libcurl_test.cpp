@@ -385,7 +385,8 @@ TEST_F(RefusingLibcurl, aLoopThatMeetsAnExceptionEndsItsTransfersAndRefusesLater
 
 TEST_F(RefusingLibcurl, withoutAHandleAJobFailsWithMinus1) {
   g_easyRefusals = 1;
-  DownloadJob job(support::requestFor(url, folder.file("out"), kSize), support::chunksOf(kSize, 1));
+  DownloadJob job(support::requestFor(url, folder.file("out"), kSize), support::chunksOf(kSize, 1),
+                  support::planUnderTest());
   const DownloadSnapshot end = support::run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, kNoHandle);
@@ -396,7 +397,7 @@ TEST_F(RefusingLibcurl, withoutAHandleAJobFailsWithMinus1) {
 
 TEST_F(RefusingLibcurl, withoutAHandleForItsProbeAJobFailsWithMinus1) {
   g_easyRefusals = 1;
-  DownloadJob job(support::requestFor(url, folder.file("out")), support::chunksOf(kSize, 1));
+  DownloadJob job(support::requestFor(url, folder.file("out")), support::chunksOf(kSize, 1), support::planUnderTest());
   const DownloadSnapshot end = support::run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, kNoHandle);
@@ -406,7 +407,8 @@ TEST_F(RefusingLibcurl, withoutAHandleForItsProbeAJobFailsWithMinus1) {
 
 TEST_F(RefusingLibcurl, withoutAMultiHandleAJobFailsWithTheCodeOfARefusedTransfer) {
   g_multiRefusals = 1;
-  DownloadJob job(support::requestFor(url, folder.file("out"), kSize), support::chunksOf(kSize, 1));
+  DownloadJob job(support::requestFor(url, folder.file("out"), kSize), support::chunksOf(kSize, 1),
+                  support::planUnderTest());
   const DownloadSnapshot end = support::run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, kCancelled);

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "job_state.h"
+#include "support/plan_under_test.h"
 #include "support/recording_logger.h"
 #include "support/wait_until.h"
 #include "xfer/download_job.h"
