@@ -398,7 +398,10 @@ void JobCore::addSample(Flight& flight) {
 // Ends a flight, keeping what it has brought; the rest of its piece is fetched by another one.
 void JobCore::interrupt(Flight& flight, JobActions& actions) {
   const std::uint64_t reached = keep(flight);
-  if (flight.piece) static_cast<void>(plan_->partDone(*flight.piece, reached, reached - flight.asked.start, nowNs_));
+  // What brought nothing, or too little again and again, the plan does not take for a part.
+  if (flight.piece && !plan_->partDone(*flight.piece, reached, reached - flight.asked.start, nowNs_)) {
+    plan_->release(*flight.piece);
+  }
   flight.piece.reset();
   flight.superseded = flight.toCancel = true;
   actions.cancelSuperseded = true;
