@@ -153,8 +153,13 @@ TEST_F(Secrets, redirectsOfAProbeAndOfEachRangeLoseThem) {
   xfer::DownloadJob job(request, support::chunksOf(250, 2), support::planUnderTest());
   EXPECT_EQ(support::run(job).state, xfer::JobState::Completed);
   EXPECT_EQ(support::patternError(folder_.file("out"), 1000), "");
-  ASSERT_EQ(server.requests().size(), 5U);
-  ASSERT_EQ(other.requests().size(), 5U);
+  if (support::adaptivePlan()) {
+    ASSERT_GE(server.requests().size(), 2U);
+    ASSERT_EQ(other.requests().size(), server.requests().size());
+  } else {
+    ASSERT_EQ(server.requests().size(), 5U);
+    ASSERT_EQ(other.requests().size(), 5U);
+  }
   for (const ReceivedRequest& asked : server.requests()) EXPECT_EQ(secretsOf(asked), "session=1|Bearer x");
   for (const ReceivedRequest& asked : other.requests()) {
     EXPECT_EQ(secretsOf(asked), "-|-");

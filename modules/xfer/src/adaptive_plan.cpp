@@ -195,7 +195,7 @@ bool AdaptivePlan::partDone(PieceId piece, std::uint64_t reached, std::uint64_t 
     return false;
   }
   const Flight& flight = flights_[index];
-  if (!flight.paidBack) pace_.paidBack();
+  if (!flight.paidBack && lastBytes >= HostPace::kProgress) pace_.paidBack();
   pace_.delivered(nowNs);
   ++kept_;
   takeOff(index, std::clamp(reached, flight.range.start, flight.range.end));
