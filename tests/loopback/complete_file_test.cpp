@@ -395,7 +395,9 @@ TEST_P(LateAnswer, longerFileWithoutALengthIsFatalThoughTheLastRangeIsDelivered)
             .send(inChunks(patternBytes(0, kSize + 1, kOtherSeed)));
       },
       std::nullopt,
-      [](const DownloadSnapshot& end) {
+      [this](const DownloadSnapshot& end) {
+        // A transfer that was cut meanwhile is not asked what the file is: its range is fetched again.
+        if (adaptivePlan() && end.state == JobState::Completed) return expectWhole(end, kSize, 0);
         EXPECT_EQ(end.state, JobState::Failed);
         EXPECT_EQ(end.errorCode, kOtherFile);
         EXPECT_EQ(end.httpStatus, 200);
@@ -409,7 +411,9 @@ TEST_P(LateAnswer, shorterFileWithoutALengthIsFatalThoughTheLastRangeIsDelivered
             .send(inChunks(patternBytes(0, 3 * kChunk, kOtherSeed)));
       },
       std::nullopt,
-      [](const DownloadSnapshot& end) {
+      [this](const DownloadSnapshot& end) {
+        // A transfer that was cut meanwhile is not asked what the file is: its range is fetched again.
+        if (adaptivePlan() && end.state == JobState::Completed) return expectWhole(end, kSize, 0);
         EXPECT_EQ(end.state, JobState::Failed);
         EXPECT_EQ(end.errorCode, kOtherFile);
         EXPECT_EQ(end.httpStatus, 200);
@@ -558,6 +562,8 @@ TEST_P(CompleteFileOfUnknownSize, capOfAnAnswerThatFirstNamesTheSizeIsFollowedBy
     return capped206(request, kSize, kChunk, {}, isProbe(request) ? "*" : "");
   });
   const auto job = jobOf(server);
+  // Without a size it asks for the whole file, and what it gets is a part.
+  if (adaptivePlan()) return expectFailed(*job, kPartial, 206);
   expectWhole(*job);
   EXPECT_FALSE(log.contains(kAnotherTry));
 }
@@ -593,7 +599,7 @@ TEST_P(CompleteFile, tenSmallAnswersInARowCountAsAFailedTry) {
 TEST_P(CompleteFile, nineSmallAnswersInARowCostNoTry) {
   const ScriptedServer server([](const ReceivedRequest& request) {
     if (isProbe(request)) return range206(request, kSize);
-    const std::uint64_t step = (startOf(request) % kChunk) % 10'024;
+    const std::uint64_t step = (adaptivePlan() ? startOf(request) - kChunk : startOf(request) % kChunk) % 10'024;
     return capped206(request, kSize, step < 9 * 1000 ? 1000 : 1024);
   });
   const auto job = jobOf(server);

@@ -387,7 +387,9 @@ TEST_F(DownloadJobLoopback, pausedJobTakesNothingAndResumedOneCompletes) {
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(end.bytesDone, size) << "nothing is fetched twice";
   EXPECT_EQ(patternError(path, size), "");
-  if (!adaptivePlan()) EXPECT_EQ(server.requests().size(), 2U);
+  if (!adaptivePlan()) {
+    EXPECT_EQ(server.requests().size(), 2U);
+  }
 }
 
 TEST_F(DownloadJobLoopback, cancelledJobEndsSoonAndLeavesThePartialFile) {

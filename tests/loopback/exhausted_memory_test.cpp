@@ -768,7 +768,7 @@ TEST_P(EachAllocation, isNoneOfAJobThatIsAskedOrTold) {
   xfer::DownloadJob job(request, xfer::DownloadPolicy(), support::planUnderTest());
   xfer::SpeedLimiter limiter(5);
   job.start();
-  ASSERT_TRUE(server.waitForRequests(1));
+  ASSERT_TRUE(support::waitUntil([&] { return job.snapshot().bytesDone == 1; }));
   {
     const FailingAllocation failing(1, GetParam());
     job.setSpeedLimit(1'000);

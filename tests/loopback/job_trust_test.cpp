@@ -107,7 +107,9 @@ class JobTrust : public testing::Test {
     EXPECT_EQ(end.state, JobState::Completed);
     EXPECT_EQ(end.bytesDone, kSize);
     EXPECT_EQ(patternError(path, kSize), "");
-    if (!adaptivePlan()) EXPECT_EQ(asked.of(kChunk), 2U);
+    if (!adaptivePlan()) {
+      EXPECT_EQ(asked.of(kChunk), 2U);
+    }
   }
 
   // The range at kChunk comes from another file.
@@ -185,7 +187,9 @@ TEST_F(JobTrust, secondJobOnOneFileFailsAndTheFirstCompletes) {
   const DownloadSnapshot end = run(second);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 100004);
-  if (!adaptivePlan()) EXPECT_EQ(server.requests().size(), 2U) << "the second asks for nothing";
+  if (!adaptivePlan()) {
+    EXPECT_EQ(server.requests().size(), 2U) << "the second asks for nothing";
+  }
   EXPECT_EQ(second.snapshot().bytesDone, 0U);
   secondEnded.open();
   EXPECT_EQ(waitForEnd(first).state, JobState::Completed);
@@ -246,7 +250,9 @@ TEST_F(JobTrust, connectionsAreReusedFromFetchesToAJobAndBack) {
     EXPECT_EQ(run(job).state, JobState::Completed);
     EXPECT_LE(server.connectionsAccepted(), 5U);
     EXPECT_EQ(job.snapshot().bytesDone, 16 * kChunk);
-    if (!adaptivePlan()) EXPECT_EQ(server.requests().size(), 66U);
+    if (!adaptivePlan()) {
+      EXPECT_EQ(server.requests().size(), 66U);
+    }
   }
   const std::size_t before = server.connectionsAccepted();
   fetchFifty();
@@ -259,7 +265,9 @@ TEST_F(JobTrust, connectionsAreReusedFromJobToJob) {
     DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, 4), support::planUnderTest());
     EXPECT_EQ(run(job).state, JobState::Completed);
   }
-  if (!adaptivePlan()) EXPECT_EQ(server.requests().size(), 160U);
+  if (!adaptivePlan()) {
+    EXPECT_EQ(server.requests().size(), 160U);
+  }
   EXPECT_LE(server.connectionsAccepted(), 4U);
 }
 
