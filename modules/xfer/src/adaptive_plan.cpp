@@ -195,7 +195,7 @@ bool AdaptivePlan::partDone(PieceId piece, std::uint64_t reached, std::uint64_t 
     return false;
   }
   const Flight& flight = flights_[index];
-  if (!flight.paidBack && lastBytes >= HostPace::kProgress) pace_.paidBack();
+  if (!flight.paidBack && smallAnswers_ == 0) pace_.paidBack();
   pace_.delivered(nowNs);
   ++kept_;
   takeOff(index, std::clamp(reached, flight.range.start, flight.range.end));
@@ -429,7 +429,9 @@ void AdaptivePlan::measure(std::uint64_t elapsedNs, std::uint64_t sleptNs, bool 
       flight.quietNs = flight.silentNs = 0;
       closedInVain_ = 0;
       pace_.delivered(nowNs);
-      if (!flight.paidBack && flight.position - flight.range.start >= HostPace::kProgress) {
+      // A whole file counts when it is complete.
+      const bool counts = !whole_ && !oneAtATime_;
+      if (counts && !flight.paidBack && flight.position - flight.range.start >= HostPace::kProgress) {
         flight.paidBack = true;
         pace_.paidBack();
       }
