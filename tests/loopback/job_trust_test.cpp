@@ -261,14 +261,17 @@ TEST_F(JobTrust, connectionsAreReusedFromFetchesToAJobAndBack) {
 
 TEST_F(JobTrust, connectionsAreReusedFromJobToJob) {
   ScriptedServer server(patternFile(16 * kChunk));
+  // Ranges that are cut while they run cost their connections; one connection is alone with its file.
+  const std::uint16_t most = adaptivePlan() ? 1 : 4;
   for (int round = 0; round < 10; ++round) {
-    DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, 4), support::planUnderTest());
+    DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, most),
+                    support::planUnderTest());
     EXPECT_EQ(run(job).state, JobState::Completed);
   }
   if (!adaptivePlan()) {
     EXPECT_EQ(server.requests().size(), 160U);
   }
-  EXPECT_LE(server.connectionsAccepted(), 4U);
+  EXPECT_LE(server.connectionsAccepted(), most);
 }
 
 // ---- Servers without ranges ----

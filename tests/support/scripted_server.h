@@ -29,8 +29,8 @@ namespace support {
 
 class ScriptedServer {
  public:
-  /// Listens when it returns.
-  explicit ScriptedServer(Handler handler);
+  /// Listens when it returns.  port: 0, or that of a server that has stopped.
+  explicit ScriptedServer(Handler handler, std::uint16_t port = 0);
 
   /// Stops.
   ~ScriptedServer();

@@ -221,7 +221,7 @@ RangePlan::FollowUp AdaptivePlan::failed(PieceId piece, Verdict verdict, const T
   if (index == flights_.size()) return followUp;
   const Flight ended = flights_[index];
   if (!whole_) reached = std::clamp(reached, ended.range.start, ended.range.end);
-  const std::uint64_t brought = reached - std::min(reached, ended.range.start);
+  const std::uint64_t brought = whole_ ? 0 : reached - std::min(reached, ended.range.start);
   takeOff(index, reached);
   if (brought > 0) pace_.delivered(nowNs);
   if (brought >= HostPace::kProgress && !ended.paidBack) pace_.paidBack();

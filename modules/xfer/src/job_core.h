@@ -243,6 +243,7 @@ class JobCore {
 
   void learnSize(Flight& flight, bool whole, JobActions& actions);
   void planWithoutSize();
+  [[nodiscard]] std::uint64_t sizeToPlan() const;
   std::uint64_t keep(Flight& flight);
   void addSample(Flight& flight);
   void interrupt(Flight& flight, JobActions& actions);
