@@ -217,8 +217,8 @@ class Restart : public BusyServer {
  protected:
   // Serves a part, and is replaced by another one on the same port after the time.
   void expectWholeAfter(milliseconds away) {
-    auto server = std::make_unique<ScriptedServer>(patternFile(kSize, {.pace = {16 * 1024, milliseconds(10)}}));
-    const std::uint16_t port = server->port();
+    const std::uint16_t port = ScriptedServer(patternFile(0)).port();
+    auto server = std::make_unique<ScriptedServer>(patternFile(kSize, {.pace = {16 * 1024, milliseconds(10)}}), port);
     const auto job = start(server->url("/file"), 4);
     ASSERT_TRUE(support::waitUntil([&] { return job->snapshot().bytesDone > kSize / 8; }));
     server->stop();
