@@ -355,7 +355,10 @@ std::optional<RangePlan::Piece> AdaptivePlan::next(std::uint64_t nowNs) {
   }
   if (!firstAnswered_) {
     if (!flights_.empty()) return std::nullopt;
-    if (!size_) return launch({0, settings_.firstPiece}, nowNs);
+    if (!size_) {
+      missing_.clear();  // what an earlier try of the first piece lacks
+      return launch({0, settings_.firstPiece}, nowNs);
+    }
     if (missing_.empty()) return std::nullopt;
     const ByteRange run = missing_.front();
     const ByteRange first{run.start, run.start + std::min(run.length(), settings_.firstPiece)};
