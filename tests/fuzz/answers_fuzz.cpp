@@ -1,7 +1,7 @@
 // A download job against a server that answers as the input says.  The job ends; and a file that it calls complete is
 // right.
 //
-// The first byte says how the job is made, and which of two servers it meets:
+// The first byte says how the job is made, its plan too, and which of two servers it meets:
 //   any bytes (below 0x80)   The rest are the answers, one a request, separated by a byte that HTTP has no use for; the
 //                            last one is given to all further requests.  Each connection is closed behind its answer.
 //                            A complete file is not longer than was known.
@@ -21,6 +21,7 @@
 
 #include "download_job_impl.h"
 #include "fuzz/promise.h"
+#include "steady_time.h"
 #include "support/job_run.h"
 #include "support/pattern.h"
 #include "support/scripted_server.h"
@@ -324,16 +325,23 @@ class Answers {
   std::optional<TwoVersions> twoVersions_;
 };
 
+constexpr std::uint64_t kHaste = 100;  // the delays of an adaptive plan pass so many times as fast
+
 struct World {
   Answers answers;
   const support::ScriptedServer server{[this](const ReceivedRequest& request) { return answers.next(request); }};
   const support::TempDir folder;
   const std::string path = folder.file("out");
 
-  xfer::DownloadSnapshot download(std::uint64_t knownSize, const xfer::DownloadPolicy& policy) {
+  xfer::DownloadSnapshot download(std::uint64_t knownSize, const xfer::DownloadPolicy& policy, bool adaptive) {
     xfer::JobEnvironment environment = xfer::realJobEnvironment();
     environment.waitForRetry = [](std::uint64_t, xfer::StopSignal&) {};
-    xfer::DownloadJob::Impl job(support::requestFor(server.url(answers.path()), path, knownSize), policy, environment);
+    environment.nowNs = [] { return kHaste * xfer::steadyNs(); };
+    environment.hosts = nullptr;  // no input knows of another one
+    xfer::DownloadOptions options;
+    if (adaptive) options.setPlan(xfer::DownloadPlan::Adaptive).setMaxTries(4).setLongestWait(5);
+    xfer::DownloadJob::Impl job(support::requestFor(server.url(answers.path()), path, knownSize), policy, environment,
+                                options.values());
     const xfer::DownloadSnapshot end = support::run(job);
     promise(xfer::isFinal(end.state), "the job ends");
     promise((end.state == xfer::JobState::Failed) == (end.errorCode != 0), "only a failure has a code");
@@ -349,9 +357,11 @@ World& world() {
 void meetsAnyBytes(std::uint8_t first, std::string_view text) {
   if (mayRedirect(text)) return;
   world().answers.set(AnyBytes(text));
-  const bool known = (first & 1) != 0;
-  const auto numThreads = static_cast<std::uint16_t>(1 + (first >> 1) % 3);
-  const auto end = world().download(known ? kKnownSize : 0, support::chunksOf(kSmallChunk, numThreads));
+  Bits bits(first);
+  const bool known = bits.take(2) != 0;
+  const auto numThreads = static_cast<std::uint16_t>(1 + bits.take(3));
+  const bool adaptive = bits.take(2) != 0;
+  const auto end = world().download(known ? kKnownSize : 0, support::chunksOf(kSmallChunk, numThreads), adaptive);
   if (end.state != xfer::JobState::Completed || !known) return;
   promise(support::fileSize(world().path).value_or(kKnownSize + 1) <= kKnownSize,
           "the file is not longer than it is known to be");
@@ -363,6 +373,7 @@ void meetsTwoVersions(std::uint8_t first, std::string_view script) {
   const bool isKnown = bits.take(2) != 0;
   const auto numThreads = static_cast<std::uint16_t>(1 + 3 * bits.take(2));
   const bool smaller = bits.take(2) != 0;
+  const bool adaptive = bits.take(2) != 0;
   std::uint64_t known = 0;
   if (isKnown) {
     // Exact, too small or too large.
@@ -371,7 +382,7 @@ void meetsTwoVersions(std::uint8_t first, std::string_view script) {
   }
   script.remove_prefix(std::min<std::size_t>(1, script.size()));
   world().answers.set(TwoVersions(telling, smaller, isKnown, script));
-  const auto end = world().download(known, support::chunksOf(kChunk, numThreads));
+  const auto end = world().download(known, support::chunksOf(kChunk, numThreads), adaptive);
   if (end.state != xfer::JobState::Completed) return;
   const auto content = support::readFile(world().path);
   promise(content && world().answers.isRight(*content, known), "a complete file is one version of it");

@@ -156,7 +156,7 @@ void runJob(const char* proxy, std::uint64_t knownSize) {
   request.cookie = kCookie;
   request.headers = kHeaders;
   request.proxy = proxyRecord(proxy);
-  DownloadJob job(request, {});
+  DownloadJob job(request, {}, support::planUnderTest());
   EXPECT_EQ(support::run(job).state, JobState::Completed);
 }
 
@@ -173,7 +173,8 @@ std::vector<Entry> allEntries() {
        [](const char* proxy) { EXPECT_EQ(xfer::probeRemoteFile(kUrl, proxyRecord(proxy), kCookie, 10).size, 10U); },
        false});
   entries.push_back({"DownloadJob_ofKnownSize", [](const char* proxy) { runJob(proxy, 10); }});
-  entries.push_back({"DownloadJob_ofUnknownSize", [](const char* proxy) { runJob(proxy, 0); }, true, 2});
+  entries.push_back({"DownloadJob_ofUnknownSize", [](const char* proxy) { runJob(proxy, 0); }, true,
+                     support::adaptivePlan() ? 1U : 2U});
   return entries;
 }
 
@@ -623,7 +624,7 @@ TEST(Policy, defaultsAreThoseOfTheInterface) {
 std::vector<std::uint64_t> rangesOf(const DownloadPolicy& policy) {
   const ScriptedServer server(patternFile(16'000));
   const TempDir folder;
-  DownloadJob job(requestFor(server.url("/f"), folder.file("out"), 16'000), policy);
+  DownloadJob job(requestFor(server.url("/f"), folder.file("out"), 16'000), policy, support::planUnderTest());
   EXPECT_EQ(support::run(job).state, JobState::Completed);
   std::vector<std::uint64_t> starts;
   for (const ReceivedRequest& request : server.requests()) starts.push_back(request.range->first);
@@ -646,7 +647,7 @@ TEST(Policy, numThreadsAreTheTransfersAtOnce) {
   const TempDir folder;
   DownloadPolicy policy = support::chunksOf(1000, 4);
   const support::RecordingLogger log;
-  DownloadJob job(requestFor(server.url("/f"), folder.file("out"), 9000), policy);
+  DownloadJob job(requestFor(server.url("/f"), folder.file("out"), 9000), policy, support::planUnderTest());
   job.start();
   ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 4; }));
   EXPECT_EQ(server.maxConcurrentRequests(), 4U);
@@ -676,7 +677,8 @@ TEST_P(PolicyTimeOuts, endsATransferLongBeforeTheDefaultsDo) {
   GetParam().set(policy);
   const std::string url = server.url("/f");
   DownloadJob job(
-      requestFor(GetParam().overTls ? "https" + url.substr(4) : url, folder.file("out"), GetParam().knownSize), policy);
+      requestFor(GetParam().overTls ? "https" + url.substr(4) : url, folder.file("out"), GetParam().knownSize), policy,
+      support::planUnderTest());
   const auto begin = steady_clock::now();
   job.start();
   EXPECT_TRUE(log.waitFor("err=" + std::to_string(kTimedOut), kLongBeforeTheDefaults));

@@ -141,7 +141,8 @@ TEST(ClientHello, ofAJobOffersItsSuitesAndHttp2WhenThePolicySaysSo) {
     const support::TempDir folder;
     xfer::DownloadPolicy policy;
     policy.useHttp2 = http2;
-    xfer::DownloadJob job(support::requestFor(listener.url(), folder.file("out"), 1000), policy);
+    xfer::DownloadJob job(support::requestFor(listener.url(), folder.file("out"), 1000), policy,
+                          support::planUnderTest());
     job.start();
     const Hello hello = listener.hear();
     expectSuitesAndVersions(hello);

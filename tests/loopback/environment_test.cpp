@@ -33,7 +33,7 @@ xfer::Request get(const std::string& url, const net::Proxy& proxy) {
 xfer::DownloadSnapshot download(const std::string& url, const net::Proxy& proxy, const std::string& path) {
   xfer::DownloadRequest request = support::requestFor(url, path);
   request.proxy = proxy;
-  xfer::DownloadJob job(request, support::chunksOf(500, 2));
+  xfer::DownloadJob job(request, support::chunksOf(500, 2), support::planUnderTest());
   return support::run(job);
 }
 
@@ -46,6 +46,15 @@ class Environment : public testing::Test {
     }
   }
 
+  // A fetch, a question for the size, and the job's.
+  static void expectRequests(const ScriptedServer& server) {
+    if (support::adaptivePlan()) {
+      EXPECT_GE(server.requests().size(), 4U);
+    } else {
+      EXPECT_EQ(server.requests().size(), 5U);
+    }
+  }
+
   const support::TempDir folder_;
   const ScriptedServer server_{patternFile(1000)};
   const ScriptedServer other_{[](const support::ReceivedRequest&) { return support::status(502, "not meant for me"); }};
@@ -55,7 +64,7 @@ TEST_F(Environment, transferWithoutAProxyIsDirect) {
   EXPECT_EQ(xfer::fetch(get(server_.url("/file"), {})).body, support::patternBytes(0, 1000));
   EXPECT_EQ(xfer::getContentLength(server_.url("/file"), {}, ""), 1000);
   EXPECT_EQ(download(server_.url("/file"), {}, folder_.file("out")).state, xfer::JobState::Completed);
-  EXPECT_EQ(server_.requests().size(), 5U);
+  expectRequests(server_);
   EXPECT_TRUE(other_.requests().empty());
 }
 
@@ -67,7 +76,7 @@ TEST_F(Environment, transferWithAProxyUsesItForEveryHost) {
   EXPECT_EQ(xfer::fetch(get(server_.url("/file"), proxy)).body, support::patternBytes(0, 1000));
   EXPECT_EQ(xfer::getContentLength(server_.url("/file"), proxy, ""), 1000);
   EXPECT_EQ(download(server_.url("/file"), proxy, folder_.file("out")).state, xfer::JobState::Completed);
-  EXPECT_EQ(named.requests().size(), 5U);
+  expectRequests(named);
   EXPECT_EQ(named.requests().front().target, server_.url("/file"));
   EXPECT_TRUE(server_.requests().empty());
   EXPECT_TRUE(other_.requests().empty());

@@ -16,6 +16,7 @@
 #include "support/census.h"
 #include "support/log_line.h"
 #include "support/pattern.h"
+#include "support/plan_under_test.h"
 #include "support/recording_logger.h"
 #include "support/scripted_server.h"
 #include "support/temp_dir.h"
@@ -735,7 +736,7 @@ TEST_P(EachAllocation, ofAJobIsThrownByItsConstructionOrFailsIt) {
   policy.numThreads = 2;
   policy.rampChunks = false;
   policy.maxChunkSize = kSmallBody / 2;
-  const xfer::DownloadOptions options = xfer::DownloadOptions().setSpeedLimiter(xfer::SpeedLimiter());
+  const xfer::DownloadOptions options = support::planUnderTest().setSpeedLimiter(xfer::SpeedLimiter());
   std::unique_ptr<xfer::DownloadJob> job;
   failEach(
       [&] {
@@ -764,10 +765,10 @@ TEST_P(EachAllocation, isNoneOfAJobThatIsAskedOrTold) {
   request.url = server.url("/file");
   request.path = folder.file("out");
   request.knownSize = kSmallBody;
-  xfer::DownloadJob job(request, xfer::DownloadPolicy());
+  xfer::DownloadJob job(request, xfer::DownloadPolicy(), support::planUnderTest());
   xfer::SpeedLimiter limiter(5);
   job.start();
-  ASSERT_TRUE(server.waitForRequests(1));
+  ASSERT_TRUE(support::waitUntil([&] { return job.snapshot().bytesDone == 1; }));
   {
     const FailingAllocation failing(1, GetParam());
     job.setSpeedLimit(1'000);

@@ -92,7 +92,7 @@ TEST(FarRanges, jobAsksForThemAndWritesThemAtTheirOffsets) {
   policy.initialChunkSize = k32Bits - 7;
   policy.maxChunkSize = 1000;
   {
-    xfer::DownloadJob job(requestFor(server.url("/f"), path, kTotal), policy);
+    xfer::DownloadJob job(requestFor(server.url("/f"), path, kTotal), policy, support::planUnderTest());
     job.start();
     EXPECT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 10 + 2507; }));
     EXPECT_EQ(job.snapshot().totalBytes, kTotal);
@@ -104,6 +104,34 @@ TEST(FarRanges, jobAsksForThemAndWritesThemAtTheirOffsets) {
   EXPECT_EQ(support::fileSize(path), kTotal);
   EXPECT_EQ(support::readAt(path, 0, 11), patternBytes(0, 10) + '\0');
   EXPECT_EQ(support::readAt(path, k32Bits - 8, 2508), '\0' + patternBytes(k32Bits - 7, kTotal));
+}
+
+// As above: the first range begins and never goes on, and what others take of it does so too.
+TEST(FarRanges, jobWhoseRangesMoveAsksForThemAndWritesThemAtTheirOffsets) {
+  constexpr std::uint64_t kFar = k32Bits - 7;
+  constexpr std::uint64_t kTotal = k32Bits + 2500;
+  const ScriptedServer server([](const ReceivedRequest& request) {
+    if (request.range->first < kFar) return range206(request, kTotal, {.bodyBytes = 10}).stall();
+    return range206(request, kTotal);
+  });
+  const support::TempDir folder;
+  const std::string path = folder.file("out");
+  DownloadPolicy policy;
+  policy.numThreads = 2;
+  policy.initialChunkSize = kFar;
+  {
+    xfer::DownloadJob job(requestFor(server.url("/f"), path, kTotal), policy,
+                          xfer::DownloadOptions().setPlan(xfer::DownloadPlan::Adaptive));
+    job.start();
+    EXPECT_TRUE(waitUntil([&] { return job.snapshot().bytesDone >= 10 + 2507; }));
+    EXPECT_EQ(job.snapshot().totalBytes, kTotal);
+  }
+  const std::vector<std::string> texts = rangeTexts(server);
+  EXPECT_EQ(std::count(texts.begin(), texts.end(), "bytes=0-4294967288"), 1);
+  EXPECT_EQ(std::count(texts.begin(), texts.end(), "bytes=4294967289-4294969795"), 1);
+  EXPECT_EQ(support::fileSize(path), kTotal);
+  EXPECT_EQ(support::readAt(path, 0, 10), patternBytes(0, 10));
+  EXPECT_EQ(support::readAt(path, kFar, 2507), patternBytes(kFar, kTotal));
 }
 
 // ---- Sizes ----

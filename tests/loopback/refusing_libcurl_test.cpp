@@ -420,7 +420,8 @@ TEST_F(RefusingLibcurl, aLoopThatMeetsAnExceptionEndsItsTransfersAndRefusesLater
 
 TEST_F(RefusingLibcurl, withoutAHandleAJobFailsWithMinus1) {
   g_easyRefusals = 1;
-  DownloadJob job(support::requestFor(url, folder.file("out"), kSize), support::chunksOf(kSize, 1));
+  DownloadJob job(support::requestFor(url, folder.file("out"), kSize), support::chunksOf(kSize, 1),
+                  support::planUnderTest());
   const DownloadSnapshot end = support::run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, kNoHandle);
@@ -431,7 +432,7 @@ TEST_F(RefusingLibcurl, withoutAHandleAJobFailsWithMinus1) {
 
 TEST_F(RefusingLibcurl, withoutAHandleForItsProbeAJobFailsWithMinus1) {
   g_easyRefusals = 1;
-  DownloadJob job(support::requestFor(url, folder.file("out")), support::chunksOf(kSize, 1));
+  DownloadJob job(support::requestFor(url, folder.file("out")), support::chunksOf(kSize, 1), support::planUnderTest());
   const DownloadSnapshot end = support::run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, kNoHandle);
@@ -441,12 +442,15 @@ TEST_F(RefusingLibcurl, withoutAHandleForItsProbeAJobFailsWithMinus1) {
 
 TEST_F(RefusingLibcurl, withoutAMultiHandleAJobFailsWithTheCodeOfARefusedTransfer) {
   g_multiRefusals = 1;
-  DownloadJob job(support::requestFor(url, folder.file("out"), kSize), support::chunksOf(kSize, 1));
+  DownloadJob job(support::requestFor(url, folder.file("out"), kSize), support::chunksOf(kSize, 1),
+                  support::planUnderTest());
   const DownloadSnapshot end = support::run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, kCancelled);
   EXPECT_EQ(end.httpStatus, 0);
-  expectFailures({failure(kBackend, "curl_multi_init failed"), failure(kJob, "fatal | range=0 | err=42 | http=0")});
+  const char* const fatal =
+      support::adaptivePlan() ? "fatal | no transfer can run any more | err=42" : "fatal | range=0 | err=42 | http=0";
+  expectFailures({failure(kBackend, "curl_multi_init failed"), failure(kJob, fatal)});
 }
 
 }  // namespace

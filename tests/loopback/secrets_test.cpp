@@ -150,11 +150,16 @@ TEST_F(Secrets, redirectsOfAProbeAndOfEachRangeLoseThem) {
   xfer::DownloadRequest request = support::requestFor(server.url("/go/0"), folder_.file("out"));
   request.cookie = kBoth.cookie;
   request.headers = kBoth.lines;
-  xfer::DownloadJob job(request, support::chunksOf(250, 2));
+  xfer::DownloadJob job(request, support::chunksOf(250, 2), support::planUnderTest());
   EXPECT_EQ(support::run(job).state, xfer::JobState::Completed);
   EXPECT_EQ(support::patternError(folder_.file("out"), 1000), "");
-  ASSERT_EQ(server.requests().size(), 5U);
-  ASSERT_EQ(other.requests().size(), 5U);
+  if (support::adaptivePlan()) {
+    ASSERT_GE(server.requests().size(), 2U);
+    ASSERT_EQ(other.requests().size(), server.requests().size());
+  } else {
+    ASSERT_EQ(server.requests().size(), 5U);
+    ASSERT_EQ(other.requests().size(), 5U);
+  }
   for (const ReceivedRequest& asked : server.requests()) EXPECT_EQ(secretsOf(asked), "session=1|Bearer x");
   for (const ReceivedRequest& asked : other.requests()) {
     EXPECT_EQ(secretsOf(asked), "-|-");
@@ -172,7 +177,7 @@ TEST_F(Secrets, rangeThatIsTriedAgainAfterARedirectHasThemAgain) {
   request.cookie = kBoth.cookie;
   request.headers = kBoth.lines;
   xfer::DownloadPolicy policy;
-  xfer::DownloadJob job(request, policy);
+  xfer::DownloadJob job(request, policy, support::planUnderTest());
   EXPECT_EQ(support::run(job).state, xfer::JobState::Completed);
   EXPECT_EQ(seen(server), "/go/0 session=1|Bearer x\n/go/0 session=1|Bearer x\n");
   EXPECT_EQ(seen(other), "/file -|-\n/file -|-\n");

@@ -36,7 +36,8 @@ TEST_P(JobSpeedLimit, isHeldFromTheStartOn) {
   const support::TempDir folder;
   xfer::DownloadPolicy policy = support::chunksOf(2 * limit.enough, limit.connections);
   policy.maxDownloadSpeed = limit.bytesPerSec;
-  xfer::DownloadJob job(support::requestFor(server.url("/f"), folder.file("out"), size), policy);
+  xfer::DownloadJob job(support::requestFor(server.url("/f"), folder.file("out"), size), policy,
+                        support::planUnderTest());
   const auto begin = steady_clock::now();
   job.start();
   EXPECT_TRUE(support::waitUntil([&] { return job.snapshot().bytesDone >= limit.enough; }));

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "support/pattern.h"
+#include "support/plan_under_test.h"
 #include "support/real_servers.h"
 #include "support/temp_dir.h"
 #include "support/wait_until.h"
@@ -46,7 +47,7 @@ class ChangedFile : public testing::TestWithParam<RealServer> {
     xfer::DownloadRequest request;
     request.url = servers_.url(GetParam(), "/" + name_);
     request.path = out_;
-    xfer::DownloadJob job(request, policy);
+    xfer::DownloadJob job(request, policy, support::planUnderTest());
     support::writePatternFile(served_ + ".new", size, seed);
     job.start();
     waitForAPart(job);
@@ -93,7 +94,7 @@ TEST_P(SameFile, inItsPlaceWithTheSameTimeChangesNothing) {
   xfer::DownloadRequest request;
   request.url = servers_.url(GetParam(), "/" + name_);
   request.path = out_;
-  xfer::DownloadJob job(request, policy);
+  xfer::DownloadJob job(request, policy, support::planUnderTest());
   job.start();
   waitForAPart(job);
   std::filesystem::rename(support::toPath(served_ + ".new"), support::toPath(served_));

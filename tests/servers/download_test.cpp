@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/pattern.h"
+#include "support/plan_under_test.h"
 #include "support/real_servers.h"
 #include "support/temp_dir.h"
 #include "transfer_support.h"
@@ -65,7 +66,7 @@ TEST_P(EachServer, fileOfKnownSizeArrivesWholeWithoutAnyQuestionFirst) {
                          .headers = {},
                          .proxy = {},
                          .knownSize = RealServers::kBigFileBytes},
-                        manyRanges(GetParam()));
+                        manyRanges(GetParam()), support::planUnderTest());
   job.start();
   job.wait();
   expectWhole(job.snapshot(), path, RealServers::kBigFileBytes);
@@ -78,7 +79,7 @@ TEST_P(EachServer, pausesAndResumesDoNotDisturbTheFile) {
   xfer::DownloadRequest request;
   request.url = servers_.url(GetParam(), "/16m.bin");
   request.path = path;
-  xfer::DownloadJob job(request, policy);
+  xfer::DownloadJob job(request, policy, support::planUnderTest());
   job.start();
   std::uint64_t nextPause = 1;
   int pauses = 0;

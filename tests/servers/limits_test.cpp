@@ -10,6 +10,7 @@
 
 #include "curl_multi_backend.h"
 #include "support/pattern.h"
+#include "support/plan_under_test.h"
 #include "support/real_servers.h"
 #include "support/temp_dir.h"
 #include "support/wait_until.h"
@@ -37,7 +38,7 @@ TEST_P(Limits, speedOverTenSecondsIsWithinATenthOfTheLimit) {
   xfer::DownloadRequest request;
   request.url = servers_.url(GetParam(), "/16m.bin");
   request.path = folder_.file("out");
-  xfer::DownloadJob job(request, policy);
+  xfer::DownloadJob job(request, policy, support::planUnderTest());
   job.start();
   ASSERT_TRUE(support::waitUntil([&] { return job.snapshot().bytesDone > 0; }));
   const auto begin = steady_clock::now();

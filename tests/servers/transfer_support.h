@@ -7,6 +7,7 @@
 #include <string>
 
 #include "support/pattern.h"
+#include "support/plan_under_test.h"
 #include "support/real_servers.h"
 #include "xfer/xfer.hpp"
 
@@ -28,7 +29,7 @@ inline xfer::DownloadSnapshot download(const std::string& url, const std::string
   request.url = url;
   request.path = path;
   request.proxy = proxy;
-  xfer::DownloadJob job(request, policy);
+  xfer::DownloadJob job(request, policy, support::planUnderTest());
   job.start();
   job.wait();
   return job.snapshot();

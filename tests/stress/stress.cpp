@@ -1,5 +1,6 @@
-// xfer_stress [--seconds N] [--seed S]: requests and downloads of every kind, from many threads, against servers that
-// serve, redirect, refuse, close, reset and stall, while jobs are paused, resumed, cancelled, moved and destroyed.
+// xfer_stress [--seconds N] [--seed S] [--plan stated|adaptive]: requests and downloads of every kind, from many
+// threads, against servers that serve, redirect, refuse, close, reset and stall, while jobs are paused, resumed,
+// cancelled, moved and destroyed.
 //
 // Every operation has to end, with a result that its server can have caused; what was received whole has to be the
 // pattern; and in the end no thread and no descriptor may be left.  An operation that takes longer than a minute (times
@@ -25,6 +26,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -369,6 +371,7 @@ struct World {
   Outcomes& outcomes;
   const std::atomic<bool>& over;
   const std::string folder;
+  const bool adaptive;
   std::atomic<std::int64_t> liveJobs{0};
 };
 
@@ -489,7 +492,7 @@ class JobWorker {
     request.proxy = target.proxy;
     if (random_.oneIn(4)) request.headers.emplace_back("X-Extra: line");
     if (random_.oneIn(3)) request.knownSize = target.size;
-    std::optional<DownloadJob> job(std::in_place, request, policyFor(target));
+    std::optional<DownloadJob> job(std::in_place, request, policyFor(target), optionsFor(target));
     watched_.begins("job on " + target.url);
     job->start();
 
@@ -514,7 +517,7 @@ class JobWorker {
       case 3: {
         random_.rest(20);
         request.path += ".other";
-        DownloadJob other(request, {});
+        DownloadJob other(request, {}, optionsFor(target));
         endTimed("assign", target, [&] { *job = std::move(other); });
         world_.outcomes.count("job-replaced");
         break;
@@ -547,6 +550,19 @@ class JobWorker {
     policy.connectTimeoutSec = 3;
     policy.probeTimeoutSec = target.fate == Target::Fate::Good ? 60 : 2;
     return policy;
+  }
+
+  [[nodiscard]] xfer::DownloadOptions optionsFor(const Target& target) const {
+    xfer::DownloadOptions options;
+    if (!world_.adaptive) return options;
+    options.setPlan(xfer::DownloadPlan::Adaptive);
+    if (target.fate != Target::Fate::Good) options.setMaxTries(3);
+    return options;
+  }
+
+  // An adaptive plan keeps what comes before a server stalls, and so may have it all in the end.
+  [[nodiscard]] bool mayComplete(const Target& target) const {
+    return target.fate != Target::Fate::Bad || (world_.adaptive && target.name == "stall");
   }
 
   enum class Disturbed { No, Paused, Ended };
@@ -594,7 +610,7 @@ class JobWorker {
     switch (snapshot.state) {
       case JobState::Completed:
         world_.outcomes.count("job-completed");
-        if (target.fate == Target::Fate::Bad) world_.outcomes.wrong("job: " + seen);
+        if (!mayComplete(target)) world_.outcomes.wrong("job: " + seen);
         if (const std::string error = support::patternError(path_, target.size, target.seed); !error.empty()) {
           world_.outcomes.wrong("job: " + seen + ": " + error);
         }
@@ -724,12 +740,18 @@ class HostWorker {
 struct Options {
   std::uint64_t seconds = 20;
   std::uint64_t seed = std::random_device()();
+  bool adaptive = false;  // the jobs' plan
 };
 
 std::optional<Options> parse(int argc, char** argv) {
   Options options;
   for (int i = 1; i < argc; i += 2) {
     const std::string name = argv[i];
+    const std::string_view text = i + 1 < argc ? argv[i + 1] : "";
+    if (name == "--plan" && (text == "stated" || text == "adaptive")) {
+      options.adaptive = text == "adaptive";
+      continue;
+    }
     char* end = nullptr;
     const std::uint64_t value = i + 1 < argc ? std::strtoull(argv[i + 1], &end, 10) : 0;
     if (end == nullptr || end == argv[i + 1] || *end != '\0') return std::nullopt;
@@ -759,7 +781,7 @@ void runWorkers(const Options& options, Outcomes& outcomes) {
   const Targets targets(server, unused);
   if (!targets.knowRealServers()) std::printf("XFER_TEST_SERVERS is not set: no TLS, no HTTP/2\n");
   std::atomic<bool> over{false};
-  World world{targets, outcomes, over, folder.path()};
+  World world{targets, outcomes, over, folder.path(), options.adaptive};
   Watchdog watchdog(kFetchThreads + kJobThreads + kHostThreads);
 
   std::vector<std::thread> threads;
@@ -788,7 +810,7 @@ void runWorkers(const Options& options, Outcomes& outcomes) {
 int main(int argc, char** argv) {
   const std::optional<Options> options = parse(argc, argv);
   if (!options) {
-    std::fprintf(stderr, "usage: xfer_stress [--seconds N] [--seed S]\n");
+    std::fprintf(stderr, "usage: xfer_stress [--seconds N] [--seed S] [--plan stated|adaptive]\n");
     return 2;
   }
   useThreadsAndSockets();

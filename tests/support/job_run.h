@@ -1,6 +1,7 @@
 // What tests of whole downloads have in common.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <iostream>
 #include <map>
@@ -10,7 +11,9 @@
 #include <utility>
 
 #include "job_state.h"
+#include "support/plan_under_test.h"
 #include "support/recording_logger.h"
+#include "support/scripted_server.h"
 #include "support/wait_until.h"
 #include "xfer/download_job.h"
 
@@ -44,6 +47,16 @@ inline xfer::DownloadPolicy chunksOf(std::uint64_t bytes, std::uint16_t numThrea
   policy.rampChunks = false;
   policy.initialChunkSize = policy.maxChunkSize = bytes;
   return policy;
+}
+
+/// The range that was asked for, of a file of total bytes, once the gate is open.
+inline Reply rangeAfter(const Gate& goOn, const ReceivedRequest& request, std::uint64_t total) {
+  const std::uint64_t first = request.range->first;
+  const std::uint64_t end = std::min(request.range->last.value_or(total - 1) + 1, total);
+  return Reply()
+      .waitFor(goOn)
+      .send("HTTP/1.1 206 Partial Content\r\nContent-Length: " + std::to_string(end - first) + "\r\n\r\n")
+      .sendPattern(first, end);
 }
 
 /// What was logged, for whoever looks into a failure.

@@ -38,7 +38,7 @@ bool wantsClose(const ReceivedRequest& request) {
 
 class ScriptedServer::Impl {
  public:
-  explicit Impl(Handler handler);
+  Impl(Handler handler, std::uint16_t port);
 
   void stop();
 
@@ -332,9 +332,9 @@ class ScriptedServer::Impl::Connection : public std::enable_shared_from_this<Con
   bool inLastBusyStep_ = false;
 };
 
-ScriptedServer::Impl::Impl(Handler handler)
+ScriptedServer::Impl::Impl(Handler handler, std::uint16_t port)
     : handler_(std::make_shared<const Handler>(std::move(handler))),
-      acceptor_(io_, tcp::endpoint(asio::ip::address_v4::loopback(), 0), /*reuse_addr=*/false) {
+      acceptor_(io_, tcp::endpoint(asio::ip::address_v4::loopback(), port), /*reuse_addr=*/port != 0) {
   port_ = acceptor_.local_endpoint().port();
   accept();
   acceptThread_ = std::thread([this] { io_.run(); });
@@ -404,7 +404,8 @@ void ScriptedServer::Impl::connectionEnded() {
   --open_;
 }
 
-ScriptedServer::ScriptedServer(Handler handler) : impl_(std::make_unique<Impl>(std::move(handler))) {}
+ScriptedServer::ScriptedServer(Handler handler, std::uint16_t port)
+    : impl_(std::make_unique<Impl>(std::move(handler), port)) {}
 
 ScriptedServer::~ScriptedServer() {
   stop();

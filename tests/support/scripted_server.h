@@ -29,8 +29,8 @@ namespace support {
 
 class ScriptedServer {
  public:
-  /// Listens when it returns.
-  explicit ScriptedServer(Handler handler);
+  /// Listens when it returns.  port: 0, or one that nobody listens on; another server made with it may follow.
+  explicit ScriptedServer(Handler handler, std::uint16_t port = 0);
 
   /// Stops.
   ~ScriptedServer();

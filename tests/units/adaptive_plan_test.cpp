@@ -43,6 +43,7 @@ namespace {
 
 using PieceId = AdaptivePlan::PieceId;
 using Kind = AdaptivePlan::FollowUp::Kind;
+using Reason = AdaptivePlan::Orders::Close::Reason;
 
 constexpr std::uint64_t kKiB = 1024;
 constexpr std::uint64_t kMiB = 1024 * kKiB;
@@ -180,7 +181,7 @@ class Caller {
 
   AdaptivePlan plan;
   std::map<PieceId, Flight> flights;
-  std::map<PieceId, std::string> closes;
+  std::map<PieceId, Reason> closes;
   std::vector<AdaptivePlan::Orders::Cut> cuts;
   std::uint64_t now = kSecond;
   double rate = 1e6;
@@ -344,7 +345,7 @@ TEST(AdaptivePlan, silentPieceIsClosedWhileOthersReceive) {
   EXPECT_TRUE(caller.closes.empty());
   caller.pass(150 * kMillisecond);
   ASSERT_EQ(caller.closes.count(silent), 1U);
-  EXPECT_EQ(caller.closes[silent], "silent");
+  EXPECT_EQ(caller.closes[silent], Reason::Silent);
   EXPECT_EQ(caller.plan.counters().replaced, 1U);
   const auto pieces = caller.refill();
   ASSERT_EQ(pieces.size(), 1U);
@@ -427,7 +428,7 @@ TEST(AdaptivePlan, unansweredPieceThatIsClosedLowersTheConnections) {
     if (id != mute && !flight.answered) caller.answer(id);
   }
   caller.pass(kSecond);
-  EXPECT_EQ(caller.closes[mute], "silent");
+  EXPECT_EQ(caller.closes[mute], Reason::Silent);
   EXPECT_EQ(caller.plan.limit(), 3U);
   EXPECT_EQ(caller.plan.terms().connections, 3U);
 }
@@ -458,7 +459,7 @@ TEST(AdaptivePlan, farSlowerConnectionsAreReplacedTwiceEachAtMost) {
     caller.refill();
     caller.answerAll();
   }
-  for (const auto& [id, reason] : caller.closes) slow += reason == "slow" ? 1 : 0;
+  for (const auto& [id, reason] : caller.closes) slow += reason == Reason::Slow ? 1 : 0;
   EXPECT_EQ(slow, 8U);
 }
 
@@ -515,7 +516,7 @@ TEST_F(LastPiece, isFetchedASecondTimeAndTheFirstToBeCompleteWins) {
   caller.plan.complete(copy->id, caller.now);
   EXPECT_TRUE(caller.plan.allDone());
   caller.turn();
-  EXPECT_EQ(caller.closes[original], "copied");
+  EXPECT_EQ(caller.closes[original], Reason::Overtaken);
   EXPECT_EQ(caller.plan.counters().duplicateBytes, shared);
 }
 

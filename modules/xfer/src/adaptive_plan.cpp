@@ -211,7 +211,7 @@ bool AdaptivePlan::partDone(PieceId piece, std::uint64_t reached, std::uint64_t 
     return false;
   }
   const Flight& flight = flights_[index];
-  if (!flight.paidBack) pace_.paidBack();
+  if (!flight.paidBack && smallAnswers_ == 0) pace_.paidBack();
   pace_.delivered(nowNs);
   keepConnection(flight);
   takeOff(index, std::clamp(reached, flight.range.start, flight.range.end));
@@ -392,7 +392,10 @@ std::optional<RangePlan::Piece> AdaptivePlan::next(std::uint64_t nowNs) {
   }
   if (!firstAnswered_) {
     if (!flights_.empty()) return std::nullopt;
-    if (!size_) return launch({0, settings_.firstPiece}, nowNs);
+    if (!size_) {
+      missing_.clear();  // what an earlier try of the first piece lacks
+      return launch({0, settings_.firstPiece}, nowNs);
+    }
     if (missing_.empty()) return std::nullopt;
     const ByteRange run = missing_.front();
     const ByteRange first{run.start, run.start + std::min(run.length(), settings_.firstPiece)};
@@ -434,7 +437,7 @@ RangePlan::Orders AdaptivePlan::turn(const LoopTurn& turn, bool paused) {
   lastTurnNs_ = turn.nowNs;
   measure(elapsed, std::min(turn.sleptNs, elapsed), paused, turn.nowNs);
   for (const Loser& loser : losers_) {
-    orders.closes.push_back({loser.id, "copied"});
+    orders.closes.push_back({loser.id, Orders::Close::Reason::Overtaken});
     settleLoser(loser);
   }
   losers_.clear();
@@ -523,7 +526,7 @@ void AdaptivePlan::judge(Orders& orders, std::uint64_t elapsedNs, std::uint64_t 
       continue;
     }
     const Flight closed = flight;
-    orders.closes.push_back({closed.id, silent ? "silent" : "slow"});
+    orders.closes.push_back({closed.id, silent ? Orders::Close::Reason::Silent : Orders::Close::Reason::Slow});
     takeOff(index, closed.position);
     ++freshOwed_;
     ++counters_.replaced;

@@ -350,6 +350,21 @@ void CurlMultiBackend::onTurn(std::function<void(const LoopTurn&)> callback) {
     newTurnCallback_ = std::move(callback);
   }
   wake();
+  if (!running_) reportLastTurn();
+}
+
+void CurlMultiBackend::reportLastTurn() {
+  std::function<void(const LoopTurn&)> callback;
+  {
+    const sys::MutexLock lock(mutex_);
+    if (newTurnCallback_) turnCallback_ = std::exchange(newTurnCallback_, nullptr);
+    callback = std::exchange(turnCallback_, nullptr);
+  }
+  if (!callback) return;
+  LoopTurn turn;
+  turn.nowNs = steadyNs();
+  turn.last = true;
+  callback(turn);
 }
 
 // ---- Loop thread ----
@@ -370,6 +385,7 @@ void CurlMultiBackend::eventLoop() {
     running_ = false;
     cancelWhere(taken_, [](const Transfer&) { return true; });
     cancelEverything();
+    reportLastTurn();
   }
   XFER_LOG(log::kTrace, "eventLoop | stopped");
   sys::releaseThreadState();

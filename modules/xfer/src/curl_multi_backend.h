@@ -101,6 +101,7 @@ class CurlMultiBackend final : public ITransferBackend {
   [[nodiscard]] bool releasePiece(Transfers::iterator position);
   void applyHolds(Transfers::iterator position);
   void reportTurn();
+  void reportLastTurn();
   void poll(int timeoutMs);
 
   // Constant after construction.

@@ -369,6 +369,11 @@ void DownloadJob::Impl::startMoving() {
 }
 
 void DownloadJob::Impl::onTurn(LoopTurn turn) {
+  // Without turns nothing is submitted that could fail.
+  if (turn.last) {
+    XFER_LOG(log::kFailure, "fatal | no transfer can run any more | err=" << CURLE_ABORTED_BY_CALLBACK);
+    return post([](JobCore& core) { return core.fail(CURLE_ABORTED_BY_CALLBACK, 0); });
+  }
   turn.nowNs = environment_.nowNs();
   post([&](JobCore& core) { return core.turned(turn); });
   if (environment_.hosts != nullptr) exchangeTerms();

@@ -146,7 +146,8 @@ JobActions JobCore::fileOpened() noexcept {
 
 void JobCore::plan(const DownloadPolicy& policy) {
   planPolicy_ = policy;
-  planSize_ = totalBytes_;
+  // An adaptive plan learns it from the first answer, which may say that there is less.
+  planSize_ = adaptive_ ? 0 : totalBytes_;
   plan_ = makePlan();
 }
 
@@ -213,6 +214,8 @@ JobCore::FlightPtr JobCore::nextRange() {
   flight->freshConnection = piece->freshConnection;
   // The rest of a file whose size was unknown when it was planned.
   if (flight->asked.end == 0 && flight->asked.start != 0) flight->asked.end = extent_.size().value_or(0);
+  // The first one of an adaptive plan.
+  if (hostGaveSize_) flight->asked.end = std::min(flight->asked.end, totalBytes_);
   return flight;
 }
 
@@ -312,13 +315,19 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
   }
   version_.accept(validator);
   noteHostsSize();
-  if (!whole && planSize_ != 0 && !extent_.holdsBytes() && extent_.size() != planSize_) {
+  if (!whole && planSize_ != 0 && !extent_.holdsBytes() && sizeToPlan() != planSize_) {
     replan(*flight, actions);
     return putBack(*flight);
   }
   if (moving_ != nullptr) {
     if (!whole && !extent_.size() && !unsized_) {
       planWithoutSize();
+      return putBack(*flight);
+    }
+    if (!whole && extent_.size() && unsized_) {
+      // Ranges can be asked for after all.
+      unsized_ = false;
+      replan(*flight, actions);
       return putBack(*flight);
     }
     learnSize(*flight, whole, actions);
@@ -364,7 +373,7 @@ void JobCore::learnSize(Flight& flight, bool whole, JobActions& actions) {
   }
   if (!whole && !unsized_) {
     if (planSize_ == 0) {
-      planSize_ = *extent_.size();
+      planSize_ = sizeToPlan();
       moving_->setSize(planSize_);
     }
     flight.asked.end = std::min(flight.asked.end, planSize_);
@@ -429,8 +438,16 @@ void JobCore::replan(const Flight& flight, JobActions& actions) {
   supersedeOthers(flight, actions);
   ++generation_;
   retries_.clear();
-  planSize_ = totalBytes_ = *extent_.size();
+  planSize_ = sizeToPlan();
+  totalBytes_ = *extent_.size();
   plan_ = makePlan();
+}
+
+// The stated plan's ranges behind the file's end are answered with their absence; those of an adaptive plan would go
+// there again and again.
+std::uint64_t JobCore::sizeToPlan() const {
+  const std::uint64_t size = extent_.size().value_or(0);
+  return moving_ != nullptr ? std::min(size, extent_.confirmed().value_or(size)) : size;
 }
 
 // What was said of the size so far is of no use, and nothing was fetched by it that counts.
@@ -482,6 +499,15 @@ void JobCore::reportPositions() {
   }
 }
 
+void JobCore::noteGivenUp(const Flight& flight, const RangePlan::Orders::Close& close, std::uint64_t reached) {
+  const char* const reason = close.reason == RangePlan::Orders::Close::Reason::Silent ? "silent" : "slow";
+  XFER_LOG(log::kRecovery, "turn | connection given up | reason=" << reason << " | range=" << flight.asked.start
+                                                                  << " | at=" << reached
+                                                                  << " | end=" << flight.asked.end);
+  if (givenUp_.size() == kMostGivenUp) givenUp_.erase(givenUp_.begin());
+  givenUp_.push_back({reason, flight.asked.start, reached, flight.asked.end});
+}
+
 JobActions JobCore::turned(const LoopTurn& turn) {
   JobActions actions;
   if (moving_ == nullptr || ending() || finalizing_ || finalized_) return actions;
@@ -499,11 +525,7 @@ JobActions JobCore::turned(const LoopTurn& turn) {
   for (const auto& close : orders.closes) {
     Flight& flight = *flightOf(close.piece);
     const std::uint64_t reached = keep(flight);
-    XFER_LOG(log::kRecovery, "turn | connection given up | reason=" << close.reason << " | range=" << flight.asked.start
-                                                                    << " | at=" << reached
-                                                                    << " | end=" << flight.asked.end);
-    if (givenUp_.size() == kMostGivenUp) givenUp_.erase(givenUp_.begin());
-    givenUp_.push_back({close.reason, flight.asked.start, reached, flight.asked.end});
+    if (close.reason != RangePlan::Orders::Close::Reason::Overtaken) noteGivenUp(flight, close, reached);
     flight.piece.reset();
     flight.superseded = flight.toCancel = true;
     actions.cancelSuperseded = true;
@@ -599,6 +621,8 @@ void JobCore::continueRange(Flight& flight, std::uint64_t reached, const Transfe
 void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobActions& actions) {
   const bool allDone = plan_->allDone();
   if (allDone) endCopies(flight, actions);
+  // An adaptive plan did not ask beyond.
+  if (allDone && moving_ != nullptr && extent_.confirmed()) extent_.endAt(*extent_.confirmed());
   if (extent_.hasHole() || (allDone && !extent_.complete())) {
     XFER_LOG(log::kFailure,
              "onTransferDone | bytes are missing | from=" << std::min(extent_.firstMissing(), extent_.end().value_or(0))

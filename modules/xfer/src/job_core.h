@@ -237,6 +237,7 @@ class JobCore {
 
   [[nodiscard]] std::unique_ptr<RangePlan> makePlan();
   void reportPositions();
+  void noteGivenUp(const Flight& flight, const RangePlan::Orders::Close& close, std::uint64_t reached);
   [[nodiscard]] FlightPtr flightOf(RangePlan::PieceId piece) const;
   FlightPtr addFlight();
   FlightPtr nextRange();
@@ -244,6 +245,7 @@ class JobCore {
 
   void learnSize(Flight& flight, bool whole, JobActions& actions);
   void planWithoutSize();
+  [[nodiscard]] std::uint64_t sizeToPlan() const;
   std::uint64_t keep(Flight& flight);
   void addSample(Flight& flight);
   void interrupt(Flight& flight, JobActions& actions);

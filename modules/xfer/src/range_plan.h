@@ -55,8 +55,13 @@ class RangePlan {
       std::uint64_t end = 0;  ///< where the piece ends now: behind what it has delivered, before its end so far
     };
     struct Close {
+      enum class Reason {
+        Silent,
+        Slow,
+        Overtaken  ///< another piece has brought the same bytes
+      };
       PieceId piece = 0;
-      const char* reason = "";  ///< for the log
+      Reason reason = Reason::Silent;
     };
     std::vector<Cut> cuts{};
     std::vector<Close> closes{};  ///< the plan knows these no more; what they have not delivered is missing again

@@ -39,6 +39,7 @@ struct LoopTurn {
   std::uint64_t nowNs = 0;    ///< monotonic
   std::uint64_t sinceNs = 0;  ///< the time since the turn before
   std::uint64_t sleptNs = 0;  ///< of which the loop waited for the network, and was not busy
+  bool last = false;          ///< the loop cannot go on: nothing that is submitted from now on will run
 };
 
 /// Takes each piece of a successful response's body: its file offset, its bytes (valid only during the call) and their
@@ -98,7 +99,8 @@ class ITransferBackend {
   virtual void cut(Ticket ticket, std::uint64_t end) = 0;
 
   /// Calls back on the loop thread at the end of each of its turns, at least every 20 ms, after the data and done
-  /// callbacks of the turn.  Set before the first submit.
+  /// callbacks of the turn.  Set before the first submit; a loop that does not run at all says so at once, on the
+  /// calling thread.
   virtual void onTurn(std::function<void(const LoopTurn&)> callback) = 0;
 
   /// Ends every transfer with 42 and joins the loop thread; transfers that the loop has not taken over yet get no done

@@ -70,7 +70,7 @@ TEST(FailingWrite, endsTheJobFailedAndStopsItsOtherTransfers) {
     if (first == 0) return Reply().send(head).sendPattern(0, 1000).stall();
     return Reply().waitFor(limited).send(head).sendPattern(first, first + kChunk);
   });
-  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 3));
+  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 3), support::planUnderTest());
   job.start();
   ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 1000; }));
   ASSERT_TRUE(server.waitForRequests(3));
@@ -96,12 +96,15 @@ TEST(FailingWrite, ofTheVeryLastBytesIsNoSuccess) {
   Gate limited;
   ScriptedServer server([limited](const ReceivedRequest& request) {
     return Reply()
-        .waitFor(limited)
         .send("HTTP/1.1 206 Partial Content\r\nContent-Length: 4096\r\n\r\n")
-        .sendPattern(request.range->first, request.range->first + 4096);
+        .sendPattern(request.range->first, request.range->first + 1)
+        .waitFor(limited)
+        .sendPattern(request.range->first + 1, request.range->first + 4096);
   });
-  DownloadJob job(requestFor(server.url("/file"), folder.file("out.bin"), 4096), chunksOf(4096, 1));
+  DownloadJob job(requestFor(server.url("/file"), folder.file("out.bin"), 4096), chunksOf(4096, 1),
+                  support::planUnderTest());
   job.start();
+  ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 1; })) << "the file is open";
   const FileSizeLimit limit(4000);
   limited.open();
   const DownloadSnapshot end = waitForEnd(job);

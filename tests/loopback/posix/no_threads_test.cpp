@@ -155,7 +155,7 @@ TEST_F(NoThreads, aJobThatCannotAskForTheSizeSaysSoAndCanBeStartedLater) {
   xfer::DownloadRequest request;
   request.url = server_.url("/file");
   request.path = folder.file("job");
-  xfer::DownloadJob job(request, {});
+  xfer::DownloadJob job(request, {}, support::planUnderTest());
   {
     const RefusedThreads refused;
     try {
@@ -177,7 +177,7 @@ TEST_F(NoThreads, aJobThatCannotTransferFailsInItsStart) {
   request.url = server_.url("/file");
   request.path = folder.file("job");
   request.knownSize = kSize;
-  xfer::DownloadJob job(request, {});
+  xfer::DownloadJob job(request, {}, support::planUnderTest());
   {
     const RefusedThreads refused;
     EXPECT_NO_THROW(job.start());

@@ -81,15 +81,16 @@ class SlowLookup : public testing::Test {
 
 TEST_F(SlowLookup, ofTheProbeDoesNotHoldADestructionUp) {
   auto job = std::make_unique<xfer::DownloadJob>(support::requestFor("http://host.slow/file", folder_.file("out")),
-                                                 xfer::DownloadPolicy());
+                                                 xfer::DownloadPolicy(), support::planUnderTest());
   job->start();
   ASSERT_TRUE(oneIsHeld());
   expectPrompt([&] { job.reset(); });
 }
 
 TEST_F(SlowLookup, ofARangeDoesNotHoldADestructionUp) {
-  auto job = std::make_unique<xfer::DownloadJob>(
-      support::requestFor("http://host.slow/file", folder_.file("out"), kSize), xfer::DownloadPolicy());
+  auto job =
+      std::make_unique<xfer::DownloadJob>(support::requestFor("http://host.slow/file", folder_.file("out"), kSize),
+                                          xfer::DownloadPolicy(), support::planUnderTest());
   job->start();
   ASSERT_TRUE(oneIsHeld());
   expectPrompt([&] { job.reset(); });
@@ -97,7 +98,7 @@ TEST_F(SlowLookup, ofARangeDoesNotHoldADestructionUp) {
 
 TEST_F(SlowLookup, doesNotHoldACancelUp) {
   xfer::DownloadJob job(support::requestFor("http://host.slow/file", folder_.file("out"), kSize),
-                        xfer::DownloadPolicy());
+                        xfer::DownloadPolicy(), support::planUnderTest());
   job.start();
   ASSERT_TRUE(oneIsHeld());
   expectPrompt([&] {

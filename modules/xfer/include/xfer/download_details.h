@@ -26,7 +26,7 @@ struct RangeDetails {
 
 /// A connection that was closed before its range was complete, since it held the download up.
 struct GivenUpConnection {
-  const char* reason = "";     ///< "silent", "slow" or "copied"; static text
+  const char* reason = "";     ///< "silent" or "slow"; static text
   std::uint64_t start = 0;     ///< of its range
   std::uint64_t position = 0;  ///< where others went on
   std::uint64_t end = 0;

@@ -1,0 +1,46 @@
+// Which plan the download jobs of a test program go by: its tests are registered once for each plan that they are for
+// (tests/CMakeLists.txt), and the environment variable XFER_TEST_PLAN says which one this run is.
+//
+// Threads: any.
+// Errors:  a plan that does not exist ends the program: nothing would be tested.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <string_view>
+
+#include "xfer/download_options.h"
+
+namespace support {
+
+/// "stated", also when the variable is not set, or "adaptive".
+inline bool adaptivePlan() {
+  static const bool adaptive = [] {
+    const char* const value = std::getenv("XFER_TEST_PLAN");
+    const std::string_view plan = value != nullptr ? value : "stated";
+    if (plan != "stated" && plan != "adaptive") {
+      std::cerr << "XFER_TEST_PLAN is \"" << plan << "\": it may be stated or adaptive\n";
+      std::abort();
+    }
+    return plan == "adaptive";
+  }();
+  return adaptive;
+}
+
+/// Options of a job that goes by that plan.
+inline xfer::DownloadOptions planUnderTest() {
+  xfer::DownloadOptions options;
+  if (adaptivePlan()) options.setPlan(xfer::DownloadPlan::Adaptive);
+  return options;
+}
+
+/// As planUnderTest, for a server that never gets better: an adaptive plan ends the job after so many tries in a row
+/// that bring nothing.  The stated plan has its own number of them.
+inline xfer::DownloadOptions planOfTries(std::uint32_t tries) {
+  xfer::DownloadOptions options = planUnderTest();
+  if (adaptivePlan()) options.setMaxTries(tries);
+  return options;
+}
+
+}  // namespace support
