@@ -95,7 +95,7 @@ TEST_F(DownloadJobLoopback, unknownSizeIsProbedAndTheFileIsRight) {
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(end.errorCode, 0);
-  EXPECT_EQ(end.bytesDone, kSize);
+  EXPECT_EQ(support::bytesAmiss(end.bytesDone, kSize), 0U);
   EXPECT_EQ(end.totalBytes, kSize);
   EXPECT_EQ(end.percent, 100.0F);
   EXPECT_EQ(patternError(path, kSize), "");
@@ -117,7 +117,7 @@ TEST_F(DownloadJobLoopback, knownSizeNeedsNoProbe) {
   EXPECT_EQ(patternError(path, kSize), "");
   if (adaptivePlan()) {
     EXPECT_EQ(server.requests().at(0).range, (support::RequestedRange{0, kChunk - 1}));
-    EXPECT_EQ(job.snapshot().bytesDone, kSize) << "nothing is fetched twice";
+    EXPECT_EQ(support::bytesAmiss(job.snapshot().bytesDone, kSize), 0U) << "nothing is fetched twice";
   } else {
     EXPECT_EQ(server.requests().size(), 11U);
   }
@@ -150,7 +150,7 @@ TEST_F(DownloadJobLoopback, unknownLengthIsOneOpenTransfer) {
   DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest());
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
-  EXPECT_EQ(end.bytesDone, kSize);
+  EXPECT_EQ(support::bytesAmiss(end.bytesDone, kSize), 0U);
   EXPECT_EQ(end.totalBytes, 0U);
   EXPECT_EQ(end.percent, 0.0F);
   EXPECT_EQ(patternError(path, kSize), "");
@@ -301,7 +301,7 @@ TEST_F(DownloadJobLoopback, bodyThatBreaksOffIsFetchedAgain) {
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
   if (adaptivePlan()) {
-    EXPECT_EQ(end.bytesDone, kSize) << "what came before the break is kept";
+    EXPECT_EQ(support::bytesAmiss(end.bytesDone, kSize), 0U) << "what came before the break is kept";
     EXPECT_EQ(server.requests().at(1).range->first, 1000U) << "and the rest is asked for";
     EXPECT_EQ(logError(log, recovery(kJob, "try again | range=# | err=18 | http=206"), 2), "");
     return;
@@ -321,7 +321,7 @@ TEST_F(DownloadJobLoopback, shortBodyWithoutALengthIsFetchedAgain) {
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
   if (adaptivePlan()) {
-    EXPECT_EQ(job.snapshot().bytesDone, kSize);
+    EXPECT_EQ(support::bytesAmiss(job.snapshot().bytesDone, kSize), 0U);
     EXPECT_EQ(server.requests().at(1).range->first, 5U) << "what came is kept";
     return;
   }
@@ -342,7 +342,7 @@ TEST_F(DownloadJobLoopback, serverThatSendsLessOfEveryRangeThanAskedIsAskedForTh
   DownloadJob job(requestFor(server.url("/file"), path, size), chunksOf(kChunk, 2), support::planUnderTest());
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
-  EXPECT_EQ(end.bytesDone, size);
+  EXPECT_EQ(support::bytesAmiss(end.bytesDone, size), 0U);
   EXPECT_EQ(patternError(path, size), "");
   if (adaptivePlan()) {
     EXPECT_GE(server.requests().size(), 6U);
@@ -359,7 +359,7 @@ TEST_F(DownloadJobLoopback, fileShorterThanAnnouncedIsCutToWhatArrived) {
   DownloadJob job(requestFor(server.url("/file"), path, 3 * kChunk), chunksOf(kChunk, 2), support::planUnderTest());
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
-  EXPECT_EQ(end.bytesDone, real);
+  EXPECT_EQ(support::bytesAmiss(end.bytesDone, real), 0U);
   EXPECT_EQ(patternError(path, real), "");
   const std::string text =
       "finalize adjusted | metadata=" + std::to_string(3 * kChunk) + " | actual=" + std::to_string(real);
@@ -387,7 +387,7 @@ TEST_F(DownloadJobLoopback, pausedJobTakesNothingAndResumedOneCompletes) {
   job.resume();
   const DownloadSnapshot end = waitForEnd(job);
   EXPECT_EQ(end.state, JobState::Completed);
-  EXPECT_EQ(end.bytesDone, size) << "nothing is fetched twice";
+  EXPECT_EQ(support::bytesAmiss(end.bytesDone, size), 0U) << "nothing is fetched twice";
   EXPECT_EQ(patternError(path, size), "");
   if (!adaptivePlan()) {
     EXPECT_EQ(server.requests().size(), 2U);

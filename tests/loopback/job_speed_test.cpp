@@ -38,7 +38,7 @@ class JobSpeed : public testing::Test {
 
   void expectWhole(const DownloadJob& job, const std::string& name, std::uint64_t size) const {
     EXPECT_EQ(support::waitForEnd(job).state, JobState::Completed);
-    EXPECT_EQ(job.snapshot().bytesDone, size);
+    EXPECT_EQ(support::bytesAmiss(job.snapshot().bytesDone, size), 0U);
     EXPECT_EQ(support::patternError(folder_.file(name), size), "");
   }
 
@@ -173,7 +173,12 @@ TEST_F(JobSpeed, transfersThatAreHeldAreNotTakenForSlow) {
   job.setSpeedLimit(6'000);
   job.start();
   expectWhole(job, "out", 16'000);
-  EXPECT_EQ(server.requests().size(), 8U) << "none was given up";
+  if (support::adaptivePlan()) {
+    EXPECT_EQ(job.details().givenUpCount(), 0U);
+    EXPECT_EQ(job.details().retries(), 0U);
+  } else {
+    EXPECT_EQ(server.requests().size(), 8U) << "none was given up";
+  }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 // Errors:  a plan that does not exist ends the program: nothing would be tested.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
@@ -41,6 +42,13 @@ inline xfer::DownloadOptions planOfTries(std::uint32_t tries) {
   xfer::DownloadOptions options = planUnderTest();
   if (adaptivePlan()) options.setMaxTries(tries);
   return options;
+}
+
+/// By how many bytes the download of a whole file counted more or less than it may: 0 is right.  An adaptive plan may
+/// fetch the end of a file twice, up to 256 KiB or a hundredth of it.
+inline std::uint64_t bytesAmiss(std::uint64_t counted, std::uint64_t size) {
+  const std::uint64_t most = size + (adaptivePlan() ? std::max<std::uint64_t>(256 * 1024, size / 100) : 0);
+  return counted < size ? size - counted : counted - std::min(counted, most);
 }
 
 }  // namespace support
