@@ -731,6 +731,13 @@ TEST_P(ReplacedFile, completesWhenOnlyItsValidatorChanged) {
     const ScriptedServer server(replacedWith(telling, 0));
     const auto job = jobOf(server);
     expectWhole(*job);
+    if (adaptivePlan()) {
+      // Ranges may move meanwhile, which is said too.
+      EXPECT_EQ(log.count("onHead | validator changed, a sample will tell"), 1U);
+      EXPECT_EQ(log.count("onTransferDone | samples are equal, going on"), 1U);
+      log.clear();
+      continue;
+    }
     EXPECT_EQ(
         wholeLogError(recordsUpTo(log, 4),
                       {support::recovery(support::kJob, "onHead | validator changed, a sample will tell | range=#"),

