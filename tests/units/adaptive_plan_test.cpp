@@ -520,6 +520,19 @@ TEST_F(LastPiece, isFetchedASecondTimeAndTheFirstToBeCompleteWins) {
   EXPECT_EQ(caller.plan.counters().duplicateBytes, shared);
 }
 
+TEST_F(LastPiece, isNeitherCopiedNorCutWhileASpeedLimitHoldsIt) {
+  caller.throttled = true;
+  for (int turns = 0; turns < 200; ++turns) {
+    EXPECT_TRUE(caller.turn().cuts.empty());
+    EXPECT_TRUE(caller.refill().empty());
+  }
+  // A piece that has just passed says nothing.
+  caller.throttled = false;
+  EXPECT_TRUE(caller.turn().cuts.empty());
+  EXPECT_TRUE(caller.refill().empty());
+  EXPECT_TRUE(awaitCopy()) << "a second later the limit is not what holds it up";
+}
+
 TEST_F(LastPiece, ownsItsBytesWhenTheCopyFails) {
   const auto copy = awaitCopy();
   ASSERT_TRUE(copy);

@@ -32,6 +32,8 @@ constexpr double kMeasuredSec = 0.05;
 constexpr double kLeastPatienceSec = 0.3;
 constexpr double kBurstSec = 0.05;  // a longer gap counts as one between bursts
 
+constexpr std::uint64_t kLimitedForNs = 1000 * kMillisecond;  // after a speed limit held a piece
+
 constexpr double kSlowShare = 0.25;
 constexpr std::uint64_t kSlowForNs = 700 * kMillisecond;
 constexpr double kSlowMeasuredSec = 0.4;
@@ -450,7 +452,9 @@ RangePlan::Orders AdaptivePlan::turn(const LoopTurn& turn, bool paused) {
   for (const Flight& flight : flights_) sum += flight.answered ? rateOf(flight) : 0;
   pace_.turn(flights_.size(), sum, turn.nowNs);
   const bool due = changed_ || turn.nowNs >= lookAgainNs_;
-  if (due && turn.nowNs >= pace_.notBeforeNs() && missing_.empty() && idle() > 0 && !flights_.empty()) {
+  // Where a speed limit is what holds pieces up, nothing is gained by moving them.
+  const bool limited = limitedNs_ != 0 && turn.nowNs < limitedNs_ + kLimitedForNs;
+  if (due && !limited && turn.nowNs >= pace_.notBeforeNs() && missing_.empty() && idle() > 0 && !flights_.empty()) {
     changed_ = false;
     lookAgainNs_ = turn.nowNs + kLookAgainNs;
     steal(orders);
@@ -468,6 +472,7 @@ void AdaptivePlan::measure(std::uint64_t elapsedNs, std::uint64_t sleptNs, bool 
   const double keepSlow = std::exp(-elapsed / kSlowWindowSec);
   const double keepQuick = std::exp(-elapsed / kQuickWindowSec);
   for (Flight& flight : flights_) {
+    if (flight.throttled) limitedNs_ = nowNs;
     const std::uint64_t bytes = flight.position - flight.measuredTo;
     flight.measuredTo = flight.position;
     if (bytes > 0) {

@@ -238,6 +238,7 @@ class AdaptivePlan final : public RangePlan {
   std::uint64_t lookAgainNs_ = 0;
 
   std::uint64_t lastTurnNs_ = 0;
+  std::uint64_t limitedNs_ = 0;  // when a speed limit held a piece last; 0: never
   std::uint64_t pausedNs_ = 0;
   std::uint64_t loopNs_ = 0;   // of the window in which the loop is watched
   std::uint64_t sleptNs_ = 0;  // in that window
