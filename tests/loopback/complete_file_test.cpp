@@ -617,7 +617,7 @@ TEST_P(CompleteFile, smallAnswersForEverFailTheJobAfterFourTries) {
   expectFailed(*job, kPartial, 206);
   if (adaptivePlan()) {
     EXPECT_GE(asked.of(0), 40U) << "a byte is a 16384th of what makes up for a try, and nothing of the last one's";
-    EXPECT_EQ(log.count("try again"), 3U);
+    EXPECT_GE(log.count("try again"), 3U) << "those that go out together count as one";
     return;
   }
   EXPECT_EQ(asked.of(0), 40U);
