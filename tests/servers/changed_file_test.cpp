@@ -57,6 +57,14 @@ class ChangedFile : public testing::TestWithParam<RealServer> {
     return job.snapshot();
   }
 
+  void expectNoMixture(const xfer::DownloadSnapshot& snapshot) const {
+    // All ranges of an adaptive plan may be on their way by then, from the file as it was.
+    const bool asItWas = support::adaptivePlan() && snapshot.state == xfer::JobState::Completed;
+    if (asItWas) return servers_test::expectWhole(snapshot, out_, kSize);
+    EXPECT_EQ(snapshot.state, xfer::JobState::Failed);
+    EXPECT_EQ(snapshot.errorCode, kRangeError);
+  }
+
   const RealServers servers_;
   const support::TempDir folder_;
   const std::string name_ = std::filesystem::path(folder_.path()).filename().string() + ".bin";
@@ -66,20 +74,17 @@ class ChangedFile : public testing::TestWithParam<RealServer> {
 
 TEST_P(ChangedFile, failsTheJobWhenItsSizeStaysTheSame) {
   const xfer::DownloadSnapshot snapshot = downloadWhileReplacedBy(kSize, 7);
-  EXPECT_EQ(snapshot.state, xfer::JobState::Failed);
-  EXPECT_EQ(snapshot.errorCode, kRangeError);
+  expectNoMixture(snapshot);
 }
 
 TEST_P(ChangedFile, failsTheJobWhenItGrows) {
   const xfer::DownloadSnapshot snapshot = downloadWhileReplacedBy(kSize + 4096, 7);
-  EXPECT_EQ(snapshot.state, xfer::JobState::Failed);
-  EXPECT_EQ(snapshot.errorCode, kRangeError);
+  expectNoMixture(snapshot);
 }
 
 TEST_P(ChangedFile, failsTheJobWhenItShrinks) {
   const xfer::DownloadSnapshot snapshot = downloadWhileReplacedBy(kSize - 4096, 7);
-  EXPECT_EQ(snapshot.state, xfer::JobState::Failed);
-  EXPECT_EQ(snapshot.errorCode, kRangeError);
+  expectNoMixture(snapshot);
 }
 
 // Only with servers whose tag of a file does not depend on where it lies on the disk.

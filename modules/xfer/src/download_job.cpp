@@ -272,6 +272,9 @@ DownloadSnapshot DownloadJob::Impl::snapshot() const {
     snapshot.throttled = core_.throttled();
   }
   snapshot.bytesDone = bytesDone_;
+  // What an adaptive plan fetches twice is no progress.
+  const bool moves = options_.plan == DownloadPlan::Adaptive;
+  if (moves && snapshot.totalBytes != 0) snapshot.bytesDone = std::min(snapshot.bytesDone, snapshot.totalBytes);
   snapshot.bytesPerSec = bytesPerSec_;
   if (snapshot.totalBytes != 0) {
     snapshot.percent = static_cast<float>(snapshot.bytesDone) * 100.0F / static_cast<float>(snapshot.totalBytes);

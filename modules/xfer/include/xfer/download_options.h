@@ -27,6 +27,7 @@ enum class DownloadPlan : std::uint32_t {
   ///   - what a failed try delivered is kept, and tries are counted for the job: see setMaxTries;
   ///   - a busy server (429, 503, refused connections) is asked again when it wants to be (Retry-After), or after
   ///     growing random delays, over fewer connections; all jobs of the process go by what it asked for;
+  ///   - the snapshot's bytesDone never exceeds the size;
   ///   - policy.maxDownloadSpeed is the job's, however many connections deliver.
   /// The policy's initialChunkSize is the size of the first range; its other chunk sizes have no meaning.
   Adaptive = 1
