@@ -1,10 +1,14 @@
 #include "support/census.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
+
+#include "support/wait_until.h"
 
 namespace support {
 namespace {
@@ -20,7 +24,12 @@ std::size_t entriesOf(const char* folder) {
 
 std::size_t threadCount() {
   // ThreadSanitizer starts a thread of its own with the program's first one and keeps it: it is to be in every count.
-  static const bool started = (std::thread([] {}).join(), true);
+  static const bool started = [] {
+    std::string first;
+    std::thread([&] { first = "/proc/self/task/" + std::to_string(::gettid()); }).join();
+    // One that is joined may be listed a moment longer.
+    return waitUntil([&] { return !std::filesystem::exists(first); });
+  }();
   static_cast<void>(started);
   return entriesOf("/proc/self/task");
 }
