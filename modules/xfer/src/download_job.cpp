@@ -26,7 +26,7 @@ constexpr const char* kLogTag = "DlJob";
 constexpr std::uint64_t kSpeedWindowNs = 500'000'000;
 
 // Bytes, of an adaptive plan: many connections get by with smaller buffers.
-constexpr std::uint64_t kReceiveBuffers = 8 * 1024 * 1024;  // of all together
+constexpr std::uint64_t kReceiveBuffers = 8388608;  // of all together
 constexpr std::uint64_t kSmallestBuffer = 65536;
 constexpr std::uint64_t kLargestBuffer = 524288;
 
