@@ -16,7 +16,8 @@
 // nothing is left to do or limit() are in flight.  A piece is one request; one that ends at the end it was handed out
 // with leaves its connection open for the next piece, any other one does not.
 //
-// Time in which the job is paused, or a speed limit holds a transfer, is neither silence nor a low rate.
+// Time in which the job is paused, or a speed limit holds a transfer, is neither silence nor a low rate.  While a speed
+// limit is what holds pieces up, nothing is moved or copied.
 //
 // Threads: one at a time.
 // Errors:  std::bad_alloc.
