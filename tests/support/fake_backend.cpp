@@ -78,18 +78,18 @@ std::shared_ptr<FakeTransfers::Transfer> FakeTransfers::running(std::uint64_t ra
   throw std::logic_error("no transfer in flight for the range at " + std::to_string(rangeStart));
 }
 
-void FakeTransfers::end(Transfer& transfer, std::int32_t code, std::int32_t httpStatus, std::uint64_t bytes) {
+void FakeTransfers::end(Transfer& transfer, const xfer::TransferEnd& how) {
   {
     const sys::MutexLock lock(mutex_);
     transfer.ended = true;
   }
-  transfer.onDone(transfer.request.rangeStart, {code, httpStatus, bytes});
+  transfer.onDone(transfer.request.rangeStart, how);
 }
 
 xfer::Placement FakeTransfers::answer(std::uint64_t rangeStart, const xfer::ResponseHead& head) {
   const auto transfer = running(rangeStart);
   const xfer::Placement placement = transfer->request.onHead(head);
-  if (placement.action == xfer::Placement::Action::Stop) end(*transfer, placement.code, head.status, 0);
+  if (placement.action == xfer::Placement::Action::Stop) end(*transfer, {placement.code, head.status, 0});
   return placement;
 }
 
@@ -98,7 +98,11 @@ void FakeTransfers::deliver(std::uint64_t rangeStart, std::uint64_t offset, cons
 }
 
 void FakeTransfers::finish(std::uint64_t rangeStart, std::int32_t code, std::int32_t httpStatus, std::uint64_t bytes) {
-  end(*running(rangeStart), code, httpStatus, bytes);
+  finish(rangeStart, {code, httpStatus, bytes});
+}
+
+void FakeTransfers::finish(std::uint64_t rangeStart, const xfer::TransferEnd& how) {
+  end(*running(rangeStart), how);
 }
 
 void FakeTransfers::serve(std::uint64_t rangeStart) {
@@ -132,7 +136,7 @@ void FakeTransfers::stop() {
       if (!transfer->ended) ending.push_back(transfer);
     }
   }
-  for (const auto& transfer : ending) end(*transfer, CURLE_ABORTED_BY_CALLBACK, 0, 0);
+  for (const auto& transfer : ending) end(*transfer, {CURLE_ABORTED_BY_CALLBACK, 0, 0});
 }
 
 xfer::Ticket FakeBackend::submit(const xfer::TransferRequest& request, xfer::DataCallback onData,

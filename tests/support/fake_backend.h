@@ -72,6 +72,7 @@ class FakeTransfers {
 
   void deliver(std::uint64_t rangeStart, std::uint64_t offset, const std::string& bytes);
   void finish(std::uint64_t rangeStart, std::int32_t code, std::int32_t httpStatus, std::uint64_t bytes = 0);
+  void finish(std::uint64_t rangeStart, const xfer::TransferEnd& how);
 
   /// The whole range, of the pattern, as a 206.
   void serve(std::uint64_t rangeStart);
@@ -90,7 +91,7 @@ class FakeTransfers {
   };
 
   [[nodiscard]] std::shared_ptr<Transfer> running(std::uint64_t rangeStart) const;
-  void end(Transfer& transfer, std::int32_t code, std::int32_t httpStatus, std::uint64_t bytes);
+  void end(Transfer& transfer, const xfer::TransferEnd& how);
   void stop();
 
   mutable sys::Mutex mutex_;  // not held while calling back
