@@ -133,7 +133,8 @@ TEST_F(XferGetOnATerminal, beginsWithAnEmptyBarAndEndsWithAFullOne) {
   const std::string emptyBar = "\r[........";
   support::Gate drawn;
   server_.setHandler([drawn](const ReceivedRequest& request) {
-    if (request.range == support::RequestedRange{0, 0}) return support::range206(request, kSize);
+    // What a slow moment leaves of the first range is asked for apart.
+    if (request.range->first != 0) return support::range206(request, kSize);
     return support::Reply()
         .send("HTTP/1.1 206 Partial Content\r\nContent-Length: " + std::to_string(kSize) +
               "\r\nContent-Range: bytes 0-" + std::to_string(kSize - 1) + "/" + std::to_string(kSize) + "\r\n\r\n")
