@@ -260,8 +260,9 @@ class TwoVersions {
         char size[24];
         std::snprintf(size, sizeof size, "%llx\r\n", static_cast<unsigned long long>(length + (answer.breaks ? 1 : 0)));
         reply.send(head + "Transfer-Encoding: chunked\r\n\r\n");
-        if (length != 0) reply.send(size).sendPattern(answer.from, answer.to, {}, answer.version).send("\r\n");
-        reply.send(answer.breaks ? "" : "0\r\n\r\n");
+        if (length != 0) reply.send(size).sendPattern(answer.from, answer.to, {}, answer.version);
+        // Anything further would be the byte of the chunk that is missing.
+        if (!answer.breaks) reply.send(length != 0 ? "\r\n0\r\n\r\n" : "0\r\n\r\n");
         break;
       }
       case Framing::UntilClose:
