@@ -246,9 +246,12 @@ TEST_F(JobTrust, connectionsAreReusedFromFetchesToAJobAndBack) {
   fetchFifty();
   EXPECT_EQ(server.connectionsAccepted(), 1U);
   {
-    DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, 4), support::planUnderTest());
+    // Ranges that are cut while they run cost their connections; one connection is alone with its file.
+    const std::uint16_t most = adaptivePlan() ? 1 : 4;
+    DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, most),
+                    support::planUnderTest());
     EXPECT_EQ(run(job).state, JobState::Completed);
-    EXPECT_LE(server.connectionsAccepted(), 5U);
+    EXPECT_LE(server.connectionsAccepted(), 1U + most);
     EXPECT_EQ(support::bytesAmiss(job.snapshot().bytesDone, 16 * kChunk), 0U);
     if (!adaptivePlan()) {
       EXPECT_EQ(server.requests().size(), 66U);

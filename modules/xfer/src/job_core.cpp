@@ -525,7 +525,11 @@ JobActions JobCore::turned(const LoopTurn& turn) {
   for (const auto& close : orders.closes) {
     Flight& flight = *flightOf(close.piece);
     const std::uint64_t reached = keep(flight);
-    if (close.reason != RangePlan::Orders::Close::Reason::Overtaken) noteGivenUp(flight, close, reached);
+    if (close.reason == RangePlan::Orders::Close::Reason::Overtaken) {
+      XFER_LOG(log::kTrace, "turn | overtaken | range=" << flight.asked.start << " | at=" << reached);
+    } else {
+      noteGivenUp(flight, close, reached);
+    }
     flight.piece.reset();
     flight.superseded = flight.toCancel = true;
     actions.cancelSuperseded = true;
