@@ -171,6 +171,21 @@ TEST_F(AdaptiveJob, jobThatIsWholeDuringAPauseCompletesWhenItIsResumed) {
   EXPECT_EQ(support::patternError(path_, kSize), "");
 }
 
+// libcurl reads a status where the line has none that counts, and calls a transfer without a body a success.
+TEST_F(AdaptiveJob, endWithoutAnAcceptedAnswerIsATryThatBroughtNothing) {
+  Running run(request(), policy(1), adaptive().setMaxTries(2), &hosts_);
+  run.job.start();
+  run.turn(1);
+  run.world.transfers.finish(0, 0, 200, 0);
+  EXPECT_EQ(run.job.snapshot().state, JobState::Probing);
+  EXPECT_EQ(run.world.transfers.submissions().size(), 1U) << "not again at once";
+  run.turn(60'000);
+  ASSERT_EQ(run.world.transfers.submissions().size(), 2U);
+  run.world.transfers.finish(0, 0, 200, 0);
+  EXPECT_EQ(run.job.snapshot().state, JobState::Failed);
+  EXPECT_EQ(run.job.snapshot().errorCode, kPartialFile);
+}
+
 // ---- Options ----
 
 TEST_F(AdaptiveJob, optionsThatCannotWorkAreRefusedByName) {

@@ -558,6 +558,10 @@ void JobCore::settleDoubt(JobActions& actions) {
 
 void JobCore::succeeded(Flight& flight, const TransferEnd& end, JobActions& actions) {
   const std::uint64_t reached = flight.asked.start + end.bytes;
+  // An end without an answer that was accepted says nothing of the file, though libcurl is content.
+  if (moving_ != nullptr && !flight.answer) {
+    return retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+  }
   const bool whole = flight.answer && flight.answer->claim.kind == AnswerClaim::Kind::WholeFile;
   if (whole && !endWholeFile(flight, reached, end, actions)) return;
   if (flight.answer && !whole && end.bytes == 0) {
