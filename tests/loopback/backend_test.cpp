@@ -8,6 +8,7 @@
 #include <mutex>
 #include <thread>
 
+#include "support/brought.h"
 #include "support/gate.h"
 #include "support/log_line.h"
 #include "support/pattern.h"
@@ -39,53 +40,15 @@ CURLMcode __wrap_curl_multi_wakeup(CURLM* multi) {
 
 namespace {
 
-struct End {
-  std::uint64_t start = 0;
-  std::int32_t code = 0;
-  std::int32_t status = 0;
-  std::uint64_t bytes = 0;
-
-  bool operator==(const End&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& out, const End& end) {
-  return out << "{" << end.start << ", " << end.code << ", " << end.status << ", " << end.bytes << "}";
-}
-
-// Collects what a backend's transfers bring and how they end.
+// A backend and what its transfers brought.
 class Transfers {
  public:
   explicit Transfers(const DownloadPolicy& policy = {}) : backend_(std::make_unique<CurlMultiBackend>(policy)) {}
 
-  Ticket submit(const TransferRequest& request) {
-    return backend_->submit(
-        request,
-        [this](std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length) {
-          const std::lock_guard lock(mutex_);
-          wrong_ = wrong_ ||
-                   std::string(reinterpret_cast<const char*>(bytes), length) != patternBytes(offset, offset + length);
-          received_ += length;
-        },
-        [this](std::uint64_t start, const TransferEnd& end) {
-          const std::lock_guard lock(mutex_);
-          ends_.push_back({start, end.code, end.status, end.bytes});
-        });
-  }
+  Ticket submit(const TransferRequest& request) { return brought_.submitTo(*backend_, request); }
 
-  std::vector<End> ends(std::size_t count) {
-    EXPECT_TRUE(waitUntil([&] {
-      const std::lock_guard lock(mutex_);
-      return ends_.size() >= count;
-    }));
-    const std::lock_guard lock(mutex_);
-    return ends_;
-  }
-
-  std::uint64_t received() {
-    const std::lock_guard lock(mutex_);
-    EXPECT_FALSE(wrong_) << "bytes that do not belong where they were delivered";
-    return received_;
-  }
+  std::vector<End> ends(std::size_t count) { return brought_.ends(count); }
+  std::uint64_t received() { return brought_.received(); }
 
   // Pauses what is active, and returns when that is done.  The loop takes commands before the submissions that came
   // after them, so the end of a later transfer tells.
@@ -103,20 +66,9 @@ class Transfers {
   void destroyBackend() { backend_.reset(); }
 
  private:
-  std::mutex mutex_;
-  std::vector<End> ends_;
-  std::uint64_t received_ = 0;
-  bool wrong_ = false;
+  Brought brought_;
   std::unique_ptr<CurlMultiBackend> backend_;
 };
-
-TransferRequest range(const std::string& url, std::uint64_t start, std::uint64_t end) {
-  TransferRequest request;
-  request.url = url;
-  request.rangeStart = start;
-  request.rangeEnd = end;
-  return request;
-}
 
 DownloadPolicy threads(std::uint16_t count) {
   DownloadPolicy policy;
@@ -127,9 +79,9 @@ DownloadPolicy threads(std::uint16_t count) {
 TEST(Backend, asksForTheRangeInHttpsForm) {
   ScriptedServer server(patternFile(1000));
   Transfers transfers;
-  transfers.submit(range(server.url("/"), 0, 0));
-  transfers.submit(range(server.url("/"), 100, 0));
-  transfers.submit(range(server.url("/"), 0, 1));
+  transfers.submit(rangeOf(server.url("/"), 0, 0));
+  transfers.submit(rangeOf(server.url("/"), 100, 0));
+  transfers.submit(rangeOf(server.url("/"), 0, 1));
   EXPECT_EQ(transfers.ends(3), (std::vector<End>{{0, 0, 200, 1000}, {100, 0, 206, 900}, {0, 0, 206, 1}}));
   EXPECT_EQ(server.requests()[0].header("Range"), std::nullopt);
   EXPECT_EQ(server.requests()[1].header("Range"), "bytes=100-");
@@ -140,7 +92,7 @@ TEST(Backend, asksForTheRangeInHttpsForm) {
 TEST(Backend, callersUserAgentSuppressesOnlyTheDefaultOne) {
   ScriptedServer server(patternFile(10));
   Transfers transfers;
-  TransferRequest request = range(server.url("/"), 0, 10);
+  TransferRequest request = rangeOf(server.url("/"), 0, 10);
   request.headers = {"User-Agent: x"};
   request.cookie = "a=b";
   transfers.submit(request);
@@ -155,7 +107,7 @@ TEST(Backend, errorPageNeverReachesTheDataCallback) {
   ScriptedServer server([](const ReceivedRequest&) { return status(404, "gone"); });
   const RecordingLogger log;
   Transfers transfers;
-  transfers.submit(range(server.url("/"), 10, 20));
+  transfers.submit(rangeOf(server.url("/"), 10, 20));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 18, 404, 0}}));
   EXPECT_EQ(transfers.received(), 0U);
   EXPECT_EQ(logError(log, recovery(kBackend, "short transfer | range=10 | expected=10 | got=0")), "");
@@ -167,7 +119,7 @@ TEST(Backend, errorPageOfAnOpenRequestIsNoShortTransfer) {
   ScriptedServer server([](const ReceivedRequest&) { return status(500, std::string(10'000, 'x')); });
   const RecordingLogger log;
   Transfers transfers;
-  transfers.submit(range(server.url("/"), 10, 0));
+  transfers.submit(rangeOf(server.url("/"), 10, 0));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 0, 500, 0}}));
   EXPECT_EQ(wholeLogError(recordsUpTo(log, 4),
                           {failure(kBackend, "HTTP 500 response body (4096 bytes): " + std::string(4096, 'x'))}),
@@ -179,7 +131,7 @@ TEST(Backend, shortBodyThatWasAnnouncedIsAccepted) {
       [](const ReceivedRequest& request) { return range206(request, 1000, {.announced = 40, .bodyBytes = 40}); });
   const RecordingLogger log;
   Transfers transfers;
-  transfers.submit(range(server.url("/"), 100, 200));
+  transfers.submit(rangeOf(server.url("/"), 100, 200));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 0, 206, 40}}));
   const std::string text = "short transfer (metadata mismatch, accepting) | range=100 | metadata=100 | server=40";
   EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {recovery(kBackend, text)}), "");
@@ -192,7 +144,7 @@ TEST(Backend, shortBodyThatWasNotAnnouncedIsPartial) {
   });
   const RecordingLogger log;
   Transfers transfers;
-  transfers.submit(range(server.url("/"), 100, 200));
+  transfers.submit(rangeOf(server.url("/"), 100, 200));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 18, 206, 40}}));
   EXPECT_EQ(
       wholeLogError(recordsUpTo(log, 4), {recovery(kBackend, "short transfer | range=100 | expected=100 | got=40")}),
@@ -204,10 +156,10 @@ TEST(Backend, callbackThatThrowsIsLoggedAndTheLoopGoesOn) {
   ScriptedServer server(patternFile(10));
   const RecordingLogger log;
   Transfers transfers;
-  transfers.backend().submit(range(server.url("/"), 0, 5), {},
+  transfers.backend().submit(rangeOf(server.url("/"), 0, 5), {},
                              [](std::uint64_t, const TransferEnd&) { throw std::runtime_error("x"); });
   EXPECT_TRUE(log.waitFor("finishTransfer | done_cb threw"));
-  transfers.submit(range(server.url("/"), 5, 10));
+  transfers.submit(rangeOf(server.url("/"), 5, 10));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{5, 0, 206, 5}}));
   EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {failure(kBackend, "finishTransfer | done_cb threw")}), "");
 }
@@ -218,12 +170,12 @@ TEST(Backend, cancelAllEndsActiveWaitingAndQueuedOnesOnceAndLaterOnesRun) {
   });
   const RecordingLogger log;
   Transfers transfers(threads(2));
-  for (std::uint64_t i = 0; i < 5; ++i) transfers.submit(range(server.url("/stall"), i * 10, i * 10 + 10));
+  for (std::uint64_t i = 0; i < 5; ++i) transfers.submit(rangeOf(server.url("/stall"), i * 10, i * 10 + 10));
   ASSERT_TRUE(server.waitForRequests(2));
   EXPECT_EQ(transfers.backend().activeCount(), 2);
-  transfers.submit(range(server.url("/stall"), 50, 60));
+  transfers.submit(rangeOf(server.url("/stall"), 50, 60));
   transfers.backend().cancelAll();
-  transfers.submit(range(server.url("/good"), 60, 70));
+  transfers.submit(rangeOf(server.url("/good"), 60, 70));
   const auto ends = transfers.ends(7);
   ASSERT_EQ(ends.size(), 7U);
   EXPECT_EQ(std::count_if(ends.begin(), ends.end(), [](const End& end) { return end.code == 42 && end.bytes == 0; }),
@@ -237,8 +189,8 @@ TEST(Backend, cancelEndsTheTransferOfThatTicketOnly) {
   ScriptedServer server(
       [](const ReceivedRequest& request) { return range206(request, 1000, {.bodyBytes = 0}).stall(); });
   Transfers transfers(threads(2));
-  transfers.submit(range(server.url("/"), 0, 10));
-  const Ticket second = transfers.submit(range(server.url("/"), 10, 20));
+  transfers.submit(rangeOf(server.url("/"), 0, 10));
+  const Ticket second = transfers.submit(rangeOf(server.url("/"), 10, 20));
   ASSERT_TRUE(server.waitForRequests(2));
   transfers.backend().cancel(second);
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 42, 0, 0}}));
@@ -249,7 +201,7 @@ TEST(Backend, stopBehindACancelEndsEveryTransferExactlyOnce) {
   ScriptedServer server(
       [](const ReceivedRequest& request) { return range206(request, 1000, {.bodyBytes = 0}).stall(); });
   Transfers transfers(threads(2));
-  for (std::uint64_t i = 0; i < 4; ++i) transfers.submit(range(server.url("/"), i * 10, i * 10 + 10));
+  for (std::uint64_t i = 0; i < 4; ++i) transfers.submit(rangeOf(server.url("/"), i * 10, i * 10 + 10));
   ASSERT_TRUE(server.waitForRequests(2));
   transfers.backend().cancelAll();
   transfers.destroyBackend();
@@ -262,7 +214,7 @@ TEST(Backend, stopEndsActiveAndWaitingTransfers) {
   ScriptedServer server(
       [](const ReceivedRequest& request) { return range206(request, 1000, {.bodyBytes = 0}).stall(); });
   Transfers transfers(threads(2));
-  for (std::uint64_t i = 0; i < 3; ++i) transfers.submit(range(server.url("/"), i * 10, i * 10 + 10));
+  for (std::uint64_t i = 0; i < 3; ++i) transfers.submit(rangeOf(server.url("/"), i * 10, i * 10 + 10));
   ASSERT_TRUE(server.waitForRequests(2));
   transfers.backend().stop();
   const auto ends = transfers.ends(3);
@@ -276,12 +228,12 @@ TEST(Backend, submissionTakenTogetherWithAStopGetsNoDoneCallback) {
   Gate first;
   Gate goOn;
   std::atomic<int> others{0};
-  backend.submit(range(server.url("/"), 0, 10), {}, [&](std::uint64_t, const TransferEnd&) {
+  backend.submit(rangeOf(server.url("/"), 0, 10), {}, [&](std::uint64_t, const TransferEnd&) {
     first.open();
     EXPECT_TRUE(goOn.wait());  // the loop stands here
   });
   ASSERT_TRUE(first.wait());
-  backend.submit(range(server.url("/"), 3, 10), {}, [&](std::uint64_t, const TransferEnd&) { ++others; });
+  backend.submit(rangeOf(server.url("/"), 3, 10), {}, [&](std::uint64_t, const TransferEnd&) { ++others; });
   const int wakeups = g_wakeups;
   std::thread stopper([&] { backend.stop(); });
   EXPECT_TRUE(waitUntil([&] { return g_wakeups > wakeups; })) << "the stop is queued";
@@ -295,7 +247,7 @@ TEST(Backend, afterStopSubmissionsEndAtOnceWithoutAWord) {
   Transfers transfers;
   transfers.backend().stop();
   const RecordingLogger log;
-  transfers.submit(range("http://127.0.0.1/", 5, 10));
+  transfers.submit(rangeOf("http://127.0.0.1/", 5, 10));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{5, 42, 0, 0}}));
   EXPECT_EQ(wholeLogError(log.records(), {}), "");
 }
@@ -311,7 +263,7 @@ TEST(Backend, lifeOfItsLoopAndItsTransfersIsTraced) {
       policy.multiplex = !http2;
       Transfers transfers(policy);
       ASSERT_TRUE(log.waitFor("eventLoop | started"));
-      transfers.submit(range(url, 2, 10));
+      transfers.submit(rangeOf(url, 2, 10));
       transfers.ends(1);
     }
     EXPECT_EQ(
@@ -328,7 +280,7 @@ TEST(Backend, errorPageWithoutABodyIsNotLogged) {
   ScriptedServer server([](const ReceivedRequest&) { return status(404); });
   const RecordingLogger log;
   Transfers transfers;
-  transfers.submit(range(server.url("/"), 10, 0));
+  transfers.submit(rangeOf(server.url("/"), 10, 0));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{10, 0, 404, 0}}));
   EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {}), "");
 }
@@ -338,10 +290,10 @@ TEST(Backend, transfersWithoutADoneCallbackEndToo) {
   const RecordingLogger log;
   {
     CurlMultiBackend backend(threads(1));
-    backend.submit(range(server.url("/"), 0, 5), {}, {});
+    backend.submit(rangeOf(server.url("/"), 0, 5), {}, {});
     EXPECT_TRUE(log.waitFor("done | range=0 | err=0 | http=206 | bytes=5"));
     backend.stop();
-    backend.submit(range(server.url("/"), 5, 10), {}, {});
+    backend.submit(rangeOf(server.url("/"), 5, 10), {}, {});
   }
   EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {}), "");
 }
@@ -350,7 +302,7 @@ TEST(Backend, pauseWithNothingActiveHasNoEffectOnLaterTransfers) {
   ScriptedServer server(patternFile(10));
   Transfers transfers;
   transfers.backend().pause();
-  transfers.submit(range(server.url("/"), 0, 10));
+  transfers.submit(rangeOf(server.url("/"), 0, 10));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{0, 0, 206, 10}}));
 }
 
@@ -364,7 +316,7 @@ TEST(Backend, heldTransferGoesOnAfterResume) {
         .sendPattern(500, 1000);
   });
   Transfers transfers;
-  transfers.submit(range(server.url("/"), 0, 1000));
+  transfers.submit(rangeOf(server.url("/"), 0, 1000));
   ASSERT_TRUE(waitUntil([&] { return transfers.received() == 500; }));
   transfers.pauseNow();
   gate.open();
@@ -377,7 +329,7 @@ TEST(Backend, heldTransferGoesOnAfterResume) {
 TEST(Backend, throttleDoesNotLiftAPause) {
   ScriptedServer server(patternFile(1'000'000));
   Transfers transfers;
-  TransferRequest request = range(server.url("/"), 0, 200'000);
+  TransferRequest request = rangeOf(server.url("/"), 0, 200'000);
   request.maxRecvSpeed = 100'000;
   transfers.submit(request);
   ASSERT_TRUE(waitUntil([&] { return transfers.received() > 0; }));
@@ -395,7 +347,7 @@ TEST(Backend, fourTransfersOnALimitOfOneRunOneAfterAnother) {
     return range206(request, 1000, {.pace = {.bytesEach = 5, .rest = std::chrono::milliseconds(5)}});
   });
   Transfers transfers(threads(1));
-  for (std::uint64_t i = 0; i < 4; ++i) transfers.submit(range(server.url("/"), i * 10, i * 10 + 10));
+  for (std::uint64_t i = 0; i < 4; ++i) transfers.submit(rangeOf(server.url("/"), i * 10, i * 10 + 10));
   EXPECT_EQ(transfers.ends(4),
             (std::vector<End>{{0, 0, 206, 10}, {10, 0, 206, 10}, {20, 0, 206, 10}, {30, 0, 206, 10}}));
   EXPECT_EQ(server.maxConcurrentRequests(), 1U);
@@ -405,7 +357,7 @@ TEST(Backend, fourTransfersOnALimitOfOneRunOneAfterAnother) {
 TEST(Backend, headerThatHoldsALineBreakIsRefusedWithoutAConnection) {
   ScriptedServer server(patternFile(10));
   Transfers transfers;
-  TransferRequest request = range(server.url("/"), 3, 10);
+  TransferRequest request = rangeOf(server.url("/"), 3, 10);
   request.headers = {"X: a\nY: b"};
   transfers.submit(request);
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{3, 43, 0, 0}}));
@@ -415,7 +367,7 @@ TEST(Backend, headerThatHoldsALineBreakIsRefusedWithoutAConnection) {
 TEST(Backend, unreachableHostEndsWithLibcurlsCode) {
   const RecordingLogger log;
   Transfers transfers;
-  transfers.submit(range(UnusedPort().url("/"), 0, 10));
+  transfers.submit(rangeOf(UnusedPort().url("/"), 0, 10));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{0, 7, 0, 0}}));
   EXPECT_EQ(logError(log, trace(kBackend, "done | range=0 | err=7 | http=0 | bytes=0")), "");
   EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {}), "") << "a failed transfer is a trace here; the job judges it";
@@ -426,7 +378,7 @@ TEST(Backend, transferThatBreaksOffReportsItsStatusAndWhatItBrought) {
       [](const ReceivedRequest& request) { return range206(request, 1000, {.bodyBytes = 40}).close(); });
   const RecordingLogger log;
   Transfers transfers;
-  transfers.submit(range(server.url("/"), 100, 200));
+  transfers.submit(rangeOf(server.url("/"), 100, 200));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 18, 206, 40}}));
   EXPECT_EQ(logError(log, trace(kBackend, "done | range=100 | err=18 | http=206 | bytes=40")), "");
   EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {}), "") << "not short: libcurl says itself why it ended";
@@ -437,7 +389,7 @@ TEST(Backend, submissionIsLoggedWithItsUrlCutTo120Characters) {
   const RecordingLogger log;
   Transfers transfers;
   const std::string url = server.url("/" + std::string(200, 'u'));
-  TransferRequest request = range(url, 0, 10);
+  TransferRequest request = rangeOf(url, 0, 10);
   request.cookie = "abc";
   request.headers = {"A: b"};
   transfers.submit(request);
@@ -449,7 +401,7 @@ TEST(Backend, submissionIsLoggedWithItsUrlCutTo120Characters) {
 // ---- Placement ----
 
 TransferRequest placed(const std::string& url, Placement placement) {
-  TransferRequest request = range(url, 100, 200);
+  TransferRequest request = rangeOf(url, 100, 200);
   request.onHead = [placement](const ResponseHead&) { return placement; };
   return request;
 }
@@ -504,7 +456,7 @@ TEST(Placement, bodyThatIsCutOnResumeIsDeliveredUpToThere) {
   std::atomic<bool> held{false};
   std::atomic<int> looks{0};
   Transfers transfers;
-  TransferRequest request = range(server.url("/"), 0, kNeeded);
+  TransferRequest request = rangeOf(server.url("/"), 0, kNeeded);
   request.onHead = [&](const ResponseHead&) {
     held = true;
     looks = 0;
@@ -543,7 +495,7 @@ TEST(SpeedLimit, holdsOverSixteenSlowTransfers) {
   ScriptedServer server(patternFile(1'000'000));
   Transfers transfers(threads(16));
   for (std::uint64_t i = 0; i < 16; ++i) {
-    TransferRequest request = range(server.url("/"), i * 50'000, (i + 1) * 50'000);
+    TransferRequest request = rangeOf(server.url("/"), i * 50'000, (i + 1) * 50'000);
     request.maxRecvSpeed = 200'000 / 16;
     transfers.submit(request);
   }
@@ -560,7 +512,7 @@ TEST(BackendDeathTest, destructionFromACallbackEndsTheProcess) {
   EXPECT_DEATH(
       {
         auto* const backend = new CurlMultiBackend(DownloadPolicy{});
-        backend->submit(range(UnusedPort().url("/"), 0, 10), {},
+        backend->submit(rangeOf(UnusedPort().url("/"), 0, 10), {},
                         [&](std::uint64_t, const TransferEnd&) { delete backend; });
         std::this_thread::sleep_for(testTimeout());
       },

@@ -14,39 +14,15 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
-#include <optional>
-#include <ostream>
-#include <string>
 #include <utility>
 #include <vector>
 
 #include "curl_multi_backend.h"
+#include "support/brought.h"
 #include "support/gate.h"
-#include "support/pattern.h"
 #include "support/wait_until.h"
 
 namespace support {
-
-struct End {
-  std::uint64_t start = 0;
-  std::int32_t code = 0;
-  std::int32_t status = 0;
-  std::uint64_t bytes = 0;
-
-  bool operator==(const End&) const = default;
-};
-
-inline std::ostream& operator<<(std::ostream& out, const End& end) {
-  return out << "{" << end.start << ", " << end.code << ", " << end.status << ", " << end.bytes << "}";
-}
-
-inline xfer::TransferRequest rangeOf(const std::string& url, std::uint64_t start, std::uint64_t end) {
-  xfer::TransferRequest request;
-  request.url = url;
-  request.rangeStart = start;
-  request.rangeEnd = end;
-  return request;
-}
 
 class LoopingBackend {
  public:
@@ -56,20 +32,7 @@ class LoopingBackend {
     backend_.onTurn([this](const xfer::LoopTurn&) { runTasks(); });
   }
 
-  xfer::Ticket submit(const xfer::TransferRequest& request) {
-    return backend_.submit(
-        request,
-        [this](std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length) {
-          const std::lock_guard lock(mutex_);
-          wrong_ = wrong_ ||
-                   std::string(reinterpret_cast<const char*>(bytes), length) != patternBytes(offset, offset + length);
-          received_ += length;
-        },
-        [this](std::uint64_t start, const xfer::TransferEnd& end) {
-          const std::lock_guard lock(mutex_);
-          ends_.push_back({start, end.code, end.status, end.bytes});
-        });
-  }
+  xfer::Ticket submit(const xfer::TransferRequest& request) { return brought_.submitTo(backend_, request); }
 
   /// Runs the task on the loop thread at the end of a turn; returns when it has run.
   void atTurn(Task task) {
@@ -88,21 +51,9 @@ class LoopingBackend {
     atTurn([=](xfer::CurlMultiBackend& backend) { backend.cut(ticket, end); });
   }
 
-  /// All so far, once there are so many.
-  std::vector<End> ends(std::size_t count) {
-    EXPECT_TRUE(waitUntil([&] {
-      const std::lock_guard lock(mutex_);
-      return ends_.size() >= count;
-    }));
-    const std::lock_guard lock(mutex_);
-    return ends_;
-  }
-
-  std::uint64_t received() {
-    const std::lock_guard lock(mutex_);
-    EXPECT_FALSE(wrong_) << "bytes that do not belong where they were delivered";
-    return received_;
-  }
+  /// See Brought.
+  std::vector<End> ends(std::size_t count) { return brought_.ends(count); }
+  std::uint64_t received() { return brought_.received(); }
 
   [[nodiscard]] bool waitForBytes(std::uint64_t count) {
     return waitUntil([&] { return received() >= count; });
@@ -122,9 +73,7 @@ class LoopingBackend {
 
   std::mutex mutex_;
   std::vector<Task> tasks_;
-  std::vector<End> ends_;
-  std::uint64_t received_ = 0;
-  bool wrong_ = false;
+  Brought brought_;
   xfer::CurlMultiBackend backend_;  // last: its loop uses the others
 };
 

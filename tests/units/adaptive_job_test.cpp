@@ -239,11 +239,14 @@ TEST_F(AdaptiveJob, givesUpWhenNothingCameForTheTimeThatItsOptionsSay) {
 
 TEST_F(AdaptiveJob, waitsNoLongerForAHostThanItsOptionsSay) {
   for (const std::uint64_t wait : {20U, 21U}) {
+    support::RecordingLogger log;
     Running run(request(), policy(2), adaptive().setLongestWait(20), nullptr);
     run.job.start();
     run.turn(1);
     run.world.transfers.finish(0, {kPartialFile, kBusy, 0, wait});
     EXPECT_EQ(run.job.snapshot().state, wait <= 20 ? JobState::Probing : JobState::Failed);
+    EXPECT_EQ(log.count("host asks to be left alone | range=0 | seconds=" + std::to_string(wait)),
+              wait <= 20 ? 0U : 1U);
   }
 }
 
@@ -306,6 +309,28 @@ TEST_F(AdaptiveJob, opensNoMoreConnectionsThanTheHostIsKnownToBear) {
   run.turn(5);
   EXPECT_EQ(run.world.transfers.inFlight().size(), 2U);
   EXPECT_EQ(run.job.details().hostConnections(), 2U);
+}
+
+TEST_F(AdaptiveJob, keepsWhatItKnowsOfTheHostWhenItPlansAnew) {
+  hosts_.note("http://host.test", {0, 2});
+  Running run(request(), policy(8), adaptive(), &hosts_);
+  run.job.start();
+  run.turn(1);
+  ResponseHead unsized;
+  unsized.status = 206;
+  unsized.contentRange = xfer::ContentRange{0, kFirst - 1, std::nullopt};
+  EXPECT_EQ(run.world.transfers.answer(0, unsized).action, xfer::Placement::Action::Stop);
+  run.turn(1);
+  ASSERT_EQ(run.world.transfers.submissions().size(), 2U);
+  EXPECT_EQ(run.world.transfers.submissions()[1].rangeEnd, 0U) << "as a whole";
+  ResponseHead sized;
+  sized.status = 206;
+  sized.contentRange = xfer::ContentRange{0, kSize - 1, kSize};
+  EXPECT_EQ(run.world.transfers.answer(0, sized).action, xfer::Placement::Action::Stop);
+  EXPECT_EQ(run.job.details().hostConnections(), 2U);
+  run.turn(1);
+  EXPECT_EQ(run.world.transfers.submissions().back().rangeEnd, kFirst) << "in ranges after all";
+  EXPECT_EQ(hosts_.of("http://host.test").connections, 2U);
 }
 
 TEST(HostBook, keepsTheLaterTimeAndTheNewerNumber) {

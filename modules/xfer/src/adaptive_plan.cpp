@@ -433,7 +433,7 @@ std::optional<RangePlan::Piece> AdaptivePlan::next(std::uint64_t nowNs) {
 
 // ---- Turns ----
 
-RangePlan::Orders AdaptivePlan::turn(const LoopTurn& turn, bool paused) {
+AdaptivePlan::Orders AdaptivePlan::turn(const LoopTurn& turn, bool paused) {
   Orders orders;
   const std::uint64_t elapsed = lastTurnNs_ != 0 && turn.nowNs >= lastTurnNs_ ? turn.nowNs - lastTurnNs_ : turn.sinceNs;
   lastTurnNs_ = turn.nowNs;

@@ -47,6 +47,25 @@ struct AdaptiveSettings {
 
 class AdaptivePlan final : public RangePlan {
  public:
+  /// What is to become of pieces in flight.
+  struct Orders {
+    struct Cut {
+      PieceId piece = 0;
+      std::uint64_t end = 0;  ///< where the piece ends now: behind what it has delivered, before its end so far
+    };
+    struct Close {
+      enum class Reason {
+        Silent,
+        Slow,
+        Overtaken  ///< another piece has brought the same bytes
+      };
+      PieceId piece = 0;
+      Reason reason = Reason::Silent;
+    };
+    std::vector<Cut> cuts{};
+    std::vector<Close> closes{};  ///< the plan knows these no more; what they have not delivered is missing again
+  };
+
   /// What one piece in flight does.
   struct Activity {
     PieceId piece = 0;

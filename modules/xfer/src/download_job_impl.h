@@ -5,6 +5,8 @@
 //
 // Threads: as DownloadJob.  doStart runs on the worker (size unknown) or on the caller of start; the callbacks run on
 //          the backend's loop thread; a retry runs on its timer's thread.
+//          With an adaptive plan doStart runs on the caller of start and submits nothing: the loop thread opens the
+//          file and submits, and only it; the timers are for samples.
 //          One short lock, mutex_, guards the core.  Actions are carried out after it is released.
 // Errors:  nothing that runs on the job's own threads throws: trouble ends the job Failed.  pause, cancel and
 //          destruction neither allocate nor throw; resume allocates only when it has to submit, and never throws.
@@ -103,8 +105,8 @@ class DownloadJob::Impl {
   JobCore core_ SYS_GUARDED_BY(mutex_);
   std::atomic<bool> paused_{false};  // what the core's state is; for the loop thread, which asks it at every turn
 
-  // Opened by doStart before the first transfer, written on the loop thread, cut and closed by whoever the core told
-  // to: it tells one thread, and only when nothing is in flight.
+  // Opened by doStart before the first transfer, or by the loop thread before its first byte, written on the loop
+  // thread, cut and closed by whoever the core told to: it tells one thread, and only when nothing is in flight.
   FileSink sink_;
 
   // Made by doStart, which then publishes the pointer: a thread that reads one that is not null may use the object

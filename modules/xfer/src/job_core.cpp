@@ -156,6 +156,7 @@ std::unique_ptr<RangePlan> JobCore::makePlan() {
   if (adaptive_) {
     const auto size = planSize_ != 0 ? std::optional(planSize_) : std::nullopt;
     auto moving = std::make_unique<AdaptivePlan>(*adaptive_, size);
+    if (moving_ != nullptr) moving->adopt(moving_->terms());  // the host is the same
     moving_ = moving.get();
     plan = std::move(moving);
   } else {
@@ -499,8 +500,8 @@ void JobCore::reportPositions() {
   }
 }
 
-void JobCore::noteGivenUp(const Flight& flight, const RangePlan::Orders::Close& close, std::uint64_t reached) {
-  const char* const reason = close.reason == RangePlan::Orders::Close::Reason::Silent ? "silent" : "slow";
+void JobCore::noteGivenUp(const Flight& flight, const AdaptivePlan::Orders::Close& close, std::uint64_t reached) {
+  const char* const reason = close.reason == AdaptivePlan::Orders::Close::Reason::Silent ? "silent" : "slow";
   XFER_LOG(log::kRecovery, "turn | connection given up | reason=" << reason << " | range=" << flight.asked.start
                                                                   << " | at=" << reached
                                                                   << " | end=" << flight.asked.end);
@@ -511,9 +512,8 @@ void JobCore::noteGivenUp(const Flight& flight, const RangePlan::Orders::Close& 
 JobActions JobCore::turned(const LoopTurn& turn) {
   JobActions actions;
   if (moving_ == nullptr || ending() || finalizing_ || finalized_) return actions;
-  nowNs_ = turn.nowNs;
   reportPositions();
-  RangePlan::Orders orders = moving_->turn(turn, state_ == JobState::Paused);
+  AdaptivePlan::Orders orders = moving_->turn(turn, state_ == JobState::Paused);
   for (const auto& cut : orders.cuts) {
     Flight& flight = *flightOf(cut.piece);
     XFER_LOG(log::kTrace,
@@ -525,7 +525,7 @@ JobActions JobCore::turned(const LoopTurn& turn) {
   for (const auto& close : orders.closes) {
     Flight& flight = *flightOf(close.piece);
     const std::uint64_t reached = keep(flight);
-    if (close.reason == RangePlan::Orders::Close::Reason::Overtaken) {
+    if (close.reason == AdaptivePlan::Orders::Close::Reason::Overtaken) {
       XFER_LOG(log::kTrace, "turn | overtaken | range=" << flight.asked.start << " | at=" << reached);
     } else {
       noteGivenUp(flight, close, reached);
@@ -700,11 +700,15 @@ void JobCore::retryOrFail(Flight& flight, Verdict verdict, const TransferEnd& en
       scheduleRetry(flight, followUp, end, actions);
       break;
     case Kind::Planned:
-      XFER_LOG(log::kRecovery,
-               "try again | range=" << flight.rangeStart << " | err=" << end.code << " | http=" << end.status);
+      XFER_LOG(log::kRecovery, "try again | range=" << flight.rangeStart << " | err=" << end.code
+                                                    << " | http=" << end.status << " | delay_ms=" << followUp.delayMs);
       break;
     case Kind::GiveUp:
       if (verdict != Verdict::Retryable) return giveUp(flight, verdict, end, actions);
+      if (moving_ != nullptr && end.retryAfterSec) {
+        XFER_LOG(log::kFailure,
+                 "host asks to be left alone | range=" << flight.rangeStart << " | seconds=" << *end.retryAfterSec);
+      }
       if (moving_ == nullptr) XFER_LOG(log::kFailure, "exhausted retries | range=" << flight.rangeStart);
       return failFatally(flight.rangeStart, end, actions);
   }

@@ -237,7 +237,7 @@ class JobCore {
 
   [[nodiscard]] std::unique_ptr<RangePlan> makePlan();
   void reportPositions();
-  void noteGivenUp(const Flight& flight, const RangePlan::Orders::Close& close, std::uint64_t reached);
+  void noteGivenUp(const Flight& flight, const AdaptivePlan::Orders::Close& close, std::uint64_t reached);
   [[nodiscard]] FlightPtr flightOf(RangePlan::PieceId piece) const;
   FlightPtr addFlight();
   FlightPtr nextRange();

@@ -18,7 +18,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <vector>
 
 #include "byte_range.h"
 #include "retry_policy.h"
@@ -42,29 +41,10 @@ class RangePlan {
     enum class Kind {
       GiveUp,    ///< the job fails
       TryLater,  ///< call requeue after delayMs
-      Planned    ///< next hands it out when its time has come
+      Planned    ///< next hands it out when its time has come, after delayMs at the earliest
     } kind = Kind::GiveUp;
     std::uint64_t delayMs = 0;
     std::size_t attempt = 0;  ///< TryLater: of how many; for the log
-  };
-
-  /// What is to become of pieces in flight.
-  struct Orders {
-    struct Cut {
-      PieceId piece = 0;
-      std::uint64_t end = 0;  ///< where the piece ends now: behind what it has delivered, before its end so far
-    };
-    struct Close {
-      enum class Reason {
-        Silent,
-        Slow,
-        Overtaken  ///< another piece has brought the same bytes
-      };
-      PieceId piece = 0;
-      Reason reason = Reason::Silent;
-    };
-    std::vector<Cut> cuts{};
-    std::vector<Close> closes{};  ///< the plan knows these no more; what they have not delivered is missing again
   };
 
   RangePlan() = default;

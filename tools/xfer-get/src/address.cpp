@@ -1,11 +1,6 @@
 #include "address.h"
 
-#ifdef _WIN32
-#include <winsock2.h>
-#include <ws2tcpip.h>
-#else
-#include <arpa/inet.h>
-#endif
+#include "inet_pton.h"
 
 namespace xfer_get {
 

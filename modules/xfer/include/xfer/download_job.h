@@ -8,7 +8,8 @@
 //   Idle, Probing, Running, Paused             ──► Cancelling ──► Cancelled
 //   Idle, Probing, Running, Paused, Cancelling ──► Failed
 //
-// Completed, Failed and Cancelled are final.  A job is Completed only from Running: see pause.
+// Completed, Failed and Cancelled are final.  A job is Completed only from Running: see pause.  With the adaptive plan
+// (download_options.h) a job is Probing first whether the size is known or not, and may be Completed by resume.
 //
 // When a weak validator (a weak entity tag or Last-Modified) changes, a sample of what was delivered is fetched again
 // and compared; equal samples are evidence, not proof, that the file is the same.
@@ -68,12 +69,14 @@ class DownloadJob {
 
   /// Does nothing unless the job is Idle.  With a known size it returns after starting the first transfers, or after
   /// the job has failed; otherwise a worker thread probes the server first.  Throws std::system_error
-  /// (resource_unavailable_try_again) when that thread cannot be created.
+  /// (resource_unavailable_try_again) when that thread cannot be created.  With the adaptive plan it returns at once,
+  /// and a thread that cannot be created ends the job with 100000.
   XFER_API void start();
 
   /// Holds a Running job; does nothing in any other state.
   ///
-  /// Intended: two things that happen during a pause leave the job at a stand-still, which resume does not end:
+  /// Intended: with the stated plan, two things that happen during a pause leave the job at a stand-still, which resume
+  /// does not end:
   ///   - a retry falls due: it is dropped, and the job never completes.  Cancel the job and start a new one;
   ///   - the last range ends: the file is whole and closed, but the job does not become Completed.  It stays Paused,
   ///     and Running after resume.
@@ -101,7 +104,8 @@ class DownloadJob {
   /// Never blocks for long.
   [[nodiscard]] XFER_API DownloadSnapshot snapshot() const;
 
-  /// For onlookers: what each connection does, and what was done about those that held the download up.
+  /// For onlookers: what each connection does, and what was done about those that held the download up.  Throws
+  /// std::bad_alloc.
   [[nodiscard]] XFER_API DownloadDetails details() const;
 
  private:

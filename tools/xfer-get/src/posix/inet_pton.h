@@ -1,0 +1,4 @@
+// Declares inet_pton.
+#pragma once
+
+#include <arpa/inet.h>
