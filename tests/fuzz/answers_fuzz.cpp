@@ -340,7 +340,10 @@ struct World {
     environment.nowNs = [] { return kHaste * xfer::steadyNs(); };
     environment.hosts = nullptr;  // no input knows of another one
     xfer::DownloadOptions options;
-    if (adaptive) options.setPlan(xfer::DownloadPlan::Adaptive).setMaxTries(4).setLongestWait(5);
+    if (adaptive) {
+      options.setPlan(xfer::DownloadPlan::Adaptive).setMaxTries(4).setLongestWait(5);
+      options.setFirstRange(policy.initialChunkSize);
+    }
     xfer::DownloadJob::Impl job(support::requestFor(server.url(answers.path()), path, knownSize), policy, environment,
                                 options.values());
     const xfer::DownloadSnapshot end = support::run(job);

@@ -624,7 +624,8 @@ TEST(Policy, defaultsAreThoseOfTheInterface) {
 std::vector<std::uint64_t> rangesOf(const DownloadPolicy& policy) {
   const ScriptedServer server(patternFile(16'000));
   const TempDir folder;
-  DownloadJob job(requestFor(server.url("/f"), folder.file("out"), 16'000), policy, support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/f"), folder.file("out"), 16'000), policy,
+                  support::planUnderTest(policy.initialChunkSize));
   EXPECT_EQ(support::run(job).state, JobState::Completed);
   std::vector<std::uint64_t> starts;
   for (const ReceivedRequest& request : server.requests()) starts.push_back(request.range->first);
@@ -647,7 +648,8 @@ TEST(Policy, numThreadsAreTheTransfersAtOnce) {
   const TempDir folder;
   DownloadPolicy policy = support::chunksOf(1000, 4);
   const support::RecordingLogger log;
-  DownloadJob job(requestFor(server.url("/f"), folder.file("out"), 9000), policy, support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/f"), folder.file("out"), 9000), policy,
+                  support::planUnderTest(policy.initialChunkSize));
   job.start();
   ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 4; }));
   EXPECT_EQ(server.maxConcurrentRequests(), 4U);

@@ -58,7 +58,7 @@ class BusyServer : public testing::Test {
 
   std::unique_ptr<DownloadJob> start(const std::string& url, std::uint16_t connections, std::uint64_t knownSize = 0) {
     auto job = std::make_unique<DownloadJob>(requestFor(url, path, knownSize), chunksOf(kFirst, connections),
-                                             support::planUnderTest());
+                                             support::planUnderTest(kFirst));
     job->start();
     return job;
   }

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "download_job_impl.h"
+#include "steady_time.h"
 #include "support/gate.h"
 #include "support/job_run.h"
 #include "support/log_line.h"
@@ -119,8 +120,9 @@ class CompleteFile : public testing::TestWithParam<Setup> {
   std::unique_ptr<Job> jobOf(const ScriptedServer& server, std::uint64_t knownSize, const DownloadPolicy& policy) {
     xfer::JobEnvironment environment = xfer::realJobEnvironment();
     environment.waitForRetry = [](std::uint64_t, xfer::StopSignal&) {};
+    environment.nowNs = [haste = haste] { return haste * xfer::steadyNs(); };
     return std::make_unique<Job>(requestFor(server.url("/file"), path, knownSize), policy, environment,
-                                 support::planOfTries(tries).values());
+                                 support::planOfTries(tries, policy.initialChunkSize).values());
   }
 
   std::unique_ptr<Job> jobOf(const ScriptedServer& server, std::uint64_t size = kSize) {
@@ -166,6 +168,7 @@ class CompleteFile : public testing::TestWithParam<Setup> {
   }
 
   std::uint32_t tries = 3;  // of an adaptive plan, that bring nothing
+  std::uint64_t haste = 1;  // so many times as fast the delays of an adaptive plan pass
   support::RecordingLogger log;
   const support::TempDir folder;
   const std::string path = folder.file("out.bin");
@@ -448,7 +451,7 @@ TEST_P(LateAnswer, wholeFilesOfTwoLengthsAreNotMixed) {
   xfer::JobEnvironment environment = xfer::realJobEnvironment();
   environment.waitForRetry = [restIsDone](std::uint64_t, xfer::StopSignal&) { static_cast<void>(restIsDone.wait()); };
   Job job(requestFor(server.url("/file"), path, GetParam().knownSize ? kSize : 0), ranges(), environment,
-          support::planUnderTest().values());
+          support::planUnderTest(ranges().initialChunkSize).values());
   job.start();
   EXPECT_TRUE(log.waitFor("retry scheduled | range=0"));
   firstHasFailed.open();
@@ -613,6 +616,7 @@ TEST_P(CompleteFile, smallAnswersForEverFailTheJobAfterFourTries) {
     if (small) asked.add(0);
     return capped206(request, kSize, small ? 1 : kChunk);
   });
+  haste = 20;
   const auto job = jobOf(server);
   expectFailed(*job, kPartial, 206);
   if (adaptivePlan()) {

@@ -412,7 +412,8 @@ class CurlMemoryOfADownload : public CurlMemory {
     failuresToo.insert(kAborted);
     xfer::JobEnvironment environment = xfer::realJobEnvironment();
     environment.waitForRetry = [](std::uint64_t /*delayMs*/, xfer::StopSignal& /*stop*/) {};
-    xfer::DownloadJob::Impl job(request, policy, environment, support::planOfTries(1).values());
+    xfer::DownloadJob::Impl job(request, policy, environment,
+                                support::planOfTries(1, policy.initialChunkSize).values());
     const xfer::DownloadSnapshot end = support::run(job);
     if (end.state != xfer::JobState::Completed) {
       EXPECT_EQ(end.state, xfer::JobState::Failed);

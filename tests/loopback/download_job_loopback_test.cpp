@@ -91,7 +91,7 @@ class DownloadJobLoopback : public testing::Test {
 
 TEST_F(DownloadJobLoopback, unknownSizeIsProbedAndTheFileIsRight) {
   ScriptedServer server(patternFile(kSize));
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(end.errorCode, 0);
@@ -112,7 +112,7 @@ TEST_F(DownloadJobLoopback, unknownSizeIsProbedAndTheFileIsRight) {
 
 TEST_F(DownloadJobLoopback, knownSizeNeedsNoProbe) {
   ScriptedServer server(patternFile(kSize));
-  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
   if (adaptivePlan()) {
@@ -132,14 +132,14 @@ TEST_F(DownloadJobLoopback, rampedRangesCoverTheFile) {
   ScriptedServer server(patternFile(size));
   DownloadPolicy policy;
   policy.numThreads = 3;
-  DownloadJob job(requestFor(server.url("/file"), path), policy, support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path), policy, support::planUnderTest(policy.initialChunkSize));
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, size), "");
 }
 
 TEST_F(DownloadJobLoopback, emptyFileCompletesEmpty) {
   ScriptedServer server(patternFile(0));
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(support::fileSize(path), 0U);
 }
@@ -147,7 +147,7 @@ TEST_F(DownloadJobLoopback, emptyFileCompletesEmpty) {
 TEST_F(DownloadJobLoopback, unknownLengthIsOneOpenTransfer) {
   ScriptedServer server(
       [](const ReceivedRequest&) { return support::full200(kSize, {.framing = support::Framing::Chunked}); });
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(support::bytesAmiss(end.bytesDone, kSize), 0U);
@@ -165,7 +165,7 @@ TEST_F(DownloadJobLoopback, unknownLengthIsOneOpenTransfer) {
 TEST_F(DownloadJobLoopback, existingFileIsReplacedEvenWhenItWasLonger) {
   support::writeFile(path, std::string(2 * kSize, 'x'));
   ScriptedServer server(patternFile(kSize));
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
 }
@@ -174,7 +174,7 @@ TEST_F(DownloadJobLoopback, existingFileIsReplacedEvenWhenItWasLonger) {
 
 TEST_F(DownloadJobLoopback, busyServerIsAskedAgainAfterTheRealDelays) {
   ScriptedServer server([](const ReceivedRequest&) { return support::status(503, "busy"); });
-  DownloadJob job(requestFor(server.url("/file"), path, kChunk), chunksOf(kChunk, 1), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, kChunk), chunksOf(kChunk, 1), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 18) << "an error's body is no part of the range, which so is short";
@@ -199,7 +199,7 @@ TEST_F(DownloadJobLoopback, openTransferThatIsForbiddenFailsWithTheStatus) {
     if (request.range) return support::status(adaptivePlan() ? 416 : 200);
     return support::status(403, "no");
   });
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 2), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 2), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 403);
@@ -214,7 +214,7 @@ TEST_F(DownloadJobLoopback, serverThatRecoversIsForgiven) {
     if (asked.add(adaptivePlan() ? 0 : request.range->first) == 0) return support::status(503, "busy");
     return range206(request, kSize);
   });
-  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(end.errorCode, 0);
@@ -236,7 +236,7 @@ TEST_F(DownloadJobLoopback, forbiddenRangeEndsTheJobAndItsOtherTransfersWithoutA
       return Reply().waitFor(begun).send("HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n");
     return range206(request, kSize, {.bodyBytes = 100}).open(begun).stall();
   });
-  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 2), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 2), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 18) << "an error's body is no part of the range, which so is short";
@@ -249,7 +249,7 @@ TEST_F(DownloadJobLoopback, forbiddenRangeEndsTheJobAndItsOtherTransfersWithoutA
 
 TEST_F(DownloadJobLoopback, missingFileFailsInTheProbeWithoutAnHttpStatus) {
   ScriptedServer server([](const ReceivedRequest&) { return support::status(404, "no"); });
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 2), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 2), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   if (adaptivePlan()) {
@@ -266,7 +266,7 @@ TEST_F(DownloadJobLoopback, missingFileFailsInTheProbeWithoutAnHttpStatus) {
 
 TEST_F(DownloadJobLoopback, serverThatRefusesConnectionsFailsInTheProbe) {
   const support::UnusedPort closed;
-  DownloadJob job(requestFor(closed.url("/file"), path), chunksOf(kChunk, 2), support::planOfTries(2));
+  DownloadJob job(requestFor(closed.url("/file"), path), chunksOf(kChunk, 2), support::planOfTries(2, kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 7);
@@ -276,7 +276,7 @@ TEST_F(DownloadJobLoopback, serverThatRefusesConnectionsFailsInTheProbe) {
 TEST_F(DownloadJobLoopback, otherProtocolsAndMalformedUrlsFailBeforeAnyRequest) {
   for (const char* const url : {"ftp://127.0.0.1/file", "file:///etc/hostname", "", "http://", "no url at all"}) {
     for (const std::uint64_t knownSize : {std::uint64_t{0}, kChunk}) {
-      DownloadJob job(requestFor(url, path, knownSize), chunksOf(kChunk, 2), support::planUnderTest());
+      DownloadJob job(requestFor(url, path, knownSize), chunksOf(kChunk, 2), support::planUnderTest(kChunk));
       const DownloadSnapshot end = run(job);
       EXPECT_EQ(end.state, JobState::Failed) << url;
       EXPECT_NE(end.errorCode, 0) << url;
@@ -296,7 +296,7 @@ TEST_F(DownloadJobLoopback, bodyThatBreaksOffIsFetchedAgain) {
     if (asked.add(request.range->first) == 0) return range206(request, kSize, {.bodyBytes = before}).close();
     return range206(request, kSize);
   });
-  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
@@ -317,7 +317,7 @@ TEST_F(DownloadJobLoopback, shortBodyWithoutALengthIsFetchedAgain) {
     if (asked.add(adaptivePlan() ? 0 : request.range->first) > 0) return range206(request, kSize);
     return range206(request, kSize, {.bodyBytes = 5, .framing = support::Framing::UntilClose});
   });
-  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
   if (adaptivePlan()) {
@@ -339,7 +339,7 @@ TEST_F(DownloadJobLoopback, serverThatSendsLessOfEveryRangeThanAskedIsAskedForTh
         206, support::patternBytes(from, to),
         {"Content-Range: bytes " + std::to_string(from) + "-" + std::to_string(to - 1) + "/" + std::to_string(size)});
   });
-  DownloadJob job(requestFor(server.url("/file"), path, size), chunksOf(kChunk, 2), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, size), chunksOf(kChunk, 2), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(support::bytesAmiss(end.bytesDone, size), 0U);
@@ -356,7 +356,8 @@ TEST_F(DownloadJobLoopback, serverThatSendsLessOfEveryRangeThanAskedIsAskedForTh
 TEST_F(DownloadJobLoopback, fileShorterThanAnnouncedIsCutToWhatArrived) {
   constexpr std::uint64_t real = 2 * kChunk + 100;
   ScriptedServer server(patternFile(real));
-  DownloadJob job(requestFor(server.url("/file"), path, 3 * kChunk), chunksOf(kChunk, 2), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, 3 * kChunk), chunksOf(kChunk, 2),
+                  support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(support::bytesAmiss(end.bytesDone, real), 0U);
@@ -371,7 +372,7 @@ TEST_F(DownloadJobLoopback, fileShorterThanAnnouncedIsCutToWhatArrived) {
 TEST_F(DownloadJobLoopback, pausedJobTakesNothingAndResumedOneCompletes) {
   constexpr std::uint64_t size = 16 * 1024 * 1024;
   ScriptedServer server(patternFile(size, {.pace = {64 * 1024, milliseconds(5)}}));
-  DownloadJob job(requestFor(server.url("/file"), path, size), chunksOf(size / 2, 2), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, size), chunksOf(size / 2, 2), support::planUnderTest(size / 2));
   job.start();
   ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone > 0; }));
   job.pause();
@@ -399,7 +400,7 @@ TEST_F(DownloadJobLoopback, cancelledJobEndsSoonAndLeavesThePartialFile) {
   ScriptedServer server([half](const ReceivedRequest& request) {
     return range206(request, kSize, {.bodyBytes = 1000}).open(half).stall();
   });
-  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1), support::planUnderTest(kChunk));
   job.start();
   ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 1000; }));
   const auto before = steady_clock::now();
@@ -431,7 +432,7 @@ TEST_F(DownloadJobLoopback, cancelAtRandomMomentsAlwaysEndsCancelledWithNoTransf
       return made;
     };
     DownloadJob::Impl job(requestFor(server.url("/file"), path, round % 2 == 0 ? kSize : 0), chunksOf(kChunk, 4),
-                          environment, support::planUnderTest().values());
+                          environment, support::planUnderTest(kChunk).values());
     job.start();
     std::this_thread::sleep_for(std::chrono::microseconds(moment(random)));
     job.cancel();
@@ -447,7 +448,7 @@ TEST_F(DownloadJobLoopback, cancelAtRandomMomentsAlwaysEndsCancelledWithNoTransf
 TEST_F(DownloadJobLoopback, twoThreadsMayWait) {
   Gate goOn;
   ScriptedServer server([goOn](const ReceivedRequest& request) { return rangeAfter(goOn, request, 3000); });
-  DownloadJob job(requestFor(server.url("/file"), path, 3000), chunksOf(1000, 2), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, 3000), chunksOf(1000, 2), support::planUnderTest(1000));
   job.start();
   std::thread first([&] { job.wait(); });
   std::thread second([&] { job.wait(); });
@@ -462,7 +463,7 @@ TEST_F(DownloadJobLoopback, twoThreadsMayWait) {
 TEST_F(DownloadJobLoopback, waitForEndsWithItsTimeOrWithTheJob) {
   Gate goOn;
   const ScriptedServer server([goOn](const ReceivedRequest& request) { return rangeAfter(goOn, request, 1000); });
-  DownloadJob job(requestFor(server.url("/file"), path, 1000), chunksOf(1000, 1), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, 1000), chunksOf(1000, 1), support::planUnderTest(1000));
   EXPECT_FALSE(job.waitFor(0)) << "it has not started";
   EXPECT_FALSE(job.waitFor(1));
   job.start();
@@ -479,7 +480,7 @@ TEST_F(DownloadJobLoopback, waitForEndsWithItsTimeOrWithTheJob) {
 
 TEST_F(DownloadJobLoopback, waitForSeesACancelledJobEnd) {
   const ScriptedServer server([](const ReceivedRequest&) { return Reply().stall(); });
-  DownloadJob job(requestFor(server.url("/file"), path, 1000), chunksOf(1000, 1), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, 1000), chunksOf(1000, 1), support::planUnderTest(1000));
   job.start();
   EXPECT_TRUE(server.waitForRequests(1));
   std::thread canceller([&] { job.cancel(); });
@@ -491,7 +492,7 @@ TEST_F(DownloadJobLoopback, waitForSeesACancelledJobEnd) {
 TEST_F(DownloadJobLoopback, movedJobRunsOn) {
   Gate goOn;
   ScriptedServer server([goOn](const ReceivedRequest& request) { return rangeAfter(goOn, request, 3000); });
-  DownloadJob first(requestFor(server.url("/file"), path, 3000), chunksOf(1000, 3), support::planUnderTest());
+  DownloadJob first(requestFor(server.url("/file"), path, 3000), chunksOf(1000, 3), support::planUnderTest(1000));
   first.start();
   DownloadJob second(std::move(first));
   DownloadJob third = std::move(second);
@@ -503,11 +504,12 @@ TEST_F(DownloadJobLoopback, movedJobRunsOn) {
 TEST_F(DownloadJobLoopback, moveAssignmentOverARunningJobCancelsItAndKeepsItsPartialFile) {
   ScriptedServer server(
       [](const ReceivedRequest& request) { return range206(request, kSize, {.bodyBytes = 1000}).stall(); });
-  DownloadJob running(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1), support::planUnderTest());
+  DownloadJob running(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1),
+                      support::planUnderTest(kChunk));
   running.start();
   ASSERT_TRUE(waitUntil([&] { return running.snapshot().bytesDone == 1000; }));
   DownloadJob fresh(requestFor(server.url("/other"), folder.file("other.bin"), kSize), chunksOf(kChunk, 1),
-                    support::planUnderTest());
+                    support::planUnderTest(kChunk));
   const auto before = steady_clock::now();
   running = std::move(fresh);
   EXPECT_LT(steady_clock::now() - before, soon());
@@ -524,13 +526,13 @@ TEST_F(DownloadJobLoopback, moveAssignmentOverARunningJobCancelsItAndKeepsItsPar
 
 TEST_F(DownloadJobLoopback, destructionOfAnIdleJobIsPrompt) {
   expectPromptEnd(std::make_unique<DownloadJob>(requestFor("http://127.0.0.1:1/", path), chunksOf(kChunk, 2),
-                                                support::planUnderTest()));
+                                                support::planUnderTest(kChunk)));
 }
 
 TEST_F(DownloadJobLoopback, destructionWhileAStalledServerIsProbedIsPrompt) {
   ScriptedServer server([](const ReceivedRequest&) { return Reply().stall(); });
   auto job = std::make_unique<DownloadJob>(requestFor(server.url("/file"), path), chunksOf(kChunk, 2),
-                                           support::planUnderTest());
+                                           support::planUnderTest(kChunk));
   job->start();
   ASSERT_TRUE(server.waitForRequests(1));
   EXPECT_EQ(job->snapshot().state, JobState::Probing);
@@ -540,7 +542,7 @@ TEST_F(DownloadJobLoopback, destructionWhileAStalledServerIsProbedIsPrompt) {
 TEST_F(DownloadJobLoopback, destructionWhileAnUnresolvableNameIsLookedUpIsPrompt) {
   for (const std::uint64_t knownSize : {std::uint64_t{0}, kSize}) {
     auto job = std::make_unique<DownloadJob>(requestFor("http://nowhere.invalid/file", path, knownSize),
-                                             chunksOf(kChunk, 2), support::planUnderTest());
+                                             chunksOf(kChunk, 2), support::planUnderTest(kChunk));
     job->start();
     expectPromptEnd(std::move(job));
   }
@@ -553,7 +555,7 @@ TEST_F(DownloadJobLoopback, destructionOfARunningJobWhoseServerStallsIsPrompt) {
     ScriptedServer server(
         [](const ReceivedRequest& request) { return range206(request, kSize, {.bodyBytes = 10}).stall(); });
     auto job = std::make_unique<DownloadJob>(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4),
-                                             support::planUnderTest());
+                                             support::planUnderTest(kChunk));
     job->start();
     ASSERT_TRUE(server.waitForRequests(4));
     EXPECT_EQ(job->snapshot().state, JobState::Running);
@@ -567,7 +569,7 @@ TEST_F(DownloadJobLoopback, destructionOfARunningJobWhoseServerStallsIsPrompt) {
 TEST_F(DownloadJobLoopback, destructionOfAPausedJobIsPrompt) {
   ScriptedServer server(patternFile(kSize, {.pace = {1024, milliseconds(5)}}));
   auto job = std::make_unique<DownloadJob>(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 2),
-                                           support::planUnderTest());
+                                           support::planUnderTest(kChunk));
   job->start();
   ASSERT_TRUE(waitUntil([&] { return job->snapshot().bytesDone > 0; }));
   job->pause();
@@ -582,7 +584,7 @@ TEST_F(DownloadJobLoopback, destructionDuringARetryDelayIsPrompt) {
     return support::status(503, "busy", {"Retry-After: 60"});
   });
   auto job = std::make_unique<DownloadJob>(requestFor(server.url("/file"), path, kChunk), chunksOf(kChunk, 1),
-                                           support::planUnderTest());
+                                           support::planUnderTest(kChunk));
   job->start();
   ASSERT_TRUE(log.waitFor(adaptivePlan() ? "try again" : "attempt=2 | delay_ms=2000"));
   expectPromptEnd(std::move(job));
@@ -593,7 +595,7 @@ TEST_F(DownloadJobLoopback, destructionOfACancellingJobIsPrompt) {
   ScriptedServer server([](const ReceivedRequest&) { return Reply().stall(); });
   for (int round = 0; round < 20; ++round) {
     auto job = std::make_unique<DownloadJob>(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4),
-                                             support::planUnderTest());
+                                             support::planUnderTest(kChunk));
     job->start();
     job->cancel();
     expectPromptEnd(std::move(job));
@@ -603,7 +605,7 @@ TEST_F(DownloadJobLoopback, destructionOfACancellingJobIsPrompt) {
 TEST_F(DownloadJobLoopback, destructionOfAFinishedJobIsPrompt) {
   ScriptedServer server(patternFile(kSize));
   auto completed = std::make_unique<DownloadJob>(requestFor(server.url("/file"), path), chunksOf(kChunk, 2),
-                                                 support::planUnderTest());
+                                                 support::planUnderTest(kChunk));
   EXPECT_EQ(run(*completed).state, JobState::Completed);
   expectPromptEnd(std::move(completed));
   EXPECT_EQ(patternError(path, kSize), "") << "and the file stays";
@@ -613,7 +615,7 @@ TEST_F(DownloadJobLoopback, destructionOfAFinishedJobIsPrompt) {
     return Reply().stall();
   });
   auto failed = std::make_unique<DownloadJob>(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4),
-                                              support::planUnderTest());
+                                              support::planUnderTest(kChunk));
   EXPECT_EQ(run(*failed).state, JobState::Failed);
   expectPromptEnd(std::move(failed));
 }
@@ -622,7 +624,7 @@ TEST_F(DownloadJobLoopback, hundredJobsLeaveNoThreadAndNoHandleBehind) {
   const auto runJobs = [&](int count) {
     ScriptedServer server(patternFile(kSize));  // its own handles for each connection go with it
     for (int round = 0; round < count; ++round) {
-      DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest());
+      DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
       ASSERT_EQ(run(job).state, JobState::Completed);
     }
   };

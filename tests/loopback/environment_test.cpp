@@ -33,7 +33,7 @@ xfer::Request get(const std::string& url, const net::Proxy& proxy) {
 xfer::DownloadSnapshot download(const std::string& url, const net::Proxy& proxy, const std::string& path) {
   xfer::DownloadRequest request = support::requestFor(url, path);
   request.proxy = proxy;
-  xfer::DownloadJob job(request, support::chunksOf(500, 2), support::planUnderTest());
+  xfer::DownloadJob job(request, support::chunksOf(500, 2), support::planUnderTest(500));
   return support::run(job);
 }
 

@@ -92,7 +92,8 @@ TEST(FarRanges, jobAsksForThemAndWritesThemAtTheirOffsets) {
   policy.initialChunkSize = k32Bits - 7;
   policy.maxChunkSize = 1000;
   {
-    xfer::DownloadJob job(requestFor(server.url("/f"), path, kTotal), policy, support::planUnderTest());
+    xfer::DownloadJob job(requestFor(server.url("/f"), path, kTotal), policy,
+                          support::planUnderTest(policy.initialChunkSize));
     job.start();
     EXPECT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 10 + 2507; }));
     EXPECT_EQ(job.snapshot().totalBytes, kTotal);
@@ -118,10 +119,9 @@ TEST(FarRanges, jobWhoseRangesMoveAsksForThemAndWritesThemAtTheirOffsets) {
   const std::string path = folder.file("out");
   DownloadPolicy policy;
   policy.numThreads = 2;
-  policy.initialChunkSize = kFar;
   {
     xfer::DownloadJob job(requestFor(server.url("/f"), path, kTotal), policy,
-                          xfer::DownloadOptions().setPlan(xfer::DownloadPlan::Adaptive));
+                          xfer::DownloadOptions().setPlan(xfer::DownloadPlan::Adaptive).setFirstRange(kFar));
     job.start();
     EXPECT_TRUE(waitUntil([&] { return job.snapshot().bytesDone >= 10 + 2507; }));
     EXPECT_EQ(job.snapshot().totalBytes, kTotal);

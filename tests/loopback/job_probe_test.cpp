@@ -261,7 +261,7 @@ class JobProbeRun : public testing::TestWithParam<std::uint16_t> {
     request.headers = std::move(headers);
     xfer::DownloadPolicy policy = chunksOf(kChunk, GetParam());
     policy.lowSpeedTimeSec = 1;
-    DownloadJob job(std::move(request), policy, support::planOfTries(1));
+    DownloadJob job(std::move(request), policy, support::planOfTries(1, kChunk));
     return run(job);
   }
 

@@ -47,7 +47,7 @@ class JobSpeed : public testing::Test {
 };
 
 TEST_F(JobSpeed, limitIsTheJobsHoweverManyConnectionsItHas) {
-  DownloadJob job(request("out", 300'000), chunksOf(300'000, 64), support::planUnderTest());
+  DownloadJob job(request("out", 300'000), chunksOf(300'000, 64), support::planUnderTest(300'000));
   job.setSpeedLimit(300'000);
   const auto begin = Clock::now();
   job.start();
@@ -59,14 +59,14 @@ TEST_F(JobSpeed, limitIsTheJobsHoweverManyConnectionsItHas) {
 TEST_F(JobSpeed, limitReplacesThatOfThePolicy) {
   xfer::DownloadPolicy policy = chunksOf(300'000, 4);
   policy.maxDownloadSpeed = 4'000;
-  DownloadJob job(request("out", 300'000), policy, support::planUnderTest());
+  DownloadJob job(request("out", 300'000), policy, support::planUnderTest(policy.initialChunkSize));
   job.start();
   job.setSpeedLimit(0);
   expectWhole(job, "out", 300'000);  // in five minutes otherwise
 }
 
 TEST_F(JobSpeed, limitMayBeLiftedWhileTheJobRuns) {
-  DownloadJob job(request("out", 300'000), chunksOf(50'000, 4), support::planUnderTest());
+  DownloadJob job(request("out", 300'000), chunksOf(50'000, 4), support::planUnderTest(50'000));
   job.setSpeedLimit(1'000);
   job.start();
   EXPECT_TRUE(support::waitUntil([&] { return job.snapshot().bytesDone > 0; }));
@@ -100,7 +100,7 @@ TEST_F(JobSpeed, sharedLimitHoldsForTheSumOfTheJobs) {
   std::vector<std::unique_ptr<DownloadJob>> jobs;
   for (const char* name : {"a", "b", "c"}) {
     jobs.push_back(std::make_unique<DownloadJob>(request(name, 300'000), chunksOf(50'000, 2),
-                                                 support::planUnderTest().setSpeedLimiter(limiter)));
+                                                 support::planUnderTest(50'000).setSpeedLimiter(limiter)));
   }
   const auto begin = Clock::now();
   for (const auto& job : jobs) job->start();
@@ -112,7 +112,7 @@ TEST_F(JobSpeed, sharedLimitHoldsForTheSumOfTheJobs) {
 
 TEST_F(JobSpeed, sharedLimitAndTheJobsOwnBothHold) {
   SpeedLimiter limiter(1'000);
-  DownloadOptions options = support::planUnderTest();
+  DownloadOptions options = support::planUnderTest(50'000);
   options.setSpeedLimiter(limiter);
   DownloadJob job(request("out", 300'000), chunksOf(50'000, 4), options);
   job.setSpeedLimit(300'000);
@@ -130,7 +130,7 @@ TEST_F(JobSpeed, copiesOfALimiterAreOneAndOutliveIt) {
   auto first = std::make_unique<SpeedLimiter>(7);
   SpeedLimiter second(8);
   second = *first;
-  DownloadOptions options = support::planUnderTest();
+  DownloadOptions options = support::planUnderTest(50'000);
   options.setSpeedLimiter(*first);
   const DownloadOptions copy = options;
   first->setLimit(1'000);
@@ -147,7 +147,7 @@ TEST_F(JobSpeed, copiesOfALimiterAreOneAndOutliveIt) {
 
 TEST_F(JobSpeed, pausedAndCancelledJobsLeaveTheirPlacesToOthers) {
   const SpeedLimiter limiter(400'000);
-  const DownloadOptions options = support::planUnderTest().setSpeedLimiter(limiter);
+  const DownloadOptions options = support::planUnderTest(50'000).setSpeedLimiter(limiter);
   DownloadJob paused(request("paused", 300'000), chunksOf(50'000, 4), options);
   DownloadJob other(request("other", 300'000), chunksOf(50'000, 4), options);
   {
@@ -169,7 +169,8 @@ TEST_F(JobSpeed, transfersThatAreHeldAreNotTakenForSlow) {
   policy.lowSpeedTimeSec = 1;
   policy.lowSpeedLimit = 100'000;
   const ScriptedServer server(patternFile(16'000));
-  DownloadJob job(requestFor(server.url("/file"), folder_.file("out"), 16'000), policy, support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), folder_.file("out"), 16'000), policy,
+                  support::planUnderTest(policy.initialChunkSize));
   job.setSpeedLimit(6'000);
   job.start();
   expectWhole(job, "out", 16'000);

@@ -67,7 +67,8 @@ class JobTrust : public testing::Test {
                                                   std::function<void()> delay) {
     xfer::JobEnvironment environment = xfer::realJobEnvironment();
     environment.waitForRetry = [delay = std::move(delay)](std::uint64_t /*delayMs*/, xfer::StopSignal&) { delay(); };
-    return std::make_unique<DownloadJob::Impl>(request, policy, environment, support::planOfTries(3).values());
+    return std::make_unique<DownloadJob::Impl>(request, policy, environment,
+                                               support::planOfTries(3, policy.initialChunkSize).values());
   }
   std::unique_ptr<DownloadJob::Impl> jobWithoutDelay(const xfer::DownloadRequest& request,
                                                      const DownloadPolicy& policy) {
@@ -118,7 +119,8 @@ class JobTrust : public testing::Test {
     ScriptedServer server([right, instead](const ReceivedRequest& request) {
       return request.range->first == kChunk ? instead(request) : right(request);
     });
-    DownloadJob job(requestFor(server.url("/file"), path, knownSize), chunksOf(kChunk, 1), support::planUnderTest());
+    DownloadJob job(requestFor(server.url("/file"), path, knownSize), chunksOf(kChunk, 1),
+                    support::planUnderTest(kChunk));
     const DownloadSnapshot end = run(job);
     EXPECT_EQ(end.state, JobState::Failed);
     EXPECT_EQ(end.errorCode, 33);
@@ -162,9 +164,9 @@ TEST_F(JobTrust, twoJobsOfOneConnectionToOneHostBothComplete) {
     if (begun.add(0) == 1) both.open();  // neither goes on before both have begun
     return rangeAfter(both, request, 4000);
   });
-  DownloadJob first(requestFor(server.url("/one"), path, 4000), chunksOf(1000, 1), support::planUnderTest());
+  DownloadJob first(requestFor(server.url("/one"), path, 4000), chunksOf(1000, 1), support::planUnderTest(1000));
   DownloadJob second(requestFor(server.url("/two"), folder.file("two.bin"), 4000), chunksOf(1000, 1),
-                     support::planUnderTest());
+                     support::planUnderTest(1000));
   first.start();
   second.start();
   EXPECT_EQ(waitForEnd(first).state, JobState::Completed);
@@ -180,10 +182,12 @@ TEST_F(JobTrust, secondJobOnOneFileFailsAndTheFirstCompletes) {
     if (adaptivePlan() && request.range->first == 0) return range206(request, 4 * kChunk);
     return rangeAfter(secondEnded, request, 4 * kChunk);
   });
-  DownloadJob first(requestFor(server.url("/file"), path, 4 * kChunk), chunksOf(kChunk, 2), support::planUnderTest());
+  DownloadJob first(requestFor(server.url("/file"), path, 4 * kChunk), chunksOf(kChunk, 2),
+                    support::planUnderTest(kChunk));
   first.start();
   ASSERT_TRUE(server.waitForRequests(2));
-  DownloadJob second(requestFor(server.url("/file"), path, kChunk), chunksOf(kChunk, 2), support::planUnderTest());
+  DownloadJob second(requestFor(server.url("/file"), path, kChunk), chunksOf(kChunk, 2),
+                     support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(second);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 100004);
@@ -209,7 +213,7 @@ TEST_F(JobTrust, jobBesideALongFetchCompletesBeforeTheFetchDoes) {
   request.lowSpeedTimeSec = 0;
   auto fetched = xfer::fetchAsync(request);
   ASSERT_TRUE(server.waitForRequests(1));
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 1), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 1), support::planUnderTest(kChunk));
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
   jobDone.open();
@@ -224,7 +228,7 @@ TEST_F(JobTrust, thirtyTwoJobsToFourHostsAtOnceAllComplete) {
   for (std::size_t job = 0; job < 32; ++job) {
     jobs.push_back(std::make_unique<DownloadJob>(requestFor(servers[job % 4]->url("/file"), fileOf(job)),
                                                  chunksOf(kChunk, static_cast<std::uint16_t>(1 + job % 4)),
-                                                 support::planUnderTest()));
+                                                 support::planUnderTest(kChunk)));
     jobs.back()->start();
   }
   for (std::size_t job = 0; job < 32; ++job) {
@@ -249,7 +253,7 @@ TEST_F(JobTrust, connectionsAreReusedFromFetchesToAJobAndBack) {
     // Ranges that are cut while they run cost their connections; one connection is alone with its file.
     const std::uint16_t most = adaptivePlan() ? 1 : 4;
     DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, most),
-                    support::planUnderTest());
+                    support::planUnderTest(kChunk));
     EXPECT_EQ(run(job).state, JobState::Completed);
     EXPECT_LE(server.connectionsAccepted(), 1U + most);
     EXPECT_EQ(support::bytesAmiss(job.snapshot().bytesDone, 16 * kChunk), 0U);
@@ -268,7 +272,7 @@ TEST_F(JobTrust, connectionsAreReusedFromJobToJob) {
   const std::uint16_t most = adaptivePlan() ? 1 : 4;
   for (int round = 0; round < 10; ++round) {
     DownloadJob job(requestFor(server.url("/file"), path, 16 * kChunk), chunksOf(kChunk, most),
-                    support::planUnderTest());
+                    support::planUnderTest(kChunk));
     EXPECT_EQ(run(job).state, JobState::Completed);
   }
   if (!adaptivePlan()) {
@@ -285,7 +289,7 @@ TEST_F(JobTrust, fileFromAServerWithoutRangesIsRightAndFetchedOnce) {
     if (!adaptivePlan() && request.number == 0) return full200(kSize, {.bodyBytes = 0, .acceptRanges = false});
     return full200(kSize, {.acceptRanges = false});
   });
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(support::bytesAmiss(end.bytesDone, kSize), 0U);
@@ -300,7 +304,7 @@ TEST_F(JobTrust, fileFromAServerWithoutRangesIsRightAndFetchedOnce) {
 TEST_F(JobTrust, knownSizeWithFourConnectionsToAServerWithoutRangesGivesTheRightFile) {
   ScriptedServer server([](const ReceivedRequest&) { return full200(kSize, {.acceptRanges = false}); });
   for (int round = 0; round < 20; ++round) {
-    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
+    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
     const DownloadSnapshot end = run(job);
     ASSERT_EQ(end.state, JobState::Completed) << round;
     ASSERT_EQ(end.bytesDone, kSize) << round;
@@ -314,7 +318,7 @@ TEST_F(JobTrust, wholeFileInTheMiddleOfRangesGivesTheRightFile) {
     ScriptedServer server([odd](const ReceivedRequest& request) {
       return request.range->first == odd ? full200(kSize) : range206(request, kSize);
     });
-    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
+    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
     ASSERT_EQ(run(job).state, JobState::Completed) << odd;
     ASSERT_EQ(patternError(path, kSize), "") << odd;
   }
@@ -397,7 +401,7 @@ TEST_F(JobTrust, weakEntityTagThatIsAnotherInEveryAnswerIsFatal) {
   ScriptedServer server([](const ReceivedRequest& request) {
     return range206(request, kSize, {.etag = "W/\"" + std::to_string(request.range->first) + "\""});
   });
-  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 1), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path), chunksOf(kChunk, 1), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 33);
@@ -408,7 +412,7 @@ TEST_F(JobTrust, answersWithoutAReadableContentRangeAreTakenAsAsked) {
   for (const char* const value : {"", "garbage", "bytes", "bytes */5", "lines 3-4/5"}) {
     ScriptedServer server(
         [value](const ReceivedRequest& request) { return range206(request, kSize, {.contentRange = value}); });
-    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
+    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
     EXPECT_EQ(run(job).state, JobState::Completed) << value;
     EXPECT_EQ(patternError(path, kSize), "") << value;
   }
@@ -426,7 +430,7 @@ TEST_F(JobTrust, bytesPastTheRangesEndAreNotWritten) {
     if (range.first == 0 && !adaptivePlan()) reply.waitFor(secondIsWritten);
     return reply.send(head).sendPattern(range.first, range.first + 1000).send(excess);
   });
-  DownloadJob job(requestFor(server.url("/file"), path, 2000), chunksOf(1000, 2), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, 2000), chunksOf(1000, 2), support::planUnderTest(1000));
   job.start();
   ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone >= 1000; }));
   secondIsWritten.open();
@@ -444,7 +448,7 @@ TEST_F(JobTrust, wholeFileThatNeverEndsIsCutAtTheKnownSize) {
   });
   for (const std::uint16_t connections : std::initializer_list<std::uint16_t>{1, 4}) {
     DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, connections),
-                    support::planUnderTest());
+                    support::planUnderTest(kChunk));
     const DownloadSnapshot end = run(job);
     EXPECT_EQ(end.state, JobState::Completed);
     EXPECT_EQ(support::bytesAmiss(end.bytesDone, kSize), 0U);
@@ -457,7 +461,7 @@ TEST_F(JobTrust, rangesThatNeverEndAreCutAtTheirEnds) {
   ScriptedServer server([](const ReceivedRequest& request) {
     return range206(request, kSize, {.bodyBytes = 1ULL << 40, .framing = support::Framing::UntilClose});
   });
-  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 4), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(job);
   EXPECT_EQ(end.state, JobState::Completed);
   EXPECT_EQ(support::bytesAmiss(end.bytesDone, kSize), 0U);
@@ -539,14 +543,14 @@ TEST_F(JobTrust, endBeforeAnyAnswerIsRecoveredFrom) {
 
 TEST_F(JobTrust, redirectLoopFailsTheJob) {
   ScriptedServer server([](const ReceivedRequest& request) { return support::redirect(302, request.path()); });
-  DownloadJob known(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1), support::planUnderTest());
+  DownloadJob known(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1), support::planUnderTest(kChunk));
   const DownloadSnapshot end = run(known);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, 47);
   EXPECT_EQ(end.httpStatus, 302);
   EXPECT_EQ(server.requests().size(), 11U) << "ten redirects";
   EXPECT_TRUE(log.contains("fatal | range=0 | err=47 | http=302"));
-  DownloadJob unknown(requestFor(server.url("/file"), path), chunksOf(kChunk, 1), support::planUnderTest());
+  DownloadJob unknown(requestFor(server.url("/file"), path), chunksOf(kChunk, 1), support::planUnderTest(kChunk));
   EXPECT_EQ(run(unknown).errorCode, 47);
   if (adaptivePlan()) {
     EXPECT_EQ(log.count("fatal | range=0 | err=47 | http=302"), 2U);
@@ -562,7 +566,7 @@ TEST_F(JobTrust, redirectToAnotherPortIsFollowedForTheProbeAndEachRange) {
     // Without a length of its own: the probe takes the first one it finds for the file's.
     return Reply().send("HTTP/1.1 302 Found\r\nLocation: " + url + "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n");
   });
-  DownloadJob job(requestFor(server.url("/here"), path), chunksOf(kChunk, 3), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/here"), path), chunksOf(kChunk, 3), support::planUnderTest(kChunk));
   EXPECT_EQ(run(job).state, JobState::Completed);
   EXPECT_EQ(patternError(path, kSize), "");
   if (adaptivePlan()) {
@@ -576,7 +580,7 @@ TEST_F(JobTrust, redirectToAnotherPortIsFollowedForTheProbeAndEachRange) {
 TEST_F(JobTrust, redirectToAnotherProtocolFailsTheJob) {
   for (const char* const location : {"ftp://127.0.0.1/file", "file:///etc/hostname"}) {
     ScriptedServer server([location](const ReceivedRequest&) { return support::redirect(302, location); });
-    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1), support::planUnderTest());
+    DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 1), support::planUnderTest(kChunk));
     const DownloadSnapshot end = run(job);
     EXPECT_EQ(end.state, JobState::Failed) << location;
     EXPECT_EQ(end.errorCode, 1) << location;

@@ -45,7 +45,7 @@ TEST_P(PauseStorm, jobThatIsLeftRunningMoves) {
   std::uint64_t endedDuringAPause = 0;
   while (pairs < kPairs) {
     DownloadJob::Impl job(support::requestFor(server.url("/file"), path, kSize), support::chunksOf(kRange, GetParam()),
-                          xfer::realJobEnvironment(), support::planUnderTest().values());
+                          xfer::realJobEnvironment(), support::planUnderTest(kRange).values());
     job.start();
     const auto storm = [&] {
       while (pairs < kPairs && !xfer::isFinal(job.snapshot().state) && !job.standsStill()) {

@@ -421,7 +421,7 @@ TEST_F(RefusingLibcurl, aLoopThatMeetsAnExceptionEndsItsTransfersAndRefusesLater
 TEST_F(RefusingLibcurl, withoutAHandleAJobFailsWithMinus1) {
   g_easyRefusals = 1;
   DownloadJob job(support::requestFor(url, folder.file("out"), kSize), support::chunksOf(kSize, 1),
-                  support::planUnderTest());
+                  support::planUnderTest(kSize));
   const DownloadSnapshot end = support::run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, kNoHandle);
@@ -432,7 +432,8 @@ TEST_F(RefusingLibcurl, withoutAHandleAJobFailsWithMinus1) {
 
 TEST_F(RefusingLibcurl, withoutAHandleForItsProbeAJobFailsWithMinus1) {
   g_easyRefusals = 1;
-  DownloadJob job(support::requestFor(url, folder.file("out")), support::chunksOf(kSize, 1), support::planUnderTest());
+  DownloadJob job(support::requestFor(url, folder.file("out")), support::chunksOf(kSize, 1),
+                  support::planUnderTest(kSize));
   const DownloadSnapshot end = support::run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, kNoHandle);
@@ -443,7 +444,7 @@ TEST_F(RefusingLibcurl, withoutAHandleForItsProbeAJobFailsWithMinus1) {
 TEST_F(RefusingLibcurl, withoutAMultiHandleAJobFailsWithTheCodeOfARefusedTransfer) {
   g_multiRefusals = 1;
   DownloadJob job(support::requestFor(url, folder.file("out"), kSize), support::chunksOf(kSize, 1),
-                  support::planUnderTest());
+                  support::planUnderTest(kSize));
   const DownloadSnapshot end = support::run(job);
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.errorCode, kCancelled);

@@ -115,7 +115,7 @@ TEST_F(RequestBytes, ofEveryQuestionForASize) {
 
 TEST_F(RequestBytes, ofAJobsProbeAndOfItsRange) {
   xfer::DownloadJob job(support::requestFor(url(), folder_.file("out")), support::chunksOf(2 * kSize, 1),
-                        support::planUnderTest());
+                        support::planUnderTest(2 * kSize));
   EXPECT_EQ(support::run(job).state, xfer::JobState::Completed);
   if (support::adaptivePlan()) {
     EXPECT_EQ(bytesOf(0), firstLines() + "Range: bytes=0-1999\r\n" + kDefaultLines + "\r\n");
@@ -129,7 +129,7 @@ TEST_F(RequestBytes, ofAJobsProbeAndOfItsRangeWithEverything) {
   xfer::DownloadRequest request = support::requestFor(url(), folder_.file("out"));
   request.headers = {"X-First: 1", "User-Agent: of the host", "X-Second: 2"};
   request.cookie = "a=b";
-  xfer::DownloadJob job(request, support::chunksOf(2 * kSize, 1), support::planUnderTest());
+  xfer::DownloadJob job(request, support::chunksOf(2 * kSize, 1), support::planUnderTest(2 * kSize));
   EXPECT_EQ(support::run(job).state, xfer::JobState::Completed);
   const std::string own = "X-First: 1\r\nUser-Agent: of the host\r\nX-Second: 2\r\n";
   const std::string defaults = "Accept: */*\r\nAccept-Encoding: identity\r\nAccept-Language: en-US\r\n";

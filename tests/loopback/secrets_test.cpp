@@ -150,7 +150,7 @@ TEST_F(Secrets, redirectsOfAProbeAndOfEachRangeLoseThem) {
   xfer::DownloadRequest request = support::requestFor(server.url("/go/0"), folder_.file("out"));
   request.cookie = kBoth.cookie;
   request.headers = kBoth.lines;
-  xfer::DownloadJob job(request, support::chunksOf(250, 2), support::planUnderTest());
+  xfer::DownloadJob job(request, support::chunksOf(250, 2), support::planUnderTest(250));
   EXPECT_EQ(support::run(job).state, xfer::JobState::Completed);
   EXPECT_EQ(support::patternError(folder_.file("out"), 1000), "");
   if (support::adaptivePlan()) {

@@ -37,7 +37,7 @@ TEST_P(JobSpeedLimit, isHeldFromTheStartOn) {
   xfer::DownloadPolicy policy = support::chunksOf(2 * limit.enough, limit.connections);
   policy.maxDownloadSpeed = limit.bytesPerSec;
   xfer::DownloadJob job(support::requestFor(server.url("/f"), folder.file("out"), size), policy,
-                        support::planUnderTest());
+                        support::planUnderTest(policy.initialChunkSize));
   const auto begin = steady_clock::now();
   job.start();
   EXPECT_TRUE(support::waitUntil([&] { return job.snapshot().bytesDone >= limit.enough; }));

@@ -47,7 +47,7 @@ class ChangedFile : public testing::TestWithParam<RealServer> {
     xfer::DownloadRequest request;
     request.url = servers_.url(GetParam(), "/" + name_);
     request.path = out_;
-    xfer::DownloadJob job(request, policy, support::planUnderTest());
+    xfer::DownloadJob job(request, policy, support::planUnderTest(policy.initialChunkSize));
     support::writePatternFile(served_ + ".new", size, seed);
     job.start();
     waitForAPart(job);
@@ -99,7 +99,7 @@ TEST_P(SameFile, inItsPlaceWithTheSameTimeChangesNothing) {
   xfer::DownloadRequest request;
   request.url = servers_.url(GetParam(), "/" + name_);
   request.path = out_;
-  xfer::DownloadJob job(request, policy, support::planUnderTest());
+  xfer::DownloadJob job(request, policy, support::planUnderTest(policy.initialChunkSize));
   job.start();
   waitForAPart(job);
   std::filesystem::rename(support::toPath(served_ + ".new"), support::toPath(served_));

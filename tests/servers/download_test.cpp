@@ -66,7 +66,7 @@ TEST_P(EachServer, fileOfKnownSizeArrivesWholeWithoutAnyQuestionFirst) {
                          .headers = {},
                          .proxy = {},
                          .knownSize = RealServers::kBigFileBytes},
-                        manyRanges(GetParam()), support::planUnderTest());
+                        manyRanges(GetParam()), support::planUnderTest(manyRanges(GetParam()).initialChunkSize));
   job.start();
   job.wait();
   expectWhole(job.snapshot(), path, RealServers::kBigFileBytes);
@@ -79,7 +79,7 @@ TEST_P(EachServer, pausesAndResumesDoNotDisturbTheFile) {
   xfer::DownloadRequest request;
   request.url = servers_.url(GetParam(), "/16m.bin");
   request.path = path;
-  xfer::DownloadJob job(request, policy, support::planUnderTest());
+  xfer::DownloadJob job(request, policy, support::planUnderTest(policy.initialChunkSize));
   job.start();
   std::uint64_t nextPause = 1;
   int pauses = 0;

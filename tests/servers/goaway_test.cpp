@@ -40,7 +40,8 @@ TEST(Goaway, jobThatIsPausedWhileConnectionsEndIsNeverLeftHeld) {
     // Behind a proxy connections take longer to make, and libcurl puts more transfers on those that end meanwhile.
     request.proxy.host = "127.0.0.1";
     request.proxy.port = servers.proxyPort();
-    DownloadJob::Impl job(request, policy, xfer::realJobEnvironment(), support::planUnderTest().values());
+    DownloadJob::Impl job(request, policy, xfer::realJobEnvironment(),
+                          support::planUnderTest(policy.initialChunkSize).values());
     job.start();
     while (!xfer::isFinal(job.snapshot().state) && !job.standsStill()) {
       job.pause();

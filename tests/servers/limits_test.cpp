@@ -38,7 +38,7 @@ TEST_P(Limits, speedOverTenSecondsIsWithinATenthOfTheLimit) {
   xfer::DownloadRequest request;
   request.url = servers_.url(GetParam(), "/16m.bin");
   request.path = folder_.file("out");
-  xfer::DownloadJob job(request, policy, support::planUnderTest());
+  xfer::DownloadJob job(request, policy, support::planUnderTest(policy.initialChunkSize));
   job.start();
   ASSERT_TRUE(support::waitUntil([&] { return job.snapshot().bytesDone > 0; }));
   const auto begin = steady_clock::now();

@@ -552,10 +552,11 @@ class JobWorker {
     return policy;
   }
 
-  [[nodiscard]] xfer::DownloadOptions optionsFor(const Target& target) const {
+  xfer::DownloadOptions optionsFor(const Target& target) {
     xfer::DownloadOptions options;
     if (!world_.adaptive) return options;
     options.setPlan(xfer::DownloadPlan::Adaptive);
+    if (random_.oneIn(2)) options.setFirstRange(16'384);
     if (target.fate != Target::Fate::Good) options.setMaxTries(3);
     return options;
   }

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <string_view>
 
 #include "xfer/download_options.h"
@@ -29,17 +30,20 @@ inline bool adaptivePlan() {
   return adaptive;
 }
 
-/// Options of a job that goes by that plan.
-inline xfer::DownloadOptions planUnderTest() {
+/// Options of a job that goes by that plan.  An adaptive one first asks for firstRange bytes at most, so that several
+/// connections have something to do in a small file; nothing: for as many as it does otherwise.
+inline xfer::DownloadOptions planUnderTest(std::optional<std::uint64_t> firstRange = std::nullopt) {
   xfer::DownloadOptions options;
-  if (adaptivePlan()) options.setPlan(xfer::DownloadPlan::Adaptive);
+  if (!adaptivePlan()) return options;
+  options.setPlan(xfer::DownloadPlan::Adaptive);
+  if (firstRange) options.setFirstRange(*firstRange);
   return options;
 }
 
 /// As planUnderTest, for a server that never gets better: an adaptive plan ends the job after so many tries in a row
 /// that bring nothing.  The stated plan has its own number of them.
-inline xfer::DownloadOptions planOfTries(std::uint32_t tries) {
-  xfer::DownloadOptions options = planUnderTest();
+inline xfer::DownloadOptions planOfTries(std::uint32_t tries, std::optional<std::uint64_t> firstRange = std::nullopt) {
+  xfer::DownloadOptions options = planUnderTest(firstRange);
   if (adaptivePlan()) options.setMaxTries(tries);
   return options;
 }

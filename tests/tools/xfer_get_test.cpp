@@ -105,8 +105,8 @@ TEST_F(XferGet, knownSizeSavesTheQuestion) {
 }
 
 TEST_F(XferGet, planDecidesWhatIsAskedForFirst) {
-  for (const auto& [arguments, last] : {std::pair<std::vector<std::string>, std::uint64_t>{{}, 1048575},
-                                        {{"--plan", "adaptive"}, 1048575},
+  for (const auto& [arguments, last] : {std::pair<std::vector<std::string>, std::uint64_t>{{}, (1 << 30) - 1},
+                                        {{"--plan", "adaptive"}, (1 << 30) - 1},
                                         {{"--plan", "stated"}, 0}}) {
     ScriptedServer server(patternFile(1000));
     std::vector<std::string> all = {server.url("/file"), "out"};

@@ -86,11 +86,10 @@ class AdaptiveJob : public testing::Test {
   static DownloadPolicy policy(std::uint16_t connections) {
     DownloadPolicy policy;
     policy.numThreads = connections;
-    policy.initialChunkSize = kFirst;
     return policy;
   }
 
-  static DownloadOptions adaptive() { return DownloadOptions().setPlan(DownloadPlan::Adaptive); }
+  static DownloadOptions adaptive() { return DownloadOptions().setPlan(DownloadPlan::Adaptive).setFirstRange(kFirst); }
 
   const support::TempDir folder_;
   const std::string path_ = folder_.file("out.bin");
@@ -115,6 +114,14 @@ TEST_F(AdaptiveJob, asksForTheFirstRangeAloneAndTouchesNoFileBeforeItsAnswer) {
   EXPECT_EQ(support::fileSize(path_), kSize);
   run.turn(5);
   EXPECT_GT(run.world.transfers.submittedStarts().size(), 1U) << "others go out";
+}
+
+TEST_F(AdaptiveJob, asksForAGibibyteFirstUnlessItsOptionsSayOtherwise) {
+  Running run(request(), policy(4), DownloadOptions().setPlan(DownloadPlan::Adaptive), &hosts_);
+  run.job.start();
+  run.turn(1);
+  ASSERT_EQ(run.world.transfers.submittedStarts(), (Starts{0}));
+  EXPECT_EQ(run.world.transfers.submissions()[0].rangeEnd, std::uint64_t{1} << 30);
 }
 
 TEST_F(AdaptiveJob, refusedFirstRequestLeavesTheFileAsItWas) {
@@ -199,6 +206,8 @@ TEST_F(AdaptiveJob, optionsThatCannotWorkAreRefusedByName) {
       {adaptive().setMaxTries(0), "maxTries"},
       {DownloadOptions().setRetryMaxTime(3), "retryMaxTime"},
       {DownloadOptions().setLongestWait(3), "longestWait"},
+      {DownloadOptions().setFirstRange(3), "firstRange"},
+      {adaptive().setFirstRange(0), "firstRange"},
   };
   for (const auto& one : cases) {
     support::RecordingLogger log;

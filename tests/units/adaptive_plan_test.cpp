@@ -67,6 +67,7 @@ AdaptiveSettings settingsFor(std::size_t connections, std::size_t maxTries = 10)
   settings.connections = connections;
   settings.maxTries = maxTries;
   settings.seed = 7;
+  settings.firstPiece = kMiB;
   return settings;
 }
 
@@ -192,7 +193,7 @@ class Caller {
 
 // ---- The first piece ----
 
-TEST(AdaptivePlan, firstPieceIsShortAndAloneUntilItIsAnswered) {
+TEST(AdaptivePlan, firstPieceIsAloneUntilItIsAnswered) {
   Caller caller(settingsFor(8), 100 * kMiB);
   const auto pieces = caller.refill();
   ASSERT_EQ(pieces.size(), 1U);
@@ -200,6 +201,30 @@ TEST(AdaptivePlan, firstPieceIsShortAndAloneUntilItIsAnswered) {
   caller.pass(kSecond);
   EXPECT_EQ(caller.plan.limit(), 1U);
   EXPECT_FALSE(caller.plan.next(caller.now));
+}
+
+TEST(AdaptivePlan, connectionOfALongFirstPieceDeliversWhileTheOthersTakeFromItsEnd) {
+  AdaptiveSettings settings = settingsFor(8);
+  settings.firstPiece = AdaptiveSettings().firstPiece;
+  Caller caller(settings, std::nullopt);
+  EXPECT_EQ(caller.refill().at(0).range, (ByteRange{0, std::uint64_t{1} << 30}));
+  caller.pass(100 * kMillisecond);
+  caller.plan.setSize(100 * kMiB);
+  caller.flights.at(1).end = 100 * kMiB;
+  caller.answerAll();
+  const auto cuts = caller.turn().cuts;
+  ASSERT_EQ(cuts.size(), 1U);
+  EXPECT_EQ(cuts[0].piece, 1U);
+  const auto pieces = caller.refill();
+  ASSERT_EQ(pieces.size(), 7U);
+  std::uint64_t end = cuts[0].end;
+  for (const auto& piece : pieces) {
+    EXPECT_EQ(piece.range.start, end);
+    end = piece.range.end;
+    EXPECT_LT(piece.range.length(), cuts[0].end) << "who delivers already keeps more than who has to wait first";
+    EXPECT_GT(piece.range.length(), cuts[0].end / 2);
+  }
+  EXPECT_EQ(end, 100 * kMiB);
 }
 
 TEST(AdaptivePlan, fileThatIsShorterThanTheFirstPieceIsOne) {

@@ -17,6 +17,7 @@ using xfer::AdaptivePlan;
 using xfer::ByteRange;
 using PieceId = AdaptivePlan::PieceId;
 
+constexpr std::uint64_t kShortFirst = 1 << 20;
 constexpr double kNever = std::numeric_limits<double>::infinity();
 constexpr double kShortestTurn = 0.004;
 constexpr double kLongestTurn = 0.02;
@@ -205,6 +206,7 @@ class Life {
     settings.connections = world.connections;
     settings.maxTries = 10;
     settings.seed = world.seed;
+    if (world.shortFirst) settings.firstPiece = kShortFirst;
     return settings;
   }
 
@@ -603,6 +605,7 @@ PlanWorld drawHostileWorld(std::uint64_t seed) {
   if (random.chance(0.5)) world.size = 1 + random.bits() % (std::uint64_t{1} << (10 + random.below(17)));
   const std::size_t hindrances = random.chance(0.3) ? 2 : 1;
   for (std::size_t i = 0; i < hindrances; ++i) hinder(world, random);
+  world.shortFirst = random.chance(0.5);
   return world;
 }
 
@@ -617,15 +620,16 @@ PlanOutcome live(const PlanWorld& world) {
 std::string describe(const PlanWorld& world) {
   std::ostringstream text;
   text << "seed " << world.seed << " size " << world.size << " connections " << world.connections
-       << (world.sizeGiven ? " sizeGiven" : "") << " latency " << world.latency << " setup " << world.setup
-       << (world.slowStarts ? " slowStarts" : "") << " rate " << world.rate << " spread " << world.spread << " cap "
-       << world.sumCap << " slow " << world.slowShare << " by " << world.slowBy << " change " << world.changeEvery
-       << " s by " << world.changeBy << " death " << world.deathShare << " silence " << world.silenceShare << " after "
-       << world.endAfter << " served " << world.served << " refusal " << static_cast<int>(world.refusal) << " busy "
-       << world.busyFrom << " to " << world.busyTo << (world.tellsWhen ? " tellsWhen" : "") << " flaky " << world.flaky
-       << " rangeCap " << world.rangeCap << (world.ranges ? "" : " noRanges") << (world.unsized ? " unsized" : "")
-       << " voided " << world.voided << " refusesAll " << world.refusesAll << " hold " << static_cast<int>(world.hold)
-       << ' ' << world.holdFrom << " to " << world.holdTo;
+       << (world.sizeGiven ? " sizeGiven" : "") << (world.shortFirst ? " shortFirst" : "") << " latency "
+       << world.latency << " setup " << world.setup << (world.slowStarts ? " slowStarts" : "") << " rate " << world.rate
+       << " spread " << world.spread << " cap " << world.sumCap << " slow " << world.slowShare << " by " << world.slowBy
+       << " change " << world.changeEvery << " s by " << world.changeBy << " death " << world.deathShare << " silence "
+       << world.silenceShare << " after " << world.endAfter << " served " << world.served << " refusal "
+       << static_cast<int>(world.refusal) << " busy " << world.busyFrom << " to " << world.busyTo
+       << (world.tellsWhen ? " tellsWhen" : "") << " flaky " << world.flaky << " rangeCap " << world.rangeCap
+       << (world.ranges ? "" : " noRanges") << (world.unsized ? " unsized" : "") << " voided " << world.voided
+       << " refusesAll " << world.refusesAll << " hold " << static_cast<int>(world.hold) << ' ' << world.holdFrom
+       << " to " << world.holdTo;
   return text.str();
 }
 

@@ -29,6 +29,7 @@ struct PlanWorld {
   std::uint64_t size = 0;
   std::size_t connections = 8;
   bool sizeGiven = false;
+  bool shortFirst = false;  ///< the plan first asks for no more than 1 MiB
 
   double latency = 0.05;
   double setup = 1;  ///< latencies that a new connection costs beyond those of its request

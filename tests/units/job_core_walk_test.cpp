@@ -302,6 +302,7 @@ WorldSetup randomSetup(Random& random) {
 WorldSetup randomMovingSetup(Random& random) {
   WorldSetup setup = randomSetup(random);
   setup.adaptive = true;
+  setup.longFirst = random() % 2 == 0;
   setup.refillInOneStep = setup.ticketsAtOnce = true;
   if (random() % 4 != 0 || !setup.sizeFrom) {
     setup.sizeFrom.reset();

@@ -68,7 +68,7 @@ JobCoreWorld::JobCoreWorld(const WorldSetup& setup)
         if (setup.adaptive) {
           adaptive.emplace();
           adaptive->connections = setup.connections;
-          adaptive->firstPiece = setup.chunk;
+          adaptive->firstPiece = setup.chunk * (setup.longFirst ? setup.ranges : 1);
           adaptive->maxTries = kRetries;
         }
         return JobCore(policy, adaptive);

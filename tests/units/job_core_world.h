@@ -84,6 +84,7 @@ struct WorldSetup {
   std::optional<xfer::JobCore::SizeFrom> sizeFrom = xfer::JobCore::SizeFrom::Host;
   std::int64_t sizeError = 0;  ///< by so much the known size differs from the file's
   bool adaptive = false;       ///< the plan; the size is known from the host, or not
+  bool longFirst = false;      ///< an adaptive plan first asks for the whole file, not for a chunk of it
   bool strongTags = false;     ///< versions differ in strong entity tags, else in weak ones
   /// A refill goes on until the core has nothing more, and each flight is submitted.
   bool refillInOneStep = true;

@@ -48,6 +48,7 @@ constexpr std::uint64_t kMostSmallAnswers = 10;
 
 constexpr double kForgetRateSec = 5;
 constexpr double kAssumedRate = 1'000'000;
+constexpr double kAssumedCosts = 2;  // a share takes so many times what it costs to ask for it
 constexpr double kAssumedLatencySec = 0.05;
 constexpr double kNewSample = 0.3;
 
@@ -379,7 +380,7 @@ RangePlan::Piece AdaptivePlan::launch(const ByteRange& range, std::uint64_t nowN
   Piece piece{flight.id, range, range.start, freshOwed_ > 0};
   flight.fresh = piece.freshConnection || kept_ == 0;
   if (freshOwed_ > 0) --freshOwed_;
-  flight.expectedRate = expectedRate(flight.fresh);
+  if (newRate_ > 0) flight.expectedRate = expectedRate(flight.fresh);
   if (!flight.fresh) --kept_;
   flights_.push_back(flight);
   return piece;
@@ -678,13 +679,16 @@ void AdaptivePlan::updateRates(double elapsedSec) {
 // The lower of both meters: what has become slow is seen soon, a burst is not believed.
 double AdaptivePlan::rateOf(const Flight& flight) const {
   if (isMeasured(flight)) return std::max(std::min(flight.slow.rate(), flight.quick.rate()), 1.0);
-  return flight.expectedRate;
+  return flight.expectedRate > 0 ? flight.expectedRate : expectedRate(flight.fresh);
 }
 
-// Of a connection that has no work yet.
+// Of a connection that has no work yet.  Where nothing was measured, rather too much: who runs already then keeps more,
+// and what it has too much is taken again by connections that are open.
 double AdaptivePlan::expectedRate(bool fresh) const {
   if (!fresh && kept_ > 0 && keptRate_ > 0) return keptRate_;
-  return newRate_ > 0 ? newRate_ : kAssumedRate;
+  if (newRate_ > 0) return newRate_;
+  const double share = asDouble(size_.value_or(0)) / static_cast<double>(settings_.connections);
+  return std::max(kAssumedRate, share / (kAssumedCosts * cost(true)));
 }
 
 double AdaptivePlan::waitOf(const Flight& flight) const {

@@ -1,9 +1,10 @@
 // Cuts a file into pieces by what its connections deliver, and cuts the pieces again while they run, so that no slow,
 // silent or dead connection holds the download up.
 //
-//   - The first piece is short: its answer tells the size, and whether more connections can help.  They are opened once
-//     the loop waits for the network; until then whoever is free gets all that is missing.
-//   - Then what is missing is shared among all connections in long contiguous pieces.
+//   - The first piece's answer tells the size, and whether more connections can help.  They are opened once the loop
+//     waits for the network; until then whoever is free gets all that is missing.  The first piece is long, so that its
+//     connection delivers while the others are opened and wait for their answers.
+//   - What is missing is shared among all connections in long contiguous pieces.
 //   - A connection without work takes the tail of the piece that is predicted to end last, so much that all end
 //     together.  Nothing is taken that does not pay for the request, and nothing while the processor is the limit.
 //   - A piece whose connection is silent while others receive is closed, and so is one that is far slower than the
@@ -38,7 +39,7 @@ namespace xfer {
 
 struct AdaptiveSettings {
   std::size_t connections = 1;                    ///< most at once
-  std::uint64_t firstPiece = 1048576;             ///< length of the first piece, which tells the size; at least 1
+  std::uint64_t firstPiece = 1073741824;          ///< longest first piece, which tells the size; at least 1
   std::size_t maxTries = 10;                      ///< tries in a row that bring nothing before the job gives up
   std::uint64_t longestWaitNs = 600'000'000'000;  ///< a host that asks for a longer wait ends the job
   std::uint64_t retryMaxNs = 0;                   ///< gives up after so long a time without progress; 0: never
@@ -169,7 +170,7 @@ class AdaptivePlan final : public RangePlan {
     std::uint64_t slowNs = 0;         // so long it has been far slower than the others
     Meter slow{};
     Meter quick{};
-    double expectedRate = 0;  // until it is measured
+    double expectedRate = 0;  // until it is measured; 0: as any other that was not
     PieceId twin = 0;         // fetches the same bytes up to the end; 0: none
     bool answered = false;
     bool fresh = false;  // over a new connection

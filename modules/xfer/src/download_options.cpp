@@ -63,12 +63,18 @@ DownloadOptions& DownloadOptions::setLongestWait(std::uint32_t seconds) {
   return *this;
 }
 
+DownloadOptions& DownloadOptions::setFirstRange(std::uint64_t bytes) {
+  values_->firstRange = bytes;
+  return *this;
+}
+
 const char* DownloadOptions::Values::unworkable() const {
   if (plan != DownloadPlan::Stated && plan != DownloadPlan::Adaptive) return "plan";
   const bool moves = plan == DownloadPlan::Adaptive;
   if (maxTries && (!moves || *maxTries == 0)) return "maxTries";
   if (retryMaxSec && !moves) return "retryMaxTime";
   if (longestWaitSec && !moves) return "longestWait";
+  if (firstRange && (!moves || *firstRange == 0)) return "firstRange";
   return nullptr;
 }
 
@@ -78,7 +84,7 @@ std::optional<AdaptiveSettings> DownloadOptions::Values::adaptive(const Download
   if (plan != DownloadPlan::Adaptive) return std::nullopt;
   AdaptiveSettings settings;
   settings.connections = policy.numThreads;
-  if (policy.initialChunkSize != 0) settings.firstPiece = policy.initialChunkSize;
+  if (firstRange) settings.firstPiece = *firstRange;
   if (maxTries) settings.maxTries = *maxTries;
   if (retryMaxSec) settings.retryMaxNs = *retryMaxSec * kNsPerSec;
   if (longestWaitSec) settings.longestWaitNs = *longestWaitSec * kNsPerSec;

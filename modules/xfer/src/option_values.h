@@ -18,6 +18,7 @@ struct DownloadOptions::Values {
   std::optional<std::uint32_t> maxTries{};
   std::optional<std::uint32_t> retryMaxSec{};
   std::optional<std::uint32_t> longestWaitSec{};
+  std::optional<std::uint64_t> firstRange{};
 
   /// The name of an option that cannot work, alone or with the others; null when all can.
   [[nodiscard]] const char* unworkable() const;

@@ -70,7 +70,7 @@ TEST(FailingWrite, endsTheJobFailedAndStopsItsOtherTransfers) {
     if (first == 0) return Reply().send(head).sendPattern(0, 1000).stall();
     return Reply().waitFor(limited).send(head).sendPattern(first, first + kChunk);
   });
-  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 3), support::planUnderTest());
+  DownloadJob job(requestFor(server.url("/file"), path, kSize), chunksOf(kChunk, 3), support::planUnderTest(kChunk));
   job.start();
   ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 1000; }));
   ASSERT_TRUE(server.waitForRequests(3));
@@ -102,7 +102,7 @@ TEST(FailingWrite, ofTheVeryLastBytesIsNoSuccess) {
         .sendPattern(request.range->first + 1, request.range->first + 4096);
   });
   DownloadJob job(requestFor(server.url("/file"), folder.file("out.bin"), 4096), chunksOf(4096, 1),
-                  support::planUnderTest());
+                  support::planUnderTest(4096));
   job.start();
   ASSERT_TRUE(waitUntil([&] { return job.snapshot().bytesDone == 1; })) << "the file is open";
   const FileSizeLimit limit(4000);

@@ -22,14 +22,15 @@ enum class DownloadPlan : std::uint32_t {
   /// Ranges that are cut by measured rates, and cut again while they run:
   ///   - a slow, silent or dead connection loses what it has not delivered yet to one that delivers, and near the end
   ///     the last range may be fetched twice (at most 1 % of the file, or 256 KiB);
-  ///   - there is no probe: the first range's answer tells the size.  The job is Probing, and its file not touched,
-  ///     until then; the policy's probeTimeoutSec has no meaning;
+  ///   - there is no probe: the first request asks for a long range, its answer tells the size, and the other
+  ///     connections take from that range's end.  The job is Probing, and its file not touched, until the answer has
+  ///     come; the policy's probeTimeoutSec has no meaning;
   ///   - what a failed try delivered is kept, and tries are counted for the job: see setMaxTries;
   ///   - a busy server (429, 503, refused connections) is asked again when it wants to be (Retry-After), or after
   ///     growing random delays, over fewer connections; all jobs of the process go by what it asked for;
   ///   - the snapshot's bytesDone never exceeds the size;
   ///   - policy.maxDownloadSpeed is the job's, however many connections deliver.
-  /// The policy's initialChunkSize is the size of the first range; its other chunk sizes have no meaning.
+  /// The policy's chunk sizes have no meaning: see setFirstRange.
   Adaptive = 1
 };
 
@@ -63,6 +64,11 @@ class DownloadOptions {
   /// A server that asks to be left alone for longer than so many seconds ends the job; 600 when it is not set.  Only
   /// with the adaptive plan.
   XFER_API DownloadOptions& setLongestWait(std::uint32_t seconds);
+
+  /// The first request asks for so many bytes at most, from 1 on; 1 GiB when it is not set.  A shorter one is for a
+  /// server that is slow to begin with a long range; the next range of its connection then has to be asked for while
+  /// nothing arrives.  The smallest ranges are a sixteenth of it, and 64 KiB at most.  Only with the adaptive plan.
+  XFER_API DownloadOptions& setFirstRange(std::uint64_t bytes);
 
   [[nodiscard]] const Values& values() const;  ///< internal
 
