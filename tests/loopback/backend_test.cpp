@@ -164,6 +164,33 @@ TEST(Backend, callbackThatThrowsIsLoggedAndTheLoopGoesOn) {
   EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {failure(kBackend, "finishTransfer | done_cb threw")}), "");
 }
 
+TEST(Backend, dataCallbackThatThrowsEndsItsTransferAtOnceAndNoOther) {
+  constexpr std::uint64_t kHalf = 300'000;
+  // However much comes, and whether more does: in one piece, in many, and before a silence.
+  for (const std::uint64_t sent : {std::uint64_t{100}, kHalf, kHalf - 1}) {
+    ScriptedServer server([&](const ReceivedRequest& request) {
+      if (request.range->first != 0) return range206(request, 2 * kHalf);
+      Reply reply = range206(request, 2 * kHalf, {.bodyBytes = sent});
+      return sent < request.range->last ? reply.stall() : reply;
+    });
+    Transfers transfers;
+    Gate over;
+    std::atomic<std::int32_t> code{0};
+    transfers.backend().submit(
+        rangeOf(server.url("/"), 0, std::max<std::uint64_t>(sent, 1000)),
+        [](std::uint64_t, const std::uint8_t*, std::uint64_t) { throw std::runtime_error("x"); },
+        [&code, over](std::uint64_t, const TransferEnd& end) mutable {
+          code = end.code;
+          over.open();
+        });
+    transfers.submit(rangeOf(server.url("/"), kHalf, 2 * kHalf));
+    EXPECT_EQ(transfers.ends(1), (std::vector<End>{{kHalf, 0, 206, kHalf}})) << sent;
+    EXPECT_TRUE(over.wait()) << sent;
+    EXPECT_EQ(code, CURLE_WRITE_ERROR) << sent;
+    EXPECT_EQ(transfers.received(), kHalf) << sent;
+  }
+}
+
 TEST(Backend, cancelAllEndsActiveWaitingAndQueuedOnesOnceAndLaterOnesRun) {
   ScriptedServer server([](const ReceivedRequest& request) {
     return request.path() == "/stall" ? range206(request, 1000, {.bodyBytes = 0}).stall() : range206(request, 1000);

@@ -23,7 +23,7 @@ constexpr const char* kLogTag = "CurlMulti";
 constexpr int kPollMs = 10;
 constexpr std::size_t kMaxErrorBody = 4096;
 constexpr std::size_t kMaxLoggedUrl = 120;
-constexpr std::size_t kStaging = 524288;
+constexpr std::size_t kStaging = 131072;  // stays in the processor's cache; 512 KiB cost 4 % more
 constexpr std::uint64_t kSmallestReceiveBuffer = 1024;
 constexpr std::uint64_t kLargestThrottledBuffer = 65536;
 constexpr std::uint64_t kDefaultConnectTimeoutSec = 300;  // libcurl's
@@ -71,17 +71,18 @@ struct CurlMultiBackend::Transfer {
     std::optional<std::int32_t> codeAtEnd;  // result of a body that goes on past end; nothing: it may
     std::int32_t codeIfShort = CURLE_PARTIAL_FILE;
     std::string errorBody;
-    std::uint64_t stagedOffset = 0;  // in the file, of what the slot's staging holds
     // Two reasons to hold a transfer; neither lifts the other.
     bool heldByHost = false;
     std::optional<std::uint64_t> throttledPiece;  // size of the piece that has to wait for a speed limit
     // What the transfer ended itself with, by refusing to take more; libcurl only sees a failed write.
     std::optional<std::int32_t> ownResult;
+    bool refused = false;  // the data callback threw
   } attempt;
 
   bool active = false;
-  std::list<Slot>::iterator slot;  // valid while active
-  PieceGate gate;                  // left when not active
+  std::list<TokenBucket>::iterator share;  // valid while active
+  PieceGate gate;                          // left when not active
+  Staging* staging = nullptr;              // the loop's
 
   void beginAttempt() {
     attempt = {};
@@ -119,13 +120,13 @@ struct CurlMultiBackend::Transfer {
   // Whether the speed limits let a piece of the body pass now.
   bool passesLimits(std::uint64_t size, std::uint64_t now) {
     if (!gate.opensFor(request.limits, size, now)) return false;
-    if (hasShare() && !slot->bucket.take(size, now)) return false;
+    if (hasShare() && !share->take(size, now)) return false;
     gate.passed(size);
     return true;
   }
 
   [[nodiscard]] bool wouldPassLimits(std::uint64_t size, std::uint64_t now) const {
-    return gate.isOpen(now) && (!hasShare() || slot->bucket.wouldTake(size, now));
+    return gate.isOpen(now) && (!hasShare() || share->wouldTake(size, now));
   }
 
   // Judges the head; false when the transfer is to end here.
@@ -160,35 +161,52 @@ struct CurlMultiBackend::Transfer {
     const bool goesOn = attempt.codeAtEnd && (length > room || endsEarly);
     if (goesOn) length = room;
     const std::uint64_t before = std::min(length, request.rangeStart - std::min(request.rangeStart, attempt.position));
-    stage(bytes + before, attempt.position + before, length - before);
+    staging->add(*this, bytes + before, attempt.position + before, length - before);
     attempt.position += length;
     if (goesOn) attempt.ownResult = attempt.codeAtEnd;
     return !goesOn;
   }
-
-  void stage(const std::uint8_t* bytes, std::uint64_t offset, std::uint64_t length) {
-    std::vector<std::uint8_t>& staging = slot->staging;
-    if (staging.size() + length > kStaging) flush();
-    if (length > kStaging) {
-      if (onData) onData(offset, bytes, length);
-      return;
-    }
-    if (staging.capacity() == 0) staging.reserve(kStaging);
-    if (staging.empty()) attempt.stagedOffset = offset;
-    staging.insert(staging.end(), bytes, bytes + length);
-  }
-
-  // Hands what is staged to the data callback.
-  void flush() {
-    std::vector<std::uint8_t>& staging = slot->staging;
-    if (staging.empty()) return;
-    struct Clear {  // also after an exception: nothing is delivered twice
-      std::vector<std::uint8_t>& staging;
-      ~Clear() { staging.clear(); }
-    } const clear{staging};
-    if (onData) onData(attempt.stagedOffset, staging.data(), staging.size());
-  }
 };
+
+void CurlMultiBackend::Staging::add(Transfer& transfer, const std::uint8_t* piece, std::uint64_t offset,
+                                    std::uint64_t length) {
+  if (length == 0) return;
+  if (owner_ != &transfer || bytes_.size() + length > kStaging) flush();
+  if (length > kStaging) {
+    deliver(transfer, offset, piece, length);
+    return;
+  }
+  if (bytes_.capacity() == 0) bytes_.reserve(kStaging);
+  if (owner_ == nullptr) {
+    owner_ = &transfer;
+    offset_ = offset;
+  }
+  bytes_.insert(bytes_.end(), piece, piece + length);
+}
+
+void CurlMultiBackend::Staging::flush() {
+  Transfer* const owner = std::exchange(owner_, nullptr);
+  if (owner == nullptr) return;
+  deliver(*owner, offset_, bytes_.data(), bytes_.size());
+  bytes_.clear();
+}
+
+void CurlMultiBackend::Staging::drop(const Transfer& transfer) {
+  if (owner_ != &transfer) return;
+  owner_ = nullptr;
+  bytes_.clear();
+}
+
+// It may be called while libcurl hands out the body of another transfer, which is not to end for this one's failure.
+void CurlMultiBackend::Staging::deliver(Transfer& transfer, std::uint64_t offset, const std::uint8_t* bytes,
+                                        std::uint64_t length) {
+  try {
+    if (transfer.onData) transfer.onData(offset, bytes, length);
+  } catch (...) {
+    transfer.attempt.ownResult = CURLE_WRITE_ERROR;
+    transfer.attempt.refused = true;
+  }
+}
 
 // ---- Any thread ----
 
@@ -314,8 +332,8 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   long receiveBuffer = kReceiveBuffer;
   if (request.receiveBuffer != 0) receiveBuffer = static_cast<long>(std::min(request.receiveBuffer, kMostLong));
   std::uint64_t lowSpeedLimit = policy_.lowSpeedLimit;
-  // Limits are kept by the slot's token bucket and by the job's limits: libcurl's own lets megabytes through before it
-  // looks and then falls silent.  A small buffer makes small pieces, so that a low rate comes evenly.
+  // Limits are kept by the transfer's token bucket and by the job's limits: libcurl's own lets megabytes through before
+  // it looks and then falls silent.  A small buffer makes small pieces, so that a low rate comes evenly.
   const std::uint64_t limits[] = {request.maxRecvSpeed, request.limits.lowest()};
   for (const std::uint64_t limit : limits) {
     if (limit == 0) continue;
@@ -521,7 +539,7 @@ bool CurlMultiBackend::hasRoom() const {
 
 void CurlMultiBackend::addTransfer() {
   assertLoopThread();
-  if (freeSlots_.empty()) freeSlots_.emplace_back();
+  if (freeShares_.empty()) freeShares_.emplace_back();
   Transfer& transfer = *waiting_.front();
   if (share_.handle() != nullptr) curl_easy_setopt(transfer.easy.get(), CURLOPT_SHARE, share_.handle());
   const CURLMcode added = curl_multi_add_handle(multi_.get(), transfer.easy.get());
@@ -532,9 +550,10 @@ void CurlMultiBackend::addTransfer() {
     finishTransfer(transfer, {result::kNoHandle, 0, 0});
     return;
   }
-  slots_.splice(slots_.end(), freeSlots_, std::prev(freeSlots_.end()));
-  transfer.slot = std::prev(slots_.end());
-  transfer.slot->bucket.setRate(transfer.request.maxRecvSpeed, steadyNs());
+  shares_.splice(shares_.end(), freeShares_, std::prev(freeShares_.end()));
+  transfer.share = std::prev(shares_.end());
+  transfer.share->setRate(transfer.request.maxRecvSpeed, steadyNs());
+  transfer.staging = &staging_;
   transfer.active = true;
   if (!transfer.firstAddedNs) transfer.firstAddedNs = steadyNs();
   active_.splice(active_.end(), waiting_, waiting_.begin());
@@ -552,8 +571,8 @@ void CurlMultiBackend::leaveMulti(Transfer& transfer) {
   }
   curl_multi_remove_handle(multi_.get(), transfer.easy.get());
   transfer.gate.leave();
-  transfer.slot->staging.clear();
-  freeSlots_.splice(freeSlots_.end(), slots_, transfer.slot);
+  staging_.drop(transfer);
+  freeShares_.splice(freeShares_.end(), shares_, transfer.share);
   transfer.active = false;
   --activeCount_;
 }
@@ -589,7 +608,8 @@ std::size_t CurlMultiBackend::onBody(char* bytes, std::size_t size, std::size_t 
       return CURL_WRITEFUNC_PAUSE;
     }
     if (attempt.body == Transfer::Body::Dropped) return length;
-    return transfer.take(reinterpret_cast<const std::uint8_t*>(bytes), length) ? length : CURL_WRITEFUNC_ERROR;
+    const bool goesOn = transfer.take(reinterpret_cast<const std::uint8_t*>(bytes), length);
+    return goesOn && !attempt.refused ? length : CURL_WRITEFUNC_ERROR;
   } catch (...) {
     attempt.ownResult = CURLE_WRITE_ERROR;
     return CURL_WRITEFUNC_ERROR;
@@ -597,13 +617,10 @@ std::size_t CurlMultiBackend::onBody(char* bytes, std::size_t size, std::size_t 
 }
 
 void CurlMultiBackend::flushBodies() {
+  staging_.flush();
   for (auto next = active_.begin(); next != active_.end();) {
     const auto position = next++;
-    try {
-      (*position)->flush();
-    } catch (...) {
-      completeTransfer(position, CURLE_WRITE_ERROR);
-    }
+    if ((*position)->attempt.refused) completeTransfer(position, CURLE_WRITE_ERROR);
   }
 }
 
@@ -650,8 +667,8 @@ void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode c
   ended.splice(ended.end(), active_, position);
   Transfer& transfer = **position;
   auto& attempt = transfer.attempt;
+  staging_.flush();
   try {
-    transfer.flush();
     // An answer without a body says something of the file too.
     const bool unjudged = attempt.body == Transfer::Body::Unjudged && transfer.status() != 0;
     if (curlResult == CURLE_OK && unjudged && !transfer.errorResponse()) static_cast<void>(transfer.judge());

@@ -68,10 +68,20 @@ class CurlMultiBackend final : public ITransferBackend {
     bool cancelSome = false;   // some in live_ are marked
   };
 
-  // What a transfer on the multi handle has the use of; it passes from one to the next.
-  struct Slot {
-    TokenBucket bucket;
-    std::vector<std::uint8_t> staging;  // body bytes of this turn: few large writes beat many small ones
+  // Body bytes of this turn, of one transfer at a time: few large writes beat many small ones, and libcurl hands out
+  // what it has of one transfer before it turns to the next.
+  class Staging {
+   public:
+    void add(Transfer& transfer, const std::uint8_t* piece, std::uint64_t offset, std::uint64_t length);
+    void flush();                         // hands what is staged to its transfer's data callback
+    void drop(const Transfer& transfer);  // what is staged of it
+
+   private:
+    static void deliver(Transfer& transfer, std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length);
+
+    std::vector<std::uint8_t> bytes_;
+    Transfer* owner_ = nullptr;  // null: nothing is staged
+    std::uint64_t offset_ = 0;   // in the file, of the first byte
   };
 
   static std::size_t onHeader(char* bytes, std::size_t size, std::size_t count, void* transfer);
@@ -117,12 +127,14 @@ class CurlMultiBackend final : public ITransferBackend {
   std::function<void(const LoopTurn&)> newTurnCallback_ SYS_GUARDED_BY(mutex_);  // empty: the loop has taken it over
 
   // Loop thread only; after it has ended, the thread that destroys the backend.
-  Transfers taken_;            // submissions of this turn, until its commands are applied
-  Transfers waiting_;          // in front of the gate, oldest first
-  Transfers putBack_;          // to be tried again: go to the front of waiting_ in the next turn
-  Transfers active_;           // on the multi handle
-  std::list<Slot> slots_;      // in use by active transfers
-  std::list<Slot> freeSlots_;  // left by those that ended; the last one is the most recent
+  Transfers taken_;    // submissions of this turn, until its commands are applied
+  Transfers waiting_;  // in front of the gate, oldest first
+  Transfers putBack_;  // to be tried again: go to the front of waiting_ in the next turn
+  Transfers active_;   // on the multi handle
+  Staging staging_;
+  // Of the speed that each connection may have; a share passes from one transfer to the next.
+  std::list<TokenBucket> shares_;      // in use by active transfers
+  std::list<TokenBucket> freeShares_;  // left by those that ended; the last one is the most recent
   std::function<void(const LoopTurn&)> turnCallback_;
   std::optional<std::uint64_t> reportedNs_;  // when the turn callback ran last
   std::uint64_t sleptNs_ = 0;                // since then
