@@ -43,6 +43,11 @@ TEST(Options, urlAloneIsADownloadOverFourConnections) {
   EXPECT_EQ(options.connections, 4);
   EXPECT_EQ(options.bytesPerSec, 0U);
   EXPECT_FALSE(options.print || options.head || options.info || options.noRedirect || options.quiet);
+  EXPECT_TRUE(options.map);
+}
+
+TEST(Options, mapCanBeLeftOut) {
+  EXPECT_FALSE(accepted({"--no-map", "http://host/file"}).map);
 }
 
 TEST(Options, mayStandBeforeAndBehindTheUrl) {
@@ -118,6 +123,8 @@ TEST(Options, thatCannotWorkAreRefusedWithAReason) {
       {{"--known-size", "99999999999999999999", "u"}, "known-size"},
       {{"-x", "proxy:port", "u"}, "proxy"},
       {{"-q", "-v", "u"}, "quiet"},
+      {{"-p", "--no-map", "u"}, "no-map"},
+      {{"--map", "u"}, "map"},
       {{"--info", "-p", "u"}, "info"},
       {{"--info", "-I", "u"}, "info"},
       {{"--info", "-H", "A: 1", "u"}, "info"},

@@ -377,6 +377,38 @@ TEST_F(AdaptiveJob, tellsWhatItsConnectionsDo) {
   EXPECT_EQ(run.job.details().givenUpCount(), 0U);
 }
 
+TEST_F(AdaptiveJob, tellsWhatNoConnectionFetches) {
+  Running run(request(), policy(1), adaptive(), &hosts_);
+  run.job.start();
+  run.turn(1);
+  EXPECT_TRUE(run.job.details().missing().empty()) << "of a size that is unknown";
+  run.answer(0);
+  run.turn(5);
+  const std::vector<xfer::MissingRange> missing = run.job.details().missing();
+  ASSERT_EQ(missing.size(), 1U);
+  EXPECT_EQ(missing[0].start, kFirst);
+  EXPECT_EQ(missing[0].end, kSize);
+}
+
+TEST_F(AdaptiveJob, tellsOfAWholeFileThatItEndsWhereTheFileDoesAndThatAllOfItLacksBetweenTwoTries) {
+  Running run(request(), policy(2), DownloadOptions().setPlan(DownloadPlan::Adaptive), &hosts_);
+  run.job.start();
+  run.turn(1);
+  ResponseHead head;
+  head.status = 200;
+  head.contentLength = kSize;
+  EXPECT_EQ(run.world.transfers.answer(0, head).action, xfer::Placement::Action::Deliver);
+  run.turn(5);
+  ASSERT_EQ(run.job.details().ranges().size(), 1U);
+  EXPECT_EQ(run.job.details().ranges()[0].end, kSize);
+  EXPECT_TRUE(run.job.details().missing().empty());
+  run.world.transfers.finish(0, {kPartialFile, 200, 0});
+  const std::vector<xfer::MissingRange> missing = run.job.details().missing();
+  ASSERT_EQ(missing.size(), 1U);
+  EXPECT_EQ(missing[0].start, 0U);
+  EXPECT_EQ(missing[0].end, kSize);
+}
+
 TEST_F(AdaptiveJob, tellsWhyItGaveAConnectionUp) {
   support::RecordingLogger log;
   Running run(request(), policy(3), adaptive(), &hosts_);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 namespace xfer {
@@ -753,6 +754,11 @@ std::vector<AdaptivePlan::Activity> AdaptivePlan::activity() const {
 
 const AdaptivePlan::Counters& AdaptivePlan::counters() const {
   return counters_;
+}
+
+std::vector<ByteRange> AdaptivePlan::missing() const {
+  if (!size_ && !wholeDone_ && flights_.empty()) return {{0, std::numeric_limits<std::uint64_t>::max()}};
+  return missing_;
 }
 
 }  // namespace xfer

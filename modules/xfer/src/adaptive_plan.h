@@ -125,6 +125,10 @@ class AdaptivePlan final : public RangePlan {
   [[nodiscard]] std::vector<Activity> activity() const;
   [[nodiscard]] const Counters& counters() const;
 
+  /// What nobody fetches, ascending.  Of a file whose size the plan does not know: all of it, as far as offsets go,
+  /// while nothing is in flight.
+  [[nodiscard]] std::vector<ByteRange> missing() const;
+
   // ---- RangePlan ----
 
   [[nodiscard]] std::size_t limit() const override;

@@ -12,6 +12,7 @@ namespace xfer {
 
 struct DownloadDetails::Values {
   std::vector<RangeDetails> ranges{};
+  std::vector<MissingRange> missing{};
   std::vector<GivenUpConnection> givenUp{};
   AdaptivePlan::Counters counters{};
   std::uint64_t hostConnections = 0;

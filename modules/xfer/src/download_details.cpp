@@ -18,6 +18,10 @@ std::vector<RangeDetails> DownloadDetails::ranges() const {
   return values_->ranges;
 }
 
+std::vector<MissingRange> DownloadDetails::missing() const {
+  return values_->missing;
+}
+
 std::vector<GivenUpConnection> DownloadDetails::givenUp() const {
   return values_->givenUp;
 }

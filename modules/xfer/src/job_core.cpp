@@ -59,11 +59,14 @@ DownloadDetails::Values JobCore::details() const {
   DownloadDetails::Values details;
   if (moving_ == nullptr) return details;
   for (const AdaptivePlan::Activity& one : moving_->activity()) {
-    details.ranges.push_back(
-        {one.range.start, one.range.end, one.position, one.bytesPerSec, one.silentNs / kNsPerMs, one.copy});
+    const std::uint64_t end = totalBytes_ != 0 ? std::min(one.range.end, totalBytes_) : one.range.end;
+    details.ranges.push_back({one.range.start, end, one.position, one.bytesPerSec, one.silentNs / kNsPerMs, one.copy});
   }
   std::sort(details.ranges.begin(), details.ranges.end(),
             [](const RangeDetails& one, const RangeDetails& other) { return one.start < other.start; });
+  for (const ByteRange& range : moving_->missing()) {
+    if (range.start < totalBytes_) details.missing.push_back({range.start, std::min(range.end, totalBytes_)});
+  }
   details.givenUp = givenUp_;
   details.counters = moving_->counters();
   details.hostConnections = moving_->terms().connections;

@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -102,11 +103,29 @@ class XferGetOnATerminal : public testing::Test {
     std::vector<std::string> command = {support::siblingProgram("xfer-get"), server_.url("/file"), "out"};
     command.insert(command.end(), options.begin(), options.end());
     const Terminal terminal(columns);
-    Process child(command, {.folder = folder_.path(), .errFile = terminal.path()});
+    Process child(
+        command, {.environment = {std::string("TERM=") + kind_}, .folder = folder_.path(), .errFile = terminal.path()});
     std::string text = terminal.readToEnd(onText);
     return {child.wait(), std::move(text)};
   }
 
+  // A file of whose ranges nothing but so many bytes comes until the gate is open.
+  static support::Handler rangesThatWait(std::uint64_t bytes, const support::Gate& gate) {
+    return [bytes, gate](const ReceivedRequest& request) {
+      const std::uint64_t start = request.range->first;
+      const std::uint64_t end = std::min(request.range->last.value_or(kSize - 1) + 1, kSize);
+      const std::uint64_t held = std::min(start + bytes, end);
+      return support::Reply()
+          .send("HTTP/1.1 206 Partial Content\r\nContent-Length: " + std::to_string(end - start) +
+                "\r\nContent-Range: bytes " + std::to_string(start) + "-" + std::to_string(end - 1) + "/" +
+                std::to_string(kSize) + "\r\n\r\n")
+          .sendPattern(start, held)
+          .waitFor(gate)
+          .sendPattern(held, end);
+    };
+  }
+
+  const char* kind_ = "dumb";  // of the terminal
   // Slow enough for a few drawings.
   ScriptedServer server_{[](const ReceivedRequest& request) {
     if (request.range == support::RequestedRange{0, 0}) return support::range206(request, kSize);
@@ -132,15 +151,7 @@ TEST_F(XferGetOnATerminal, redrawsOneLineThatNeverWraps) {
 TEST_F(XferGetOnATerminal, beginsWithAnEmptyBarAndEndsWithAFullOne) {
   const std::string emptyBar = "\r[........";
   support::Gate drawn;
-  server_.setHandler([drawn](const ReceivedRequest& request) {
-    // What a slow moment leaves of the first range is asked for apart.
-    if (request.range->first != 0) return support::range206(request, kSize);
-    return support::Reply()
-        .send("HTTP/1.1 206 Partial Content\r\nContent-Length: " + std::to_string(kSize) +
-              "\r\nContent-Range: bytes 0-" + std::to_string(kSize - 1) + "/" + std::to_string(kSize) + "\r\n\r\n")
-        .waitFor(drawn)
-        .sendPattern(0, kSize);
-  });
+  server_.setHandler(rangesThatWait(0, drawn));
   const Shown shown = get(100, {}, [&](const std::string& text) {
     if (text.find(emptyBar) != std::string::npos) drawn.open();
   });
@@ -156,6 +167,40 @@ TEST_F(XferGetOnATerminal, drawsNoBarBetweenTheRecordsOfALog) {
   for (const std::string& line : pieces(shown.text)) {
     const bool record = line.rfind("trace ", 0) == 0 || line.rfind("note ", 0) == 0;
     EXPECT_TRUE(line.empty() || record || line.rfind("xfer-get: ", 0) == 0) << line;
+  }
+}
+
+TEST_F(XferGetOnATerminal, drawsAMapAndItsConnectionsBelowTheLineAndClearsThemInTheEnd) {
+  kind_ = "xterm";
+  for (const unsigned short columns : std::vector<unsigned short>{200, 80, 40}) {
+    support::Gate drawn;
+    server_.setHandler(rangesThatWait(kSize / 4, drawn));
+    const Shown shown = get(columns, {}, [&](const std::string& text) {
+      if (text.find("\x1b[K") != std::string::npos) drawn.open();
+    });
+    EXPECT_EQ(shown.exitCode, 0) << shown.text;
+    const std::size_t map = shown.text.find("\r\n\r[");
+    ASSERT_NE(map, std::string::npos) << shown.text;
+    const std::size_t end = shown.text.find("\x1b[K", map);
+    EXPECT_EQ(end - map, 3U + columns - 1) << "as wide as the terminal, but for its last column: " << shown.text;
+    EXPECT_NE(shown.text.substr(map, end - map).find('>'), std::string::npos) << shown.text;
+    const std::size_t line = shown.text.find("\r\n\r", end);
+    EXPECT_EQ(line, end + 3) << "a connection's line: " << shown.text;
+    EXPECT_NE(shown.text.substr(line, 30).find("KiB > "), std::string::npos) << shown.text;
+    EXPECT_NE(shown.text.find("A\r", line), std::string::npos) << "back to the progress line: " << shown.text;
+    const std::size_t cleared = shown.text.rfind("\x1b[J");
+    ASSERT_NE(cleared, std::string::npos) << shown.text;
+    EXPECT_EQ(shown.text.find("[#", cleared), std::string::npos) << "no map is left: " << shown.text;
+    EXPECT_EQ(shown.text.find("\nxfer-get: out: ", cleared), cleared + 4) << shown.text;
+  }
+}
+
+TEST_F(XferGetOnATerminal, drawsNoMapWhereNoneIsWantedOrTheCursorMayNotMove) {
+  for (const char* const kind : {"dumb", "", "xterm"}) {
+    kind_ = kind;
+    const Shown shown = get(80, *kind == 'x' ? std::vector<std::string>{"--no-map"} : std::vector<std::string>());
+    EXPECT_EQ(shown.exitCode, 0) << shown.text;
+    EXPECT_EQ(shown.text.find('\x1b'), std::string::npos) << shown.text;
   }
 }
 

@@ -115,6 +115,8 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
   app.add_flag("--info", options.info, "print size, range support and media type");
   auto* const data = app.add_option("-d,--data", options.data, "send this as the body of a POST, and print the answer");
   app.add_flag("--no-redirect", options.noRedirect, "do not follow redirects (with --print, --head or --data)");
+  auto* const noMap =
+      app.add_flag("!--no-map", options.map, "draw no map of the file and its connections on a terminal");
   app.add_flag("-q,--quiet", options.quiet, "write nothing but errors");
   app.add_flag("-v,--verbose", options.verbosity, "log failures, retries and replaced connections; twice: everything");
   app.set_version_flag("-V,--version", std::string("xfer-get ") + XFER_VERSION);
@@ -122,6 +124,7 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
       "Exit codes: 0 done, 1 internal error, 2 usage, 3 file, 4 network, 5 HTTP status, 130 cancelled.\n"
       "Without -x the environment names the proxy for URL, redirects included: http_proxy for http; https_proxy or\n"
       "HTTPS_PROXY for https; else all_proxy or ALL_PROXY; none for the hosts in no_proxy or NO_PROXY.\n"
+      "The map below the progress: # is there, > is where a connection writes, - is asked for, . is missing.\n"
       "Progress, messages and the log go to standard error.  A download that fails or is cancelled\n"
       "may leave a partial file, which has the size of the whole one.");
   try {
@@ -130,6 +133,7 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
     for (const std::string& line : options.headers) checkHeader(line);
     checkTogether(options, file->count() > 0, data->count() > 0,
                   {{"--plan", plan->count() > 0},
+                   {"--no-map", noMap->count() > 0},
                    {"--max-tries", maxTries->count() > 0},
                    {"--retry-max-time", retryMax->count() > 0}});
   } catch (const CLI::ParseError& error) {

@@ -28,6 +28,7 @@ struct Options {
   bool head = false;
   bool info = false;
   bool noRedirect = false;
+  bool map = true;
   bool quiet = false;
   int verbosity = 0;
 };

@@ -5,9 +5,12 @@
 #include <cstdlib>
 #include <exception>
 #include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "environment_proxy.h"
+#include "file_map.h"
 #include "file_name.h"
 #include "keel/keel.h"
 #include "options.h"
@@ -40,39 +43,58 @@ void startLog(int verbosity) {
   Keel::setRecordSink(writeRecord, nullptr);
 }
 
-// Shows a running download: redraws one line on a terminal; prints a line every few seconds elsewhere and with a log.
+// Shows a running download: redraws a line and a map below it on a terminal; prints a line every few seconds elsewhere
+// and with a log.
 class Display {
  public:
   explicit Display(const Options& options)
-      : quiet_(options.quiet), redraws_(options.verbosity == 0), connections_(options.connections) {}
+      : quiet_(options.quiet), redraws_(options.verbosity == 0), map_(options.map), connections_(options.connections) {}
 
-  void show(const xfer::DownloadJob& job) {
+  void show(const xfer::DownloadJob& job) { show(job, map_); }
+
+  void end(const xfer::DownloadJob& job) {
+    if (!drawn_) return;
+    show(job, /*map=*/false);
+    std::fputc('\n', stderr);
+  }
+
+ private:
+  using Lines = std::vector<std::string>;
+
+  void show(const xfer::DownloadJob& job, bool map) {
     if (quiet_) return;
     const xfer::DownloadSnapshot snapshot = job.snapshot();
     const xfer::DownloadDetails details = job.details();
-    const std::uint64_t nextTryMs = details.ranges().empty() ? details.hostLeftAloneMs() : 0;
-    if (const unsigned columns = redraws_ ? terminalColumns() : 0; columns > 0) {
-      const std::string line = progressLine(snapshot, connections_, columns - 1, nextTryMs);
-      std::fprintf(stderr, "\r%s%s", line.c_str(), std::string(columns - 1 - line.size(), ' ').c_str());
-      std::fflush(stderr);
-      drawn_ = true;
+    const FileParts parts{snapshot.totalBytes, details.ranges(), details.missing()};
+    const std::uint64_t nextTryMs = parts.ranges.empty() ? details.hostLeftAloneMs() : 0;
+    if (const TerminalSize terminal = redraws_ ? terminalSize() : TerminalSize(); terminal.columns > 0) {
+      const unsigned columns = terminal.columns - 1;
+      const unsigned rows = map && terminal.rows > 1 ? terminal.rows - 1 : 0;
+      draw(progressLine(snapshot, connections_, columns, nextTryMs), mapLines(parts, columns, rows), columns);
     } else if (const auto now = Clock::now(); now >= nextPlain_) {
       nextPlain_ = now + kPlainLine;
       say(plainLine(snapshot, connections_, nextTryMs));
     }
   }
 
-  void end(const xfer::DownloadJob& job) {
-    if (!drawn_) return;
-    show(job);
-    std::fputc('\n', stderr);
+  // The cursor stays on the progress line, so that whatever else is written begins there.
+  void draw(const std::string& progress, const Lines& below, std::size_t columns) {
+    std::string text = "\r" + progress + std::string(columns - progress.size(), ' ');
+    for (const std::string& line : below) text += "\n\r" + line + "\x1b[K";
+    if (linesBelow_ > below.size()) text += below.empty() ? "\x1b[J" : "\n\r\x1b[J\x1b[A";
+    if (!below.empty()) text += "\x1b[" + std::to_string(below.size()) + "A\r";
+    linesBelow_ = below.size();
+    std::fputs(text.c_str(), stderr);
+    std::fflush(stderr);
+    drawn_ = true;
   }
 
- private:
   bool quiet_;
   bool redraws_;
+  bool map_;
   unsigned connections_;
   bool drawn_ = false;
+  std::size_t linesBelow_ = 0;
   Clock::time_point nextPlain_ = Clock::now() + std::chrono::seconds(1);  // the speed is unknown before
 };
 

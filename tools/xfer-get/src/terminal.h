@@ -5,8 +5,13 @@
 
 namespace xfer_get {
 
-/// Columns of the terminal on standard error; 0 when it is not a terminal.
-unsigned terminalColumns();
+struct TerminalSize {
+  unsigned columns = 0;  ///< the last one may wrap; 0: not a terminal
+  unsigned rows = 0;     ///< 0 where the cursor cannot be moved up
+};
+
+/// Of the terminal on standard error.
+TerminalSize terminalSize();
 
 /// Set when the user interrupts the program.
 const std::atomic<bool>& interrupted();

@@ -24,6 +24,12 @@ struct RangeDetails {
   bool copy = false;           ///< fetched a second time, since the first one is slow
 };
 
+/// A part of the file that has not arrived, and that no connection fetches now.
+struct MissingRange {
+  std::uint64_t start = 0;
+  std::uint64_t end = 0;
+};
+
 /// A connection that was closed before its range was complete, since it held the download up.
 struct GivenUpConnection {
   const char* reason = "";     ///< "silent" or "slow"; static text
@@ -43,6 +49,9 @@ class DownloadDetails {
 
   /// In flight now, ascending by their start.
   [[nodiscard]] XFER_API std::vector<RangeDetails> ranges() const;
+
+  /// Ascending; empty while the size is unknown.  What is neither in here nor in ranges behind its position is there.
+  [[nodiscard]] XFER_API std::vector<MissingRange> missing() const;
 
   /// The latest ones, at most 16, oldest first.
   [[nodiscard]] XFER_API std::vector<GivenUpConnection> givenUp() const;

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
 
 namespace xfer_get {
 namespace {
@@ -18,10 +20,14 @@ extern "C" void onSignal(int signal) {
 
 }  // namespace
 
-unsigned terminalColumns() {
-  if (::isatty(STDERR_FILENO) == 0) return 0;
+TerminalSize terminalSize() {
+  if (::isatty(STDERR_FILENO) == 0) return {};
   winsize size{};
-  return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+  if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0) size = {};
+  // What a terminal of no name, or a dumb one, does with a request to move up is unknown.
+  const char* const name = std::getenv("TERM");
+  const bool moves = name != nullptr && *name != '\0' && std::strcmp(name, "dumb") != 0;
+  return {size.ws_col > 0 ? size.ws_col : 80U, moves ? size.ws_row : 0U};
 }
 
 const std::atomic<bool>& interrupted() {

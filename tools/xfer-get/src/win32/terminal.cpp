@@ -18,11 +18,17 @@ BOOL WINAPI onControl(DWORD event) {
 
 }  // namespace
 
-unsigned terminalColumns() {
+TerminalSize terminalSize() {
+  const HANDLE terminal = ::GetStdHandle(STD_ERROR_HANDLE);
   CONSOLE_SCREEN_BUFFER_INFO info{};
-  if (!::GetConsoleScreenBufferInfo(::GetStdHandle(STD_ERROR_HANDLE), &info)) return 0;
-  const int columns = info.srWindow.Right - info.srWindow.Left;  // one less than the width: the last column would wrap
-  return columns > 0 ? static_cast<unsigned>(columns) : 79;
+  if (::GetConsoleScreenBufferInfo(terminal, &info) == 0) return {};
+  const int columns = info.srWindow.Right - info.srWindow.Left + 1;
+  const int rows = info.srWindow.Bottom - info.srWindow.Top + 1;
+  // Older consoles write a request to move up as it stands.
+  DWORD mode = 0;
+  const bool moves = ::GetConsoleMode(terminal, &mode) != 0 &&
+                     ::SetConsoleMode(terminal, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+  return {columns > 0 ? static_cast<unsigned>(columns) : 80U, moves && rows > 0 ? static_cast<unsigned>(rows) : 0U};
 }
 
 const std::atomic<bool>& interrupted() {
