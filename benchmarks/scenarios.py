@@ -2,13 +2,13 @@
 """Times downloads from difficult servers, as multiples of the least time that each server allows.
 
     cmake --preset release -DXFER_BUILD_BENCHMARKS=ON
-    cmake --build --preset release --target xfer-get scenario_server plain_recv bare_loop
+    cmake --build --preset release --target xfer-get scenario_server plain_recv bare_loop measured
     benchmarks/scenarios.py --bin build/release/bin
     benchmarks/scenarios.py --bin build/release/bin --tool "one=build/release/bin/xfer-get -q -n 1" --only latency
 
 --tool LABEL=COMMAND may be repeated; {url} and {file} in the command are replaced, and appended when they are not there.
 Without it, xfer-get runs with 8 connections.  Beside them run a bare libcurl loop over 8 equal ranges, curl with one
-connection and aria2c with 8; those that are not installed are named and left out.
+connection, and aria2c, axel and wget2 with 8; those that are not installed are named and left out.
 
 Scenarios (a rate is 4 MiB/s for each connection, over all its requests)
 
@@ -46,12 +46,12 @@ How it measures
     stopped, that failed, or that took more than --patience times the limit in its first round runs no more in that
     scenario; its figure is that of one round and marked with *.
 
-The second table says what the server saw: connections (most of them at once), requests, and bytes sent as a multiple of
+The second table says what the server saw, and what the program took: connections (most of them at once), requests, and bytes sent as a multiple of
 the file's size.  What a client takes but does not need counts there.
 """
 import argparse
-import contextlib
 import dataclasses
+import html
 import json
 import os
 import pathlib
@@ -62,8 +62,6 @@ import statistics
 import subprocess
 import sys
 import tempfile
-import threading
-import time
 
 MIB = 1 << 20
 CONNECTIONS = 8
@@ -122,6 +120,7 @@ class Download:
     outcome: str  # "done", "failed" or "stopped"
     seconds: float
     processor_seconds: float
+    peak_kib: int
     connections: int
     most_open: int
     requests: int
@@ -132,6 +131,7 @@ class Bench:
     def __init__(self, folder, bin_folder):
         self.folder = folder
         self.server = bin_folder / "scenario_server"
+        self.measured = bin_folder / "measured"
         self.original = folder / "original.bin"
         self.target = folder / "target.bin"
 
@@ -172,41 +172,15 @@ class Bench:
             words = [word.format(url=f"http://127.0.0.1:{server.port}/file.bin", file=self.target, port=server.port,
                                  size=scenario.mib * MIB, folder=self.folder, name=self.target.name)
                      for word in command]
-            code, seconds, processor_seconds = timed(words, most_seconds)
+            taken = json.loads(subprocess.run([self.measured, str(most_seconds), *words], check=True,
+                                              capture_output=True, text=True).stdout)
             seen = server.seen()
-        outcome = "stopped" if code is None else "failed" if code != 0 else "done"
+        outcome = "stopped" if taken["stopped"] else "done" if taken["code"] == 0 else "failed"
         if outcome == "done" and not self.is_whole():
             raise SystemExit(f"{label} stored another file in {scenario.name}")
         self.remove_target()
-        return Download(outcome, seconds, processor_seconds, seen["connections"], seen["most_open"], seen["requests"],
+        return Download(outcome, taken["seconds"], taken["processor_seconds"], taken["peak_kib"], seen["connections"], seen["most_open"], seen["requests"],
                         seen["body_bytes"] / (scenario.mib * MIB))
-
-
-def timed(words, most_seconds):
-    """Exit code (None when it was stopped), seconds, and those of the processors."""
-    stopped = threading.Event()
-
-    def stop():
-        stopped.set()
-        with contextlib.suppress(ProcessLookupError):  # it ends at this moment
-            os.killpg(process.pid, signal.SIGKILL)  # with what it has started
-
-    begin = time.perf_counter()
-    process = subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                               start_new_session=True)
-    watchdog = threading.Timer(most_seconds, stop)
-    watchdog.start()
-    try:
-        _, status, usage = os.wait4(process.pid, 0)
-        seconds = time.perf_counter() - begin
-        process.returncode = os.waitstatus_to_exitcode(status)
-    except BaseException:
-        stop()
-        process.wait()
-        raise
-    finally:
-        watchdog.cancel()
-    return None if stopped.is_set() else process.returncode, seconds, usage.ru_utime + usage.ru_stime
 
 
 def tools(args):
@@ -224,6 +198,9 @@ def tools(args):
         "curl": ["curl", "-sf", "-o", "{file}", "{url}"],
         "aria2c": ["aria2c", "-q", "--allow-overwrite=true", "--no-conf", "-x", str(CONNECTIONS), "-s",
                    str(CONNECTIONS), "-k", "1M", "--file-allocation=falloc", "-d", "{folder}", "-o", "{name}", "{url}"],
+        "axel": ["axel", "-q", "-n", str(CONNECTIONS), "-o", "{file}", "{url}"],
+        "wget2": ["wget2", "-q", "--no-config", f"--max-threads={CONNECTIONS}", "--chunk-size=1M", "-O", "{file}",
+                  "{url}"],
     }
     for label, words in peers.items():
         if shutil.which(words[0]):
@@ -303,15 +280,55 @@ def show(results, labels, rounds):
     for scenario, limit, downloads in results:
         cells = [figure(downloads.get(label, []), limit, rounds * scenario.rounds_factor) for label in labels]
         row([scenario.name, str(scenario.mib), f"{limit:.3f}", *cells])
-    print("\nWhat the server saw, medians\n")
-    row(["scenario", "program", "least and most time", "connections (at once)", "requests", "sent", "processor, s"])
-    print("|" + "---|" * 7)
+    print("\nWhat the server saw and the program took, medians\n")
+    row(["scenario", "program", "least and most time", "connections (at once)", "requests", "sent",
+         "processor, s a GiB", "peak memory, MiB"])
+    print("|" + "---|" * 8)
     for scenario, limit, downloads in results:
         for label, some in downloads.items():
             middle = [statistics.median(getattr(download, name) for download in some)
-                      for name in ("connections", "most_open", "requests", "sent", "processor_seconds")]
+                      for name in ("connections", "most_open", "requests", "sent", "processor_seconds", "peak_kib")]
             row([scenario.name, label, spread(some, limit), f"{middle[0]:.0f} ({middle[1]:.0f})", f"{middle[2]:.0f}",
-                 f"{middle[3]:.3f}", f"{middle[4]:.2f}"])
+                 f"{middle[3]:.3f}", f"{middle[4] * 1024 / scenario.mib:.2f}", f"{middle[5] / 1024:.1f}"])
+
+
+def write_chart(path, results, labels):
+    """A group of bars for each scenario; those that do not fit end in their figure."""
+    left, top, width, most, bar, gap = 90, 46, 560, 4.0, 13, 12
+    colours = ("#1b6ca8", "#8fb8d6", "#c9a227", "#b5563c", "#7a8f5a", "#8a6fa8", "#999999")
+    shapes = []
+
+    def text(x, y, words, extra=""):
+        shapes.append(f'<text x="{x:.0f}" y="{y:.0f}" {extra}>{html.escape(words)}</text>')
+
+    text(left, 16, "Time to download, in multiples of the least that each server allows", 'font-weight="bold"')
+    for number, label in enumerate(labels):
+        x = left + number * 110
+        shapes.append(f'<rect x="{x}" y="26" width="10" height="10" fill="{colours[number % len(colours)]}"/>')
+        text(x + 14, 35, label)
+    y = top
+    for scenario, limit, downloads in results:
+        text(left - 8, y + bar * len(labels) / 2 + 4, scenario.name, 'text-anchor="end"')
+        for number, label in enumerate(labels):
+            some = downloads.get(label, [])
+            time = median(some)
+            if some and some[-1].outcome != "done":
+                words, length = some[-1].outcome, most
+            elif time is None:
+                words, length = "", 0
+            else:
+                words, length = f"{time / limit:.2f}", min(time / limit, most)
+            shapes.append(f'<rect x="{left}" y="{y}" width="{length / most * width:.0f}" height="{bar - 2}" '
+                          f'fill="{colours[number % len(colours)]}"/>')
+            text(left + length / most * width + 4, y + bar - 4, words)
+            y += bar
+        y += gap
+    limit_x = left + width / most
+    shapes.append(f'<line x1="{limit_x:.0f}" y1="{top - 4}" x2="{limit_x:.0f}" y2="{y - gap}" stroke="#333" '
+                  'stroke-dasharray="3 3"/>')
+    path.write_text(f'<svg xmlns="http://www.w3.org/2000/svg" width="{left + width + 80}" height="{y}" '
+                    f'font-family="sans-serif" font-size="11">\n<rect width="100%" height="100%" fill="white"/>\n'
+                    + "\n".join(shapes) + "\n</svg>\n")
 
 
 def write_json(path, results, rounds):
@@ -336,6 +353,7 @@ def main():
     parser.add_argument("--patience", type=float, default=5, help="see above; default: %(default)s")
     parser.add_argument("--folder", type=pathlib.Path, default=pathlib.Path("/dev/shm"), help="default: %(default)s")
     parser.add_argument("--json", type=pathlib.Path, metavar="FILE", help="write every download's figures there")
+    parser.add_argument("--svg", type=pathlib.Path, metavar="FILE", help="draw a chart there")
     args = parser.parse_args()
     everyone = tools(args)
 
@@ -353,6 +371,8 @@ def main():
             show(results, list(everyone), args.rounds)
             if args.json:
                 write_json(args.json, results, args.rounds)
+            if args.svg:
+                write_chart(args.svg, results, [label for label in everyone if not label.startswith("plain recv")])
 
 
 sys.exit(main())
