@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "curl_multi_backend.h"
+#include "support/brought.h"
 #include "support/gate.h"
 #include "support/job_run.h"
 #include "support/log_line.h"
@@ -108,12 +109,14 @@ CURLMsg* __wrap_curl_multi_info_read(CURLM* multi, int* left) {
 
 namespace {
 
+using support::End;
 using support::failure;
 using support::kBackend;
 using support::kFetch;
 using support::kJob;
 using support::kXfer;
 using support::LogLine;
+using support::rangeOf;
 using support::trace;
 using support::waitUntil;
 using support::wholeLogError;
@@ -128,19 +131,6 @@ using Lines = std::vector<LogLine>;
 constexpr std::int32_t kNoHandle = -1;
 constexpr std::int32_t kCancelled = CURLE_ABORTED_BY_CALLBACK;
 constexpr std::uint64_t kSize = 10;
-
-struct End {
-  std::uint64_t start = 0;
-  std::int32_t code = 0;
-  std::int32_t status = 0;
-  std::uint64_t bytes = 0;
-
-  bool operator==(const End&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& out, const End& end) {
-  return out << "{" << end.start << ", " << end.code << ", " << end.status << ", " << end.bytes << "}";
-}
 
 class RefusingLibcurl : public testing::Test {
  protected:
@@ -161,15 +151,9 @@ class RefusingLibcurl : public testing::Test {
     return request;
   }
 
-  [[nodiscard]] TransferRequest range(std::uint64_t start, std::uint64_t end) const {
-    TransferRequest request;
-    request.url = url;
-    request.rangeStart = start;
-    request.rangeEnd = end;
-    return request;
+  void submit(CurlMultiBackend& backend, std::uint64_t start, std::uint64_t end) {
+    submit(backend, rangeOf(url, start, end));
   }
-
-  void submit(CurlMultiBackend& backend, std::uint64_t start, std::uint64_t end) { submit(backend, range(start, end)); }
 
   xfer::Ticket submit(CurlMultiBackend& backend, const TransferRequest& request) {
     return backend.submit(request, {}, [this](std::uint64_t rangeStart, const TransferEnd& transferEnd) {
@@ -283,7 +267,7 @@ TEST_F(RefusingLibcurl, withoutAHandleASubmissionEndsAtOnceWithMinus1) {
   EXPECT_EQ(ends(), (std::vector<End>{{2, kNoHandle, 0, 0}})) << "before submit returned";
   expectFailures({failure(kBackend, "submit | curl_easy_init failed")});
   g_easyRefusals = 1;
-  backend.submit(range(2, 5), {}, {});
+  backend.submit(rangeOf(url, 2, 5), {}, {});
   expectNextOneRuns(backend);
   EXPECT_EQ(server.requests().size(), 1U);
 }
@@ -295,7 +279,7 @@ TEST_F(RefusingLibcurl, withoutAMultiHandleABackendRefusesAllWorkAndStillEnds) {
     EXPECT_EQ(wholeLogError(log.records(), {failure(kBackend, "curl_multi_init failed")}), "") << "no loop runs";
     submit(backend, 2, 5);
     EXPECT_EQ(ends(), (std::vector<End>{{2, kCancelled, 0, 0}}));
-    backend.submit(range(2, 5), {}, {});
+    backend.submit(rangeOf(url, 2, 5), {}, {});
     backend.pause();
     backend.resume();
     backend.cancelAll();
@@ -309,7 +293,7 @@ TEST_F(RefusingLibcurl, withoutAMultiHandleABackendRefusesAllWorkAndStillEnds) {
 TEST_F(RefusingLibcurl, aTransferThatCannotBeAddedEndsWithMinus1AndTheLoopGoesOn) {
   CurlMultiBackend backend({});
   g_addRefusals = 2;
-  backend.submit(range(2, 5), {}, {});
+  backend.submit(rangeOf(url, 2, 5), {}, {});
   submit(backend, 3, 5);
   ASSERT_TRUE(waitUntil([&] { return ends().size() == 1; }));
   EXPECT_EQ(ends(), (std::vector<End>{{3, kNoHandle, 0, 0}}));
@@ -353,7 +337,7 @@ TEST_F(RefusingLibcurl, messagesOfAnotherKindSayNothing) {
 TEST_F(RefusingLibcurl, withHttp1ATransferThatWasNotSentIsNotPutBack) {
   const support::ScriptedServer closing([](const support::ReceivedRequest&) { return support::Reply().close(); });
   CurlMultiBackend backend({});
-  TransferRequest unanswered = range(0, 4);
+  TransferRequest unanswered = rangeOf(url, 0, 4);
   unanswered.url = closing.url("/");
   g_nextResult = CURLE_FAILED_INIT;
   std::atomic<int> code{0};
@@ -381,7 +365,7 @@ TEST_F(RefusingLibcurl, aCutHoldsAfterTheTransferHasBeenPutBack) {
     backend.cut(ticket, 6);
     cut.open();
   });
-  TransferRequest request = range(0, kSize);
+  TransferRequest request = rangeOf(url, 0, kSize);
   request.url = twice.url("/");
   ticket = submit(backend, request);
   ASSERT_TRUE(twice.waitForRequests(1));
