@@ -542,7 +542,10 @@ TEST_P(CompleteFileOfKnownSize, capWhereNothingSaysThatTheFileGoesOnCutsTheFile)
     const bool last = startOf(request) == 7 * kChunk;
     return capped206(request, 8 * kChunk, adaptivePlan() ? left : last ? cap : kChunk, {}, "*");
   });
-  const auto job = jobOf(server, 8 * kChunk);
+  // Where an adaptive plan begins another range is a matter of time, and one behind the file's end fails the job.
+  DownloadPolicy policy = ranges();
+  if (adaptivePlan()) policy.numThreads = 1;
+  const auto job = jobOf(server, 8 * kChunk, policy);
   expectWhole(*job, 7 * kChunk + cap);
 }
 
