@@ -115,8 +115,8 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
   app.add_flag("--info", options.info, "print size, range support and media type");
   auto* const data = app.add_option("-d,--data", options.data, "send this as the body of a POST, and print the answer");
   app.add_flag("--no-redirect", options.noRedirect, "do not follow redirects (with --print, --head or --data)");
-  auto* const noMap =
-      app.add_flag("!--no-map", options.map, "draw no map of the file and its connections on a terminal");
+  auto* const noMap = app.add_flag_callback(
+      "--no-map", [&] { options.map = false; }, "draw no map of the file and its connections on a terminal");
   app.add_flag("-q,--quiet", options.quiet, "write nothing but errors");
   app.add_flag("-v,--verbose", options.verbosity, "log failures, retries and replaced connections; twice: everything");
   app.set_version_flag("-V,--version", std::string("xfer-get ") + XFER_VERSION);
