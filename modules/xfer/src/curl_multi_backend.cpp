@@ -80,9 +80,9 @@ struct CurlMultiBackend::Transfer {
   } attempt;
 
   bool active = false;
-  std::list<TokenBucket>::iterator share;  // valid while active
-  PieceGate gate;                          // left when not active
-  Staging* staging = nullptr;              // the loop's
+  std::list<TokenBucket>::iterator bucket;  // valid while active
+  PieceGate gate;                           // left when not active
+  Staging* staging = nullptr;               // the loop's
 
   void beginAttempt() {
     attempt = {};
@@ -120,13 +120,13 @@ struct CurlMultiBackend::Transfer {
   // Whether the speed limits let a piece of the body pass now.
   bool passesLimits(std::uint64_t size, std::uint64_t now) {
     if (!gate.opensFor(request.limits, size, now)) return false;
-    if (hasShare() && !share->take(size, now)) return false;
+    if (hasShare() && !bucket->take(size, now)) return false;
     gate.passed(size);
     return true;
   }
 
   [[nodiscard]] bool wouldPassLimits(std::uint64_t size, std::uint64_t now) const {
-    return gate.isOpen(now) && (!hasShare() || share->wouldTake(size, now));
+    return gate.isOpen(now) && (!hasShare() || bucket->wouldTake(size, now));
   }
 
   // Judges the head; false when the transfer is to end here.
@@ -539,7 +539,7 @@ bool CurlMultiBackend::hasRoom() const {
 
 void CurlMultiBackend::addTransfer() {
   assertLoopThread();
-  if (freeShares_.empty()) freeShares_.emplace_back();
+  if (freeBuckets_.empty()) freeBuckets_.emplace_back();
   Transfer& transfer = *waiting_.front();
   if (share_.handle() != nullptr) curl_easy_setopt(transfer.easy.get(), CURLOPT_SHARE, share_.handle());
   const CURLMcode added = curl_multi_add_handle(multi_.get(), transfer.easy.get());
@@ -550,9 +550,9 @@ void CurlMultiBackend::addTransfer() {
     finishTransfer(transfer, {result::kNoHandle, 0, 0});
     return;
   }
-  shares_.splice(shares_.end(), freeShares_, std::prev(freeShares_.end()));
-  transfer.share = std::prev(shares_.end());
-  transfer.share->setRate(transfer.request.maxRecvSpeed, steadyNs());
+  buckets_.splice(buckets_.end(), freeBuckets_, std::prev(freeBuckets_.end()));
+  transfer.bucket = std::prev(buckets_.end());
+  transfer.bucket->setRate(transfer.request.maxRecvSpeed, steadyNs());
   transfer.staging = &staging_;
   transfer.active = true;
   if (!transfer.firstAddedNs) transfer.firstAddedNs = steadyNs();
@@ -572,7 +572,7 @@ void CurlMultiBackend::leaveMulti(Transfer& transfer) {
   curl_multi_remove_handle(multi_.get(), transfer.easy.get());
   transfer.gate.leave();
   staging_.drop(transfer);
-  freeShares_.splice(freeShares_.end(), shares_, transfer.share);
+  freeBuckets_.splice(freeBuckets_.end(), buckets_, transfer.bucket);
   transfer.active = false;
   --activeCount_;
 }

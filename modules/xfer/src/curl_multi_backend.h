@@ -132,9 +132,9 @@ class CurlMultiBackend final : public ITransferBackend {
   Transfers putBack_;  // to be tried again: go to the front of waiting_ in the next turn
   Transfers active_;   // on the multi handle
   Staging staging_;
-  // Of the speed that each connection may have; a share passes from one transfer to the next.
-  std::list<TokenBucket> shares_;      // in use by active transfers
-  std::list<TokenBucket> freeShares_;  // left by those that ended; the last one is the most recent
+  // Each keeps a connection's share of the speed, and passes from one transfer to the next.
+  std::list<TokenBucket> buckets_;      // in use by active transfers
+  std::list<TokenBucket> freeBuckets_;  // left by those that ended; the last one is the most recent
   std::function<void(const LoopTurn&)> turnCallback_;
   std::optional<std::uint64_t> reportedNs_;  // when the turn callback ran last
   std::uint64_t sleptNs_ = 0;                // since then
