@@ -85,6 +85,12 @@ TEST(ConnectionLine, tellsWhereAndHowFast) {
   EXPECT_EQ(connectionLine(range, 0, 24), "  12.0 MiB >          ? ");
 }
 
+TEST(ConnectionLine, namesNoEndThatTheFileNeedNotHave) {
+  const RangeDetails firstRange = flight(0, 0, 1 << 30);
+  EXPECT_EQ(connectionLine(firstRange, 0, 80), "       0 B >          ?  begins");
+  EXPECT_EQ(connectionLine(firstRange, 1000, 80), "       0 B >     1000 B  begins");
+}
+
 TEST(ConnectionLine, tellsOfASilenceOfASecondAndMore) {
   RangeDetails range = flight(0, 1, 2);
   range.bytesPerSec = 1;
@@ -97,7 +103,7 @@ TEST(ConnectionLine, tellsOfASilenceOfASecondAndMore) {
 TEST(ConnectionLine, saysAllInFortyColumns) {
   RangeDetails range = flight(0, 1023ULL << 20, 1022ULL << 40);
   range.silentMs = 3'600'000;
-  EXPECT_EQ(connectionLine(range, 0, 39), "1023.0 MiB > 1022.0 TiB  silent 3600 s");
+  EXPECT_EQ(connectionLine(range, 1023ULL << 40, 39), "1023.0 MiB > 1022.0 TiB  silent 3600 s");
 }
 
 TEST(MapLines, areAsManyAsThereIsRoomFor) {

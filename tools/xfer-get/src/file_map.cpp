@@ -43,8 +43,9 @@ class Columns {
   std::string text_;
 };
 
+// 0: unknown.  Before the file's size is known a range may reach far behind its end.
 std::uint64_t endOf(const xfer::RangeDetails& range, std::uint64_t size) {
-  return range.end != 0 ? range.end : size;
+  return range.end != 0 ? std::min(range.end, size) : size;
 }
 
 std::string paceText(const xfer::RangeDetails& range) {
