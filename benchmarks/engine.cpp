@@ -59,8 +59,8 @@ bool answer(int connection, const std::string& request) {
   if (const auto range = request.find("Range: bytes="); range != std::string::npos) {
     char* next = nullptr;
     first = std::strtoull(request.c_str() + range + 13, &next, 10);
-    last = *next == '-' ? std::strtoull(next + 1, nullptr, 10) : 0;
-    if (last == 0 || last >= kBody) last = kBody - 1;
+    const bool open = next[0] != '-' || next[1] < '0';
+    last = open ? kBody - 1 : std::min<std::uint64_t>(std::strtoull(next + 1, nullptr, 10), kBody - 1);
     head = "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
            std::to_string(last) + "/" + std::to_string(kBody) + "\r\n";
   }

@@ -66,6 +66,21 @@ TEST_F(Shares, sequentialTakersShareOne) {
   EXPECT_EQ(g_shares, 1);
 }
 
+TEST_F(Shares, keepTheMultiHandleThatATakerAskedFor) {
+  CURLM* multi = nullptr;
+  {
+    const ShareLease first = pool_.lease("http://a");
+    multi = first.multi();
+    ASSERT_NE(multi, nullptr);
+    EXPECT_EQ(first.multi(), multi);
+    const ShareLease second = pool_.lease("http://a");
+    EXPECT_NE(second.multi(), multi) << "each at work has its own";
+  }
+  EXPECT_EQ(pool_.lease("http://a").multi(), multi);
+  pool_.close();
+  EXPECT_EQ(pool_.lease("http://a").multi(), nullptr) << "there is no share that could keep one";
+}
+
 TEST_F(Shares, idleOneLastUsedForTheSameHostGoesFirst) {
   CURLSH* second = nullptr;
   {

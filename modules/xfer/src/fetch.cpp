@@ -82,27 +82,28 @@ StopSignal& unloading() {
 }
 
 // As curl_easy_perform, but the stop signals abort it.
-CURLcode perform(CURL* easy, const StopSignal& stop) {
-  const MultiPtr multi(curl_multi_init());
-  if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
+CURLcode perform(CURL* easy, const ShareLease& lease, const StopSignal& stop) {
+  const MultiPtr own(lease.handle() == nullptr ? curl_multi_init() : nullptr);
+  CURLM* const multi = own ? own.get() : lease.multi();
+  if (multi == nullptr || curl_multi_add_handle(multi, easy) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
   // A wake-up before curl_multi_poll ends that poll, so none is lost between checking the signals and polling.
-  const auto wake = [&multi] { return curl_multi_wakeup(multi.get()); };
+  const auto wake = [multi] { return curl_multi_wakeup(multi); };
   const StopSignal::Listener atStop(stop, wake);
   const StopSignal::Listener atUnload(unloading(), wake);
   const int longestWaitMs = wake() == CURLM_OK ? kLongestWaitMs : kStopCheckMs;
   CURLcode code = CURLE_ABORTED_BY_CALLBACK;
   while (!stop.isSet() && !unloading().isSet()) {
     int running = 0;
-    curl_multi_perform(multi.get(), &running);
+    curl_multi_perform(multi, &running);
     if (running == 0) {
       int left = 0;
-      const CURLMsg* const message = curl_multi_info_read(multi.get(), &left);
+      const CURLMsg* const message = curl_multi_info_read(multi, &left);
       code = message != nullptr ? message->data.result : CURLE_FAILED_INIT;
       break;
     }
-    curl_multi_poll(multi.get(), nullptr, 0, longestWaitMs, nullptr);
+    curl_multi_poll(multi, nullptr, 0, longestWaitMs, nullptr);
   }
-  curl_multi_remove_handle(multi.get(), easy);
+  curl_multi_remove_handle(multi, easy);
   return code;
 }
 
@@ -202,8 +203,8 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
     if (connectHeads == ConnectHeads::Hidden) setOption(easy.get(), CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
 
     if (!request.quiet) XFER_LOG_LINE(log::kTrace, 224, "--> fetch | " << request.url);
-    CURLcode code =
-        holdsLineBreak(request.cookie, request.headers) ? CURLE_BAD_FUNCTION_ARGUMENT : perform(easy.get(), stop);
+    CURLcode code = holdsLineBreak(request.cookie, request.headers) ? CURLE_BAD_FUNCTION_ARGUMENT
+                                                                    : perform(easy.get(), lease, stop);
     if (code == CURLE_WRITE_ERROR && arrival.endedByReceiver) code = CURLE_OK;
     if (code != CURLE_OK) {
       end.curlCode = code;

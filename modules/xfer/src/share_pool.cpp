@@ -53,6 +53,12 @@ CURLSH* ShareLease::handle() const {
   return share_ ? share_->handle.get() : nullptr;
 }
 
+CURLM* ShareLease::multi() const {
+  if (!share_) return nullptr;
+  if (!share_->multi) share_->multi.reset(curl_multi_init());
+  return share_->multi.get();
+}
+
 SharePool::SharePool() = default;
 SharePool::~SharePool() = default;
 
