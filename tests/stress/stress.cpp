@@ -532,7 +532,7 @@ class JobWorker {
         break;
       }
       default:
-        job->wait();
+        while (!job->waitFor(5)) lookAt(*job, target);
         judge(target, job->snapshot(), Disturbed::No);
     }
   }
@@ -554,6 +554,7 @@ class JobWorker {
 
   xfer::DownloadOptions optionsFor(const Target& target) {
     xfer::DownloadOptions options;
+    if (random_.oneIn(2)) options.setHistory(64);
     if (!world_.adaptive) return options;
     options.setPlan(xfer::DownloadPlan::Adaptive);
     if (random_.oneIn(2)) options.setFirstRange(16'384);
@@ -577,7 +578,10 @@ class JobWorker {
       random_.rest(20);
       job.resume();
     }
-    while (!isFinal(job.snapshot().state) && steady_clock::now() < deadline) random_.rest(4);
+    while (!isFinal(job.snapshot().state) && steady_clock::now() < deadline) {
+      lookAt(job, target);
+      random_.rest(4);
+    }
     const bool ended = isFinal(job.snapshot().state);
     if (!ended) {
       endTimed("cancel after pauses", target, [&] {
@@ -587,6 +591,18 @@ class JobWorker {
       world_.outcomes.count("job-given-up-after-pause");
     }
     judge(target, job.snapshot(), ended ? Disturbed::Paused : Disturbed::Ended);
+  }
+
+  // As those who draw what a job does.
+  void lookAt(const DownloadJob& job, const Target& target) {
+    for (const xfer::RangeDetails& range : job.details().ranges()) {
+      if (range.position < range.start) world_.outcomes.wrong("a range goes backwards: " + target.url);
+    }
+    std::uint64_t timeNs = 0;
+    for (const xfer::DownloadEvent& event : job.history()) {
+      if (event.timeNs < timeNs) world_.outcomes.wrong("time falls in the history of a job on " + target.url);
+      timeNs = event.timeNs;
+    }
   }
 
   template <class Action>

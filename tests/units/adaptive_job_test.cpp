@@ -409,9 +409,66 @@ TEST_F(AdaptiveJob, tellsOfAWholeFileThatItEndsWhereTheFileDoesAndThatAllOfItLac
   EXPECT_EQ(missing[0].end, kSize);
 }
 
+TEST_F(AdaptiveJob, tellsWhatItHasDoneEventByEvent) {
+  using Kind = xfer::DownloadEvent::Kind;
+  Running run(request(), policy(2), adaptive().setHistory(100), &hosts_);
+  EXPECT_TRUE(run.job.history(0).empty());
+  run.job.start();
+  run.turn(1);
+  run.turn(50);
+  run.answer(0);
+  run.turn(5);
+  ASSERT_EQ(run.world.transfers.inFlight(), (Starts{0, kFirst}));
+  run.world.transfers.deliver(0, 0, patternBytes(0, 400));
+  run.turn(7);
+  run.world.transfers.finish(kFirst, {kPartialFile, kBusy, 0, 3});
+  run.turn(1);
+  const std::vector<xfer::DownloadEvent> events = run.job.history(0);
+  std::vector<Kind> kinds;
+  for (const xfer::DownloadEvent& event : events) kinds.push_back(event.kind);
+  ASSERT_EQ(kinds, (std::vector<Kind>{Kind::State, Kind::Begun, Kind::Answered, Kind::State, Kind::Begun, Kind::Ended,
+                                      Kind::TriedAgain, Kind::HostLeftAlone}));
+
+  EXPECT_EQ(events[0].state, JobState::Probing);
+  EXPECT_EQ(events[1].request, 1U);
+  EXPECT_EQ(events[1].connection, 1U);
+  EXPECT_EQ(events[1].start, 0U);
+  EXPECT_EQ(events[1].end, kFirst);
+  EXPECT_EQ(events[2].timeNs - events[1].timeNs, 50'000'000U);
+  EXPECT_EQ(events[3].state, JobState::Running);
+  EXPECT_EQ(events[4].request, 2U);
+  EXPECT_EQ(events[4].connection, 2U);
+  EXPECT_EQ(events[4].start, kFirst);
+  EXPECT_EQ(events[5].request, 2U);
+  EXPECT_EQ(events[5].code, kPartialFile);
+  EXPECT_EQ(events[5].httpStatus, kBusy);
+  EXPECT_EQ(events[5].position, kFirst);
+  EXPECT_EQ(events[6].request, 2U);
+  EXPECT_EQ(events[6].httpStatus, kBusy);
+  EXPECT_GE(events[6].waitNs, 3'000'000'000U);
+  EXPECT_GT(events[7].waitNs, 2'900'000'000U);
+  EXPECT_LE(events[7].waitNs, events[6].waitNs);
+
+  run.world.transfers.finish(0, {0, 206, kFirst, {}});
+  const std::vector<xfer::DownloadEvent> later = run.job.history(8);
+  ASSERT_FALSE(later.empty());
+  EXPECT_EQ(later[0].number, 8U);
+  EXPECT_EQ(later[0].kind, Kind::Ended);
+  EXPECT_EQ(later[0].request, 1U);
+  EXPECT_EQ(later[0].position, 400U);
+}
+
+TEST_F(AdaptiveJob, keepsNoHistoryUnlessItsOptionsSaySo) {
+  Running run(request(), policy(2), adaptive(), &hosts_);
+  run.job.start();
+  run.turn(1);
+  run.answer(0);
+  EXPECT_TRUE(run.job.history(0).empty());
+}
+
 TEST_F(AdaptiveJob, tellsWhyItGaveAConnectionUp) {
   support::RecordingLogger log;
-  Running run(request(), policy(3), adaptive(), &hosts_);
+  Running run(request(), policy(3), adaptive().setHistory(1000), &hosts_);
   run.job.start();
   run.turn(1);
   run.answer(0);
@@ -428,6 +485,10 @@ TEST_F(AdaptiveJob, tellsWhyItGaveAConnectionUp) {
     ++sent;
     run.turn(10);
   }
+  const xfer::DownloadEvent noted = run.job.history(0).back();
+  EXPECT_EQ(noted.kind, xfer::DownloadEvent::Kind::GivenUp);
+  EXPECT_STREQ(noted.reason, "silent");
+  EXPECT_EQ(noted.start, starts[2]);
   const std::vector<xfer::GivenUpConnection> givenUp = run.job.details().givenUp();
   ASSERT_EQ(givenUp.size(), 1U);
   EXPECT_STREQ(givenUp[0].reason, "silent");

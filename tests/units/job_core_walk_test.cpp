@@ -287,6 +287,7 @@ WorldSetup randomSetup(Random& random) {
   }
   if (random() % 32 == 0) setup.ends.push_back(kForbidden);
   setup.pieces = 64;
+  setup.history = 8192;  // all of them
   setup.ticketsAtOnce = setup.refillInOneStep && random() % 2 == 0;
   setup.deviations = static_cast<int>(random() % 16);
   setup.pauses = static_cast<int>(random() % 3);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <utility>
 
 #include "job_state.h"
@@ -71,7 +72,7 @@ JobCoreWorld::JobCoreWorld(const WorldSetup& setup)
           adaptive->firstPiece = setup.chunk * (setup.longFirst ? setup.ranges : 1);
           adaptive->maxTries = kRetries;
         }
-        return JobCore(policy, adaptive);
+        return JobCore(policy, adaptive, setup.history);
       }()) {
   const std::uint64_t planned = setup_.chunk * setup_.ranges;
   versions_.push_back({planned - std::min(planned, setup_.lastRangeCut), 0, "v0", "v0b"});
@@ -623,6 +624,61 @@ void JobCoreWorld::watchEnd() {
   } else if (!core_.standsStill()) {
     breaks("the job did not end");
   }
+  if (const std::string wrong = brokenHistory(); !wrong.empty()) breaks("the history: " + wrong);
+}
+
+// Each request is begun and ended once, and nothing is told of it outside; no two of them share a connection.
+std::string JobCoreWorld::brokenHistory() const {
+  if (!core_.history().keeps()) return "";
+  using EventKind = DownloadEvent::Kind;
+  std::uint64_t number = 0;
+  std::uint64_t timeNs = 0;
+  std::uint64_t lastRequest = 0;
+  JobState state = JobState::Idle;
+  std::map<std::uint64_t, std::uint32_t> underWay;  // by request
+  for (const DownloadEvent& event : core_.history().from(0)) {
+    const std::string which = " at event " + std::to_string(event.number);
+    if (event.number != number++) return "a number is missing" + which;
+    if (event.timeNs < timeNs) return "time falls" + which;
+    timeNs = event.timeNs;
+    const bool known = underWay.contains(event.request);
+    switch (event.kind) {
+      case EventKind::State:
+        if (!mayFollow(state, event.state)) return "a state that may not follow" + which;
+        state = event.state;
+        break;
+      case EventKind::Begun:
+        if (event.request <= lastRequest) return "a request that is not new" + which;
+        lastRequest = event.request;
+        for (const auto& [request, connection] : underWay) {
+          if (connection == event.connection) return "a connection with two requests" + which;
+        }
+        if (event.connection == 0 || event.connection > underWay.size() + 1) {
+          return "a connection's number that is not the lowest" + which;
+        }
+        underWay.emplace(event.request, event.connection);
+        break;
+      case EventKind::Ended:
+        if (underWay.erase(event.request) == 0) return "the end of an unknown request" + which;
+        break;
+      case EventKind::TriedAgain:
+        if (known || event.request > lastRequest) return "a retry of what has not ended" + which;
+        break;
+      case EventKind::HostLeftAlone:
+        if (event.waitNs == 0) return "a wait without a time" + which;
+        break;
+      case EventKind::Answered:
+      case EventKind::Cut:
+      case EventKind::GivenUp:
+      case EventKind::Overtaken:
+        if (!known) return "news of an unknown request" + which;
+        if (underWay.at(event.request) != event.connection) return "a request that changes its connection" + which;
+        break;
+    }
+  }
+  if (state != core_.state()) return "the last state is not told";
+  if (isFinal(state) && !underWay.empty()) return "a request that never ends";
+  return "";
 }
 
 std::optional<std::uint64_t> JobCoreWorld::sizeOf(const Version& version) const {

@@ -104,6 +104,7 @@ struct WorldSetup {
   int abandons = 0;
   int openFailures = 0;
   int turns = 0;
+  std::size_t history = 0;  ///< events that are kept, and checked in the end
 };
 
 class JobCoreWorld {
@@ -184,6 +185,7 @@ class JobCoreWorld {
   [[nodiscard]] bool pending(Step::Kind kind) const;
   [[nodiscard]] bool nothingPending() const;
   [[nodiscard]] std::string completedWrongly() const;
+  [[nodiscard]] std::string brokenHistory() const;
   [[nodiscard]] bool failureHasAReason() const;
 
   WorldSetup setup_;

@@ -101,6 +101,10 @@ DownloadDetails DownloadJob::details() const {
   return impl_->details();
 }
 
+std::vector<DownloadEvent> DownloadJob::history(std::uint64_t fromNumber) const {
+  return impl_->history(fromNumber);
+}
+
 // ---- The core and what it wants done ----
 
 // Brings an event to the core, and tells waiters when it changed the state.
@@ -179,7 +183,8 @@ DownloadJob::Impl::Impl(DownloadRequest request, DownloadPolicy policy, JobEnvir
       policy_(policy),
       options_(std::move(options)),
       environment_(std::move(environment)),
-      core_(policy, options_.adaptive(policy, environment_.nowNs() ^ reinterpret_cast<std::uintptr_t>(this))),
+      core_(policy, options_.adaptive(policy, environment_.nowNs() ^ reinterpret_cast<std::uintptr_t>(this)),
+            options_.history),
       sink_([this](std::chrono::milliseconds time) { stopping_.waitFor(time); }),
       retryTimers_([this](std::uint64_t delayMs) { environment_.waitForRetry(delayMs, stopping_); }) {
   // Shares of fixed connections make no sense when their number changes.
@@ -285,6 +290,11 @@ DownloadSnapshot DownloadJob::Impl::snapshot() const {
 DownloadDetails DownloadJob::Impl::details() {
   return DownloadDetails(
       std::make_unique<DownloadDetails::Values>(withCore([](const JobCore& core) { return core.details(); })));
+}
+
+std::vector<DownloadEvent> DownloadJob::Impl::history(std::uint64_t fromNumber) const {
+  const sys::MutexLock lock(mutex_);
+  return core_.history().from(fromNumber);
 }
 
 bool DownloadJob::Impl::standsStill() const {

@@ -17,6 +17,7 @@
 #include <functional>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include "file_sink.h"
 #include "host_terms.h"
@@ -62,6 +63,7 @@ class DownloadJob::Impl {
   void setSpeedLimit(std::uint64_t bytesPerSec) noexcept;
   [[nodiscard]] DownloadSnapshot snapshot() const;
   [[nodiscard]] DownloadDetails details();
+  [[nodiscard]] std::vector<DownloadEvent> history(std::uint64_t fromNumber) const;
 
   /// See JobCore::standsStill.
   [[nodiscard]] bool standsStill() const;

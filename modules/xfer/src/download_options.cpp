@@ -68,6 +68,11 @@ DownloadOptions& DownloadOptions::setFirstRange(std::uint64_t bytes) {
   return *this;
 }
 
+DownloadOptions& DownloadOptions::setHistory(std::size_t events) {
+  values_->history = events;
+  return *this;
+}
+
 const char* DownloadOptions::Values::unworkable() const {
   if (plan != DownloadPlan::Stated && plan != DownloadPlan::Adaptive) return "plan";
   const bool moves = plan == DownloadPlan::Adaptive;

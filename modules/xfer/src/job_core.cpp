@@ -20,6 +20,9 @@ constexpr std::int32_t kMostSlowTimeouts = 5;
 constexpr int kMostAnswersOfOldVersion = 16;
 constexpr int kMostDoubtsInARow = 8;
 constexpr std::size_t kMostGivenUp = 16;  // that are remembered
+constexpr std::uint64_t kNsPerMs = 1'000'000;
+
+using EventKind = DownloadEvent::Kind;
 
 Placement stopWith(std::int32_t code) {
   Placement placement;
@@ -36,6 +39,7 @@ Placement stopWith(std::int32_t code) {
 bool JobCore::enter(JobState to) noexcept {
   if (!mayFollow(state_, to)) return false;
   state_ = to;
+  history_.add({.kind = EventKind::State, .state = to}, nowNs_);
   return true;
 }
 
@@ -55,7 +59,6 @@ bool JobCore::standsStill() const {
 }
 
 DownloadDetails::Values JobCore::details() const {
-  constexpr std::uint64_t kNsPerMs = 1'000'000;
   DownloadDetails::Values details;
   if (moving_ == nullptr) return details;
   for (const AdaptivePlan::Activity& one : moving_->activity()) {
@@ -73,6 +76,33 @@ DownloadDetails::Values JobCore::details() const {
   const std::uint64_t notBefore = moving_->notBeforeNs();
   details.hostLeftAloneMs = notBefore > nowNs_ ? (notBefore - nowNs_ + kNsPerMs - 1) / kNsPerMs : 0;
   return details;
+}
+
+// On the thread that delivers, or while nothing can deliver for the flight.
+void JobCore::note(EventKind kind, const Flight& flight, DownloadEvent more) noexcept {
+  if (!history_.keeps()) return;
+  more.kind = kind;
+  more.request = flight.id;
+  more.connection = flight.connection;
+  more.start = flight.asked.start;
+  more.end = flight.asked.end;
+  more.position = std::max(flight.asked.start, flight.position);
+  history_.add(more, nowNs_);
+}
+
+void JobCore::noteHostsWait() noexcept {
+  const std::uint64_t until = moving_->notBeforeNs();
+  if (until <= std::max(notedWaitNs_, nowNs_)) return;
+  notedWaitNs_ = until;
+  history_.add({.kind = EventKind::HostLeftAlone, .waitNs = until - nowNs_}, nowNs_);
+}
+
+std::uint32_t JobCore::freeConnection() const {
+  std::vector<bool> taken(flights_.size() + 1);
+  for (const auto& [id, flight] : flights_) {
+    if (flight->connection > 0 && flight->connection <= taken.size()) taken[flight->connection - 1] = true;
+  }
+  return static_cast<std::uint32_t>(std::find(taken.begin(), taken.end(), false) - taken.begin()) + 1;
 }
 
 // A job that is to end closes its file once nothing is in flight that may still write to it; that completes a cancel.
@@ -185,6 +215,7 @@ JobCore::FlightPtr JobCore::addFlight() {
   auto flight = std::make_shared<Flight>();
   flight->id = ++lastFlight_;
   flight->generation = generation_;
+  if (history_.keeps()) flight->connection = freeConnection();
   flights_.emplace(flight->id, flight);
   return flight;
 }
@@ -220,6 +251,7 @@ JobCore::FlightPtr JobCore::nextRange() {
   if (flight->asked.end == 0 && flight->asked.start != 0) flight->asked.end = extent_.size().value_or(0);
   // The first one of an adaptive plan.
   if (hostGaveSize_) flight->asked.end = std::min(flight->asked.end, totalBytes_);
+  note(EventKind::Begun, *flight);
   return flight;
 }
 
@@ -230,6 +262,7 @@ bool JobCore::submitted(Flight& flight, Ticket ticket) {
 
 JobActions JobCore::abandoned(const FlightPtr& flight) noexcept {
   JobActions actions;
+  note(EventKind::Ended, *flight, {.code = result::kNoHandle});
   flights_.erase(flight->id);
   failFrom(result::kException, 0, actions);
   settle(actions);
@@ -364,6 +397,7 @@ Placement JobCore::place(Flight& flight, const AnswerClaim& claim, const Validat
     if (claim.namedEnd && extent_.goesOnAt(*claim.namedEnd)) placement.namedEnd = claim.namedEnd;
   }
   flight.answer = Flight::Answer{claim, placement.end, validator};
+  note(EventKind::Answered, flight);
   const bool decides = !validator.strongEtag.empty();
   if (!decides && validator.says()) flight.hasher.emplace(flight.asked.start, sample_.stride());
   return placement;
@@ -474,6 +508,7 @@ void JobCore::noteHostsSize() {
 JobActions JobCore::ended(const FlightPtr& flight, const TransferEnd& end) {
   JobActions actions;
   flights_.erase(flight->id);
+  note(EventKind::Ended, *flight, {.code = end.code, .httpStatus = end.status});
   const std::uint64_t length = flight->asked.length();
   if (end.code == CURLE_OPERATION_TIMEDOUT && end.status == 206 && length != 0 && end.bytes < (length + 3) / 4) {
     ++slowTimeouts_;
@@ -510,6 +545,7 @@ void JobCore::noteGivenUp(const Flight& flight, const AdaptivePlan::Orders::Clos
                                                                   << " | end=" << flight.asked.end);
   if (givenUp_.size() == kMostGivenUp) givenUp_.erase(givenUp_.begin());
   givenUp_.push_back({reason, flight.asked.start, reached, flight.asked.end});
+  note(EventKind::GivenUp, flight, {.reason = reason});
 }
 
 JobActions JobCore::turned(const LoopTurn& turn) {
@@ -517,12 +553,14 @@ JobActions JobCore::turned(const LoopTurn& turn) {
   if (moving_ == nullptr || ending() || finalizing_ || finalized_) return actions;
   reportPositions();
   AdaptivePlan::Orders orders = moving_->turn(turn, state_ == JobState::Paused);
+  noteHostsWait();
   for (const auto& cut : orders.cuts) {
     Flight& flight = *flightOf(cut.piece);
     XFER_LOG(log::kTrace,
              "turn | cut | range=" << flight.asked.start << " | end=" << flight.asked.end << " | to=" << cut.end);
     flight.asked.end = cut.end;
     flight.cut = true;
+    note(EventKind::Cut, flight);
     actions.cuts.push_back({*flight.ticket, cut.end});
   }
   for (const auto& close : orders.closes) {
@@ -530,6 +568,7 @@ JobActions JobCore::turned(const LoopTurn& turn) {
     const std::uint64_t reached = keep(flight);
     if (close.reason == AdaptivePlan::Orders::Close::Reason::Overtaken) {
       XFER_LOG(log::kTrace, "turn | overtaken | range=" << flight.asked.start << " | at=" << reached);
+      note(EventKind::Overtaken, flight);
     } else {
       noteGivenUp(flight, close, reached);
     }
@@ -698,6 +737,10 @@ void JobCore::retryOrFail(Flight& flight, Verdict verdict, const TransferEnd& en
     return finishIfWhole(flight, end, actions);
   }
   const auto followUp = flight.sample ? retrySample() : plan_->failed(*flight.piece, verdict, end, reached, nowNs_);
+  if (followUp.kind != Kind::GiveUp) {
+    note(EventKind::TriedAgain, flight,
+         {.code = end.code, .httpStatus = end.status, .waitNs = followUp.delayMs * kNsPerMs});
+  }
   switch (followUp.kind) {
     case Kind::TryLater:
       scheduleRetry(flight, followUp, end, actions);
@@ -813,6 +856,7 @@ JobCore::FlightPtr JobCore::nextSample() {
   flight->sample = true;
   flight->rangeStart = block.start;
   flight->asked = {block.start + doubt_->bytes.size(), block.end};
+  note(EventKind::Begun, *flight);
   return flight;
 }
 
@@ -844,6 +888,7 @@ Placement JobCore::answeredSample(Flight& flight, const AnswerClaim& claim, cons
   placement.end = flight.asked.end;
   placement.namedEnd = claim.namedEnd;
   flight.answer = Flight::Answer{claim, placement.end, validator};
+  note(EventKind::Answered, flight);
   return placement;
 }
 

@@ -25,6 +25,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -38,6 +39,7 @@
 #include "content_sample.h"
 #include "details_values.h"
 #include "file_extent.h"
+#include "job_history.h"
 #include "range_plan.h"
 #include "remote_version.h"
 #include "transfer_backend.h"
@@ -86,6 +88,7 @@ class JobCore {
     };
 
     std::uint64_t id = 0;
+    std::uint32_t connection = 0;               ///< of the history; 0 when none is kept
     ByteRange asked{};                          ///< an end of 0: as long as it goes
     std::optional<RangePlan::PieceId> piece{};  ///< of the plan; nothing when the plan knows it no more, or never did
     std::uint64_t rangeStart = 0;               ///< names it in the log
@@ -110,9 +113,10 @@ class JobCore {
   };
   using FlightPtr = std::shared_ptr<Flight>;
 
-  /// With settings the plan is an adaptive one.
-  explicit JobCore(const DownloadPolicy& policy, const std::optional<AdaptiveSettings>& adaptive = {})
-      : policy_(policy), adaptive_(adaptive) {}
+  /// With settings the plan is an adaptive one.  history: events that are kept.
+  explicit JobCore(const DownloadPolicy& policy, const std::optional<AdaptiveSettings>& adaptive = {},
+                   std::size_t history = 0)
+      : policy_(policy), adaptive_(adaptive), history_(history) {}
 
   /// The time of the events that follow.
   void setTime(std::uint64_t nowNs) { nowNs_ = nowNs; }
@@ -132,6 +136,8 @@ class JobCore {
 
   /// Empty but with an adaptive plan.
   [[nodiscard]] DownloadDetails::Values details() const;
+
+  [[nodiscard]] const JobHistory& history() const { return history_; }
 
   /// What an adaptive plan goes by; nothing of another one, or before there is a plan.
   [[nodiscard]] std::optional<HostTerms> hostTerms() const {
@@ -229,6 +235,9 @@ class JobCore {
   };
 
   bool enter(JobState to) noexcept;
+  void note(DownloadEvent::Kind kind, const Flight& flight, DownloadEvent more = {}) noexcept;
+  void noteHostsWait() noexcept;
+  [[nodiscard]] std::uint32_t freeConnection() const;
   void settle(JobActions& actions) noexcept;
   void proceed(JobActions& actions);
   void settleDoubt(JobActions& actions);
@@ -317,6 +326,9 @@ class JobCore {
   std::int32_t slowTimeouts_ = 0;
 
   std::vector<GivenUpConnection> givenUp_;  // the latest ones, oldest first
+
+  JobHistory history_;
+  std::uint64_t notedWaitNs_ = 0;  // until when the host is left alone, as the history has it
 };
 
 }  // namespace xfer

@@ -1,6 +1,7 @@
 // What DownloadOptions holds, and which of it cannot work.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -19,6 +20,7 @@ struct DownloadOptions::Values {
   std::optional<std::uint32_t> retryMaxSec{};
   std::optional<std::uint32_t> longestWaitSec{};
   std::optional<std::uint64_t> firstRange{};
+  std::size_t history = 0;
 
   /// The name of an option that cannot work, alone or with the others; null when all can.
   [[nodiscard]] const char* unworkable() const;

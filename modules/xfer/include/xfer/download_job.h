@@ -22,9 +22,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "net/proxy.h"
 #include "xfer/download_details.h"
+#include "xfer/download_history.h"
 #include "xfer/download_options.h"
 #include "xfer/download_records.h"
 #include "xfer/export.h"
@@ -107,6 +109,10 @@ class DownloadJob {
   /// For onlookers: what each connection does, and what was done about those that held the download up.  Throws
   /// std::bad_alloc.
   [[nodiscard]] XFER_API DownloadDetails details() const;
+
+  /// The events from this number on, as far as they are kept: see DownloadOptions::setHistory.  An onlooker who asks
+  /// again and again begins with the number after the last one.  Throws std::bad_alloc.
+  [[nodiscard]] XFER_API std::vector<DownloadEvent> history(std::uint64_t fromNumber = 0) const;
 
  private:
   std::unique_ptr<Impl> impl_;

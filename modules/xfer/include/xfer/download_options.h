@@ -7,6 +7,7 @@
 // Errors:  std::bad_alloc.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -69,6 +70,10 @@ class DownloadOptions {
   /// server that is slow to begin with a long range; the next range of its connection then has to be asked for while
   /// nothing arrives.  The smallest ranges are a sixteenth of it, and 64 KiB at most.  Only with the adaptive plan.
   XFER_API DownloadOptions& setFirstRange(std::uint64_t bytes);
+
+  /// Keeps the latest so many events for DownloadJob::history, about 100 bytes each, from the job's construction on;
+  /// none when it is not set.
+  XFER_API DownloadOptions& setHistory(std::size_t events);
 
   [[nodiscard]] const Values& values() const;  ///< internal
 
