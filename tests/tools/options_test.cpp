@@ -48,6 +48,8 @@ TEST(Options, urlAloneIsADownloadOverFourConnections) {
 
 TEST(Options, mapCanBeLeftOut) {
   EXPECT_FALSE(accepted({"--no-map", "http://host/file"}).map);
+  EXPECT_EQ(accepted({"--trace", "t.json", "http://host/file"}).trace, "t.json");
+  EXPECT_EQ(accepted({"http://host/file"}).trace, "");
 }
 
 TEST(Options, mayStandBeforeAndBehindTheUrl) {
@@ -125,6 +127,8 @@ TEST(Options, thatCannotWorkAreRefusedWithAReason) {
       {{"-q", "-v", "u"}, "quiet"},
       {{"-p", "--no-map", "u"}, "no-map"},
       {{"--map", "u"}, "map"},
+      {{"-p", "--trace", "file", "u"}, "trace"},
+      {{"--trace", "", "u"}, "trace"},
       {{"--info", "-p", "u"}, "info"},
       {{"--info", "-I", "u"}, "info"},
       {{"--info", "-H", "A: 1", "u"}, "info"},

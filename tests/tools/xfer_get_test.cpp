@@ -52,6 +52,36 @@ TEST_F(XferGet, storesTheFileOverManyConnectionsAndOverOne) {
   }
 }
 
+TEST_F(XferGet, tracesADownloadIntoAFile) {
+  ScriptedServer server(patternFile(kSize));
+  const std::string trace = file("trace \xc3\xa9.json");
+  const Finished done = get({server.url("/file"), file("out"), "--trace", trace});
+  EXPECT_EQ(done.exitCode, 0) << done.err;
+  EXPECT_EQ(support::patternError(file("out"), kSize), "");
+  const std::string text = support::readFile(trace).value_or("");
+  EXPECT_EQ(text.rfind("{\"displayTimeUnit\"", 0), 0U) << text;
+  EXPECT_NE(text.find(" > 4.8 MiB\""), std::string::npos) << "the last byte's request: " << text;
+  EXPECT_EQ(text.substr(text.size() - 5), "}\n]}\n") << text;
+}
+
+TEST_F(XferGet, beginsNoDownloadWhoseTraceCannotBeWritten) {
+  ScriptedServer server(patternFile(1000));
+  const std::string trace = file("missing/trace.json");
+  const Finished done = get({server.url("/file"), file("out"), "--trace", trace});
+  EXPECT_EQ(done.exitCode, 3);
+  EXPECT_NE(done.err.find("the trace could not be written: " + trace), std::string::npos) << done.err;
+  EXPECT_TRUE(server.requests().empty());
+  EXPECT_EQ(support::listFolder(folder_.path()), std::vector<std::string>{});
+}
+
+TEST_F(XferGet, tracesNothingIntoTheFileThatItDownloads) {
+  ScriptedServer server(patternFile(1000));
+  const Finished done = get({server.url("/file"), file("out"), "--trace", file("out")});
+  EXPECT_EQ(done.exitCode, 2);
+  EXPECT_NE(done.err.find("this is the file of the download"), std::string::npos) << done.err;
+  EXPECT_EQ(support::listFolder(folder_.path()), std::vector<std::string>{});
+}
+
 TEST_F(XferGet, namesTheFileAfterTheUrl) {
   ScriptedServer server(patternFile(1000));
   const Finished done = get({server.url("/folder/some%20file.bin?x=/y")});

@@ -56,6 +56,7 @@ void checkTogether(const Options& options, bool hasFile, bool hasData,
       throw CLI::ValidationError("--max-tries", "cannot go with --plan stated, whose tries are fixed");
     if (options.retryMaxSec) throw CLI::ValidationError("--retry-max-time", "cannot go with --plan stated");
   }
+  if (forDownloads.at("--trace") && options.trace.empty()) throw CLI::ValidationError("--trace", "empty: name a file");
   if (options.quiet && options.verbosity > 0) throw CLI::ValidationError("--quiet", "cannot go with --verbose");
 }
 
@@ -117,6 +118,9 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
   app.add_flag("--no-redirect", options.noRedirect, "do not follow redirects (with --print, --head or --data)");
   auto* const noMap = app.add_flag_callback(
       "--no-map", [&] { options.map = false; }, "draw no map of the file and its connections on a terminal");
+  auto* const trace =
+      app.add_option("--trace", options.trace, "write what each connection does to FILE, for a trace viewer")
+          ->type_name("FILE");
   app.add_flag("-q,--quiet", options.quiet, "write nothing but errors");
   app.add_flag("-v,--verbose", options.verbosity, "log failures, retries and replaced connections; twice: everything");
   app.set_version_flag("-V,--version", std::string("xfer-get ") + XFER_VERSION);
@@ -134,6 +138,7 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
     checkTogether(options, file->count() > 0, data->count() > 0,
                   {{"--plan", plan->count() > 0},
                    {"--no-map", noMap->count() > 0},
+                   {"--trace", trace->count() > 0},
                    {"--max-tries", maxTries->count() > 0},
                    {"--retry-max-time", retryMax->count() > 0}});
   } catch (const CLI::ParseError& error) {

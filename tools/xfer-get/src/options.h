@@ -29,6 +29,7 @@ struct Options {
   bool info = false;
   bool noRedirect = false;
   bool map = true;
+  std::string trace;  ///< file; empty: none
   bool quiet = false;
   int verbosity = 0;
 };

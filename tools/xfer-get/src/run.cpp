@@ -17,6 +17,7 @@
 #include "outcome.h"
 #include "progress.h"
 #include "terminal.h"
+#include "trace_file.h"
 #include "xfer/xfer.hpp"
 
 namespace xfer_get {
@@ -118,18 +119,25 @@ Outcome download(const Options& options, const net::Proxy& proxy) {
   policy.numThreads = options.connections;
 
   const std::string path = request.path;
+  if (options.trace == path) return {kUsage, "--trace: this is the file of the download: " + path};
+  std::optional<TraceFile> trace;
+  if (!options.trace.empty()) trace.emplace(options.trace);
+  const Outcome noTrace = {kFile, "the trace could not be written: " + options.trace};
+  if (trace && !trace->isGood()) return noTrace;
   Display display(options);
   const auto begin = Clock::now();
   xfer::DownloadOptions abilities;
   abilities.setPlan(options.plan);
   if (options.maxTries) abilities.setMaxTries(*options.maxTries);
   if (options.retryMaxSec) abilities.setRetryMaxTime(*options.retryMaxSec);
+  if (trace) abilities.setHistory(TraceFile::kEvents);
   xfer::DownloadJob job(std::move(request), policy, abilities);
   if (options.bytesPerSec != 0) job.setSpeedLimit(options.bytesPerSec);
   job.start();
   auto next = begin;
   do {
     if (interrupted()) job.cancel();
+    if (trace) trace->follow(job);
     if (Clock::now() < next) continue;
     display.show(job);
     next = Clock::now() + kRedraw;
@@ -144,7 +152,8 @@ Outcome download(const Options& options, const net::Proxy& proxy) {
         static_cast<std::uint64_t>(static_cast<double>(snapshot.bytesDone) / (seconds > 0 ? seconds : 1));
     say(path + ": " + sizeText(snapshot.bytesDone) + " at " + sizeText(average) + "/s");
   }
-  return outcome;
+  if (trace) trace->end(job);
+  return trace && !trace->isGood() && outcome.code == kDone ? noTrace : outcome;
 }
 
 bool print(const std::string& bytes) {
