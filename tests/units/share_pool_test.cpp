@@ -66,19 +66,20 @@ TEST_F(Shares, sequentialTakersShareOne) {
   EXPECT_EQ(g_shares, 1);
 }
 
-TEST_F(Shares, keepTheMultiHandleThatATakerAskedFor) {
-  CURLM* multi = nullptr;
+TEST_F(Shares, keepTheDriverThatATakerAskedFor) {
+  const CURLM* multi = nullptr;
   {
     const ShareLease first = pool_.lease("http://a");
-    multi = first.multi();
-    ASSERT_NE(multi, nullptr);
-    EXPECT_EQ(first.multi(), multi);
+    ASSERT_NE(first.driver(), nullptr);
+    multi = first.driver()->multi.get();
+    EXPECT_TRUE(first.driver()->canBeWoken);
+    EXPECT_EQ(first.driver()->multi.get(), multi);
     const ShareLease second = pool_.lease("http://a");
-    EXPECT_NE(second.multi(), multi) << "each at work has its own";
+    EXPECT_NE(second.driver()->multi.get(), multi) << "each at work has its own";
   }
-  EXPECT_EQ(pool_.lease("http://a").multi(), multi);
+  EXPECT_EQ(pool_.lease("http://a").driver()->multi.get(), multi);
   pool_.close();
-  EXPECT_EQ(pool_.lease("http://a").multi(), nullptr) << "there is no share that could keep one";
+  EXPECT_EQ(pool_.lease("http://a").driver(), nullptr) << "there is no share that could keep one";
 }
 
 TEST_F(Shares, idleOneLastUsedForTheSameHostGoesFirst) {

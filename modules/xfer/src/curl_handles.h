@@ -25,4 +25,18 @@ using MultiPtr = std::unique_ptr<CURLM, MultiDeleter>;
 using SharePtr = std::unique_ptr<CURLSH, ShareDeleter>;
 using SlistPtr = std::unique_ptr<curl_slist, SlistDeleter>;
 
+/// A multi handle for the transfers of one thread.
+struct Driver {
+  MultiPtr multi{};
+  bool canBeWoken = false;  ///< by curl_multi_wakeup, which needs a pair of sockets
+
+  static Driver make() {
+    Driver driver;
+    driver.multi.reset(curl_multi_init());
+    // The wait that this ends early is the first of many.
+    driver.canBeWoken = driver.multi && curl_multi_wakeup(driver.multi.get()) == CURLM_OK;
+    return driver;
+  }
+};
+
 }  // namespace xfer

@@ -83,14 +83,16 @@ StopSignal& unloading() {
 
 // As curl_easy_perform, but the stop signals abort it.
 CURLcode perform(CURL* easy, const ShareLease& lease, const StopSignal& stop) {
-  const MultiPtr own(lease.handle() == nullptr ? curl_multi_init() : nullptr);
-  CURLM* const multi = own ? own.get() : lease.multi();
+  const bool shared = lease.handle() != nullptr;
+  const Driver own = shared ? Driver() : Driver::make();
+  const Driver* const driver = shared ? lease.driver() : &own;
+  CURLM* const multi = driver != nullptr ? driver->multi.get() : nullptr;
   if (multi == nullptr || curl_multi_add_handle(multi, easy) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
   // A wake-up before curl_multi_poll ends that poll, so none is lost between checking the signals and polling.
   const auto wake = [multi] { return curl_multi_wakeup(multi); };
   const StopSignal::Listener atStop(stop, wake);
   const StopSignal::Listener atUnload(unloading(), wake);
-  const int longestWaitMs = wake() == CURLM_OK ? kLongestWaitMs : kStopCheckMs;
+  const int longestWaitMs = driver->canBeWoken ? kLongestWaitMs : kStopCheckMs;
   CURLcode code = CURLE_ABORTED_BY_CALLBACK;
   while (!stop.isSet() && !unloading().isSet()) {
     int running = 0;

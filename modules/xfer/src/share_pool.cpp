@@ -53,10 +53,10 @@ CURLSH* ShareLease::handle() const {
   return share_ ? share_->handle.get() : nullptr;
 }
 
-CURLM* ShareLease::multi() const {
+const Driver* ShareLease::driver() const {
   if (!share_) return nullptr;
-  if (!share_->multi) share_->multi.reset(curl_multi_init());
-  return share_->multi.get();
+  if (!share_->driver.multi) share_->driver = Driver::make();
+  return share_->driver.multi ? &share_->driver : nullptr;
 }
 
 SharePool::SharePool() = default;

@@ -33,7 +33,7 @@ struct Share {
   // One per curl_lock_data.  Must outlive the handle, whose cleanup locks them.
   std::array<sys::Mutex, kLockKinds> locks;
   SharePtr handle;
-  MultiPtr multi{};  // null: not needed so far
+  Driver driver{};  // without a handle: not needed so far
   Wire wire = Wire::Http1;
   std::string lastOrigin;
 };
@@ -50,9 +50,9 @@ class ShareLease {
   /// Null: run unshared.
   [[nodiscard]] CURLSH* handle() const;
 
-  /// A multi handle without transfers, for an operation that has none of its own; making one costs more than a small
-  /// request.  Leave it without transfers.  Null: there is no memory for one, or no share.
-  [[nodiscard]] CURLM* multi() const;
+  /// A driver without transfers, for an operation that has none of its own; making one costs more than a small request.
+  /// Leave it without transfers.  Null: there is no memory for one, or no share.
+  [[nodiscard]] const Driver* driver() const;
 
  private:
   friend class SharePool;
