@@ -3,9 +3,13 @@
 
     benchmarks/compare.py --xfer-get build/release/bin/xfer-get [--mib 512] [--rounds 7]
 
-The programs take turns within each round, so that what else the machine does falls on all of them; a figure is the median
-of a program's times, and the ratio that to curl's in the same run.  Every file is compared with the original before its
-time counts.  Programs that are not installed are left out and named.  Needs nginx, openssl and curl.
+Plain HTTP and TLS, over 1, 8 and 64 connections, into a memory file system and into the folder for temporary files, which
+should be on a disk; --folder, which may be repeated, chooses others.
+
+The programs take turns within each round, and each round begins with another one, so that what else the machine does
+falls on all of them.  A figure is the median of a program's times as a multiple of curl's in the same situation.  Every
+file is compared with the original before its time counts.  Programs that are not installed are left out and named.  Needs
+nginx, openssl and curl.
 """
 import argparse
 import filecmp
@@ -29,10 +33,10 @@ def free_port():
 
 
 class Nginx:
-    """Serves folder/www: plainly, with TLS, and plainly at 32 MiB a second for each connection."""
+    """Serves folder/www plainly and with TLS."""
 
     def __init__(self, folder):
-        self.ports = [free_port() for _ in range(3)]
+        self.ports = [free_port() for _ in range(2)]
         subprocess.run(
             ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
              "-keyout", folder / "key.pem", "-out", folder / "certificate.pem"],
@@ -47,7 +51,6 @@ class Nginx:
               ssl_certificate {folder}/certificate.pem; ssl_certificate_key {folder}/key.pem;
               server {{ listen 127.0.0.1:{self.ports[0]}; }}
               server {{ listen 127.0.0.1:{self.ports[1]} ssl; }}
-              server {{ listen 127.0.0.1:{self.ports[2]}; limit_rate 32m; }}
             }}""")
         os.chmod(folder, 0o755)
         nginx = shutil.which("nginx", path=os.environ["PATH"] + ":/usr/sbin")
@@ -63,9 +66,8 @@ class Nginx:
                     time.sleep(0.02)
 
     def situations(self):
-        plain, tls, limited = self.ports
-        return (("plain", f"http://127.0.0.1:{plain}/big.bin"), ("TLS", f"https://127.0.0.1:{tls}/big.bin"),
-                ("32 MiB/s a connection", f"http://127.0.0.1:{limited}/big.bin"))
+        plain, tls = self.ports
+        return (("plain", f"http://127.0.0.1:{plain}/big.bin"), ("TLS", f"https://127.0.0.1:{tls}/big.bin"))
 
     def stop(self):
         self.process.send_signal(signal.SIGTERM)
@@ -75,8 +77,7 @@ class Nginx:
 def competitors(xfer_get):
     everyone = {
         "curl": ["curl", "-sk", "-o", "{file}", "{url}"],
-        "xfer-get -n 1": [xfer_get, "-q", "-n", "1", "{url}", "{file}"],
-        "xfer-get -n 8": [xfer_get, "-q", "-n", "8", "{url}", "{file}"],
+        **{f"xfer-get -n {count}": [xfer_get, "-q", "-n", str(count), "{url}", "{file}"] for count in (1, 8, 64)},
         "aria2c -x 8": ["aria2c", "-q", "--check-certificate=false", "--allow-overwrite=true", "--no-conf", "-x", "8",
                         "-s", "8", "-k", "1M", "--file-allocation=falloc", "-d", "{folder}", "-o", "{name}", "{url}"],
         "wget": ["wget", "-q", "--no-check-certificate", "-O", "{file}", "{url}"],
@@ -103,43 +104,61 @@ def timed(command, url, target):
     return seconds
 
 
+def measure(programs, url, original, target, rounds):
+    """Seconds by program."""
+    times = {name: [] for name in programs}
+    for number in range(rounds):
+        first = number % len(programs)
+        for name in (list(programs) * 2)[first:first + len(programs)]:
+            target.unlink(missing_ok=True)
+            seconds = timed(programs[name], url, target)
+            if not filecmp.cmp(original, target, shallow=False):
+                raise SystemExit(f"{name} stored another file")
+            times[name].append(seconds)
+    return times
+
+
+def show(columns, programs, args):
+    print(f"{args.mib} MiB, median of {args.rounds} rounds, multiples of curl's time, {os.cpu_count()} processors\n")
+    print("| | " + " | ".join(columns) + " |")
+    print("|" + "---|" * (len(columns) + 1))
+    base = {name: statistics.median(times["curl"]) for name, times in columns.items()}
+    print("| curl, s | " + " | ".join(f"{seconds:.3f}" for seconds in base.values()) + " |")
+    for program in programs:
+        print(f"| {program} | " + " | ".join(
+            f"{statistics.median(times[program]) / base[name]:.2f}" for name, times in columns.items()) + " |")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--xfer-get", required=True)
     parser.add_argument("--mib", type=int, default=512)
     parser.add_argument("--rounds", type=int, default=7)
+    parser.add_argument("--folder", action="append", type=pathlib.Path)
     args = parser.parse_args()
     programs = competitors(args.xfer_get)
+    folders = args.folder or [pathlib.Path("/dev/shm"), pathlib.Path(tempfile.gettempdir())]
 
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="xfer-benchmark-"))
+    home = pathlib.Path(tempfile.mkdtemp(prefix="xfer-benchmark-"))
+    targets = [pathlib.Path(tempfile.mkdtemp(prefix="xfer-benchmark-", dir=folder)) / "target.bin" for folder in folders]
     nginx = None
     try:
-        (folder / "www").mkdir()
-        original = folder / "www" / "big.bin"
+        (home / "www").mkdir()
+        original = home / "www" / "big.bin"
         with open(original, "wb") as file:
             for _ in range(args.mib):
                 file.write(os.urandom(1 << 20))
-        nginx = Nginx(folder)
-        target = folder / "target.bin"
-        print(f"{args.mib} MiB, median of {args.rounds} rounds")
+        nginx = Nginx(home)
+        columns = {}
         for situation, url in nginx.situations():
-            times = {name: [] for name in programs}
-            for _ in range(args.rounds):
-                for name, command in programs.items():
-                    target.unlink(missing_ok=True)
-                    seconds = timed(command, url, target)
-                    if not filecmp.cmp(original, target, shallow=False):
-                        raise SystemExit(f"{name} stored another file")
-                    times[name].append(seconds)
-            base = statistics.median(times["curl"])
-            for name, seconds in times.items():
-                median = statistics.median(seconds)
-                print(f"{situation:24} {name:16} {median:7.3f} s  {min(seconds):.3f}..{max(seconds):.3f}  "
-                      f"{args.mib / median:7.0f} MiB/s  {median / base:5.2f} of curl's time")
+            for target in targets:
+                columns[f"{situation}, {target.parent.parent}"] = measure(programs, url, original, target, args.rounds)
+        show(columns, programs, args)
     finally:
         if nginx:
             nginx.stop()
-        shutil.rmtree(folder)
+        for folder in (home, *(target.parent for target in targets)):
+            shutil.rmtree(folder)
 
 
 sys.exit(main())

@@ -1,8 +1,9 @@
-// plain_recv PORT SIZE CONNECTIONS FILE: what the machine can do, for comparison.
+// plain_recv PORT SIZE CONNECTIONS FILE [splice]: what the machine can do, for comparison.
 //
 // Fetches SIZE bytes from the loopback interface with raw sockets into FILE: each connection asks for an equal share,
-// receives and writes at its place, and asks again from where it stopped when it is closed too early.  Knows nothing of
-// HTTP beyond the end of a response's head, and trusts the server.
+// receives and writes at its place, and asks again from where it stopped when it is closed too early.  With splice the
+// body does not pass through the program: a pipe hands it from the socket to the file.  Knows nothing of HTTP beyond
+// the end of a response's head, and trusts the server.
 //
 // Threads: one for each connection.
 // Errors: exit code 1 for anything that fails, 2 for usage.
@@ -12,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +27,7 @@
 namespace {
 
 constexpr std::size_t kBuffer = std::size_t{256} * 1024;
+constexpr std::size_t kPipe = std::size_t{1024} * 1024;  // the most that an unprivileged user may have
 
 [[noreturn]] void fail(const char* what) {
   std::perror(what);
@@ -55,7 +58,28 @@ void store(int file, const char* bytes, std::size_t size, std::uint64_t offset) 
   }
 }
 
-void fetch(std::uint16_t port, int file, std::uint64_t begin, std::uint64_t end) {
+/// Moves what the connection brings, up to end, into the file; returns where it stopped.
+std::uint64_t spliceBody(int connection, int file, std::uint64_t begin, std::uint64_t end) {
+  int pipe[2];
+  if (pipe2(pipe, O_CLOEXEC) != 0) fail("pipe");
+  fcntl(pipe[1], F_SETPIPE_SZ, static_cast<int>(kPipe));
+  while (begin < end) {
+    ssize_t held =
+        splice(connection, nullptr, pipe[1], nullptr, std::min<std::uint64_t>(end - begin, kPipe), SPLICE_F_MOVE);
+    if (held <= 0) break;
+    for (auto at = static_cast<loff_t>(begin); held > 0;) {
+      const ssize_t moved = splice(pipe[0], nullptr, file, &at, static_cast<std::size_t>(held), SPLICE_F_MOVE);
+      if (moved <= 0) fail("splice");
+      held -= moved;
+      begin += static_cast<std::uint64_t>(moved);
+    }
+  }
+  close(pipe[0]);
+  close(pipe[1]);
+  return begin;
+}
+
+void fetch(std::uint16_t port, int file, std::uint64_t begin, std::uint64_t end, bool splices) {
   const auto buffer = std::make_unique_for_overwrite<char[]>(kBuffer);
   while (begin < end) {
     const int connection = asked(port, begin, end);
@@ -78,6 +102,7 @@ void fetch(std::uint16_t port, int file, std::uint64_t begin, std::uint64_t end)
       }
       store(file, bytes.data(), bytes.size(), begin);
       begin += bytes.size();
+      if (splices) begin = spliceBody(connection, file, begin, end);
     }
     close(connection);
   }
@@ -86,8 +111,9 @@ void fetch(std::uint16_t port, int file, std::uint64_t begin, std::uint64_t end)
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 5) {
-    std::fputs("usage: plain_recv PORT SIZE CONNECTIONS FILE\n", stderr);
+  const bool splices = argc == 6 && std::string_view(argv[5]) == "splice";
+  if (argc != 5 && !splices) {
+    std::fputs("usage: plain_recv PORT SIZE CONNECTIONS FILE [splice]\n", stderr);
     return 2;
   }
   const auto port = static_cast<std::uint16_t>(std::strtoul(argv[1], nullptr, 10));
@@ -99,7 +125,7 @@ int main(int argc, char** argv) {
   }
   std::vector<std::thread> threads;
   for (std::uint64_t number = 0; number < connections; ++number) {
-    threads.emplace_back(fetch, port, file, size * number / connections, size * (number + 1) / connections);
+    threads.emplace_back(fetch, port, file, size * number / connections, size * (number + 1) / connections, splices);
   }
   for (std::thread& thread : threads) {
     thread.join();
