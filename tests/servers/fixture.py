@@ -15,6 +15,8 @@ script: ctest would wait for them.
 """
 
 import array
+import base64
+import hashlib
 import json
 import os
 import pathlib
@@ -180,6 +182,48 @@ def write_certificate(work):
     )
 
 
+# Whom the certificates of the servers "Tls..." are for, and for how many days; all but the last one are from one
+# authority.
+LOOPBACK = f"DNS:localhost,IP:{HOST}"
+CERTIFICATES = {
+    "Valid": (LOOPBACK, 30),
+    "Expired": (LOOPBACK, -1),
+    "OtherHost": ("DNS:other.test", 30),
+    "SelfSigned": (LOOPBACK, 30),
+}
+
+
+def write_authorities_and_certificates(work):
+    """ca.pem is the authority of the certificates; other-ca.pem has signed nothing, and empty.pem holds nothing."""
+    (work / "openssl.conf").write_text("[req]\ndistinguished_name=name\n[name]\n")
+
+    def openssl(*arguments):
+        subprocess.run(
+            [program("openssl"), *arguments], check=True, cwd=work, stdin=subprocess.DEVNULL, capture_output=True
+        )
+
+    def request(name, *more):
+        new_key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", f"{name}.key"]
+        openssl("req", "-config", "openssl.conf", "-subj", f"/CN={name}", *new_key, *more)
+
+    for name in ("ca", "other-ca"):
+        extensions = ["-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign"]
+        request(name, "-x509", "-days", "30", *extensions, "-out", f"{name}.pem")
+    for name, (names, days) in CERTIFICATES.items():
+        extensions = ["-addext", "basicConstraints=critical,CA:FALSE", "-addext", f"subjectAltName={names}"]
+        request(name, *extensions, "-out", f"{name}.csr")
+        signer = ["-key", f"{name}.key"] if name == "SelfSigned" else ["-CA", "ca.pem", "-CAkey", "ca.key"]
+        signed = ["-in", f"{name}.csr", "-copy_extensions", "copyall", "-days", str(days), "-out", f"{name}.pem"]
+        openssl("x509", "-req", *signed, *signer)
+    openssl("pkey", "-in", "Valid.key", "-pubout", "-outform", "DER", "-out", "Valid.public")
+    (work / "empty.pem").touch()
+
+
+def pin_of_valid(work):
+    """Names the public key of the valid certificate as libcurl does."""
+    return "sha256//" + base64.b64encode(hashlib.sha256((work / "Valid.public").read_bytes()).digest()).decode()
+
+
 def write_passwords(work):
     hashed = subprocess.run(
         [program("openssl"), "passwd", "-apr1", "-stdin"],
@@ -221,6 +265,11 @@ def nginx_configuration(work, ports):
     def server(name, more="", listen=""):
         return f"server {{ listen {HOST}:{ports[name]} {listen}; {more} {common} }}\n"
 
+    # Their log tells which connection each request came over.
+    with_certificates = ""
+    for name in CERTIFICATES:
+        files = f"ssl_certificate {work}/{name}.pem; ssl_certificate_key {work}/{name}.key;"
+        with_certificates += server(f"Tls{name}", f"{files} access_log {work}/tls.log asked;", listen="ssl")
     temporary = "".join(
         f"{kind}_temp_path {work}/nginx-{kind};\n" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
     )
@@ -233,6 +282,7 @@ def nginx_configuration(work, ports):
     http {{
       {temporary}
       access_log off;
+      log_format asked "$connection $request_uri";
       default_type application/octet-stream;
       types {{ text/plain txt; }}
       charset utf-8;
@@ -248,6 +298,7 @@ def nginx_configuration(work, ports):
       {server("NginxShortH2", "keepalive_requests 20; http2_max_concurrent_streams 3;", listen="ssl http2")}
       {server("NginxWithoutRanges", "max_ranges 0;")}
       {server("NginxSlow", "limit_rate 1m;")}
+      {with_certificates}
     }}
     """
 
@@ -404,20 +455,9 @@ def wait_until_all_answer(children_alive, ports):
 
 # ---- The two commands ----
 
-PORT_NAMES = (
-    "Nginx",
-    "NginxTls",
-    "NginxH2",
-    "NginxShortH2",
-    "NginxWithoutRanges",
-    "NginxSlow",
-    "Apache",
-    "Lighttpd",
-    "Python",
-    "proxy",
-    "authProxy",
-    "relayProxy",
-)
+TLS_SERVERS = ("NginxTls", "NginxH2", "NginxShortH2", *(f"Tls{name}" for name in CERTIFICATES))
+SERVERS = (*TLS_SERVERS, "Nginx", "NginxWithoutRanges", "NginxSlow", "Apache", "Lighttpd", "Python")
+PORT_NAMES = (*SERVERS, "proxy", "authProxy", "relayProxy")
 
 
 def start(folder):
@@ -433,6 +473,7 @@ def start(folder):
         ports = dict(zip(PORT_NAMES, free_ports(len(PORT_NAMES))))
         write_documents(work / "documents")
         write_certificate(work)
+        write_authorities_and_certificates(work)
         write_passwords(work)
         for starter in (start_nginx, start_apache, start_lighttpd, start_python, start_squid, start_relay):
             starter(run, work, ports)
@@ -451,11 +492,13 @@ def start(folder):
         raise
 
     lines = [f"documentRoot={work}/documents", f"certificate={work}/certificate.pem"]
+    lines += [f"ca={work}/ca.pem", f"otherCa={work}/other-ca.pem", f"emptyFile={work}/empty.pem"]
+    lines += [f"pin={pin_of_valid(work)}", f"tlsLog={work}/tls.log"]
     lines += [f"user={USER}", f"password={PASSWORD}"]
     lines += [f"proxyPort={ports['proxy']}", f"authProxyPort={ports['authProxy']}"]
     lines.append(f"relayProxyPort={ports['relayProxy']}")
-    for name in PORT_NAMES[:9]:
-        scheme = "https" if name in ("NginxTls", "NginxH2", "NginxShortH2") else "http"
+    for name in SERVERS:
+        scheme = "https" if name in TLS_SERVERS else "http"
         lines.append(f"{name}.origin={scheme}://{HOST}:{ports[name]}")
     (folder / "servers.env").write_text("\n".join(lines) + "\n")
 

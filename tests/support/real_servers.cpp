@@ -1,6 +1,7 @@
 #include "support/real_servers.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -32,6 +33,20 @@ const char* nameOf(RealServer server) {
   return "unknown";
 }
 
+const char* nameOf(Certificate certificate) {
+  switch (certificate) {
+    case Certificate::Valid:
+      return "Valid";
+    case Certificate::Expired:
+      return "Expired";
+    case Certificate::OtherHost:
+      return "OtherHost";
+    case Certificate::SelfSigned:
+      return "SelfSigned";
+  }
+  return "unknown";
+}
+
 RealServers::RealServers() {
   const char* path = std::getenv("XFER_TEST_SERVERS");
   if (path == nullptr) throw std::runtime_error("XFER_TEST_SERVERS is not set: run the test with ctest");
@@ -46,6 +61,36 @@ RealServers::RealServers() {
 
 std::string RealServers::url(RealServer server, const std::string& path) const {
   return value(std::string(nameOf(server)) + ".origin") + path;
+}
+
+std::string RealServers::url(Certificate certificate, const std::string& path) const {
+  return value(std::string("Tls") + nameOf(certificate) + ".origin") + path;
+}
+
+std::string RealServers::caFile() const {
+  return absolutePath("ca");
+}
+
+std::string RealServers::otherCaFile() const {
+  return absolutePath("otherCa");
+}
+
+std::string RealServers::emptyFile() const {
+  return absolutePath("emptyFile");
+}
+
+std::string RealServers::pin() const {
+  return value("pin");
+}
+
+std::vector<std::uint64_t> RealServers::connectionsOf(const std::string& path) const {
+  std::istringstream lines(readFile(value("tlsLog")).value_or(""));
+  std::vector<std::uint64_t> connections;
+  std::uint64_t connection = 0;
+  for (std::string asked; lines >> connection >> asked;) {
+    if (asked == path) connections.push_back(connection);
+  }
+  return connections;
 }
 
 std::string RealServers::certificateFile() const {
@@ -80,6 +125,12 @@ const std::string& RealServers::value(const std::string& key) const {
   const auto found = values_.find(key);
   if (found == values_.end()) throw std::runtime_error("the servers' file lacks " + key);
   return found->second;
+}
+
+// To a Windows program such a path is one without a drive: a child in another working folder would look on another
+// drive.
+std::string RealServers::absolutePath(const std::string& key) const {
+  return toUtf8(std::filesystem::absolute(toPath(value(key))));
 }
 
 std::uint16_t RealServers::port(const std::string& key) const {

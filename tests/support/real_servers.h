@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace support {
 
@@ -37,6 +38,16 @@ enum class RealServer {
 /// Its name, for a parametrised test's.
 const char* nameOf(RealServer server);
 
+/// What a server of its own shows: nginx with TLS and HTTP/1.1.
+enum class Certificate {
+  Valid,       // from the authority in caFile(), for 127.0.0.1 and localhost
+  Expired,     // the same, but since yesterday
+  OtherHost,   // from the same authority, for other.test only
+  SelfSigned,  // for 127.0.0.1 and localhost, from nobody but itself
+};
+
+const char* nameOf(Certificate certificate);
+
 class RealServers {
  public:
   static constexpr std::uint64_t kSmallFileBytes = 1 << 20;       // 1m.bin
@@ -46,6 +57,21 @@ class RealServers {
 
   /// The server's origin and the path, which starts with "/".
   [[nodiscard]] std::string url(RealServer server, const std::string& path) const;
+
+  [[nodiscard]] std::string url(Certificate certificate, const std::string& path) const;
+
+  /// The authority of the servers above, one that has signed nothing, and a file without any: PEM files, whose paths
+  /// hold in every working folder.
+  [[nodiscard]] std::string caFile() const;
+  [[nodiscard]] std::string otherCaFile() const;
+  [[nodiscard]] std::string emptyFile() const;
+
+  /// Names the public key of Certificate::Valid, as libcurl does: "sha256//..."
+  [[nodiscard]] std::string pin() const;
+
+  /// The connections (their numbers are unique) that the servers of all certificates were asked over for this path and
+  /// query, once for each request that they have answered so far, in the order of the answers' ends.
+  [[nodiscard]] std::vector<std::uint64_t> connectionsOf(const std::string& path) const;
 
   /// The certificate (its own authority, for 127.0.0.1 and localhost) that the TLS servers show, as a PEM file.
   [[nodiscard]] std::string certificateFile() const;
@@ -67,6 +93,7 @@ class RealServers {
  private:
   [[nodiscard]] const std::string& value(const std::string& key) const;
   [[nodiscard]] std::uint16_t port(const std::string& key) const;
+  [[nodiscard]] std::string absolutePath(const std::string& key) const;
 
   std::map<std::string, std::string> values_;
 };

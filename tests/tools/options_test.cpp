@@ -94,6 +94,19 @@ TEST(Options, emptyProxyIsNoneAndNoProxyIsNotSaid) {
   EXPECT_FALSE(accepted({"http://host/file"}).proxy);
 }
 
+TEST(Options, certificatesAreCheckedUnlessRefused) {
+  const Options usual = accepted({"https://host/file"});
+  EXPECT_FALSE(usual.insecure);
+  EXPECT_EQ(usual.caFile, "");
+  EXPECT_EQ(usual.pinnedKey, "");
+  EXPECT_TRUE(accepted({"-k", "https://host/file"}).insecure);
+  EXPECT_TRUE(accepted({"--insecure", "-p", "https://host/file"}).insecure);
+  const Options named =
+      accepted({"--cacert", "ca.pem", "--pinnedpubkey", "sha256//AAAA", "--info", "https://host/file"});
+  EXPECT_EQ(named.caFile, "ca.pem");
+  EXPECT_EQ(named.pinnedKey, "sha256//AAAA");
+}
+
 TEST(Options, verbosityCounts) {
   EXPECT_EQ(accepted({"http://host/file"}).verbosity, 0);
   EXPECT_EQ(accepted({"-vvv", "http://host/file"}).verbosity, 3);
@@ -129,6 +142,10 @@ TEST(Options, thatCannotWorkAreRefusedWithAReason) {
       {{"--map", "u"}, "map"},
       {{"-p", "--trace", "file", "u"}, "trace"},
       {{"--trace", "", "u"}, "trace"},
+      {{"--cacert", "", "u"}, "cacert"},
+      {{"--cacert", "ca.pem", "-k", "u"}, "cacert"},
+      {{"--pinnedpubkey", "key.pem", "u"}, "sha256//"},
+      {{"--pinnedpubkey", "sha256//", "u"}, "sha256//"},
       {{"--info", "-p", "u"}, "info"},
       {{"--info", "-I", "u"}, "info"},
       {{"--info", "-H", "A: 1", "u"}, "info"},

@@ -44,7 +44,8 @@ TEST(DownloadOutcome, tellsTheKindsOfFailureApart) {
       {failed(1), 2},        {failed(3), 2},        {failed(43), 2},       // usage
       {failed(-1), 3},       {failed(100004), 3},   {failed(100024), 3},   // file
       {failed(6), 4},        {failed(7), 4},        {failed(28, 206), 4},  // network
-      {failed(33), 4},       {failed(52), 4},       {failed(60), 4},       // network, the last one without words
+      {failed(33), 4},       {failed(52), 4},       {failed(61), 4},       // network, the last one without words
+      {failed(60), 6},       {failed(77), 6},       {failed(90), 6},       // trust
       {failed(404), 5},      {failed(403, 403), 5}, {failed(18, 503), 5},  // HTTP status
       {failed(204, 204), 5}, {failed(100000), 1},
   };

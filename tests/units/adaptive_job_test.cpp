@@ -208,6 +208,8 @@ TEST_F(AdaptiveJob, optionsThatCannotWorkAreRefusedByName) {
       {DownloadOptions().setLongestWait(3), "longestWait"},
       {DownloadOptions().setFirstRange(3), "firstRange"},
       {adaptive().setFirstRange(0), "firstRange"},
+      {DownloadOptions().setCaFile("ca.pem"), "caFile"},
+      {adaptive().setVerifyPeer(true).setVerifyPeer(false).setCaFile("ca.pem"), "caFile"},
   };
   for (const auto& one : cases) {
     support::RecordingLogger log;

@@ -36,11 +36,13 @@ CountedResponse answer(const Request& request) {
 
 extern "C" {
 
-Response __wrap__ZN4xfer5fetchERKNS_7RequestE(const Request& request) {
+Response __wrap__ZN4xfer5fetchERKNS_7RequestERKNS_12FetchOptionsE(const Request& request,
+                                                                  const xfer::FetchOptions& /*options*/) {
   return answer(request).response;
 }
 
-CountedResponse __wrap__ZN4xfer12fetchCountedERKNS_7RequestE(const Request& request) {
+CountedResponse __wrap__ZN4xfer12fetchCountedERKNS_7RequestERKNS_8TlsTrustE(const Request& request,
+                                                                            const xfer::TlsTrust& /*trust*/) {
   return answer(request);
 }
 }

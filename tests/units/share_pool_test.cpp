@@ -39,6 +39,7 @@ namespace {
 using xfer::originOf;
 using xfer::ShareLease;
 using xfer::SharePool;
+using xfer::TlsTrust;
 using xfer::Wire;
 
 class Shares : public testing::Test {
@@ -64,6 +65,26 @@ TEST_F(Shares, firstTakerGetsThePrimaryOneAndAConcurrentOneAnother) {
 TEST_F(Shares, sequentialTakersShareOne) {
   for (int i = 0; i < 50; ++i) EXPECT_EQ(pool_.lease("http://a").handle(), pool_.primary());
   EXPECT_EQ(g_shares, 1);
+}
+
+// Whoever trusts less may have accepted what the other one would refuse.
+TEST_F(Shares, areOnlyForTransfersThatTrustTheSame) {
+  const std::vector<TlsTrust> trusts = {{},
+                                        {true, {}, {}},
+                                        {true, "a.pem", {}},
+                                        {true, "b.pem", {}},
+                                        {false, {}, "sha256//A"},
+                                        {true, {}, "sha256//A"},
+                                        {true, "a.pem", "sha256//A"}};
+  std::vector<CURLSH*> handles;
+  for (const TlsTrust& trust : trusts) handles.push_back(pool_.lease("https://a", Wire::Http1, trust).handle());
+  EXPECT_EQ(handles[0], pool_.primary());
+  EXPECT_EQ(std::set<CURLSH*>(handles.begin(), handles.end()).size(), trusts.size());
+  for (std::size_t i = 0; i < trusts.size(); ++i) {
+    EXPECT_EQ(pool_.lease("https://a", Wire::Http1, trusts[i]).handle(), handles[i])
+        << "kept for the same trust: " << i;
+    EXPECT_EQ(pool_.lease("https://b", Wire::Http1, trusts[i]).handle(), handles[i]) << "for any host: " << i;
+  }
 }
 
 TEST_F(Shares, keepTheDriverThatATakerAskedFor) {

@@ -210,9 +210,10 @@ void CurlMultiBackend::Staging::deliver(Transfer& transfer, std::uint64_t offset
 
 // ---- Any thread ----
 
-CurlMultiBackend::CurlMultiBackend(const DownloadPolicy& policy, std::string_view origin) : policy_(policy) {
+CurlMultiBackend::CurlMultiBackend(const DownloadPolicy& policy, std::string_view origin, const TlsTrust& trust)
+    : policy_(policy), trust_(trust) {
   init();
-  share_ = sharePool().lease(origin, policy_.useHttp2 ? Wire::Http2 : Wire::Http1);
+  share_ = sharePool().lease(origin, policy_.useHttp2 ? Wire::Http2 : Wire::Http1, trust_);
   multi_.reset(curl_multi_init());
   if (!multi_) {
     XFER_LOG(log::kFailure, "curl_multi_init failed");
@@ -294,7 +295,7 @@ Ticket CurlMultiBackend::submit(const TransferRequest& request, DataCallback onD
     return failAtOnce(result::kNoHandle);
   }
   transfer.request = request;
-  configure(transfer);
+  if (const std::int32_t unable = configure(transfer)) return failAtOnce(unable);
   transfer.beginAttempt();
   transfer.onData = std::move(onData);
   transfer.onDone = std::move(onDone);
@@ -309,7 +310,8 @@ Ticket CurlMultiBackend::submit(const TransferRequest& request, DataCallback onD
   return ticket;
 }
 
-void CurlMultiBackend::configure(Transfer& transfer) {
+// 0, or libcurl's code when the transfer cannot be made as it is to be.
+std::int32_t CurlMultiBackend::configure(Transfer& transfer) {
   CURL* const easy = transfer.easy.get();
   const TransferRequest& request = transfer.request;
   setOption(easy, CURLOPT_URL, request.url.c_str());
@@ -321,7 +323,6 @@ void CurlMultiBackend::configure(Transfer& transfer) {
                                           << " | url=" << request.url.substr(0, kMaxLoggedUrl));
   transfer.headers.emplace(easy, request.url, request.cookie, request.headers);
   applyProxy(easy, request.proxy);
-  applyTransport(easy);
   if (policy_.useHttp2) {
     setOption(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     setOption(easy, CURLOPT_PIPEWAIT, 1L);
@@ -360,6 +361,7 @@ void CurlMultiBackend::configure(Transfer& transfer) {
   setOption(easy, CURLOPT_HEADERFUNCTION, onHeader);
   setOption(easy, CURLOPT_HEADERDATA, &transfer);
   setOption(easy, CURLOPT_PRIVATE, &transfer);
+  return applyTransport(easy, trust_);
 }
 
 void CurlMultiBackend::onTurn(std::function<void(const LoopTurn&)> callback) {

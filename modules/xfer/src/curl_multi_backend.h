@@ -31,6 +31,7 @@
 #include "curl_handles.h"
 #include "share_pool.h"
 #include "sys/mutex.h"
+#include "tls_trust.h"
 #include "token_bucket.h"
 #include "transfer_backend.h"
 #include "xfer/download_records.h"
@@ -41,7 +42,7 @@ class CurlMultiBackend final : public ITransferBackend {
  public:
   /// origin tells whose connections it would like to find in its share; see SharePool::lease.  Throws std::system_error
   /// when the loop thread cannot be started.
-  explicit CurlMultiBackend(const DownloadPolicy& policy, std::string_view origin = {});
+  explicit CurlMultiBackend(const DownloadPolicy& policy, std::string_view origin = {}, const TlsTrust& trust = {});
   ~CurlMultiBackend() override;
   CurlMultiBackend(const CurlMultiBackend&) = delete;
   CurlMultiBackend& operator=(const CurlMultiBackend&) = delete;
@@ -89,7 +90,7 @@ class CurlMultiBackend final : public ITransferBackend {
 
   void setHold(bool hold) noexcept SYS_EXCLUDES(mutex_);
   void wake() noexcept;
-  void configure(Transfer& transfer);
+  [[nodiscard]] std::int32_t configure(Transfer& transfer);
 
   void assertLoopThread() const;
   void eventLoop();
@@ -116,6 +117,7 @@ class CurlMultiBackend final : public ITransferBackend {
 
   // Constant after construction.
   const DownloadPolicy policy_;
+  const TlsTrust trust_;
   ShareLease share_;  // before the handles that are in it
   MultiPtr multi_;
 

@@ -32,13 +32,13 @@ constexpr std::uint64_t kLargestBuffer = 524288;
 
 }  // namespace
 
-JobEnvironment realJobEnvironment() {
+JobEnvironment realJobEnvironment(const TlsTrust& trust) {
   JobEnvironment real;
-  real.makeBackend = [](const DownloadRequest& request, const DownloadPolicy& policy) {
-    return std::make_unique<CurlMultiBackend>(policy, originOf(request.url));
+  real.makeBackend = [trust](const DownloadRequest& request, const DownloadPolicy& policy) {
+    return std::make_unique<CurlMultiBackend>(policy, originOf(request.url), trust);
   };
-  real.probe = [](const DownloadRequest& request, int timeoutSec, const StopSignal& stop) {
-    return probeStoppable(request, timeoutSec, stop);
+  real.probe = [trust](const DownloadRequest& request, int timeoutSec, const StopSignal& stop) {
+    return probeStoppable(request, timeoutSec, stop, trust);
   };
   real.nowNs = steadyNs;
   real.hosts = &hostBook();
@@ -52,7 +52,8 @@ DownloadJob::DownloadJob(DownloadRequest request, DownloadPolicy policy)
     : impl_(std::make_unique<Impl>(std::move(request), policy, realJobEnvironment())) {}
 
 DownloadJob::DownloadJob(DownloadRequest request, DownloadPolicy policy, const DownloadOptions& options)
-    : impl_(std::make_unique<Impl>(std::move(request), policy, realJobEnvironment(), options.values())) {}
+    : impl_(std::make_unique<Impl>(std::move(request), policy, realJobEnvironment(options.values().trust),
+                                   options.values())) {}
 
 DownloadJob::DownloadJob(DownloadJob&& other) noexcept = default;
 

@@ -27,6 +27,7 @@
 #include "retry_timers.h"
 #include "stop_signal.h"
 #include "sys/mutex.h"
+#include "tls_trust.h"
 #include "transfer_backend.h"
 #include "xfer/download_job.h"
 
@@ -42,7 +43,7 @@ struct JobEnvironment {
 };
 
 /// libcurl, the steady clock, real waiting and the process's book.
-JobEnvironment realJobEnvironment();
+JobEnvironment realJobEnvironment(const TlsTrust& trust = {});
 
 class DownloadJob::Impl {
  public:

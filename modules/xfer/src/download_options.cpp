@@ -73,6 +73,21 @@ DownloadOptions& DownloadOptions::setHistory(std::size_t events) {
   return *this;
 }
 
+DownloadOptions& DownloadOptions::setVerifyPeer(bool verify) {
+  values_->trust.verifyPeer = verify;
+  return *this;
+}
+
+DownloadOptions& DownloadOptions::setCaFile(const std::string& path) {
+  values_->trust.caFile = path;
+  return *this;
+}
+
+DownloadOptions& DownloadOptions::setPinnedKey(const std::string& pin) {
+  values_->trust.pinnedKey = pin;
+  return *this;
+}
+
 const char* DownloadOptions::Values::unworkable() const {
   if (plan != DownloadPlan::Stated && plan != DownloadPlan::Adaptive) return "plan";
   const bool moves = plan == DownloadPlan::Adaptive;
@@ -80,7 +95,7 @@ const char* DownloadOptions::Values::unworkable() const {
   if (retryMaxSec && !moves) return "retryMaxTime";
   if (longestWaitSec && !moves) return "longestWait";
   if (firstRange && (!moves || *firstRange == 0)) return "firstRange";
-  return nullptr;
+  return trust.unworkable();
 }
 
 std::optional<AdaptiveSettings> DownloadOptions::Values::adaptive(const DownloadPolicy& policy,

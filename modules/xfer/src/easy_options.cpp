@@ -41,6 +41,28 @@ bool hasLineBreak(std::string_view text) {
   return text.find_first_of("\r\n") != std::string_view::npos;
 }
 
+// Unlike any other option, none of these may be left out.
+template <class Value>
+std::int32_t require(CURL* easy, CURLoption option, Value value) {
+  const CURLcode code = curl_easy_setopt(easy, option, value);
+  if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  return code;
+}
+
+std::int32_t applyTrust(CURL* easy, const TlsTrust& trust) {
+  if (const auto code = require(easy, CURLOPT_SSL_VERIFYPEER, trust.verifyPeer ? 1L : 0L)) return code;
+  if (const auto code = require(easy, CURLOPT_SSL_VERIFYHOST, trust.verifyPeer ? 2L : 0L)) return code;
+  if (!trust.caFile.empty()) {
+    if (const auto code = require(easy, CURLOPT_CAINFO, trust.caFile.c_str())) return code;
+    // Only the file counts; where libcurl has no folder of its own, it may not know the option.
+    setOption(easy, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  } else if (trust.verifyPeer) {
+    setOption(easy, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NATIVE_CA));  // has no effect but on Windows
+  }
+  if (trust.pinnedKey.empty()) return CURLE_OK;
+  return require(easy, CURLOPT_PINNEDPUBLICKEY, trust.pinnedKey.c_str());
+}
+
 }  // namespace
 
 bool holdsLineBreak(const std::string& cookie, const std::vector<std::string>& headers) {
@@ -63,17 +85,16 @@ SlistPtr headerList(const std::vector<std::string>& headers) {
   return list;
 }
 
-void applyTransport(CURL* easy) {
+std::int32_t applyTransport(CURL* easy, const TlsTrust& trust) {
   setOption(easy, CURLOPT_NOSIGNAL, 1L);
   setOption(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   setOption(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  setOption(easy, CURLOPT_SSL_VERIFYPEER, 0L);
-  setOption(easy, CURLOPT_SSL_VERIFYHOST, 0L);
   setOption(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_DEFAULT));
   setOption(easy, CURLOPT_SSL_CIPHER_LIST, kCiphers);
   setOption(easy, CURLOPT_TLS13_CIPHERS, kTls13Ciphers);
   // Without it, aborting during a name lookup waits for the lookup.
   setOption(easy, CURLOPT_QUICK_EXIT, 1L);
+  return applyTrust(easy, trust);
 }
 
 void applyProxy(CURL* easy, const net::Proxy& proxy) {

@@ -6,12 +6,14 @@
 //          options throw std::bad_alloc then.
 #pragma once
 
+#include <cstdint>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "curl_handles.h"
 #include "net/proxy.h"
+#include "tls_trust.h"
 
 namespace xfer {
 
@@ -33,8 +35,9 @@ void setOption(CURL* easy, CURLoption option, Value value) {
   if (curl_easy_setopt(easy, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
 }
 
-/// Allows only http and https, redirects included; disables certificate checks; sets the cipher lists.
-void applyTransport(CURL* easy);
+/// Allows only http and https, redirects included; sets the cipher lists, and what is trusted.  Returns 0, or libcurl's
+/// code when it cannot check what trust asks for: the transfer must not run then.
+[[nodiscard]] std::int32_t applyTransport(CURL* easy, const TlsTrust& trust);
 
 /// Every host is reached through proxy, or directly when proxy has no host; the environment is not asked.
 void applyProxy(CURL* easy, const net::Proxy& proxy);

@@ -8,6 +8,7 @@
 
 #include "curl_handles.h"
 #include "easy_options.h"
+#include "fetch_option_values.h"
 #include "fetch_stoppable.h"
 #include "log.h"
 #include "request_headers.h"
@@ -109,7 +110,8 @@ CURLcode perform(CURL* easy, const ShareLease& lease, const StopSignal& stop) {
   return code;
 }
 
-void applyRequest(CURL* easy, const Request& request) {
+// 0, or libcurl's code when the request cannot be made as it is to be.
+std::int32_t applyRequest(CURL* easy, const Request& request, const TlsTrust& trust) {
   setOption(easy, CURLOPT_URL, request.url.c_str());
   if (!request.body.empty()) {
     setOption(easy, CURLOPT_POST, 1L);
@@ -127,11 +129,20 @@ void applyRequest(CURL* easy, const Request& request) {
     setOption(easy, CURLOPT_LOW_SPEED_LIMIT, 1024L);
     setOption(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(request.lowSpeedTimeSec));
   }
-  applyTransport(easy);
   setOption(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   setOption(easy, CURLOPT_BUFFERSIZE, kReceiveBuffer);
   setOption(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   applyProxy(easy, request.proxy);
+  return applyTransport(easy, trust);
+}
+
+// Why the request is not to be sent; 0: it is.
+std::int32_t refusal(const Request& request, const TlsTrust& trust) {
+  if (const char* const field = trust.unworkable()) {
+    if (!request.quiet) XFER_LOG(log::kFailure, "fetch | options refused | field=" << field);
+    return CURLE_BAD_FUNCTION_ARGUMENT;
+  }
+  return holdsLineBreak(request.cookie, request.headers) ? CURLE_BAD_FUNCTION_ARGUMENT : CURLE_OK;
 }
 
 }  // namespace
@@ -166,37 +177,42 @@ void stopAllFetches() {
 }
 
 Response fetch(const Request& request) {
+  return fetch(request, {});
+}
+
+Response fetch(const Request& request, const FetchOptions& options) {
   Response response;
   Collector receiver(response, true);
-  const FetchEnd end = fetchInto(request, receiver, unloading());
+  const FetchEnd end = fetchInto(request, receiver, unloading(), ConnectHeads::Shown, options.values().trust);
   response.curlCode = end.curlCode;
   response.status = end.status;
   return response;
 }
 
-CountedResponse fetchCounted(const Request& request) {
+CountedResponse fetchCounted(const Request& request, const TlsTrust& trust) {
   CountedResponse counted;
   Collector receiver(counted.response, false);
-  const FetchEnd end = fetchInto(request, receiver, unloading());
+  const FetchEnd end = fetchInto(request, receiver, unloading(), ConnectHeads::Shown, trust);
   counted.response.curlCode = end.curlCode;
   counted.response.status = end.status;
   counted.bodyBytes = end.bodyBytes;
   return counted;
 }
 
-FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSignal& stop, ConnectHeads connectHeads) {
+FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSignal& stop, ConnectHeads connectHeads,
+                   const TlsTrust& trust) {
   init();
   FetchEnd end;
   Arrival arrival{receiver};
   {
-    const ShareLease lease = sharePool().lease(originOf(request.url));
+    const ShareLease lease = sharePool().lease(originOf(request.url), Wire::Http1, trust);
     const EasyPtr easy(curl_easy_init());
     if (!easy) {
       end.curlCode = result::kNoHandle;
       return end;
     }
     if (lease.handle() != nullptr) setOption(easy.get(), CURLOPT_SHARE, lease.handle());
-    applyRequest(easy.get(), request);
+    const std::int32_t unable = applyRequest(easy.get(), request, trust);
     const RequestHeaders headers(easy.get(), request.url, request.cookie, request.headers);
     setOption(easy.get(), CURLOPT_WRITEFUNCTION, takeBody);
     setOption(easy.get(), CURLOPT_WRITEDATA, &arrival);
@@ -205,8 +221,8 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
     if (connectHeads == ConnectHeads::Hidden) setOption(easy.get(), CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
 
     if (!request.quiet) XFER_LOG_LINE(log::kTrace, 224, "--> fetch | " << request.url);
-    CURLcode code = holdsLineBreak(request.cookie, request.headers) ? CURLE_BAD_FUNCTION_ARGUMENT
-                                                                    : perform(easy.get(), lease, stop);
+    auto code = static_cast<CURLcode>(unable != 0 ? unable : refusal(request, trust));
+    if (code == CURLE_OK) code = perform(easy.get(), lease, stop);
     if (code == CURLE_WRITE_ERROR && arrival.endedByReceiver) code = CURLE_OK;
     if (code != CURLE_OK) {
       end.curlCode = code;
@@ -229,23 +245,32 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
 }
 
 std::future<Response> fetchAsync(const Request& request) {
-  // The captured copy is not const, so that the task is moved to its thread and not copied again.
-  return std::async(std::launch::async, [request = Request(request)] {
+  return fetchAsync(request, {});
+}
+
+std::future<Response> fetchAsync(const Request& request, const FetchOptions& options) {
+  // The captured copies are not const, so that the task is moved to its thread and not copied again.
+  return std::async(std::launch::async, [request = Request(request), options = FetchOptions(options)] {
     struct EndOfThread {
       ~EndOfThread() { sys::releaseThreadState(); }
     } const endOfThread;
-    return fetch(request);
+    return fetch(request, options);
   });
 }
 
 std::int64_t getContentLength(const std::string& url, const net::Proxy& proxy, const std::string& cookie) {
+  return getContentLength(url, proxy, cookie, TlsTrust());
+}
+
+std::int64_t getContentLength(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
+                              const TlsTrust& trust) {
   Request request;
   request.url = url;
   request.proxy = proxy;
   request.cookie = cookie;
   request.headers = {"Range: bytes=0-0"};
   request.quiet = true;
-  const Response response = fetchCounted(request).response;
+  const Response response = fetchCounted(request, trust).response;
   if (response.curlCode != 0) return -1;
   constexpr std::uint64_t kMost = std::numeric_limits<std::int64_t>::max();
   if (const auto total = contentRangeTotal(response.headers)) {

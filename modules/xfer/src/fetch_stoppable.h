@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "stop_signal.h"
+#include "tls_trust.h"
 #include "xfer/fetch.h"
 
 namespace xfer {
@@ -36,7 +37,7 @@ enum class ConnectHeads { Shown, Hidden };
 
 /// As fetch, into a receiver.  Setting stop aborts the transfer within 100 ms with libcurl's aborted-by-callback code.
 FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSignal& stop,
-                   ConnectHeads connectHeads = ConnectHeads::Shown);
+                   ConnectHeads connectHeads = ConnectHeads::Shown, const TlsTrust& trust = {});
 
 struct CountedResponse {
   Response response;  ///< its body stays empty
@@ -44,7 +45,11 @@ struct CountedResponse {
 };
 
 /// As fetch, but counts the body's bytes and discards them.
-CountedResponse fetchCounted(const Request& request);
+CountedResponse fetchCounted(const Request& request, const TlsTrust& trust = {});
+
+/// As the exported one, with what is trusted.
+std::int64_t getContentLength(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
+                              const TlsTrust& trust);
 
 /// Aborts every current and later fetch of the process, for unloading the module.
 void stopAllFetches();

@@ -32,7 +32,8 @@ namespace xfer {
 
 /// A job, and a pin that keeps the module loaded while the job may own threads.
 struct LiveJob {
-  LiveJob(DownloadRequest request, const DownloadPolicy& policy) : job(std::move(request), policy) {}
+  LiveJob(DownloadRequest request, const DownloadPolicy& policy, const DownloadOptions& options)
+      : job(std::move(request), policy, options) {}
 
   sys::ModulePin pin;  // declared before the job: released after it
   DownloadJob job;

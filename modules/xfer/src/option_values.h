@@ -8,6 +8,7 @@
 
 #include "adaptive_plan.h"
 #include "rate_limit.h"
+#include "tls_trust.h"
 #include "xfer/download_options.h"
 #include "xfer/download_records.h"
 
@@ -21,6 +22,7 @@ struct DownloadOptions::Values {
   std::optional<std::uint32_t> longestWaitSec{};
   std::optional<std::uint64_t> firstRange{};
   std::size_t history = 0;
+  TlsTrust trust{};
 
   /// The name of an option that cannot work, alone or with the others; null when all can.
   [[nodiscard]] const char* unworkable() const;

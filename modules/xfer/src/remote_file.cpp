@@ -70,7 +70,8 @@ RemoteFileInfo remoteFileInfo(const ResponseHead& head) {
   return info;
 }
 
-RemoteFileInfo probeStoppable(const DownloadRequest& download, int timeoutSec, const StopSignal& stop) {
+RemoteFileInfo probeStoppable(const DownloadRequest& download, int timeoutSec, const StopSignal& stop,
+                              const TlsTrust& trust) {
   Request request;
   request.url = download.url;
   request.cookie = download.cookie;
@@ -81,7 +82,7 @@ RemoteFileInfo probeStoppable(const DownloadRequest& download, int timeoutSec, c
   request.timeoutSec = timeoutSec;
   request.quiet = true;
   ProbeReceiver receiver;
-  const FetchEnd end = fetchInto(request, receiver, stop, ConnectHeads::Hidden);
+  const FetchEnd end = fetchInto(request, receiver, stop, ConnectHeads::Hidden, trust);
   if (end.curlCode != 0 && !receiver.knows()) {
     RemoteFileInfo failed;
     failed.error = end.curlCode;

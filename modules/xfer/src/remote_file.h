@@ -7,13 +7,15 @@
 
 #include "response_head.h"
 #include "stop_signal.h"
+#include "tls_trust.h"
 #include "xfer/download_job.h"
 
 namespace xfer {
 
 /// Requests the first byte with the request's headers, cookie and proxy.  Setting stop aborts it, as in fetchInto.
 /// Cuts off a large body, which is no failure; reads a small one, so that its connection can be reused.
-RemoteFileInfo probeStoppable(const DownloadRequest& request, int timeoutSec, const StopSignal& stop);
+RemoteFileInfo probeStoppable(const DownloadRequest& request, int timeoutSec, const StopSignal& stop,
+                              const TlsTrust& trust = {});
 
 /// Reads the file's description from the response head to a request for the first byte.  Pure.
 RemoteFileInfo remoteFileInfo(const ResponseHead& head);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "fetch_option_values.h"
 #include "fetch_stoppable.h"
 #include "request_text.h"
 
@@ -45,6 +46,11 @@ RemoteFileInfo remoteFileInfo(const Response& response) {
 
 RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
                                int timeoutSec) {
+  return probeRemoteFile(url, proxy, cookie, timeoutSec, {});
+}
+
+RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
+                               int timeoutSec, const FetchOptions& options) {
   Request request;
   request.url = url;
   request.cookie = cookie;
@@ -52,7 +58,7 @@ RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, 
   request.proxy = proxy;
   request.timeoutSec = timeoutSec;
   request.quiet = true;
-  return remoteFileInfo(fetchCounted(request).response);
+  return remoteFileInfo(fetchCounted(request, options.values().trust).response);
 }
 
 }  // namespace xfer

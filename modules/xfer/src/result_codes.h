@@ -24,6 +24,8 @@ inline constexpr std::int32_t kFileNotCreated = 100004;   ///< FileSink::open
 inline constexpr std::int32_t kFileNotOpen = 100006;      ///< FileSink::writeAt, FileSink::finalize
 inline constexpr std::int32_t kEmptyBody = 100009;        ///< transfer complete, body buffer empty: C entries
 inline constexpr std::int32_t kFileNotReserved = 100024;  ///< FileSink::open
+inline constexpr std::int32_t kCaFileUnreadable = 100030;  ///< the CA file cannot be read: xfer_setTls
+inline constexpr std::int32_t kCaFileEmpty = 100031;       ///< the CA file holds no certificate: xfer_setTls
 
 /// An HTTP status outside of 200 to 299: xfer_downloadText.  -1, an unreadable status, gives -999.
 constexpr std::int32_t unexpectedStatus(std::int32_t status) {

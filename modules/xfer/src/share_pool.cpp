@@ -85,15 +85,16 @@ CURLSH* SharePool::primary() const {
   return primary_;
 }
 
-ShareLease SharePool::lease(std::string_view origin, Wire wire) {
+ShareLease SharePool::lease(std::string_view origin, Wire wire, const TlsTrust& trust) {
   std::string key(origin);
+  std::string keptFor = trust.keptFor();
   {
     const sys::MutexLock lock(mutex_);
     if (!open_) return {};
     CURLSH* const primary = primary_;
-    const auto isNear = [&](const auto& share) { return share->wire == wire && share->lastOrigin == key; };
-    const auto isPrimary = [&](const auto& share) { return share->wire == wire && share->handle.get() == primary; };
-    const auto isFit = [&](const auto& share) { return share->wire == wire; };
+    const auto isFit = [&](const auto& share) { return share->wire == wire && share->keptFor == keptFor; };
+    const auto isNear = [&](const auto& share) { return isFit(share) && share->lastOrigin == key; };
+    const auto isPrimary = [&](const auto& share) { return isFit(share) && share->handle.get() == primary; };
     auto found = std::find_if(idle_.rbegin(), idle_.rend(), isNear);
     if (found == idle_.rend()) found = std::find_if(idle_.rbegin(), idle_.rend(), isPrimary);
     if (found == idle_.rend()) found = std::find_if(idle_.rbegin(), idle_.rend(), isFit);
@@ -107,6 +108,7 @@ ShareLease SharePool::lease(std::string_view origin, Wire wire) {
   auto share = makeShare();
   if (!share) return {};
   share->wire = wire;
+  share->keptFor.swap(keptFor);
   share->lastOrigin.swap(key);
   return {this, std::move(share)};
 }

@@ -18,6 +18,7 @@
 
 #include "curl_handles.h"
 #include "sys/mutex.h"
+#include "tls_trust.h"
 
 namespace xfer {
 
@@ -35,6 +36,7 @@ struct Share {
   SharePtr handle;
   Driver driver{};  // without a handle: not needed so far
   Wire wire = Wire::Http1;
+  std::string keptFor{};  // of whose trust its connections and sessions are: see TlsTrust
   std::string lastOrigin;
 };
 
@@ -78,9 +80,9 @@ class SharePool {
   /// The primary share's handle; null while the pool is not open.
   [[nodiscard]] CURLSH* primary() const;
 
-  /// Leases a share for wire: the idle one last used for the same origin, else the primary one (HTTP/1.1 only), else
-  /// another idle one, else a new one.
-  ShareLease lease(std::string_view origin, Wire wire = Wire::Http1);
+  /// Leases a share for wire and for transfers of this trust: the idle one last used for the same origin, else the
+  /// primary one (HTTP/1.1, no checks), else another idle one, else a new one.
+  ShareLease lease(std::string_view origin, Wire wire = Wire::Http1, const TlsTrust& trust = {});
 
  private:
   friend class ShareLease;

@@ -19,6 +19,7 @@
 #include "result_codes.h"
 #include "sys/data_buff.h"
 #include "sys/descrambler.h"
+#include "tls_setting.h"
 #include "xfer/download_job.h"
 #include "xfer/fetch.h"
 
@@ -91,6 +92,11 @@ Request makeDownload(const char* url, const char* headers, const char* options, 
   return request;
 }
 
+xfer::FetchOptions moduleOptions() {
+  const xfer::TlsTrust trust = xfer::moduleTrust();
+  return xfer::FetchOptions().setVerifyPeer(trust.verifyPeer).setCaFile(trust.caFile);
+}
+
 // Checks the buffer's size and ignores the result of the host's resize.
 void fill(sys::IDataBuff& out, const void* bytes, std::uint64_t size) {
   out.resize(size);
@@ -124,6 +130,11 @@ void xfer_setProxy(const char* proxy) {
   });
 }
 
+int32_t xfer_setTls(bool verify, const char* caFile) {
+  return guarded("xfer_setTls", __LINE__, result::kException,
+                 [&] { return xfer::setModuleTrust(verify, orEmpty(caFile)); });
+}
+
 void xfer_setNumThreads(uint16_t value) {
   XFER_LOG_LINE(log::kTrace, 635, "--> xfer_setNumThreads | value = " << value);
   g_numThreads = value;
@@ -148,7 +159,7 @@ int xfer_download(const char* url, const char* headers, const char* options, sys
   const std::int32_t code = guarded("xfer_download", 336, result::kException, [&] {
     Request request = makeDownload(url, headers, options, cookie, proxy);
     request.quiet = quiet;
-    const Response response = xfer::fetch(request);
+    const Response response = xfer::fetch(request, moduleOptions());
     copyOut(response.headers, outHeaders);
     copyOut(response.body, outBody);
     if (response.curlCode != 0) {
@@ -200,7 +211,7 @@ int32_t xfer_downloadAsync(const char* url, uint64_t* dlId, const char* headers,
     Handles& table = handles();
     const Request request = makeDownload(url, headers, options, cookie, proxy);
     Handles::RequestEntry entry = Handles::reserveRequest();
-    entry.mapped().response = xfer::fetchAsync(request);
+    entry.mapped().response = xfer::fetchAsync(request, moduleOptions());
     *dlId = table.file(std::move(entry));
     return result::kSuccess;
   });
@@ -236,7 +247,7 @@ int32_t xfer_getRemoteFileSize(const char* url, uint64_t* size, uint32_t* mediaT
     request.quiet = true;
     int32_t code = result::kNoSize;
     for (int attempt = 0; attempt < std::max<int>(retries, 1); ++attempt) {
-      const xfer::CountedResponse answer = xfer::fetchCounted(request);
+      const xfer::CountedResponse answer = xfer::fetchCounted(request, xfer::moduleTrust());
       const Response& response = answer.response;
       code = response.curlCode;
       if (code != 0) continue;
@@ -258,7 +269,7 @@ int32_t xfer_getRemoteFileSize(const char* url, uint64_t* size, uint32_t* mediaT
 bool xfer_getContentLength(const std::string& url, int64_t* length) {
   *length = -1;
   return guarded("xfer_getContentLength", __LINE__, false, [&] {
-    *length = xfer::getContentLength(url, {}, {});
+    *length = xfer::getContentLength(url, {}, {}, xfer::moduleTrust());
     return *length > 0;
   });
 }
@@ -285,7 +296,9 @@ uint64_t xfer_downloadFile(const char* url, const char* path, const char* header
       DownloadPolicy policy;  // file downloads use its defaults
       policy.numThreads = threads != 0 ? threads : std::max<std::uint16_t>(g_numThreads, 1);
       policy.maxDownloadSpeed = g_maxDownloadSpeed;
-      download.live = std::make_unique<xfer::LiveJob>(std::move(request), policy);
+      const xfer::TlsTrust trust = xfer::moduleTrust();
+      const auto options = xfer::DownloadOptions().setVerifyPeer(trust.verifyPeer).setCaFile(trust.caFile);
+      download.live = std::make_unique<xfer::LiveJob>(std::move(request), policy, options);
       download.live->job.start();
       return true;
     });

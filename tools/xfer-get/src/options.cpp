@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <map>
+#include <string_view>
 
 #include "outcome.h"
 #include "proxy_text.h"
@@ -22,6 +23,13 @@ xfer::DownloadPlan planFromText(const std::string& text) {
   if (text == "adaptive") return xfer::DownloadPlan::Adaptive;
   if (text == "stated") return xfer::DownloadPlan::Stated;
   throw CLI::ValidationError("--plan", "neither adaptive nor stated: " + text);
+}
+
+// libcurl would take any other text for the name of a file with a key.
+std::string pinFromText(const std::string& text) {
+  constexpr std::string_view kScheme = "sha256//";
+  if (text.rfind(kScheme, 0) == 0 && text.size() > kScheme.size()) return text;
+  throw CLI::ValidationError("--pinnedpubkey", "not of the form sha256//BASE64: " + text);
 }
 
 void checkHeader(const std::string& line) {
@@ -107,6 +115,14 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
          },
          "[user[:password]@]host[:port]; the port is 80 when not given; \"\" is none")
       ->type_name("PROXY");
+  auto* const insecure = app.add_flag("-k,--insecure", options.insecure, "do not check the server's certificate");
+  auto* const caFile =
+      app.add_option("--cacert", options.caFile, "trust the certificates in FILE (PEM) instead of the system's")
+          ->type_name("FILE");
+  app.add_option_function<std::string>(
+         "--pinnedpubkey", [&](const std::string& text) { options.pinnedKey = pinFromText(text); },
+         "the server's key must have this digest: sha256//BASE64, several separated by ;")
+      ->type_name("DIGEST");
   app.add_option("-b,--cookie", options.cookie, "value of the Cookie header");
   app.add_option("-H,--header", options.headers, "a request header line \"Name: value\"; may be repeated")
       ->type_name("LINE")
@@ -125,7 +141,8 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
   app.add_flag("-v,--verbose", options.verbosity, "log failures, retries and replaced connections; twice: everything");
   app.set_version_flag("-V,--version", std::string("xfer-get ") + XFER_VERSION);
   app.footer(
-      "Exit codes: 0 done, 1 internal error, 2 usage, 3 file, 4 network, 5 HTTP status, 130 cancelled.\n"
+      "Exit codes: 0 done, 1 internal error, 2 usage, 3 file, 4 network, 5 HTTP status,\n"
+      "6 certificate or key refused, 130 cancelled.\n"
       "Without -x the environment names the proxy for URL, redirects included: http_proxy for http; https_proxy or\n"
       "HTTPS_PROXY for https; else all_proxy or ALL_PROXY; none for the hosts in no_proxy or NO_PROXY.\n"
       "The map below the progress: # is there, > is where a connection writes, - is asked for, . is missing.\n"
@@ -135,6 +152,10 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
     std::reverse(arguments.begin(), arguments.end());  // the parser expects reverse order
     app.parse(arguments);
     for (const std::string& line : options.headers) checkHeader(line);
+    if (caFile->count() > 0 && options.caFile.empty()) throw CLI::ValidationError("--cacert", "empty: name a file");
+    if (caFile->count() > 0 && insecure->count() > 0) {
+      throw CLI::ValidationError("--cacert", "cannot go with --insecure, which checks no certificate");
+    }
     checkTogether(options, file->count() > 0, data->count() > 0,
                   {{"--plan", plan->count() > 0},
                    {"--no-map", noMap->count() > 0},

@@ -21,6 +21,9 @@ struct Options {
   std::optional<std::uint32_t> maxTries;
   std::optional<std::uint32_t> retryMaxSec;
   std::optional<net::Proxy> proxy;  ///< not given: that of the environment; empty host: none
+  bool insecure = false;            ///< certificates are not checked
+  std::string caFile;               ///< empty: the system's store
+  std::string pinnedKey;            ///< empty: any key
   std::string cookie;
   std::vector<std::string> headers;
   std::string data;

@@ -14,7 +14,7 @@ struct Words {
 };
 
 // The codes that users are likely to see; positive ones below 100000 are libcurl's.
-constexpr std::array<Words, 21> kWords{{
+constexpr std::array<Words, 24> kWords{{
     {-1, kInternal, "no transfer could be set up"},
     {1, kUsage, "only http and https URLs can be fetched"},
     {3, kUsage, "the URL is malformed"},
@@ -33,6 +33,9 @@ constexpr std::array<Words, 21> kWords{{
     {52, kNetwork, "the server sent nothing"},
     {55, kNetwork, "sending failed"},
     {56, kNetwork, "receiving failed"},
+    {60, kTrust, "the server's certificate is refused; -k accepts any, --cacert names those that are trusted"},
+    {77, kTrust, "the file of --cacert cannot be read, or holds no certificate"},
+    {90, kTrust, "the server's key is not the one of --pinnedpubkey"},
     {100000, kInternal, "out of memory or threads"},
     {100004, kFile, "the file could not be created"},
     {100024, kFile, "there is no room for the file"},

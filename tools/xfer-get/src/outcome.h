@@ -15,6 +15,7 @@ enum ExitCode : int {
   kFile = 3,
   kNetwork = 4,
   kHttpStatus = 5,
+  kTrust = 6,
   kCancelled = 130
 };
 

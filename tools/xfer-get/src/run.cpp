@@ -106,6 +106,12 @@ std::string nameFor(const std::string& url) {
   return name;
 }
 
+// Abilities: DownloadOptions or FetchOptions.
+template <class Abilities>
+void setTrust(Abilities& abilities, const Options& options) {
+  abilities.setVerifyPeer(!options.insecure).setCaFile(options.caFile).setPinnedKey(options.pinnedKey);
+}
+
 Outcome download(const Options& options, const net::Proxy& proxy) {
   xfer::DownloadRequest request;
   request.url = options.url;
@@ -127,6 +133,7 @@ Outcome download(const Options& options, const net::Proxy& proxy) {
   Display display(options);
   const auto begin = Clock::now();
   xfer::DownloadOptions abilities;
+  setTrust(abilities, options);
   abilities.setPlan(options.plan);
   if (options.maxTries) abilities.setMaxTries(*options.maxTries);
   if (options.retryMaxSec) abilities.setRetryMaxTime(*options.retryMaxSec);
@@ -169,7 +176,9 @@ Outcome ask(const Options& options, const net::Proxy& proxy) {
   request.body = options.data;
   request.followRedirects = !options.noRedirect;
   request.timeoutSec = 0;
-  const xfer::Response response = xfer::fetch(request);
+  xfer::FetchOptions abilities;
+  setTrust(abilities, options);
+  const xfer::Response response = xfer::fetch(request, abilities);
   const bool body = options.print || !options.head;
   if ((options.head && !print(response.headers)) || (body && !print(response.body))) {
     return {kFile, "standard output could not be written"};
@@ -179,7 +188,9 @@ Outcome ask(const Options& options, const net::Proxy& proxy) {
 
 Outcome inform(const Options& options, const net::Proxy& proxy) {
   constexpr int kTimeoutSec = 30;
-  const xfer::RemoteFileInfo info = xfer::probeRemoteFile(options.url, proxy, options.cookie, kTimeoutSec);
+  xfer::FetchOptions abilities;
+  setTrust(abilities, options);
+  const xfer::RemoteFileInfo info = xfer::probeRemoteFile(options.url, proxy, options.cookie, kTimeoutSec, abilities);
   Outcome outcome = infoOutcome(info);
   if (outcome.code != kDone) return outcome;
   const bool written = print("size: " + (info.size != 0 ? std::to_string(info.size) : std::string("unknown")) +

@@ -30,6 +30,7 @@
 #include "xfer/download_options.h"
 #include "xfer/download_records.h"
 #include "xfer/export.h"
+#include "xfer/fetch_options.h"
 
 namespace xfer {
 
@@ -46,6 +47,10 @@ struct RemoteFileInfo {
 /// seconds.  Uses the first match in the headers of all responses, redirects included; reads and discards the body.
 XFER_API RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
                                         int timeoutSec);
+
+/// With abilities beside these, such as certificate checks.
+XFER_API RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
+                                        int timeoutSec, const FetchOptions& options);
 
 class DownloadJob {
  public:

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "xfer/export.h"
 #include "xfer/speed_limiter.h"
@@ -70,6 +71,12 @@ class DownloadOptions {
   /// server that is slow to begin with a long range; the next range of its connection then has to be asked for while
   /// nothing arrives.  The smallest ranges are a sixteenth of it, and 64 KiB at most.  Only with the adaptive plan.
   XFER_API DownloadOptions& setFirstRange(std::uint64_t bytes);
+
+  /// Whether the server's certificate is checked: see FetchOptions, whose three abilities these are.  A certificate or
+  /// a key that is refused ends the job at once.
+  XFER_API DownloadOptions& setVerifyPeer(bool verify);
+  XFER_API DownloadOptions& setCaFile(const std::string& path);
+  XFER_API DownloadOptions& setPinnedKey(const std::string& pin);
 
   /// Keeps the latest so many events for DownloadJob::history, about 100 bytes each, from the job's construction on;
   /// none when it is not set.

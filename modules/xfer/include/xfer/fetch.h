@@ -17,6 +17,7 @@
 
 #include "net/proxy.h"
 #include "xfer/export.h"
+#include "xfer/fetch_options.h"
 
 namespace xfer {
 
@@ -45,9 +46,13 @@ struct Response {
 /// Runs one request and blocks until it ends.  Does not verify certificates.
 XFER_API Response fetch(const Request& request);
 
+/// With abilities beside the request's, such as certificate checks.
+XFER_API Response fetch(const Request& request, const FetchOptions& options);
+
 /// Runs fetch with a copy of the request on a new thread.  The future's get rethrows what fetch throws; its destructor
 /// waits for the request to end.
 XFER_API std::future<Response> fetchAsync(const Request& request);
+XFER_API std::future<Response> fetchAsync(const Request& request, const FetchOptions& options);
 
 /// Requests one byte of url and returns the total size from the response headers; -1 when they give none.  Ignores the
 /// HTTP status: an error page's length counts.  When Content-Range gives no total, the Content-Length counts.

@@ -32,6 +32,7 @@
  *   xfer_getRemoteFileSize   1; *size is not written
  *   xfer_getContentLength    false; *length is -1
  *   xfer_setProxy            the proxy stays as it was
+ *   xfer_setTls              100000; the setting stays as it was
  *   xfer_ensureCurlInit      the next call that needs libcurl initialises it
  * The other functions allocate nothing but log records and start no thread.
  */
@@ -159,6 +160,17 @@ XFER_API int32_t xfer_getRemoteFileSize(const char* url, uint64_t* size, uint32_
  * transfers keep theirs.
  */
 XFER_API void xfer_setProxy(const char* proxy);
+
+/*
+ * Whether later requests and downloads of this interface check certificates; at first they do not.  caFile: a PEM file
+ * with the certificates that are trusted, UTF-8, read now and whenever a connection is made; null or empty: the
+ * system's store (the distribution's bundle on Linux, the native store on Windows).  What is refused ends with
+ * libcurl's code 60.
+ *
+ * Returns 0; 43: a caFile without verify; 100000; 100030: the file cannot be read; 100031: it holds no certificate. The
+ * setting stays as it was then.
+ */
+XFER_API int32_t xfer_setTls(bool verify, const char* caFile);
 
 /* Sets the connection count of later downloads whose threads argument is 0; initially 1.  0 counts as 1. */
 XFER_API void xfer_setNumThreads(uint16_t value);

@@ -1,0 +1,13 @@
+// What FetchOptions holds.
+#pragma once
+
+#include "tls_trust.h"
+#include "xfer/fetch_options.h"
+
+namespace xfer {
+
+struct FetchOptions::Values {
+  TlsTrust trust{};
+};
+
+}  // namespace xfer

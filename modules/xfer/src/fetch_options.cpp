@@ -1,0 +1,41 @@
+#include "xfer/fetch_options.h"
+
+#include "fetch_option_values.h"
+
+namespace xfer {
+
+FetchOptions::FetchOptions() : values_(std::make_unique<Values>()) {}
+
+FetchOptions::FetchOptions(const FetchOptions& other) : values_(std::make_unique<Values>(*other.values_)) {}
+
+FetchOptions::FetchOptions(FetchOptions&& other) noexcept = default;
+
+FetchOptions& FetchOptions::operator=(const FetchOptions& other) {
+  if (this != &other) values_ = std::make_unique<Values>(*other.values_);
+  return *this;
+}
+
+FetchOptions& FetchOptions::operator=(FetchOptions&& other) noexcept = default;
+
+FetchOptions::~FetchOptions() = default;
+
+FetchOptions& FetchOptions::setVerifyPeer(bool verify) {
+  values_->trust.verifyPeer = verify;
+  return *this;
+}
+
+FetchOptions& FetchOptions::setCaFile(const std::string& path) {
+  values_->trust.caFile = path;
+  return *this;
+}
+
+FetchOptions& FetchOptions::setPinnedKey(const std::string& pin) {
+  values_->trust.pinnedKey = pin;
+  return *this;
+}
+
+const FetchOptions::Values& FetchOptions::values() const {
+  return *values_;
+}
+
+}  // namespace xfer

@@ -1,0 +1,54 @@
+#include "tls_setting.h"
+
+#include <curl/curl.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+#include "result_codes.h"
+#include "sys/mutex.h"
+#include "sys/never_destroyed.h"
+
+namespace xfer {
+namespace {
+
+struct Setting {
+  sys::Mutex mutex;
+  TlsTrust trust SYS_GUARDED_BY(mutex);
+};
+
+Setting& setting() {
+  static sys::NeverDestroyed<Setting> instance;
+  return instance.get();
+}
+
+std::int32_t judgeCaFile(const std::string& path) {
+  std::ifstream file(std::filesystem::path(std::u8string(path.begin(), path.end())), std::ios::binary);
+  std::string text(std::istreambuf_iterator<char>(file), {});
+  if (!file.is_open() || file.bad()) return result::kCaFileUnreadable;
+  const bool holdsOne = text.find("-----BEGIN CERTIFICATE-----") != std::string::npos ||
+                        text.find("-----BEGIN TRUSTED CERTIFICATE-----") != std::string::npos;
+  return holdsOne ? result::kSuccess : result::kCaFileEmpty;
+}
+
+}  // namespace
+
+std::int32_t setModuleTrust(bool verify, const std::string& caFile) {
+  TlsTrust trust{verify, caFile, {}};
+  if (trust.unworkable() != nullptr) return CURLE_BAD_FUNCTION_ARGUMENT;
+  if (const std::int32_t error = caFile.empty() ? 0 : judgeCaFile(caFile)) return error;
+  Setting& stored = setting();
+  const sys::MutexLock lock(stored.mutex);
+  std::swap(stored.trust, trust);
+  return result::kSuccess;
+}
+
+TlsTrust moduleTrust() {
+  Setting& stored = setting();
+  const sys::MutexLock lock(stored.mutex);
+  return stored.trust;
+}
+
+}  // namespace xfer

@@ -1,0 +1,20 @@
+// What the C interface trusts: a setting of the module.
+//
+// Threads: any.
+// Errors:  std::bad_alloc; the setting stays as it was then.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "tls_trust.h"
+
+namespace xfer {
+
+/// Refuses what cannot work: 43 for caFile without verify, and a code of its own for a file that cannot be read
+/// and for one without a certificate; the setting stays as it was then.  Otherwise 0.
+std::int32_t setModuleTrust(bool verify, const std::string& caFile);
+
+TlsTrust moduleTrust();
+
+}  // namespace xfer
