@@ -34,7 +34,7 @@ constexpr std::array<Words, 24> kWords{{
     {55, kNetwork, "sending failed"},
     {56, kNetwork, "receiving failed"},
     {60, kTrust, "the server's certificate is refused; -k accepts any, --cacert names those that are trusted"},
-    {77, kTrust, "the file of --cacert cannot be read, or holds no certificate"},
+    {77, kTrust, "the certificates to trust cannot be read: those of --cacert, or the system's"},
     {90, kTrust, "the server's key is not the one of --pinnedpubkey"},
     {100000, kInternal, "out of memory or threads"},
     {100004, kFile, "the file could not be created"},

@@ -128,7 +128,7 @@ Outcome download(const Options& options, const net::Proxy& proxy) {
   if (options.trace == path) return {kUsage, "--trace: this is the file of the download: " + path};
   std::optional<TraceFile> trace;
   if (!options.trace.empty()) trace.emplace(options.trace);
-  const Outcome noTrace = {kFile, "the trace could not be written: " + options.trace};
+  Outcome noTrace = {kFile, "the trace could not be written: " + options.trace};
   if (trace && !trace->isGood()) return noTrace;
   Display display(options);
   const auto begin = Clock::now();
