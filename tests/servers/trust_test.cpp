@@ -477,6 +477,16 @@ class LaterTrust : public TrustTest {
   }
 };
 
+TEST_F(LaterTrust, caFileThatIsReplacedCountsForTheNextConnection) {
+  support::writeFile(file("trusted.pem"), support::readFile(servers_.caFile()).value_or(""));
+  const FetchOptions options = verified(file("trusted.pem"), FetchOptions());
+  EXPECT_EQ(ask(Certificate::Valid, options), 0);
+  support::writeFile(file("trusted.pem"), support::readFile(servers_.otherCaFile()).value_or(""));
+  std::string url = servers_.url(Certificate::Valid, ownPath("one.bin"));
+  url.replace(url.find("127.0.0.1"), 9, "localhost");  // for which there is no connection yet
+  EXPECT_EQ(xfer::fetch(requestFor(url), options).curlCode, kCertificateRefused);
+}
+
 TEST_F(LaterTrust, verifiedRequestIsRefusedAfterAnUnverifiedOne) {
   leaveConnection(Certificate::SelfSigned, FetchOptions());
   EXPECT_EQ(ask(Certificate::SelfSigned, verified()), kCertificateRefused);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -208,6 +209,8 @@ TEST_F(AdaptiveJob, optionsThatCannotWorkAreRefusedByName) {
       {DownloadOptions().setLongestWait(3), "longestWait"},
       {DownloadOptions().setFirstRange(3), "firstRange"},
       {adaptive().setFirstRange(0), "firstRange"},
+      {DownloadOptions().setHistory(16'777'217), "history"},
+      {DownloadOptions().setHistory(std::numeric_limits<std::size_t>::max()), "history"},
       {DownloadOptions().setCaFile("ca.pem"), "caFile"},
       {adaptive().setVerifyPeer(true).setVerifyPeer(false).setCaFile("ca.pem"), "caFile"},
   };

@@ -185,7 +185,7 @@ DownloadJob::Impl::Impl(DownloadRequest request, DownloadPolicy policy, JobEnvir
       options_(std::move(options)),
       environment_(std::move(environment)),
       core_(policy, options_.adaptive(policy, environment_.nowNs() ^ reinterpret_cast<std::uintptr_t>(this)),
-            options_.history),
+            options_.keptEvents()),
       sink_([this](std::chrono::milliseconds time) { stopping_.waitFor(time); }),
       retryTimers_([this](std::uint64_t delayMs) { environment_.waitForRetry(delayMs, stopping_); }) {
   // Shares of fixed connections make no sense when their number changes.

@@ -95,6 +95,7 @@ const char* DownloadOptions::Values::unworkable() const {
   if (retryMaxSec && !moves) return "retryMaxTime";
   if (longestWaitSec && !moves) return "longestWait";
   if (firstRange && (!moves || *firstRange == 0)) return "firstRange";
+  if (history > kMostEvents) return "history";
   return trust.unworkable();
 }
 

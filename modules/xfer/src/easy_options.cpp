@@ -41,7 +41,7 @@ bool hasLineBreak(std::string_view text) {
   return text.find_first_of("\r\n") != std::string_view::npos;
 }
 
-// Unlike any other option, none of these may be left out.
+// Unlike any other option, those that narrow what is trusted may not be left out.
 template <class Value>
 std::int32_t require(CURL* easy, CURLoption option, Value value) {
   const CURLcode code = curl_easy_setopt(easy, option, value);
@@ -50,12 +50,18 @@ std::int32_t require(CURL* easy, CURLoption option, Value value) {
 }
 
 std::int32_t applyTrust(CURL* easy, const TlsTrust& trust) {
-  if (const auto code = require(easy, CURLOPT_SSL_VERIFYPEER, trust.verifyPeer ? 1L : 0L)) return code;
-  if (const auto code = require(easy, CURLOPT_SSL_VERIFYHOST, trust.verifyPeer ? 2L : 0L)) return code;
+  if (trust.verifyPeer) {
+    if (const auto code = require(easy, CURLOPT_SSL_VERIFYPEER, 1L)) return code;
+    if (const auto code = require(easy, CURLOPT_SSL_VERIFYHOST, 2L)) return code;
+  } else {
+    setOption(easy, CURLOPT_SSL_VERIFYPEER, 0L);
+    setOption(easy, CURLOPT_SSL_VERIFYHOST, 0L);
+  }
   if (!trust.caFile.empty()) {
     if (const auto code = require(easy, CURLOPT_CAINFO, trust.caFile.c_str())) return code;
     // Only the file counts; where libcurl has no folder of its own, it may not know the option.
     setOption(easy, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    setOption(easy, CURLOPT_CA_CACHE_TIMEOUT, 0L);  // the host may replace the file
   } else if (trust.verifyPeer) {
     setOption(easy, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NATIVE_CA));  // has no effect but on Windows
   }

@@ -15,6 +15,8 @@
 namespace xfer {
 
 struct DownloadOptions::Values {
+  static constexpr std::size_t kMostEvents = 16777216;
+
   std::shared_ptr<RateLimit> sharedLimit{};  ///< null: none
   DownloadPlan plan = DownloadPlan::Stated;
   std::optional<std::uint32_t> maxTries{};
@@ -26,6 +28,9 @@ struct DownloadOptions::Values {
 
   /// The name of an option that cannot work, alone or with the others; null when all can.
   [[nodiscard]] const char* unworkable() const;
+
+  /// Events that the job keeps; none when it is refused for their number.
+  [[nodiscard]] std::size_t keptEvents() const { return history <= kMostEvents ? history : 0; }
 
   /// Of the adaptive plan; nothing with the stated one.
   [[nodiscard]] std::optional<AdaptiveSettings> adaptive(const DownloadPolicy& policy, std::uint64_t seed) const;

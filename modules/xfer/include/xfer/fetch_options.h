@@ -31,12 +31,13 @@ class FetchOptions {
   XFER_API FetchOptions& setVerifyPeer(bool verify);
 
   /// The certificates that are trusted: a PEM file, UTF-8, instead of the system's store (the distribution's bundle on
-  /// Linux, the native store on Windows).  Only with setVerifyPeer.  A file that cannot be read, or holds no
-  /// certificate, ends the request with 77.
+  /// Linux, the native store on Windows).  Read whenever a connection is made.  Only with setVerifyPeer.  A file that
+  /// cannot be read, or holds no certificate, ends the request with 77.
   XFER_API FetchOptions& setCaFile(const std::string& path);
 
   /// The server's key has to be one of these: "sha256//" and the base64 SHA-256 digest of its public key; several are
-  /// separated by semicolons.  Also without setVerifyPeer.  Any other key ends the request with 90.
+  /// separated by semicolons.  Counts for every server that is asked, redirects included, also without setVerifyPeer.
+  /// Any other key ends the request with 90.
   XFER_API FetchOptions& setPinnedKey(const std::string& pin);
 
   [[nodiscard]] const Values& values() const;  ///< internal
