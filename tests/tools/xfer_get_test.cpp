@@ -183,6 +183,16 @@ TEST_F(XferGet, sendsCookieAndHeaders) {
   }
 }
 
+TEST_F(XferGet, saysWhoItIsTold) {
+  ScriptedServer server(patternFile(1000));
+  EXPECT_EQ(get({server.url("/file"), "out", "-A", "me/1"}).exitCode, 0);
+  EXPECT_EQ(get({server.url("/file"), "-p", "--user-agent", "me/1"}).exitCode, 0);
+  EXPECT_EQ(get({server.url("/file"), "--info", "-A", "me/1"}).exitCode, 0);
+  ASSERT_EQ(server.requests().size(), 3U);
+  for (const ReceivedRequest& request : server.requests()) EXPECT_EQ(request.header("User-Agent"), "me/1");
+  EXPECT_EQ(get({server.url("/file"), "-A", "a\nb", "-p"}).exitCode, 2);
+}
+
 TEST_F(XferGet, goesThroughTheProxyThatIsNamed) {
   ScriptedServer proxy(patternFile(1000));
   const Finished done =

@@ -14,6 +14,7 @@
 #include "log.h"
 #include "range_scheduler.h"
 #include "remote_file.h"
+#include "request_text.h"
 #include "result_codes.h"
 #include "share_pool.h"
 #include "steady_time.h"
@@ -29,6 +30,11 @@ constexpr std::uint64_t kSpeedWindowNs = 500'000'000;
 constexpr std::uint64_t kReceiveBuffers = 8388608;  // of all together
 constexpr std::uint64_t kSmallestBuffer = 65536;
 constexpr std::uint64_t kLargestBuffer = 524288;
+
+DownloadRequest asSaidBy(const std::string& userAgent, DownloadRequest request) {
+  addUserAgent(request.headers, userAgent);
+  return request;
+}
 
 }  // namespace
 
@@ -52,8 +58,8 @@ DownloadJob::DownloadJob(DownloadRequest request, DownloadPolicy policy)
     : impl_(std::make_unique<Impl>(std::move(request), policy, realJobEnvironment())) {}
 
 DownloadJob::DownloadJob(DownloadRequest request, DownloadPolicy policy, const DownloadOptions& options)
-    : impl_(std::make_unique<Impl>(std::move(request), policy, realJobEnvironment(options.values().trust),
-                                   options.values())) {}
+    : impl_(std::make_unique<Impl>(asSaidBy(options.values().userAgent, std::move(request)), policy,
+                                   realJobEnvironment(options.values().trust), options.values())) {}
 
 DownloadJob::DownloadJob(DownloadJob&& other) noexcept = default;
 

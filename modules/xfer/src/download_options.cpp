@@ -88,6 +88,11 @@ DownloadOptions& DownloadOptions::setPinnedKey(const std::string& pin) {
   return *this;
 }
 
+DownloadOptions& DownloadOptions::setUserAgent(const std::string& userAgent) {
+  values_->userAgent = userAgent;
+  return *this;
+}
+
 const char* DownloadOptions::Values::unworkable() const {
   if (plan != DownloadPlan::Stated && plan != DownloadPlan::Adaptive) return "plan";
   const bool moves = plan == DownloadPlan::Adaptive;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <exception>
 #include <limits>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -181,9 +182,15 @@ Response fetch(const Request& request) {
 }
 
 Response fetch(const Request& request, const FetchOptions& options) {
+  std::optional<Request> changed;  // a body may be large
+  if (!options.values().userAgent.empty()) {
+    changed = request;
+    addUserAgent(changed->headers, options.values().userAgent);
+  }
   Response response;
   Collector receiver(response, true);
-  const FetchEnd end = fetchInto(request, receiver, unloading(), ConnectHeads::Shown, options.values().trust);
+  const FetchEnd end =
+      fetchInto(changed ? *changed : request, receiver, unloading(), ConnectHeads::Shown, options.values().trust);
   response.curlCode = end.curlCode;
   response.status = end.status;
   return response;
@@ -259,18 +266,19 @@ std::future<Response> fetchAsync(const Request& request, const FetchOptions& opt
 }
 
 std::int64_t getContentLength(const std::string& url, const net::Proxy& proxy, const std::string& cookie) {
-  return getContentLength(url, proxy, cookie, TlsTrust());
+  return getContentLength(url, proxy, cookie, FetchOptions());
 }
 
 std::int64_t getContentLength(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
-                              const TlsTrust& trust) {
+                              const FetchOptions& options) {
   Request request;
   request.url = url;
   request.proxy = proxy;
   request.cookie = cookie;
   request.headers = {"Range: bytes=0-0"};
+  addUserAgent(request.headers, options.values().userAgent);
   request.quiet = true;
-  const Response response = fetchCounted(request, trust).response;
+  const Response response = fetchCounted(request, options.values().trust).response;
   if (response.curlCode != 0) return -1;
   constexpr std::uint64_t kMost = std::numeric_limits<std::int64_t>::max();
   if (const auto total = contentRangeTotal(response.headers)) {

@@ -1,6 +1,8 @@
 // What FetchOptions holds.
 #pragma once
 
+#include <string>
+
 #include "tls_trust.h"
 #include "xfer/fetch_options.h"
 
@@ -8,6 +10,7 @@ namespace xfer {
 
 struct FetchOptions::Values {
   TlsTrust trust{};
+  std::string userAgent{};
 };
 
 }  // namespace xfer

@@ -34,6 +34,11 @@ FetchOptions& FetchOptions::setPinnedKey(const std::string& pin) {
   return *this;
 }
 
+FetchOptions& FetchOptions::setUserAgent(const std::string& userAgent) {
+  values_->userAgent = userAgent;
+  return *this;
+}
+
 const FetchOptions::Values& FetchOptions::values() const {
   return *values_;
 }

@@ -47,9 +47,9 @@ struct CountedResponse {
 /// As fetch, but counts the body's bytes and discards them.
 CountedResponse fetchCounted(const Request& request, const TlsTrust& trust = {});
 
-/// As the exported one, with what is trusted.
+/// As the exported one, with abilities.
 std::int64_t getContentLength(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
-                              const TlsTrust& trust);
+                              const FetchOptions& options);
 
 /// Aborts every current and later fetch of the process, for unloading the module.
 void stopAllFetches();

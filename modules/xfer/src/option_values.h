@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "adaptive_plan.h"
 #include "rate_limit.h"
@@ -25,6 +26,7 @@ struct DownloadOptions::Values {
   std::optional<std::uint64_t> firstRange{};
   std::size_t history = 0;
   TlsTrust trust{};
+  std::string userAgent{};
 
   /// The name of an option that cannot work, alone or with the others; null when all can.
   [[nodiscard]] const char* unworkable() const;

@@ -55,6 +55,7 @@ RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, 
   request.url = url;
   request.cookie = cookie;
   request.headers = {"Range: bytes=0-0"};
+  addUserAgent(request.headers, options.values().userAgent);
   request.proxy = proxy;
   request.timeoutSec = timeoutSec;
   request.quiet = true;

@@ -93,6 +93,12 @@ bool setsField(std::string_view line, std::string_view name) {
   return own.size() == name.size() && findHeader(own, name) == 0;
 }
 
+void addUserAgent(std::vector<std::string>& lines, const std::string& userAgent) {
+  const bool given =
+      std::any_of(lines.begin(), lines.end(), [](const std::string& line) { return setsField(line, "user-agent"); });
+  if (!given && !userAgent.empty()) lines.push_back("User-Agent: " + userAgent);
+}
+
 std::size_t findHeader(std::string_view rawHeaders, std::string_view name) {
   const auto found = std::search(rawHeaders.begin(), rawHeaders.end(), name.begin(), name.end(),
                                  [](char a, char b) { return lower(a) == lower(b); });

@@ -40,6 +40,9 @@ std::string proxyAddress(const net::Proxy& proxy);
 /// The C interface's number for the first Content-Type of raw response headers; 0: none, or an unknown type.
 std::int32_t mediaTypeFromHeaders(const std::string& rawHeaders);
 
+/// Adds a User-Agent line, unless a caller's line is one or the text is empty.
+void addUserAgent(std::vector<std::string>& lines, const std::string& userAgent);
+
 /// Whether a request header line ("Name: value" or, for libcurl an empty field, "Name;") sets the field of this
 /// lower-case name.
 bool setsField(std::string_view line, std::string_view name);

@@ -15,11 +15,11 @@
 #include "keel/keel.h"
 #include "log.h"
 #include "proxy_setting.h"
+#include "request_setting.h"
 #include "request_text.h"
 #include "result_codes.h"
 #include "sys/data_buff.h"
 #include "sys/descrambler.h"
-#include "tls_setting.h"
 #include "xfer/download_job.h"
 #include "xfer/fetch.h"
 
@@ -78,6 +78,7 @@ Request makeRequest(const char* url, const char* headers, const char* cookie, co
   request.proxy = xfer::resolveProxy(proxy);
   request.cookie = orEmpty(cookie);
   xfer::splitLines(headers, request.headers);
+  xfer::addUserAgent(request.headers, xfer::moduleUserAgent());
   return request;
 }
 
@@ -133,6 +134,11 @@ void xfer_setProxy(const char* proxy) {
 int32_t xfer_setTls(bool verify, const char* caFile) {
   return guarded("xfer_setTls", __LINE__, result::kException,
                  [&] { return xfer::setModuleTrust(verify, orEmpty(caFile)); });
+}
+
+int32_t xfer_setUserAgent(const char* userAgent) {
+  return guarded("xfer_setUserAgent", __LINE__, result::kException,
+                 [&] { return xfer::setModuleUserAgent(orEmpty(userAgent)); });
 }
 
 void xfer_setNumThreads(uint16_t value) {
@@ -269,7 +275,7 @@ int32_t xfer_getRemoteFileSize(const char* url, uint64_t* size, uint32_t* mediaT
 bool xfer_getContentLength(const std::string& url, int64_t* length) {
   *length = -1;
   return guarded("xfer_getContentLength", __LINE__, false, [&] {
-    *length = xfer::getContentLength(url, {}, {}, xfer::moduleTrust());
+    *length = xfer::getContentLength(url, {}, {}, moduleOptions().setUserAgent(xfer::moduleUserAgent()));
     return *length > 0;
   });
 }
@@ -297,7 +303,10 @@ uint64_t xfer_downloadFile(const char* url, const char* path, const char* header
       policy.numThreads = threads != 0 ? threads : std::max<std::uint16_t>(g_numThreads, 1);
       policy.maxDownloadSpeed = g_maxDownloadSpeed;
       const xfer::TlsTrust trust = xfer::moduleTrust();
-      const auto options = xfer::DownloadOptions().setVerifyPeer(trust.verifyPeer).setCaFile(trust.caFile);
+      const auto options = xfer::DownloadOptions()
+                               .setVerifyPeer(trust.verifyPeer)
+                               .setCaFile(trust.caFile)
+                               .setUserAgent(xfer::moduleUserAgent());
       download.live = std::make_unique<xfer::LiveJob>(std::move(request), policy, options);
       download.live->job.start();
       return true;

@@ -123,6 +123,7 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exi
          "--pinnedpubkey", [&](const std::string& text) { options.pinnedKey = pinFromText(text); },
          "the server's key must have this digest: sha256//BASE64, several separated by ;")
       ->type_name("DIGEST");
+  app.add_option("-A,--user-agent", options.userAgent, "value of the User-Agent header")->type_name("TEXT");
   app.add_option("-b,--cookie", options.cookie, "value of the Cookie header");
   app.add_option("-H,--header", options.headers, "a request header line \"Name: value\"; may be repeated")
       ->type_name("LINE")

@@ -24,6 +24,7 @@ struct Options {
   bool insecure = false;            ///< certificates are not checked
   std::string caFile;               ///< empty: the system's store
   std::string pinnedKey;            ///< empty: any key
+  std::string userAgent;            ///< empty: the library's
   std::string cookie;
   std::vector<std::string> headers;
   std::string data;

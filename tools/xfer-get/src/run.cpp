@@ -106,10 +106,11 @@ std::string nameFor(const std::string& url) {
   return name;
 }
 
-// Abilities: DownloadOptions or FetchOptions.
+// What every way to a server has.  Abilities: DownloadOptions or FetchOptions.
 template <class Abilities>
-void setTrust(Abilities& abilities, const Options& options) {
+void setCommon(Abilities& abilities, const Options& options) {
   abilities.setVerifyPeer(!options.insecure).setCaFile(options.caFile).setPinnedKey(options.pinnedKey);
+  abilities.setUserAgent(options.userAgent);
 }
 
 Outcome download(const Options& options, const net::Proxy& proxy) {
@@ -133,7 +134,7 @@ Outcome download(const Options& options, const net::Proxy& proxy) {
   Display display(options);
   const auto begin = Clock::now();
   xfer::DownloadOptions abilities;
-  setTrust(abilities, options);
+  setCommon(abilities, options);
   abilities.setPlan(options.plan);
   if (options.maxTries) abilities.setMaxTries(*options.maxTries);
   if (options.retryMaxSec) abilities.setRetryMaxTime(*options.retryMaxSec);
@@ -177,7 +178,7 @@ Outcome ask(const Options& options, const net::Proxy& proxy) {
   request.followRedirects = !options.noRedirect;
   request.timeoutSec = 0;
   xfer::FetchOptions abilities;
-  setTrust(abilities, options);
+  setCommon(abilities, options);
   const xfer::Response response = xfer::fetch(request, abilities);
   const bool body = options.print || !options.head;
   if ((options.head && !print(response.headers)) || (body && !print(response.body))) {
@@ -189,7 +190,7 @@ Outcome ask(const Options& options, const net::Proxy& proxy) {
 Outcome inform(const Options& options, const net::Proxy& proxy) {
   constexpr int kTimeoutSec = 30;
   xfer::FetchOptions abilities;
-  setTrust(abilities, options);
+  setCommon(abilities, options);
   const xfer::RemoteFileInfo info = xfer::probeRemoteFile(options.url, proxy, options.cookie, kTimeoutSec, abilities);
   Outcome outcome = infoOutcome(info);
   if (outcome.code != kDone) return outcome;

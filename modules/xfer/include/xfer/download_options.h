@@ -78,6 +78,9 @@ class DownloadOptions {
   XFER_API DownloadOptions& setCaFile(const std::string& path);
   XFER_API DownloadOptions& setPinnedKey(const std::string& pin);
 
+  /// The User-Agent header of every request: see FetchOptions.
+  XFER_API DownloadOptions& setUserAgent(const std::string& userAgent);
+
   /// Keeps the latest so many events for DownloadJob::history, about 100 bytes each, from the job's construction on; at
   /// most 16777216, and none when it is not set.
   XFER_API DownloadOptions& setHistory(std::size_t events);

@@ -40,6 +40,10 @@ class FetchOptions {
   /// Any other key ends the request with 90.
   XFER_API FetchOptions& setPinnedKey(const std::string& pin);
 
+  /// The User-Agent header of every request, redirects included, where the request has no such line of its own; empty
+  /// or not set: that of a desktop browser.
+  XFER_API FetchOptions& setUserAgent(const std::string& userAgent);
+
   [[nodiscard]] const Values& values() const;  ///< internal
 
  private:

@@ -33,6 +33,7 @@
  *   xfer_getContentLength    false; *length is -1
  *   xfer_setProxy            the proxy stays as it was
  *   xfer_setTls              100000; the setting stays as it was
+ *   xfer_setUserAgent        100000; the setting stays as it was
  *   xfer_ensureCurlInit      the next call that needs libcurl initialises it
  * The other functions allocate nothing but log records and start no thread.
  */
@@ -171,6 +172,14 @@ XFER_API void xfer_setProxy(const char* proxy);
  * setting stays as it was then.
  */
 XFER_API int32_t xfer_setTls(bool verify, const char* caFile);
+
+/*
+ * The User-Agent header of later requests and downloads of this interface, where their header lines have none; null or
+ * empty: that of a desktop browser, as at first.  xfer_downloadText keeps its own.
+ *
+ * Returns 0; 43: the text has a line break; 100000.  The setting stays as it was then.
+ */
+XFER_API int32_t xfer_setUserAgent(const char* userAgent);
 
 /* Sets the connection count of later downloads whose threads argument is 0; initially 1.  0 counts as 1. */
 XFER_API void xfer_setNumThreads(uint16_t value);

@@ -1,4 +1,4 @@
-#include "tls_setting.h"
+#include "request_setting.h"
 
 #include <curl/curl.h>
 
@@ -7,6 +7,7 @@
 #include <iterator>
 #include <utility>
 
+#include "easy_options.h"
 #include "result_codes.h"
 #include "sys/mutex.h"
 #include "sys/never_destroyed.h"
@@ -17,6 +18,7 @@ namespace {
 struct Setting {
   sys::Mutex mutex;
   TlsTrust trust SYS_GUARDED_BY(mutex);
+  std::string userAgent SYS_GUARDED_BY(mutex);
 };
 
 Setting& setting() {
@@ -49,6 +51,21 @@ TlsTrust moduleTrust() {
   Setting& stored = setting();
   const sys::MutexLock lock(stored.mutex);
   return stored.trust;
+}
+
+std::int32_t setModuleUserAgent(const std::string& userAgent) {
+  if (holdsLineBreak(userAgent, {})) return CURLE_BAD_FUNCTION_ARGUMENT;
+  std::string copy = userAgent;
+  Setting& stored = setting();
+  const sys::MutexLock lock(stored.mutex);
+  stored.userAgent.swap(copy);
+  return result::kSuccess;
+}
+
+std::string moduleUserAgent() {
+  Setting& stored = setting();
+  const sys::MutexLock lock(stored.mutex);
+  return stored.userAgent;
 }
 
 }  // namespace xfer

@@ -1,4 +1,4 @@
-// What the C interface trusts: a setting of the module.
+// Settings of the module for the requests of the C interface: what they trust, and who they say they are.
 //
 // Threads: any.
 // Errors:  std::bad_alloc; the setting stays as it was then.
@@ -16,5 +16,10 @@ namespace xfer {
 std::int32_t setModuleTrust(bool verify, const std::string& caFile);
 
 TlsTrust moduleTrust();
+
+/// Empty: the default.  Refuses one with a line break, with 43; the setting stays as it was then.  Otherwise 0.
+std::int32_t setModuleUserAgent(const std::string& userAgent);
+
+std::string moduleUserAgent();
 
 }  // namespace xfer
