@@ -77,7 +77,7 @@ class Nginx:
 def competitors(xfer_get):
     everyone = {
         "curl": ["curl", "-sk", "-o", "{file}", "{url}"],
-        **{f"xfer-get -n {count}": [xfer_get, "-q", "-n", str(count), "{url}", "{file}"] for count in (1, 8, 64)},
+        **{f"xfer-get -n {count}": [xfer_get, "-qk", "-n", str(count), "{url}", "{file}"] for count in (1, 8, 64)},
         "aria2c -x 8": ["aria2c", "-q", "--check-certificate=false", "--allow-overwrite=true", "--no-conf", "-x", "8",
                         "-s", "8", "-k", "1M", "--file-allocation=falloc", "-d", "{folder}", "-o", "{name}", "{url}"],
         "wget": ["wget", "-q", "--no-check-certificate", "-O", "{file}", "{url}"],
