@@ -371,6 +371,7 @@ TEST_F(TrustByNumbers, settingHoldsUntilTheNextOne) {
 TEST_F(TrustByNumbers, settingThatCannotWorkLeavesTheLastOne) {
   const auto expectRefusedSettings = [this] {
     EXPECT_EQ(xfer_setTls(true, file("missing.pem").c_str()), kCaFileUnreadable);
+    EXPECT_EQ(xfer_setTls(true, folder_.path().c_str()), kCaFileUnreadable) << "a folder";
     EXPECT_EQ(xfer_setTls(true, servers_.emptyFile().c_str()), kCaFileWithoutCertificate);
     EXPECT_EQ(xfer_setTls(false, servers_.otherCaFile().c_str()), kBadArgument);
   };

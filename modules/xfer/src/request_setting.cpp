@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <ios>
 #include <iterator>
 #include <utility>
 
@@ -28,8 +29,13 @@ Setting& setting() {
 
 std::int32_t judgeCaFile(const std::string& path) {
   std::ifstream file(std::filesystem::path(std::u8string(path.begin(), path.end())), std::ios::binary);
-  std::string text(std::istreambuf_iterator<char>(file), {});
-  if (!file.is_open() || file.bad()) return result::kCaFileUnreadable;
+  if (!file.is_open()) return result::kCaFileUnreadable;
+  std::string text;
+  try {
+    text.assign(std::istreambuf_iterator<char>(file), {});
+  } catch (const std::ios_base::failure&) {
+    return result::kCaFileUnreadable;  // a folder can be opened, and not be read
+  }
   const bool holdsOne = text.find("-----BEGIN CERTIFICATE-----") != std::string::npos ||
                         text.find("-----BEGIN TRUSTED CERTIFICATE-----") != std::string::npos;
   return holdsOne ? result::kSuccess : result::kCaFileEmpty;
