@@ -274,6 +274,26 @@ TEST_F(AdaptiveJob, speedOfThePolicyIsTheJobs) {
   EXPECT_EQ(run.world.transfers.submissions()[0].limits.own->rate(), 5000U);
 }
 
+// ---- Pauses ----
+
+TEST_F(AdaptiveJob, pauseBeforeTheFirstAnswerHoldsTheJobAsSoonAsItHasCome) {
+  Running run(request(), policy(2), adaptive(), &hosts_);
+  run.job.start();
+  run.turn(1);
+  run.job.pause();
+  EXPECT_EQ(run.job.snapshot().state, JobState::Probing);
+  run.answer(0);
+  EXPECT_EQ(run.job.snapshot().state, JobState::Paused);
+  run.turn(5);
+  EXPECT_EQ(run.world.transfers.submittedStarts(), Starts{0}) << "no others go out";
+  ASSERT_TRUE(run.world.transfers.submissions()[0].isHeld());
+  run.job.resume();
+  EXPECT_EQ(run.job.snapshot().state, JobState::Running);
+  EXPECT_FALSE(run.world.transfers.submissions()[0].isHeld());
+  run.turn(5);
+  EXPECT_GT(run.world.transfers.submittedStarts().size(), 1U);
+}
+
 // ---- Hosts ----
 
 TEST_F(AdaptiveJob, whatAHostAskedOneJobForHoldsForTheOthers) {

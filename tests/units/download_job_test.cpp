@@ -94,6 +94,11 @@ class DownloadJobTest : public testing::Test {
     make(knownSize, numThreads).start();
     return *job;
   }
+  void startedWithOptions(std::uint64_t knownSize, std::uint16_t numThreads) {
+    job = std::make_unique<DownloadJob::Impl>(request(knownSize), policy(numThreads), world.environment(),
+                                              xfer::DownloadOptions().values());
+    job->start();
+  }
   void startProbed(const RemoteFileInfo& info, std::uint16_t numThreads) {
     world.probe = [info](const DownloadRequest&, int, const xfer::StopSignal&) { return info; };
     started(0, numThreads);
@@ -773,6 +778,77 @@ TEST_F(DownloadJobTest, everyRangeCompletingWhilePausedFinalisesTheFileButNotThe
   job->resume();
   EXPECT_EQ(state(), JobState::Running) << "with nothing left to do";
   EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10}));
+}
+
+// ---- Pauses of a job with options ----
+
+TEST_F(DownloadJobTest, withOptionsAPauseDuringTheProbeCountsAsSoonAsTheJobWouldRun) {
+  Gate probing;
+  Gate goOn;
+  world.probe = [&](const DownloadRequest&, int, const xfer::StopSignal&) {
+    probing.open();
+    static_cast<void>(goOn.wait());
+    return probed(30, true, 206);
+  };
+  startedWithOptions(0, 2);
+  ASSERT_TRUE(probing.wait());
+  job->pause();
+  EXPECT_EQ(state(), JobState::Probing);
+  goOn.open();
+  ASSERT_TRUE(waitUntil([&] { return state() == JobState::Paused; }));
+  EXPECT_EQ(world.transfers.submittedStarts(), Starts{});
+  job->resume();
+  EXPECT_EQ(state(), JobState::Running);
+  EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10}));
+}
+
+TEST_F(DownloadJobTest, withOptionsAPauseThatWasTakenBackDuringTheProbeIsNone) {
+  world.probe = [&](const DownloadRequest&, int, const xfer::StopSignal&) {
+    job->pause();
+    job->resume();
+    return probed(30, true, 206);
+  };
+  startedWithOptions(0, 2);
+  ASSERT_TRUE(world.transfers.waitForSubmissions(2));
+  EXPECT_EQ(state(), JobState::Running);
+}
+
+TEST_F(DownloadJobTest, withOptionsARetryThatFallsDueWhilePausedIsMadeByResume) {
+  startedWithOptions(20, 2);
+  const std::size_t threads = support::threadCount();
+  world.transfers.finish(0, 0, 503);
+  ASSERT_TRUE(world.waitForDelays(1));
+  job->pause();
+  endDelaysAndTimers(threads);
+  EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10})) << "nothing is submitted while paused";
+  EXPECT_FALSE(job->standsStill());
+  job->resume();
+  EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10, 0}));
+  world.transfers.serve(10);
+  world.transfers.serve(0);
+  EXPECT_EQ(state(), JobState::Completed);
+  EXPECT_EQ(support::patternError(path, 20), "");
+}
+
+TEST_F(DownloadJobTest, withOptionsAJobWhoseLastByteArrivesWhilePausedIsCompletedByResume) {
+  startedWithOptions(20, 2);
+  job->pause();
+  world.transfers.serve(0);
+  world.transfers.serve(10);
+  EXPECT_EQ(state(), JobState::Paused);
+  EXPECT_FALSE(job->standsStill());
+  EXPECT_EQ(support::patternError(path, 20), "");
+  job->resume();
+  EXPECT_EQ(state(), JobState::Completed);
+  EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10}));
+}
+
+TEST_F(DownloadJobTest, withOptionsResumeFillsTheSlotsThatCameFree) {
+  startedWithOptions(40, 2);
+  job->pause();
+  world.transfers.serve(0);
+  job->resume();
+  EXPECT_EQ(world.transfers.submittedStarts(), (Starts{0, 10, 20}));
 }
 
 TEST_F(DownloadJobTest, retryAfterAFailureElsewhereDoesNothing) {

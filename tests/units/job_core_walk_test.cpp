@@ -196,6 +196,15 @@ TEST_P(JobCoreWalk, sizesThatProveWrongInEveryOrder) {
   }
 }
 
+// As a job with options: no pause costs anything.
+TEST_P(JobCoreWalk, pausesThatAreKeptInEveryOrder) {
+  WorldSetup world = setup();
+  world.keepsPauses = true;
+  world.ends = {CURLE_COULDNT_CONNECT, kForbidden};
+  world.pauses = 2;
+  walkAll("kept pauses", world, stepsToWalk());
+}
+
 INSTANTIATE_TEST_SUITE_P(Shapes, JobCoreWalk, testing::Values(Shape{1, 1}, Shape{1, 2}, Shape{2, 1}, Shape{2, 2}),
                          [](const auto& shape) {
                            return std::to_string(shape.param.ranges) + "ranges" +
@@ -225,6 +234,7 @@ class MovingWalk : public testing::TestWithParam<Shape> {
     setup.ticketsAtOnce = true;  // all is submitted by the thread that makes the turns
     setup.pieces = 1;
     setup.turns = 3;
+    setup.keepsPauses = true;  // a moving plan is an option
     return setup;
   }
 };
@@ -286,6 +296,7 @@ WorldSetup randomSetup(Random& random) {
     if (random() % 3 == 0) setup.ends.push_back(code);
   }
   if (random() % 32 == 0) setup.ends.push_back(kForbidden);
+  setup.keepsPauses = random() % 2 == 0;
   setup.pieces = 64;
   setup.history = 8192;  // all of them
   setup.ticketsAtOnce = setup.refillInOneStep && random() % 2 == 0;
@@ -303,6 +314,7 @@ WorldSetup randomSetup(Random& random) {
 WorldSetup randomMovingSetup(Random& random) {
   WorldSetup setup = randomSetup(random);
   setup.adaptive = true;
+  setup.keepsPauses = true;
   setup.longFirst = random() % 2 == 0;
   setup.refillInOneStep = setup.ticketsAtOnce = true;
   if (random() % 4 != 0 || !setup.sizeFrom) {

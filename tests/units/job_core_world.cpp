@@ -65,14 +65,16 @@ JobCoreWorld::JobCoreWorld(const WorldSetup& setup)
     : setup_(setup), core_([&] {
         DownloadPolicy policy;
         policy.numThreads = setup.connections;
-        std::optional<AdaptiveSettings> adaptive;
+        CoreOptions options;
+        options.history = setup.history;
+        options.keepsPauses = setup.keepsPauses;
         if (setup.adaptive) {
-          adaptive.emplace();
-          adaptive->connections = setup.connections;
-          adaptive->firstPiece = setup.chunk * (setup.longFirst ? setup.ranges : 1);
-          adaptive->maxTries = kRetries;
+          AdaptiveSettings& adaptive = options.adaptive.emplace();
+          adaptive.connections = setup.connections;
+          adaptive.firstPiece = setup.chunk * (setup.longFirst ? setup.ranges : 1);
+          adaptive.maxTries = kRetries;
         }
-        return JobCore(policy, adaptive, setup.history);
+        return JobCore(policy, options);
       }()) {
   const std::uint64_t planned = setup_.chunk * setup_.ranges;
   versions_.push_back({planned - std::min(planned, setup_.lastRangeCut), 0, "v0", "v0b"});
@@ -151,8 +153,9 @@ std::vector<Step> JobCoreWorld::choices() const {
     }
   }
   for (std::size_t index = 0; index < timers_.size(); ++index) steps.push_back({Kind::RetryDue, index});
-  if (core_.state() == JobState::Running && setup_.pauses > 0) steps.push_back({Kind::Pause});
-  if (core_.state() == JobState::Paused) steps.push_back({Kind::Resume});
+  const bool remembers = setup_.keepsPauses && core_.state() == JobState::Probing;
+  if ((core_.state() == JobState::Running || remembers) && setup_.pauses > 0) steps.push_back({Kind::Pause});
+  if (core_.state() == JobState::Paused || pauseRemembered_) steps.push_back({Kind::Resume});
   if (!ending && setup_.cancels > 0) steps.push_back({Kind::Cancel});
   if (setup_.adaptive && !ending && setup_.turns > 0) {
     for (const Kind kind : {Kind::ShortTurn, Kind::Turn, Kind::LongTurn}) steps.push_back({kind});
@@ -232,11 +235,13 @@ void JobCoreWorld::perform(const Step& step) {
       return end(step.index, step.code, step.status);
     case Kind::Pause:
       --setup_.pauses;
+      pauseRemembered_ = core_.state() == JobState::Probing;
       core_.pause();
       return;
     case Kind::Resume: {
       JobActions actions;
       core_.resume(actions);
+      pauseRemembered_ = false;
       return want(actions);
     }
     case Kind::Cancel:
@@ -599,7 +604,10 @@ void JobCoreWorld::watch() {
   if (core_.ending() && core_.next()) breaks("a job that is ending submits");
   if (finalizeAsked_ > 1) breaks("the file is finalised twice");
   if (closeAsked_ > 1) breaks("the file is closed twice");
-  if (core_.standsStill() && !retryDueWhilePaused_ && !finalizedWhilePaused_) breaks("the core stands still by itself");
+  const bool mayStand = !setup_.keepsPauses && (retryDueWhilePaused_ || finalizedWhilePaused_);
+  if (core_.standsStill() && !mayStand) breaks("the core stands still by itself");
+  if (pauseRemembered_ && core_.state() == JobState::Running) breaks("a pause during Probing is forgotten");
+  if (core_.state() != JobState::Probing) pauseRemembered_ = false;
   if (core_.state() == JobState::Completed) {
     const std::string wrong = completedWrongly();
     if (!wrong.empty()) breaks(wrong);

@@ -83,6 +83,7 @@ struct WorldSetup {
   /// How the size became known; nothing: it did not.
   std::optional<xfer::JobCore::SizeFrom> sizeFrom = xfer::JobCore::SizeFrom::Host;
   std::int64_t sizeError = 0;  ///< by so much the known size differs from the file's
+  bool keepsPauses = false;    ///< as jobs with options do
   bool adaptive = false;       ///< the plan; the size is known from the host, or not
   bool longFirst = false;      ///< an adaptive plan first asks for the whole file, not for a chunk of it
   bool strongTags = false;     ///< versions differ in strong entity tags, else in weak ones
@@ -218,6 +219,7 @@ class JobCoreWorld {
   bool lied_ = false;         // the size was known wrong, or has changed
   bool sizesDiffer_ = false;  // or it may
   bool retryDueWhilePaused_ = false;
+  bool pauseRemembered_ = false;  // one came during Probing
   bool finalizedWhilePaused_ = false;
   bool cancelled_ = false;
 

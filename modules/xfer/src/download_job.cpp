@@ -61,6 +61,8 @@ DownloadJob::DownloadJob(DownloadRequest request, DownloadPolicy policy, const D
     : impl_(std::make_unique<Impl>(asSaidBy(options.values().userAgent, std::move(request)), policy,
                                    realJobEnvironment(options.values().trust), options.values())) {}
 
+DownloadJob::DownloadJob(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
 DownloadJob::DownloadJob(DownloadJob&& other) noexcept = default;
 
 DownloadJob& DownloadJob::operator=(DownloadJob&& other) noexcept {
@@ -190,8 +192,7 @@ DownloadJob::Impl::Impl(DownloadRequest request, DownloadPolicy policy, JobEnvir
       policy_(policy),
       options_(std::move(options)),
       environment_(std::move(environment)),
-      core_(policy, options_.adaptive(policy, environment_.nowNs() ^ reinterpret_cast<std::uintptr_t>(this)),
-            options_.keptEvents()),
+      core_(policy, options_.forCore(policy, environment_.nowNs() ^ reinterpret_cast<std::uintptr_t>(this))),
       sink_([this](std::chrono::milliseconds time) { stopping_.waitFor(time); }),
       retryTimers_([this](std::uint64_t delayMs) { environment_.waitForRetry(delayMs, stopping_); }) {
   // Shares of fixed connections make no sense when their number changes.

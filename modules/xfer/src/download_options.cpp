@@ -23,7 +23,9 @@ std::uint64_t SpeedLimiter::limit() const noexcept {
   return limit_->rate();
 }
 
-DownloadOptions::DownloadOptions() : values_(std::make_unique<Values>()) {}
+DownloadOptions::DownloadOptions() : values_(std::make_unique<Values>()) {
+  values_->given = true;
+}
 
 DownloadOptions::DownloadOptions(const DownloadOptions& other) : values_(std::make_unique<Values>(*other.values_)) {}
 
@@ -116,6 +118,14 @@ std::optional<AdaptiveSettings> DownloadOptions::Values::adaptive(const Download
   if (longestWaitSec) settings.longestWaitNs = *longestWaitSec * kNsPerSec;
   settings.seed = seed;
   return settings;
+}
+
+CoreOptions DownloadOptions::Values::forCore(const DownloadPolicy& policy, std::uint64_t seed) const {
+  CoreOptions options;
+  options.adaptive = adaptive(policy, seed);
+  if (history <= kMostEvents) options.history = history;
+  options.keepsPauses = given;
+  return options;
 }
 
 const DownloadOptions::Values& DownloadOptions::values() const {

@@ -1,5 +1,6 @@
 #include "handles.h"
 
+#include "download_job_impl.h"
 #include "end_code.h"
 #include "fetch_stoppable.h"
 #include "job_state.h"
@@ -16,6 +17,8 @@ typename Table::node_type makeEntry() {
 }
 
 }  // namespace
+
+LiveJob::LiveJob(std::unique_ptr<DownloadJob::Impl> impl) : job(std::move(impl)) {}
 
 Handles::DownloadEntry Handles::reserveDownload() {
   return makeEntry<Downloads>();

@@ -32,8 +32,7 @@ namespace xfer {
 
 /// A job, and a pin that keeps the module loaded while the job may own threads.
 struct LiveJob {
-  LiveJob(DownloadRequest request, const DownloadPolicy& policy, const DownloadOptions& options)
-      : job(std::move(request), policy, options) {}
+  explicit LiveJob(std::unique_ptr<DownloadJob::Impl> impl);
 
   sys::ModulePin pin;  // declared before the job: released after it
   DownloadJob job;

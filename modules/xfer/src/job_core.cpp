@@ -55,7 +55,7 @@ bool JobCore::throttled() const {
 }
 
 bool JobCore::standsStill() const {
-  return !ending() && (retryDropped_ || (finalized_ && moving_ == nullptr));
+  return !ending() && (retryDropped_ || (finalized_ && !resumeCompletes()));
 }
 
 DownloadDetails::Values JobCore::details() const {
@@ -142,17 +142,30 @@ JobActions JobCore::cancel() noexcept {
   return actions;
 }
 
+bool JobCore::pause() noexcept {
+  pauseWanted_ = pauseWanted_ || (options_.keepsPauses && state_ == JobState::Probing);
+  return state_ == JobState::Running && enter(JobState::Paused);
+}
+
 bool JobCore::resume(JobActions& actions) noexcept {
+  pauseWanted_ = false;
   if (state_ != JobState::Paused || !enter(JobState::Running)) return false;
   // The last byte arrived during the pause.
-  if (moving_ != nullptr && finalized_) {
+  if (resumeCompletes() && finalized_) {
     enter(JobState::Completed);
     settle(actions);
     return true;
   }
   // Intended: slots that came free during the pause are refilled when the next transfer ends.  When every transfer has
   // ended meanwhile there is no next one.
-  actions.refill = flights_.empty() && moving_ == nullptr;
+  actions.refill = (flights_.empty() || options_.keepsPauses) && moving_ == nullptr;
+  return true;
+}
+
+// A pause that came during Probing counts from here on.
+bool JobCore::enterRunning() noexcept {
+  if (!enter(JobState::Running)) return false;
+  if (std::exchange(pauseWanted_, false)) enter(JobState::Paused);
   return true;
 }
 
@@ -172,7 +185,7 @@ void JobCore::setSize(std::uint64_t size, SizeFrom from) {
 JobActions JobCore::fileOpened() noexcept {
   JobActions actions;
   fileOpen_ = true;
-  if (moving_ != nullptr) enter(JobState::Running);
+  if (moving_ != nullptr) enterRunning();
   settle(actions);
   return actions;
 }
@@ -180,15 +193,15 @@ JobActions JobCore::fileOpened() noexcept {
 void JobCore::plan(const DownloadPolicy& policy) {
   planPolicy_ = policy;
   // An adaptive plan learns it from the first answer, which may say that there is less.
-  planSize_ = adaptive_ ? 0 : totalBytes_;
+  planSize_ = options_.adaptive ? 0 : totalBytes_;
   plan_ = makePlan();
 }
 
 std::unique_ptr<RangePlan> JobCore::makePlan() {
   std::unique_ptr<RangePlan> plan;
-  if (adaptive_) {
+  if (options_.adaptive) {
     const auto size = planSize_ != 0 ? std::optional(planSize_) : std::nullopt;
-    auto moving = std::make_unique<AdaptivePlan>(*adaptive_, size);
+    auto moving = std::make_unique<AdaptivePlan>(*options_.adaptive, size);
     if (moving_ != nullptr) moving->adopt(moving_->terms());  // the host is the same
     moving_ = moving.get();
     plan = std::move(moving);
@@ -201,7 +214,7 @@ std::unique_ptr<RangePlan> JobCore::makePlan() {
 
 JobActions JobCore::run() {
   JobActions actions;
-  if (enter(JobState::Running)) {
+  if (enterRunning()) {
     actions.refill = true;
   } else {
     enter(JobState::Cancelled);
@@ -797,6 +810,10 @@ JobActions JobCore::retryDue(std::uint64_t id) {
     return actions;
   }
   if (!plan_->awaitsRequeue(*piece)) return actions;
+  if (state_ == JobState::Paused && options_.keepsPauses) {
+    plan_->requeue(*piece);  // resume fetches it
+    return actions;
+  }
   if (state_ != JobState::Running) {
     // Intended: a retry whose delay ends while the job is paused is dropped for good.
     retryDropped_ = retryDropped_ || state_ == JobState::Paused;

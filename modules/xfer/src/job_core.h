@@ -71,6 +71,15 @@ struct JobActions {
   std::optional<Retry> retry{};             ///< call retryDue after the delay
 };
 
+/// What a job has beside its policy.
+struct CoreOptions {
+  std::optional<AdaptiveSettings> adaptive{};  ///< with settings the plan is an adaptive one
+  std::size_t history = 0;                     ///< events that are kept
+  /// A pause costs nothing: one during Probing counts from Running on, a retry that falls due is made after resume, and
+  /// a job whose last byte arrives is Completed by resume.
+  bool keepsPauses = false;
+};
+
 class JobCore {
  public:
   /// One range transfer from next to ended.
@@ -113,10 +122,8 @@ class JobCore {
   };
   using FlightPtr = std::shared_ptr<Flight>;
 
-  /// With settings the plan is an adaptive one.  history: events that are kept.
-  explicit JobCore(const DownloadPolicy& policy, const std::optional<AdaptiveSettings>& adaptive = {},
-                   std::size_t history = 0)
-      : policy_(policy), adaptive_(adaptive), history_(history) {}
+  explicit JobCore(const DownloadPolicy& policy, const CoreOptions& options = {})
+      : policy_(policy), options_(options), history_(options.history) {}
 
   /// The time of the events that follow.
   void setTime(std::uint64_t nowNs) { nowNs_ = nowNs; }
@@ -208,8 +215,8 @@ class JobCore {
   /// The file was closed: see JobActions::close.
   void closed() noexcept;
 
-  /// False when the job is not Running; nothing changes then.
-  bool pause() noexcept { return state_ == JobState::Running && enter(JobState::Paused); }
+  /// Whether the job is Paused by it.
+  bool pause() noexcept;
 
   /// False when the job is not Paused; nothing changes then.
   bool resume(JobActions& actions) noexcept;
@@ -235,6 +242,8 @@ class JobCore {
   };
 
   bool enter(JobState to) noexcept;
+  bool enterRunning() noexcept;
+  [[nodiscard]] bool resumeCompletes() const { return moving_ != nullptr || options_.keepsPauses; }
   void note(DownloadEvent::Kind kind, const Flight& flight, DownloadEvent more = {}) noexcept;
   void noteHostsWait() noexcept;
   [[nodiscard]] std::uint32_t freeConnection() const;
@@ -287,7 +296,7 @@ class JobCore {
   void sampleSucceeded(Flight& flight, const TransferEnd& end, JobActions& actions);
 
   const DownloadPolicy policy_;
-  const std::optional<AdaptiveSettings> adaptive_;
+  const CoreOptions options_;
 
   std::uint64_t nowNs_ = 0;
   JobState state_ = JobState::Idle;
@@ -298,6 +307,7 @@ class JobCore {
   bool closing_ = false;     // the file is being closed, or is closed
   bool finalized_ = false;
   bool retryDropped_ = false;
+  bool pauseWanted_ = false;  // during Probing
 
   std::uint64_t totalBytes_ = 0;
   bool hostGaveSize_ = false;

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "adaptive_plan.h"
+#include "job_core.h"
 #include "rate_limit.h"
 #include "tls_trust.h"
 #include "xfer/download_options.h"
@@ -18,6 +19,7 @@ namespace xfer {
 struct DownloadOptions::Values {
   static constexpr std::size_t kMostEvents = 16777216;
 
+  bool given = false;                        ///< by a host: a job without options has none of these abilities
   std::shared_ptr<RateLimit> sharedLimit{};  ///< null: none
   DownloadPlan plan = DownloadPlan::Stated;
   std::optional<std::uint32_t> maxTries{};
@@ -31,10 +33,10 @@ struct DownloadOptions::Values {
   /// The name of an option that cannot work, alone or with the others; null when all can.
   [[nodiscard]] const char* unworkable() const;
 
-  /// Events that the job keeps; none when it is refused for their number.
-  [[nodiscard]] std::size_t keptEvents() const { return history <= kMostEvents ? history : 0; }
+  /// Also of options that the job is then refused for.
+  [[nodiscard]] CoreOptions forCore(const DownloadPolicy& policy, std::uint64_t seed) const;
 
-  /// Of the adaptive plan; nothing with the stated one.
+ private:
   [[nodiscard]] std::optional<AdaptiveSettings> adaptive(const DownloadPolicy& policy, std::uint64_t seed) const;
 };
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "download_job_impl.h"
 #include "fetch_stoppable.h"
 #include "handles.h"
 #include "keel/keel.h"
@@ -302,12 +303,10 @@ uint64_t xfer_downloadFile(const char* url, const char* path, const char* header
       DownloadPolicy policy;  // file downloads use its defaults
       policy.numThreads = threads != 0 ? threads : std::max<std::uint16_t>(g_numThreads, 1);
       policy.maxDownloadSpeed = g_maxDownloadSpeed;
-      const xfer::TlsTrust trust = xfer::moduleTrust();
-      const auto options = xfer::DownloadOptions()
-                               .setVerifyPeer(trust.verifyPeer)
-                               .setCaFile(trust.caFile)
-                               .setUserAgent(xfer::moduleUserAgent());
-      download.live = std::make_unique<xfer::LiveJob>(std::move(request), policy, options);
+      // Settings of the module are no options of the job: it behaves as one without any.
+      xfer::addUserAgent(request.headers, xfer::moduleUserAgent());
+      download.live = std::make_unique<xfer::LiveJob>(std::make_unique<xfer::DownloadJob::Impl>(
+          std::move(request), policy, xfer::realJobEnvironment(xfer::moduleTrust())));
       download.live->job.start();
       return true;
     });

@@ -9,7 +9,7 @@
 //   Idle, Probing, Running, Paused, Cancelling ──► Failed
 //
 // Completed, Failed and Cancelled are final.  A job is Completed only from Running: see pause.  With the adaptive plan
-// (download_options.h) a job is Probing first whether the size is known or not, and may be Completed by resume.
+// (download_options.h) a job is Probing first whether the size is known or not.  Resume may complete a job with options.
 //
 // When a weak validator (a weak entity tag or Last-Modified) changes, a sample of what was delivered is fetched again
 // and compared; equal samples are evidence, not proof, that the file is the same.
@@ -62,6 +62,8 @@ class DownloadJob {
   /// With abilities beside the policy's.
   XFER_API DownloadJob(DownloadRequest request, DownloadPolicy policy, const DownloadOptions& options);
 
+  explicit DownloadJob(std::unique_ptr<Impl> impl);  ///< internal
+
   /// A moved-from job may only be destroyed or assigned to.
   XFER_API DownloadJob(DownloadJob&& other) noexcept;
 
@@ -80,10 +82,11 @@ class DownloadJob {
   /// and a thread that cannot be created ends the job with 100000.
   XFER_API void start();
 
-  /// Holds a Running job; does nothing in any other state.
+  /// Holds a Running job; does nothing in any other state.  A job with options remembers a pause while it is Probing,
+  /// and is Paused as soon as it would be Running.
   ///
-  /// Intended: with the stated plan, two things that happen during a pause leave the job at a stand-still, which resume
-  /// does not end:
+  /// Intended: without options, two things that happen during a pause leave the job at a stand-still, which resume does
+  /// not end:
   ///   - a retry falls due: it is dropped, and the job never completes.  Cancel the job and start a new one;
   ///   - the last range ends: the file is whole and closed, but the job does not become Completed.  It stays Paused,
   ///     and Running after resume.
