@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "download_job_impl.h"
+#include "error_text.h"
 #include "fetch_stoppable.h"
 #include "handles.h"
 #include "keel/keel.h"
@@ -112,6 +113,16 @@ void copyOut(const std::string& part, sys::IDataBuff* out) {
 }
 
 }  // namespace
+
+// ---- Words ----
+
+const char* xfer_version(void) {
+  return XFER_VERSION_TEXT;
+}
+
+const char* xfer_errorText(int32_t code) {
+  return xfer::errorText(code);
+}
 
 // ---- Lifetime and settings ----
 

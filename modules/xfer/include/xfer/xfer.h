@@ -43,6 +43,7 @@
 #include <stdint.h>
 
 #include "xfer/export.h"
+#include "xfer/version.h"
 
 #ifdef __cplusplus
 #include "sys/idata_buff.h"
@@ -53,6 +54,15 @@ extern "C" {
 /* The host's buffer object; its interface is C++ (sys/idata_buff.h). */
 typedef struct xfer_buffer xfer_buffer;
 #endif
+
+/* The version of the library that is loaded, as XFER_VERSION_TEXT of its headers: "1.0.0".  Static text. */
+XFER_API const char* xfer_version(void);
+
+/*
+ * Words for every number that a function of this interface returns or reports: "success", "the file could not be
+ * created, ...", "HTTP 404: not found".  In English, static, never null; "unknown code" for any other number.
+ */
+XFER_API const char* xfer_errorText(int32_t code);
 
 /*
  * Fetches url and blocks until the transfer ends.  The total time is unlimited; connecting times out after 15 s, and a
