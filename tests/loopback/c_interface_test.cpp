@@ -585,4 +585,32 @@ TEST(FileDownload, pauseOfAFinishedOneChangesNothing) {
   EXPECT_EQ(end.finished, 1);
 }
 
+// ---- Buffers of the library's ----
+
+TEST(Buffer, isFilledReadAndFreed) {
+  ScriptedServer server(patternFile(1000));
+  xfer_buffer* const headers = xfer_bufferNew();
+  xfer_buffer* const body = xfer_bufferNew();
+  ASSERT_NE(headers, nullptr);
+  ASSERT_NE(body, nullptr);
+  EXPECT_EQ(xfer_bufferSize(body), 0U);
+  EXPECT_EQ(xfer_bufferData(body), nullptr);
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_EQ(xfer_download(server.url("/").c_str(), nullptr, nullptr, headers, body, nullptr, nullptr), 0);
+    ASSERT_EQ(xfer_bufferSize(body), 1000U);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(xfer_bufferData(body)), 1000), support::patternBytes(0, 1000));
+    EXPECT_GT(xfer_bufferSize(headers), 0U);
+  }
+  xfer_bufferFree(headers);
+  xfer_bufferFree(body);
+  xfer_bufferFree(nullptr);
+}
+
+TEST(Buffer, ofAHostCanBeReadToo) {
+  sys::DataBuff own;
+  own.assign(std::string("own"));
+  EXPECT_EQ(xfer_bufferSize(&own), 3U);
+  EXPECT_EQ(xfer_bufferData(&own), own.data());
+}
+
 }  // namespace

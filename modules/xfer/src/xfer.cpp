@@ -124,6 +124,25 @@ const char* xfer_errorText(int32_t code) {
   return xfer::errorText(code);
 }
 
+// ---- Buffers ----
+
+sys::IDataBuff* xfer_bufferNew(void) {
+  return new (std::nothrow) sys::DataBuff;
+}
+
+// The interface's functions are not const: a host's buffer may do anything in them.
+const uint8_t* xfer_bufferData(const sys::IDataBuff* buffer) {
+  return const_cast<sys::IDataBuff*>(buffer)->data();
+}
+
+uint64_t xfer_bufferSize(const sys::IDataBuff* buffer) {
+  return const_cast<sys::IDataBuff*>(buffer)->size();
+}
+
+void xfer_bufferFree(sys::IDataBuff* buffer) {
+  delete static_cast<sys::DataBuff*>(buffer);
+}
+
 // ---- Lifetime and settings ----
 
 void xfer_ensureCurlInit(void) {

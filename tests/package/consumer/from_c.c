@@ -1,6 +1,7 @@
 /* from_c PORT: a host in C.  PORT refuses connections. */
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <xfer/xfer.h>
 
 int main(int argc, char** argv) {
@@ -8,6 +9,8 @@ int main(int argc, char** argv) {
   uint32_t error = 77;
   uint8_t finished = 0;
   uint64_t id = 0;
+  xfer_buffer* headers = NULL;
+  xfer_buffer* body = NULL;
   char url[64];
   if (argc != 2) return 2;
 
@@ -23,5 +26,16 @@ int main(int argc, char** argv) {
     xfer_getProgress(id, &downloaded, &error, &finished);
   } while (finished == 0);
   if (error != 7) return 8; /* libcurl's code for a refused connection */
+
+  headers = xfer_bufferNew();
+  body = xfer_bufferNew();
+  if (headers == NULL || body == NULL) return 9;
+  if (xfer_download(url, NULL, NULL, headers, body, NULL, NULL) != 7) return 10;
+  if (xfer_bufferSize(body) != 0 || xfer_bufferData(body) != NULL) return 11;
+  xfer_bufferFree(headers);
+  xfer_bufferFree(body);
+  xfer_bufferFree(NULL);
+  if (strcmp(xfer_version(), XFER_VERSION_TEXT) != 0) return 12;
+  if (strcmp(xfer_errorText(404), "HTTP 404: not found") != 0) return 13;
   return 0;
 }

@@ -35,6 +35,7 @@
  *   xfer_setTls              100000; the setting stays as it was
  *   xfer_setUserAgent        100000; the setting stays as it was
  *   xfer_ensureCurlInit      the next call that needs libcurl initialises it
+ *   xfer_bufferNew           null
  * The other functions allocate nothing but log records and start no thread.
  */
 #ifndef XFER_XFER_H
@@ -51,7 +52,7 @@ typedef sys::IDataBuff xfer_buffer;
 extern "C" {
 #else
 #include <stdbool.h>
-/* The host's buffer object; its interface is C++ (sys/idata_buff.h). */
+/* A buffer: one of xfer_bufferNew, or an object of a C++ host's (sys/idata_buff.h). */
 typedef struct xfer_buffer xfer_buffer;
 #endif
 
@@ -63,6 +64,18 @@ XFER_API const char* xfer_version(void);
  * created, ...", "HTTP 404: not found".  In English, static, never null; "unknown code" for any other number.
  */
 XFER_API const char* xfer_errorText(int32_t code);
+
+/* An empty buffer of the library's, for the functions below; the caller frees it.  Null without memory. */
+XFER_API xfer_buffer* xfer_bufferNew(void);
+
+/* Its bytes, until it is filled again or freed; null while it is empty.  Of any buffer, a host's own included. */
+XFER_API const uint8_t* xfer_bufferData(const xfer_buffer* buffer);
+
+/* The number of its bytes.  Of any buffer. */
+XFER_API uint64_t xfer_bufferSize(const xfer_buffer* buffer);
+
+/* Frees a buffer of xfer_bufferNew, and no other.  Null: does nothing. */
+XFER_API void xfer_bufferFree(xfer_buffer* buffer);
 
 /*
  * Fetches url and blocks until the transfer ends.  The total time is unlimited; connecting times out after 15 s, and a
