@@ -24,7 +24,8 @@ TEST(ErrorText, hasWordsOfItsOwnForEachOfTheLibrarysNumbers) {
                                 result::kNoSize,          result::kStopped,          result::kException,
                                 result::kUnknownId,       result::kFileNotCreated,   result::kFileNotOpen,
                                 result::kEmptyBody,       result::kFileNotReserved,  result::kCaFileUnreadable,
-                                result::kCaFileEmpty,     result::unexpectedStatus(-1)};
+                                result::kCaFileEmpty,     result::kBadRecord,        result::kNullArgument,
+                                result::kOtherKind,       result::unexpectedStatus(-1)};
   std::set<std::string> texts;
   for (const std::int32_t code : codes) {
     EXPECT_NE(text(code), "unknown code") << code;

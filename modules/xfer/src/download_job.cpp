@@ -305,6 +305,11 @@ std::vector<DownloadEvent> DownloadJob::Impl::history(std::uint64_t fromNumber) 
   return core_.history().from(fromNumber);
 }
 
+std::size_t DownloadJob::Impl::inFlight() const {
+  const sys::MutexLock lock(mutex_);
+  return core_.inFlight();
+}
+
 bool DownloadJob::Impl::standsStill() const {
   const sys::MutexLock lock(mutex_);
   return core_.standsStill();

@@ -66,6 +66,9 @@ class DownloadJob::Impl {
   [[nodiscard]] DownloadDetails details();
   [[nodiscard]] std::vector<DownloadEvent> history(std::uint64_t fromNumber) const;
 
+  /// Requests under way.
+  [[nodiscard]] std::size_t inFlight() const;
+
   /// See JobCore::standsStill.
   [[nodiscard]] bool standsStill() const;
 

@@ -29,6 +29,9 @@ constexpr std::array kOwn{
     Words{result::kFileNotReserved, "there is no room for the file"},
     Words{result::kCaFileUnreadable, "the file of trusted certificates cannot be read"},
     Words{result::kCaFileEmpty, "the file of trusted certificates holds none"},
+    Words{result::kBadRecord, "a record's size cannot be right, or it has fields that the library does not know"},
+    Words{result::kNullArgument, "a null pointer was given where none may be"},
+    Words{result::kOtherKind, "the id is of another kind"},
     // libcurl's, where the library says more by it.
     Words{CURLE_RANGE_ERROR, "the server sent other bytes than asked for, or the remote file changed"},
     Words{CURLE_ABORTED_BY_CALLBACK, "cancelled"},

@@ -28,6 +28,10 @@ Handles::RequestEntry Handles::reserveRequest() {
   return makeEntry<Requests>();
 }
 
+Handles::StartedEntry Handles::reserveStarted() {
+  return makeEntry<Started>();
+}
+
 std::uint64_t Handles::file(DownloadEntry entry) noexcept {
   const sys::MutexLock lock(mutex_);
   entry.key() = ++lastId_;
@@ -40,12 +44,36 @@ std::uint64_t Handles::file(RequestEntry entry) noexcept {
   return requests_.insert(requests_.end(), std::move(entry))->first;
 }
 
+std::uint64_t Handles::file(StartedEntry entry) noexcept {
+  const sys::MutexLock lock(mutex_);
+  entry.key() = ++lastId_;
+  return started_.insert(started_.end(), std::move(entry))->first;
+}
+
+std::shared_ptr<StartedJob> Handles::started(std::uint64_t id) {
+  const sys::MutexLock lock(mutex_);
+  const auto found = started_.find(id);
+  return found != started_.end() ? found->second : nullptr;
+}
+
+void Handles::forget(std::uint64_t id) noexcept {
+  StartedEntry entry;  // declared before the lock: destroyed after its release
+  const sys::MutexLock lock(mutex_);
+  entry = started_.extract(id);
+}
+
+bool Handles::knows(std::uint64_t id) {
+  const sys::MutexLock lock(mutex_);
+  return downloads_.contains(id) || requests_.contains(id) || started_.contains(id);
+}
+
 Handles::Downloads::iterator Handles::findLive(std::uint64_t id) {
   const auto found = downloads_.find(id);
   return found != downloads_.end() && found->second.live ? found : downloads_.end();
 }
 
 bool Handles::pause(std::uint64_t id) {
+  if (const auto download = started(id)) return download->job.pause(), true;
   const sys::MutexLock lock(mutex_);
   const auto found = findLive(id);
   if (found == downloads_.end()) return false;
@@ -54,6 +82,7 @@ bool Handles::pause(std::uint64_t id) {
 }
 
 bool Handles::resume(std::uint64_t id) {
+  if (const auto download = started(id)) return download->job.resume(), true;
   const sys::MutexLock lock(mutex_);
   const auto found = findLive(id);
   if (found == downloads_.end()) return false;
@@ -93,7 +122,9 @@ Handles::RequestEntry Handles::take(std::uint64_t id) noexcept {
 void Handles::clear() noexcept {
   Requests requests;  // declared before the lock: destroyed after its release
   Downloads downloads;
+  Started started;
   const sys::MutexLock lock(mutex_);
+  started.swap(started_);
   downloads.swap(downloads_);
   requests.swap(requests_);
 }

@@ -5,6 +5,7 @@
 //                 │                └──stop──► unknown
 //                 └──file, not started──► finished
 //   request   reserved ──file──► pending ──take──► unknown
+//   started   reserved ──file──► live or ended ──forget──► unknown
 //
 // reserve allocates an entry before its download or request is started.  Nothing else here allocates: a started
 // download is never lost, and stopping or reporting one works without memory.
@@ -23,6 +24,8 @@
 #include <optional>
 #include <utility>
 
+#include "download_job_impl.h"
+#include "option_values.h"
 #include "sys/module.h"
 #include "sys/mutex.h"
 #include "xfer/download_job.h"
@@ -36,6 +39,15 @@ struct LiveJob {
 
   sys::ModulePin pin;  // declared before the job: released after it
   DownloadJob job;
+};
+
+/// A download of xfer_downloadStart.  Those who use it share it; the last one destroys it, without a lock.
+struct StartedJob {
+  StartedJob(DownloadRequest request, const DownloadPolicy& policy, const DownloadOptions::Values& options)
+      : job(std::move(request), policy, realJobEnvironment(options.trust), options) {}
+
+  sys::ModulePin pin;  // declared before the job: released after it
+  DownloadJob::Impl job;
 };
 
 struct Download {
@@ -58,20 +70,31 @@ struct DownloadProgress {
 class Handles {
   using Downloads = std::map<std::uint64_t, Download>;
   using Requests = std::map<std::uint64_t, PendingRequest>;
+  using Started = std::map<std::uint64_t, std::shared_ptr<StartedJob>>;
 
  public:
   /// An entry outside of its table, with ownership; empty or with a mapped().
   using DownloadEntry = Downloads::node_type;
   using RequestEntry = Requests::node_type;
+  using StartedEntry = Started::node_type;
 
   static DownloadEntry reserveDownload();
   static RequestEntry reserveRequest();
+  static StartedEntry reserveStarted();
 
-  /// Adds the entry to its table under the next id and returns that.  Both kinds share one sequence, from 1 on.
+  /// Adds the entry to its table under the next id and returns that.  All kinds share one sequence, from 1 on.
   std::uint64_t file(DownloadEntry entry) noexcept SYS_EXCLUDES(mutex_);
   std::uint64_t file(RequestEntry entry) noexcept SYS_EXCLUDES(mutex_);
+  std::uint64_t file(StartedEntry entry) noexcept SYS_EXCLUDES(mutex_);
 
-  /// Pauses or resumes a live download; false when the id names none.
+  /// The download of xfer_downloadStart with that id; null when the id names none.
+  std::shared_ptr<StartedJob> started(std::uint64_t id) SYS_EXCLUDES(mutex_);
+  void forget(std::uint64_t id) noexcept SYS_EXCLUDES(mutex_);
+
+  /// Whether the id names anything of any kind.
+  bool knows(std::uint64_t id) SYS_EXCLUDES(mutex_);
+
+  /// Pauses or resumes a live download, or one of xfer_downloadStart; false when the id names none.
   bool pause(std::uint64_t id) SYS_EXCLUDES(mutex_);
   bool resume(std::uint64_t id) SYS_EXCLUDES(mutex_);
 
@@ -95,6 +118,7 @@ class Handles {
   std::uint64_t lastId_ SYS_GUARDED_BY(mutex_) = 0;
   Downloads downloads_ SYS_GUARDED_BY(mutex_);  // live and finished
   Requests requests_ SYS_GUARDED_BY(mutex_);
+  Started started_ SYS_GUARDED_BY(mutex_);
 };
 
 /// The module's tables.  Unloading the module aborts requests and clears the tables.

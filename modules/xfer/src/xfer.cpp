@@ -16,6 +16,7 @@
 #include "handles.h"
 #include "keel/keel.h"
 #include "log.h"
+#include "module_defaults.h"
 #include "proxy_setting.h"
 #include "request_setting.h"
 #include "request_text.h"
@@ -40,7 +41,6 @@ constexpr const char* kLogTag = "xfer";
 
 // ---- Module-wide settings.  A start that races with a setter may use the old value. ----
 
-std::atomic<std::uint16_t> g_numThreads{1};
 std::atomic<std::uint64_t> g_maxDownloadSpeed{0};
 thread_local bool t_quiet = false;
 
@@ -174,7 +174,7 @@ int32_t xfer_setUserAgent(const char* userAgent) {
 
 void xfer_setNumThreads(uint16_t value) {
   XFER_LOG_LINE(log::kTrace, 635, "--> xfer_setNumThreads | value = " << value);
-  g_numThreads = value;
+  xfer::setModuleConnections(value);
 }
 
 void xfer_setMaxDownloadSpeed(uint64_t value) {
@@ -331,7 +331,7 @@ uint64_t xfer_downloadFile(const char* url, const char* path, const char* header
       request.proxy = xfer::resolveProxy(proxy);
       request.knownSize = knownSize;
       DownloadPolicy policy;  // file downloads use its defaults
-      policy.numThreads = threads != 0 ? threads : std::max<std::uint16_t>(g_numThreads, 1);
+      policy.numThreads = threads != 0 ? threads : xfer::moduleConnections();
       policy.maxDownloadSpeed = g_maxDownloadSpeed;
       // Settings of the module are no options of the job: it behaves as one without any.
       xfer::addUserAgent(request.headers, xfer::moduleUserAgent());

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <xfer/xfer.h>
+#include <xfer/xfer_download.h>
 
 int main(int argc, char** argv) {
   uint64_t downloaded = 77;
@@ -11,6 +12,8 @@ int main(int argc, char** argv) {
   uint64_t id = 0;
   xfer_buffer* headers = NULL;
   xfer_buffer* body = NULL;
+  xfer_download_options options;
+  xfer_status status;
   char url[64];
   if (argc != 2) return 2;
 
@@ -35,6 +38,16 @@ int main(int argc, char** argv) {
   xfer_bufferFree(headers);
   xfer_bufferFree(body);
   xfer_bufferFree(NULL);
+  xfer_downloadOptionsInit(&options);
+  options.url = url;
+  options.path = "from_c.out";
+  options.connections = 2;
+  if (xfer_downloadStart(&options, &id) != 0) return 14;
+  while (xfer_downloadWait(id, 100) == XFER_NOT_ENDED) continue;
+  status.size = sizeof status;
+  if (xfer_downloadStatus(id, &status) != 0) return 15;
+  if (status.state != XFER_STATE_FAILED || status.error != 7) return 16;
+  if (xfer_downloadForget(id) != 0 || xfer_downloadForget(id) != 100001) return 17;
   if (strcmp(xfer_version(), XFER_VERSION_TEXT) != 0) return 12;
   if (strcmp(xfer_errorText(404), "HTTP 404: not found") != 0) return 13;
   return 0;

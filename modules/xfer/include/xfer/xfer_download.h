@@ -1,0 +1,139 @@
+/*
+ * Downloads into files with all that a job can do, for hosts in plain C.
+ *
+ *   xfer_download_options options;
+ *   uint64_t id = 0;
+ *   xfer_downloadOptionsInit(&options);
+ *   options.url = "https://host/big.bin";
+ *   options.path = "big.bin";
+ *   options.connections = 8;
+ *   options.plan = XFER_PLAN_ADAPTIVE;
+ *   if (xfer_downloadStart(&options, &id) != 0) ...
+ *   while (xfer_downloadWait(id, 200) == XFER_NOT_ENDED) {
+ *     xfer_status status;
+ *     xfer_downloadStatus(id, &status);
+ *     ...
+ *   }
+ *   xfer_downloadForget(id);
+ *
+ * Records begin with their size and grow at their end: hosts that were built with an older or a newer header than the
+ * library are understood.
+ *
+ * Threads: any thread may call every function.
+ * Errors:  numbers, for which xfer_errorText has words.  None of these functions throws.  Beside what stands with each:
+ *          100000: out of memory or threads; 100001: no such download; 100032: the record's size cannot be right, or it
+ *          has fields that this library does not know; 100033: a null pointer where none may be; 100034: the id is one
+ *          of xfer_downloadFile or xfer_downloadAsync.
+ * Units:   offsets and sizes are bytes, speeds bytes per second; times seconds unless a name says otherwise.
+ */
+#ifndef XFER_XFER_DOWNLOAD_H
+#define XFER_XFER_DOWNLOAD_H
+
+#include <stdint.h>
+
+#include "xfer/export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Which bytes each connection fetches: see DownloadPlan in xfer/download_options.h. */
+enum { XFER_PLAN_STATED = 0, XFER_PLAN_ADAPTIVE = 1 };
+
+/* Texts are UTF-8, copied by xfer_downloadStart, and null where there is none. */
+typedef struct xfer_download_options {
+  uint32_t size; /* of the record; set by xfer_downloadOptionsInit */
+  uint32_t plan; /* initially XFER_PLAN_STATED */
+  const char* url;
+  const char* path;      /* of the local file; replaced when it exists */
+  const char* headers;   /* lines "Name: value", each ended by a line feed */
+  const char* cookie;    /* value of the Cookie header */
+  const char* proxy;     /* [user[:password]@]host[:port]; null or empty: that of xfer_setProxy */
+  const char* userAgent; /* null or empty: that of xfer_setUserAgent */
+  const char* caFile;    /* only with verifyPeer; null or empty: the system's store */
+  const char* pinnedKey; /* "sha256//..."; null or empty: any key */
+  uint64_t knownSize;    /* 0: unknown */
+  uint64_t maxSpeed;     /* of the whole download; 0: unlimited */
+  uint64_t initialChunkSize;
+  uint64_t maxChunkSize;
+  uint64_t firstRange;   /* 0: not set.  Only with the adaptive plan */
+  uint32_t connections;  /* most at once; 0 (initially): that of xfer_setNumThreads */
+  uint32_t verifyPeer;   /* 1: the server's certificate is checked; initially 0 */
+  uint32_t rampChunks;   /* 0 or 1, as the three below */
+  uint32_t useHttp2;
+  uint32_t tcpKeepAlive;
+  uint32_t multiplex;
+  uint32_t chunkGrowthFactor;
+  uint32_t probeTimeoutSec;
+  uint32_t connectTimeoutSec;
+  uint32_t transferTimeoutSec;
+  uint32_t lowSpeedLimit;
+  uint32_t lowSpeedTimeSec;
+  uint32_t maxTries;        /* 0: not set.  Only with the adaptive plan, as the two below */
+  uint32_t retryMaxTimeSec; /* 0: no limit */
+  uint32_t longestWaitSec;
+  uint32_t reserved; /* 0 */
+} xfer_download_options;
+
+/*
+ * Sets every field to its default: those of DownloadPolicy and DownloadOptions (xfer/download_records.h and
+ * xfer/download_options.h), which also say what each field means.  Null: does nothing.
+ */
+XFER_API void xfer_downloadOptionsInit(xfer_download_options* options);
+
+/*
+ * Starts a download and stores its id, which is never 0.  Its outcome is told by xfer_downloadStatus; the id is known
+ * until xfer_downloadForget, or until the module is unloaded.  xfer_downloadPause and xfer_downloadResume take it too;
+ * a pause costs nothing (see DownloadJob::pause about jobs with options).
+ *
+ * Returns 0; 43: a field cannot have its value, alone or with the others, and the log names it.  *id is not written
+ * then, and nothing is started.
+ */
+XFER_API int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id);
+
+/* The states of a download; the last three are final. */
+enum {
+  XFER_STATE_IDLE = 0,
+  XFER_STATE_PROBING = 1,
+  XFER_STATE_RUNNING = 2,
+  XFER_STATE_PAUSED = 3,
+  XFER_STATE_CANCELLING = 4,
+  XFER_STATE_COMPLETED = 5,
+  XFER_STATE_FAILED = 6,
+  XFER_STATE_CANCELLED = 7
+};
+
+typedef struct xfer_status {
+  uint32_t size;        /* of the record; set by the caller */
+  uint32_t state;       /* XFER_STATE_... */
+  uint64_t bytes;       /* received so far */
+  uint64_t total;       /* size of the file; 0: unknown */
+  uint64_t bytesPerSec; /* last measured speed; 0 in the first half second */
+  uint32_t connections; /* requests under way */
+  int32_t error;        /* 0: none, or not ended; else why it ended: see DownloadSnapshot::errorCode; 102: cancelled */
+  int32_t httpStatus;   /* of the request that failed; 0: none */
+  uint32_t reserved;
+} xfer_status;
+
+/* Reports where a download is, as often as the host likes.  Sets as much of the record as its size says.  Returns 0. */
+XFER_API int32_t xfer_downloadStatus(uint64_t id, xfer_status* status);
+
+/* What xfer_downloadWait returns when the time is over. */
+enum { XFER_NOT_ENDED = 1 };
+
+/*
+ * Blocks until the download has ended, or the time is over.  Returns 0: it has ended; XFER_NOT_ENDED.
+ */
+XFER_API int32_t xfer_downloadWait(uint64_t id, uint64_t milliseconds);
+
+/* Requests cancellation and returns at once; the partial file stays.  Returns 0, also when the download has ended. */
+XFER_API int32_t xfer_downloadCancel(uint64_t id);
+
+/* Cancels a download that has not ended, waits until it has, well under a second, and forgets its id.  Returns 0. */
+XFER_API int32_t xfer_downloadForget(uint64_t id);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif

@@ -1,0 +1,236 @@
+// The C interface of downloads with options: records in, numbers out.
+#include "xfer/xfer_download.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "download_job_impl.h"
+#include "end_code.h"
+#include "handles.h"
+#include "job_state.h"
+#include "log.h"
+#include "module_defaults.h"
+#include "option_values.h"
+#include "proxy_setting.h"
+#include "range_scheduler.h"
+#include "request_setting.h"
+#include "request_text.h"
+#include "result_codes.h"
+
+namespace {
+
+using xfer::DownloadOptions;
+using xfer::DownloadPolicy;
+using xfer::DownloadRequest;
+using xfer::handles;
+using xfer::StartedJob;
+namespace log = xfer::log;
+namespace result = xfer::result;
+
+constexpr const char* kLogTag = "xfer";
+
+// Whoever has a larger record than this has no record.
+constexpr std::size_t kLargestRecord = 4096;
+
+template <class Body>
+std::int32_t guarded(const char* function, Body body) noexcept {
+  try {
+    return body();
+  } catch (...) {
+    XFER_LOG(log::kFailure, function << " exception");
+    return result::kException;
+  }
+}
+
+// ---- Records ----
+
+// The sizes that the records had when there were hosts for the first time.
+constexpr std::size_t kFirstOptions = sizeof(xfer_download_options);
+constexpr std::size_t kFirstStatus = sizeof(xfer_status);
+
+// Copies what a host has set, whichever fields its header knows; false: the size cannot be right, or a field is set
+// that is not known here.
+bool readOptions(const xfer_download_options& given, xfer_download_options& options) {
+  const std::size_t size = given.size;
+  if (size < kFirstOptions || size > kLargestRecord) return false;
+  const auto* const bytes = reinterpret_cast<const std::uint8_t*>(&given);
+  if (std::any_of(bytes + std::min(size, sizeof options), bytes + size, [](std::uint8_t byte) { return byte != 0; })) {
+    return false;
+  }
+  xfer_downloadOptionsInit(&options);
+  std::memcpy(&options, &given, std::min(size, sizeof options));
+  return true;
+}
+
+std::string orEmpty(const char* text) {
+  return text != nullptr ? text : "";
+}
+
+DownloadRequest requestOf(const xfer_download_options& options) {
+  DownloadRequest request;
+  request.url = orEmpty(options.url);
+  request.path = orEmpty(options.path);
+  request.cookie = orEmpty(options.cookie);
+  xfer::splitLines(options.headers, request.headers);
+  const std::string userAgent = orEmpty(options.userAgent);
+  xfer::addUserAgent(request.headers, userAgent.empty() ? xfer::moduleUserAgent() : userAgent);
+  request.proxy = xfer::resolveProxy(options.proxy);
+  request.knownSize = options.knownSize;
+  return request;
+}
+
+DownloadPolicy policyOf(const xfer_download_options& options) {
+  DownloadPolicy policy;
+  const std::uint32_t connections = options.connections != 0 ? options.connections : xfer::moduleConnections();
+  policy.numThreads = static_cast<std::uint16_t>(connections);
+  policy.maxDownloadSpeed = options.maxSpeed;
+  policy.rampChunks = options.rampChunks != 0;
+  policy.initialChunkSize = options.initialChunkSize;
+  policy.maxChunkSize = options.maxChunkSize;
+  policy.chunkGrowthFactor = options.chunkGrowthFactor;
+  policy.probeTimeoutSec = options.probeTimeoutSec;
+  policy.connectTimeoutSec = options.connectTimeoutSec;
+  policy.transferTimeoutSec = options.transferTimeoutSec;
+  policy.lowSpeedLimit = options.lowSpeedLimit;
+  policy.lowSpeedTimeSec = options.lowSpeedTimeSec;
+  policy.useHttp2 = options.useHttp2 != 0;
+  policy.tcpKeepAlive = options.tcpKeepAlive != 0;
+  policy.multiplex = options.multiplex != 0;
+  return policy;
+}
+
+DownloadOptions abilitiesOf(const xfer_download_options& options) {
+  DownloadOptions abilities;
+  const bool adaptive = options.plan == XFER_PLAN_ADAPTIVE;
+  abilities.setPlan(static_cast<xfer::DownloadPlan>(options.plan));
+  if (options.maxTries != 0) abilities.setMaxTries(options.maxTries);
+  if (options.retryMaxTimeSec != 0) abilities.setRetryMaxTime(options.retryMaxTimeSec);
+  if (adaptive) abilities.setLongestWait(options.longestWaitSec);
+  if (options.firstRange != 0) abilities.setFirstRange(options.firstRange);
+  abilities.setVerifyPeer(options.verifyPeer != 0).setCaFile(orEmpty(options.caFile));
+  abilities.setPinnedKey(orEmpty(options.pinnedKey));
+  return abilities;
+}
+
+// The name of a field that cannot have its value; null when all can.
+const char* unworkable(const xfer_download_options& options, const DownloadPolicy& policy,
+                       const DownloadOptions& abilities) {
+  constexpr std::uint32_t kMostConnections = 65535;
+  if (options.url == nullptr) return "url";
+  if (options.path == nullptr) return "path";
+  if (options.connections > kMostConnections) return "connections";
+  if (const char* const field = xfer::unworkableField(policy)) return field;
+  return abilities.values().unworkable();
+}
+
+// The download with this id; an answer other than 0 when there is none.
+std::int32_t find(std::uint64_t id, std::shared_ptr<StartedJob>& started) {
+  started = handles().started(id);
+  if (started) return result::kSuccess;
+  return handles().knows(id) ? result::kOtherKind : result::kUnknownId;
+}
+
+template <class Use>
+std::int32_t withDownload(const char* function, std::uint64_t id, Use use) {
+  return guarded(function, [&] {
+    std::shared_ptr<StartedJob> started;
+    if (const std::int32_t error = find(id, started)) return error;
+    return use(started->job);
+  });
+}
+
+}  // namespace
+
+void xfer_downloadOptionsInit(xfer_download_options* options) {
+  if (options == nullptr) return;
+  const DownloadPolicy policy;
+  const xfer::AdaptiveSettings adaptive;
+  constexpr std::uint64_t kNsPerSec = 1'000'000'000;
+  *options = {};
+  options->size = sizeof *options;
+  options->plan = XFER_PLAN_STATED;
+  options->rampChunks = policy.rampChunks ? 1 : 0;
+  options->initialChunkSize = policy.initialChunkSize;
+  options->maxChunkSize = policy.maxChunkSize;
+  options->chunkGrowthFactor = policy.chunkGrowthFactor;
+  options->probeTimeoutSec = policy.probeTimeoutSec;
+  options->connectTimeoutSec = policy.connectTimeoutSec;
+  options->transferTimeoutSec = policy.transferTimeoutSec;
+  options->lowSpeedLimit = policy.lowSpeedLimit;
+  options->lowSpeedTimeSec = policy.lowSpeedTimeSec;
+  options->useHttp2 = policy.useHttp2 ? 1 : 0;
+  options->tcpKeepAlive = policy.tcpKeepAlive ? 1 : 0;
+  options->multiplex = policy.multiplex ? 1 : 0;
+  options->longestWaitSec = static_cast<std::uint32_t>(adaptive.longestWaitNs / kNsPerSec);
+}
+
+int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id) {
+  return guarded("xfer_downloadStart", [&] {
+    if (options == nullptr || id == nullptr) return result::kNullArgument;
+    xfer_download_options known;
+    if (!readOptions(*options, known)) return result::kBadRecord;
+    const DownloadPolicy policy = policyOf(known);
+    const DownloadOptions abilities = abilitiesOf(known);
+    if (const char* const field = unworkable(known, policy, abilities)) {
+      XFER_LOG(log::kFailure, "xfer_downloadStart | options refused | field=" << field);
+      return static_cast<std::int32_t>(CURLE_BAD_FUNCTION_ARGUMENT);
+    }
+    xfer::Handles& table = handles();
+    xfer::Handles::StartedEntry entry = xfer::Handles::reserveStarted();
+    entry.mapped() = std::make_shared<StartedJob>(requestOf(known), policy, abilities.values());
+    entry.mapped()->job.start();
+    *id = table.file(std::move(entry));
+    return result::kSuccess;
+  });
+}
+
+int32_t xfer_downloadStatus(uint64_t id, xfer_status* status) {
+  return withDownload("xfer_downloadStatus", id, [&](xfer::DownloadJob::Impl& job) {
+    if (status == nullptr) return result::kNullArgument;
+    const std::size_t size = status->size;
+    if (size < kFirstStatus || size > kLargestRecord) return result::kBadRecord;
+    const xfer::DownloadSnapshot snapshot = job.snapshot();
+    xfer_status known{};
+    known.size = static_cast<std::uint32_t>(size);
+    known.state = static_cast<std::uint32_t>(snapshot.state);
+    known.bytes = snapshot.bytesDone;
+    known.total = snapshot.totalBytes;
+    known.bytesPerSec = snapshot.bytesPerSec;
+    known.connections = static_cast<std::uint32_t>(job.inFlight());
+    if (isFinal(snapshot.state)) {
+      known.error = static_cast<std::int32_t>(xfer::endCode(snapshot.state, snapshot.errorCode));
+      known.httpStatus = snapshot.httpStatus;
+    }
+    std::memset(status, 0, size);  // what only a newer header knows, too
+    std::memcpy(status, &known, std::min(size, sizeof known));
+    return result::kSuccess;
+  });
+}
+
+int32_t xfer_downloadWait(uint64_t id, uint64_t milliseconds) {
+  return withDownload("xfer_downloadWait", id, [&](xfer::DownloadJob::Impl& job) -> std::int32_t {
+    return job.waitFor(milliseconds) ? result::kSuccess : XFER_NOT_ENDED;
+  });
+}
+
+int32_t xfer_downloadCancel(uint64_t id) {
+  return withDownload("xfer_downloadCancel", id, [&](xfer::DownloadJob::Impl& job) {
+    job.cancel();
+    return result::kSuccess;
+  });
+}
+
+int32_t xfer_downloadForget(uint64_t id) {
+  return withDownload("xfer_downloadForget", id, [&](xfer::DownloadJob::Impl& job) {
+    handles().forget(id);
+    job.cancel();
+    job.wait();  // another thread may be using the download, and then destroys it
+    return result::kSuccess;
+  });
+}

@@ -1,0 +1,333 @@
+// Downloads of the C interface that are started with a record.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/pattern.h"
+#include "support/plan_under_test.h"
+#include "support/recording_logger.h"
+#include "support/scripted_server.h"
+#include "support/temp_dir.h"
+#include "support/unused_port.h"
+#include "support/wait_until.h"
+#include "sys/data_buff.h"
+#include "xfer/download_records.h"
+#include "xfer/xfer.h"
+#include "xfer/xfer_download.h"
+
+namespace {
+
+using support::patternFile;
+using support::ReceivedRequest;
+using support::ScriptedServer;
+
+constexpr std::uint64_t kSize = 3'000'000;
+constexpr std::uint64_t kLong = 60'000;  // milliseconds
+constexpr std::int32_t kBadArgument = 43;
+constexpr std::int32_t kStopped = 102;
+constexpr std::int32_t kUnknownId = 100001;
+constexpr std::int32_t kBadRecord = 100032;
+constexpr std::int32_t kNullArgument = 100033;
+constexpr std::int32_t kOtherKind = 100034;
+
+class CDownload : public testing::Test {
+ protected:
+  CDownload() {
+    xfer_downloadOptionsInit(&options_);
+    options_.plan = support::adaptivePlan() ? XFER_PLAN_ADAPTIVE : XFER_PLAN_STATED;
+    options_.path = path_.c_str();
+    options_.connections = 3;
+  }
+  ~CDownload() override {
+    if (id_ != 0) xfer_downloadForget(id_);
+  }
+
+  void start(const std::string& url) {
+    options_.url = url.c_str();
+    ASSERT_EQ(xfer_downloadStart(&options_, &id_), 0);
+    ASSERT_NE(id_, 0U);
+  }
+
+  std::int32_t refusal() {
+    options_.url = "http://127.0.0.1:9/never";
+    std::uint64_t id = 77;
+    const std::int32_t code = xfer_downloadStart(&options_, &id);
+    EXPECT_EQ(id, 77U) << "not written";
+    return code;
+  }
+
+  [[nodiscard]] xfer_status status() const {
+    xfer_status status{};
+    status.size = sizeof status;
+    EXPECT_EQ(xfer_downloadStatus(id_, &status), 0);
+    EXPECT_EQ(status.size, sizeof status);
+    return status;
+  }
+
+  const support::TempDir folder_;
+  const std::string path_ = folder_.file("out");
+  xfer_download_options options_{};
+  std::uint64_t id_ = 0;
+};
+
+// A server that sends slowly, so that a download is under way for seconds.
+support::Handler slowly() {
+  return [](const ReceivedRequest& request) {
+    return support::range206(request, kSize, {.pace = {.bytesEach = 20'000, .rest = std::chrono::milliseconds(20)}});
+  };
+}
+
+TEST(CDownloadOptions, areThoseOfThePolicyAtFirst) {
+  xfer_download_options options;
+  std::memset(&options, 0xee, sizeof options);
+  xfer_downloadOptionsInit(&options);
+  const xfer::DownloadPolicy policy;
+  EXPECT_EQ(options.size, sizeof options);
+  EXPECT_EQ(options.plan, static_cast<std::uint32_t>(XFER_PLAN_STATED));
+  for (const char* const text : {options.url, options.path, options.headers, options.cookie, options.proxy,
+                                 options.userAgent, options.caFile, options.pinnedKey}) {
+    EXPECT_EQ(text, nullptr);
+  }
+  EXPECT_EQ(options.knownSize, 0U);
+  EXPECT_EQ(options.maxSpeed, policy.maxDownloadSpeed);
+  EXPECT_EQ(options.rampChunks != 0, policy.rampChunks);
+  EXPECT_EQ(options.initialChunkSize, policy.initialChunkSize);
+  EXPECT_EQ(options.maxChunkSize, policy.maxChunkSize);
+  EXPECT_EQ(options.chunkGrowthFactor, policy.chunkGrowthFactor);
+  EXPECT_EQ(options.probeTimeoutSec, policy.probeTimeoutSec);
+  EXPECT_EQ(options.connectTimeoutSec, policy.connectTimeoutSec);
+  EXPECT_EQ(options.transferTimeoutSec, policy.transferTimeoutSec);
+  EXPECT_EQ(options.lowSpeedLimit, policy.lowSpeedLimit);
+  EXPECT_EQ(options.lowSpeedTimeSec, policy.lowSpeedTimeSec);
+  EXPECT_EQ(options.useHttp2 != 0, policy.useHttp2);
+  EXPECT_EQ(options.tcpKeepAlive != 0, policy.tcpKeepAlive);
+  EXPECT_EQ(options.multiplex != 0, policy.multiplex);
+  EXPECT_EQ(options.connections, 0U);
+  EXPECT_EQ(options.verifyPeer, 0U);
+  EXPECT_EQ(options.firstRange, 0U);
+  EXPECT_EQ(options.maxTries, 0U);
+  EXPECT_EQ(options.retryMaxTimeSec, 0U);
+  EXPECT_EQ(options.longestWaitSec, 600U);
+  EXPECT_EQ(options.reserved, 0U);
+  xfer_downloadOptionsInit(nullptr);
+}
+
+TEST_F(CDownload, storesTheFileAndTellsSoAsOftenAsItIsAsked) {
+  ScriptedServer server(patternFile(kSize));
+  start(server.url("/file"));
+  EXPECT_EQ(xfer_downloadWait(id_, kLong), 0);
+  EXPECT_EQ(support::patternError(path_, kSize), "");
+  for (int times = 0; times < 3; ++times) {
+    const xfer_status end = status();
+    EXPECT_EQ(end.state, static_cast<std::uint32_t>(XFER_STATE_COMPLETED));
+    EXPECT_EQ(end.bytes, kSize);
+    EXPECT_EQ(end.total, kSize);
+    EXPECT_EQ(end.error, 0);
+    EXPECT_EQ(end.httpStatus, 0);
+    EXPECT_EQ(xfer_downloadWait(id_, 0), 0);
+    EXPECT_EQ(xfer_downloadCancel(id_), 0) << "which changes nothing";
+  }
+}
+
+TEST_F(CDownload, tellsOfRequestsUnderWayAndCanBeHeld) {
+  ScriptedServer server(slowly());
+  start(server.url("/file"));
+  ASSERT_TRUE(support::waitUntil([&] { return status().bytes > 0; }));
+  const xfer_status running = status();
+  EXPECT_EQ(running.state, static_cast<std::uint32_t>(XFER_STATE_RUNNING));
+  EXPECT_GE(running.connections, 1U);
+  EXPECT_LE(running.connections, 3U);
+  EXPECT_EQ(running.error, 0);
+  EXPECT_EQ(xfer_downloadWait(id_, 1), XFER_NOT_ENDED);
+  EXPECT_EQ(xfer_downloadPause(id_), 0);
+  EXPECT_EQ(status().state, static_cast<std::uint32_t>(XFER_STATE_PAUSED));
+  EXPECT_EQ(xfer_downloadResume(id_), 0);
+  EXPECT_EQ(status().state, static_cast<std::uint32_t>(XFER_STATE_RUNNING));
+  EXPECT_EQ(xfer_downloadCancel(id_), 0);
+  EXPECT_EQ(xfer_downloadWait(id_, kLong), 0);
+  EXPECT_EQ(status().state, static_cast<std::uint32_t>(XFER_STATE_CANCELLED));
+  EXPECT_EQ(status().error, kStopped);
+}
+
+TEST_F(CDownload, tellsWhyItFailed) {
+  ScriptedServer server([](const ReceivedRequest&) { return support::status(404); });
+  start(server.url("/file"));
+  EXPECT_EQ(xfer_downloadWait(id_, kLong), 0);
+  EXPECT_EQ(status().state, static_cast<std::uint32_t>(XFER_STATE_FAILED));
+  EXPECT_EQ(status().error, 404);
+}
+
+TEST_F(CDownload, isForgottenAtAnyTime) {
+  ScriptedServer server(slowly());
+  start(server.url("/file"));
+  ASSERT_TRUE(support::waitUntil([&] { return status().bytes > 0; }));
+  EXPECT_EQ(xfer_downloadForget(id_), 0);
+  const std::string other = folder_.file("moved");
+  EXPECT_TRUE(support::exists(path_)) << "the partial file stays";
+  xfer_status nothing{};
+  nothing.size = sizeof nothing;
+  EXPECT_EQ(xfer_downloadStatus(id_, &nothing), kUnknownId);
+  EXPECT_EQ(xfer_downloadWait(id_, kLong), kUnknownId);
+  EXPECT_EQ(xfer_downloadCancel(id_), kUnknownId);
+  EXPECT_EQ(xfer_downloadPause(id_), kUnknownId);
+  EXPECT_EQ(xfer_downloadForget(id_), kUnknownId);
+  id_ = 0;
+}
+
+TEST_F(CDownload, thatIsForgottenEndsAnothersWait) {
+  ScriptedServer server(slowly());
+  start(server.url("/file"));
+  ASSERT_TRUE(support::waitUntil([&] { return status().bytes > 0; }));
+  std::int32_t waited = -1;
+  std::thread waiter([&] { waited = xfer_downloadWait(id_, kLong); });
+  EXPECT_EQ(xfer_downloadForget(id_), 0);
+  waiter.join();
+  EXPECT_TRUE(waited == 0 || waited == kUnknownId) << waited;
+  id_ = 0;
+}
+
+TEST_F(CDownload, sendsWhatTheRecordSays) {
+  ScriptedServer server(patternFile(1000));
+  const std::string headers = "X-One: 1\nX-Two: 2";
+  options_.headers = headers.c_str();
+  options_.cookie = "a=b";
+  options_.userAgent = "host/2";
+  start(server.url("/file"));
+  EXPECT_EQ(xfer_downloadWait(id_, kLong), 0);
+  ASSERT_FALSE(server.requests().empty());
+  for (const ReceivedRequest& request : server.requests()) {
+    EXPECT_EQ(request.header("X-One"), "1");
+    EXPECT_EQ(request.header("X-Two"), "2");
+    EXPECT_EQ(request.header("Cookie"), "a=b");
+    EXPECT_EQ(request.header("User-Agent"), "host/2");
+  }
+}
+
+TEST_F(CDownload, usesAsManyConnectionsAsItIsTold) {
+  ScriptedServer server(patternFile(kSize));
+  options_.connections = 1;
+  options_.rampChunks = 0;
+  options_.maxChunkSize = 500'000;
+  start(server.url("/file"));
+  EXPECT_EQ(xfer_downloadWait(id_, kLong), 0);
+  EXPECT_EQ(support::patternError(path_, kSize), "");
+  if (!support::adaptivePlan()) {
+    EXPECT_EQ(server.requests().size(), 1 + kSize / 500'000) << "the question for the size, and the chunks";
+  }
+}
+
+TEST_F(CDownload, thatCannotWorkIsRefusedByTheNameOfItsField) {
+  using Change = void (*)(xfer_download_options&);
+  const std::vector<std::pair<Change, std::string>> cases = {
+      {[](xfer_download_options& options) { options.path = nullptr; }, "path"},
+      {[](xfer_download_options& options) { options.plan = 2; }, "plan"},
+      {[](xfer_download_options& options) { options.connections = 65536; }, "connections"},
+      {[](xfer_download_options& options) { options.maxChunkSize = 0; }, "maxChunkSize"},
+      {[](xfer_download_options& options) { options.caFile = "ca.pem"; }, "caFile"},
+      {[](xfer_download_options& options) {
+         options.plan = XFER_PLAN_STATED;
+         options.maxTries = 3;
+       },
+       "maxTries"},
+      {[](xfer_download_options& options) {
+         options.plan = XFER_PLAN_STATED;
+         options.firstRange = 3;
+       },
+       "firstRange"},
+  };
+  const xfer_download_options good = options_;
+  for (const auto& [change, field] : cases) {
+    const support::RecordingLogger log;
+    options_ = good;
+    change(options_);
+    EXPECT_EQ(refusal(), kBadArgument) << field;
+    EXPECT_EQ(log.count("xfer_downloadStart | options refused | field=" + field), 1U) << field;
+  }
+  options_ = good;
+  options_.url = nullptr;
+  std::uint64_t id = 77;
+  EXPECT_EQ(xfer_downloadStart(&options_, &id), kBadArgument);
+  EXPECT_EQ(id, 77U);
+  EXPECT_FALSE(support::exists(path_));
+}
+
+TEST_F(CDownload, recordOfAnotherSizeIsUnderstoodOrRefused) {
+  struct Newer {
+    xfer_download_options known;
+    std::uint64_t field = 0;
+  };
+  ScriptedServer server(patternFile(1000));
+  const std::string url = server.url("/file");
+  Newer newer{options_};
+  newer.known.size = sizeof newer;
+  newer.known.url = url.c_str();
+  ASSERT_EQ(xfer_downloadStart(&newer.known, &id_), 0) << "a field that is not set is none";
+  EXPECT_EQ(xfer_downloadWait(id_, kLong), 0);
+  newer.field = 1;
+  std::uint64_t id = 77;
+  EXPECT_EQ(xfer_downloadStart(&newer.known, &id), kBadRecord) << "what is not known cannot be done";
+  for (const std::uint32_t size :
+       {0U, 1U, static_cast<std::uint32_t>(sizeof options_) - 1, 4097U, std::numeric_limits<std::uint32_t>::max()}) {
+    options_.size = size;
+    EXPECT_EQ(refusal(), kBadRecord) << size;
+    xfer_status status{};
+    status.size = size;
+    EXPECT_EQ(xfer_downloadStatus(id_, &status), kBadRecord) << size;
+    EXPECT_EQ(status.state, 0U) << "not written";
+  }
+  EXPECT_EQ(id, 77U);
+}
+
+TEST_F(CDownload, statusOfANewerHostIsFilledAsFarAsItIsKnown) {
+  ScriptedServer server(patternFile(1000));
+  start(server.url("/file"));
+  EXPECT_EQ(xfer_downloadWait(id_, kLong), 0);
+  struct Newer {
+    xfer_status known;
+    std::uint64_t field;
+    std::uint64_t behind;
+  } newer{};
+  newer.known.size = sizeof newer - sizeof newer.behind;
+  newer.field = newer.behind = 7;
+  ASSERT_EQ(xfer_downloadStatus(id_, &newer.known), 0);
+  EXPECT_EQ(newer.known.bytes, 1000U);
+  EXPECT_EQ(newer.known.size, sizeof newer - sizeof newer.behind);
+  EXPECT_EQ(newer.field, 0U);
+  EXPECT_EQ(newer.behind, 7U) << "behind the record";
+}
+
+TEST_F(CDownload, nullIsRefused) {
+  std::uint64_t id = 0;
+  EXPECT_EQ(xfer_downloadStart(nullptr, &id), kNullArgument);
+  EXPECT_EQ(xfer_downloadStart(&options_, nullptr), kNullArgument);
+  ScriptedServer server(patternFile(10));
+  start(server.url("/file"));
+  EXPECT_EQ(xfer_downloadStatus(id_, nullptr), kNullArgument);
+}
+
+TEST_F(CDownload, idsOfOtherKindsAreToldFromUnknownOnes) {
+  ScriptedServer server(patternFile(10));
+  const std::uint64_t file =
+      xfer_downloadFile(server.url("/file").c_str(), path_.c_str(), nullptr, 1, nullptr, 0, 0, nullptr);
+  std::uint64_t request = 0;
+  ASSERT_EQ(xfer_downloadAsync(server.url("/file").c_str(), &request, nullptr, nullptr, nullptr, nullptr), 0);
+  for (const std::uint64_t id : {file, request}) {
+    xfer_status status{};
+    status.size = sizeof status;
+    EXPECT_EQ(xfer_downloadStatus(id, &status), kOtherKind);
+    EXPECT_EQ(xfer_downloadWait(id, 0), kOtherKind);
+    EXPECT_EQ(xfer_downloadCancel(id), kOtherKind);
+    EXPECT_EQ(xfer_downloadForget(id), kOtherKind);
+  }
+  EXPECT_EQ(xfer_downloadWait(request + 1000, 0), kUnknownId);
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  EXPECT_EQ(xfer_queryAsyncBuffer(request, &headers, &body), 0);
+}
+
+}  // namespace
