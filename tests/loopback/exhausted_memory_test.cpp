@@ -26,6 +26,7 @@
 #include "xfer/download_job.h"
 #include "xfer/fetch.h"
 #include "xfer/xfer.h"
+#include "xfer/xfer_download.h"
 
 namespace {
 
@@ -370,6 +371,28 @@ TEST_P(EachAllocation, ofSettingTheProxyLeavesTheEarlierOne) {
   xfer_setProxy(nullptr);
 }
 
+TEST_P(EachAllocation, ofSettingWhoRequestsSayTheyAreLeavesTheEarlierText) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const std::string earlier(60, 'e');
+  const std::string later(60, 'l');
+  std::int32_t code = 0;
+  const auto lastSeen = [&] {
+    sys::DataBuff headers;
+    sys::DataBuff body;
+    EXPECT_EQ(download(server.url("/"), headers, body), 0);
+    return server.requests().back().header("User-Agent").value_or("none");
+  };
+  ASSERT_EQ(xfer_setUserAgent(earlier.c_str()), 0);
+  failEach([&] { code = xfer_setUserAgent(later.c_str()); },
+           [&] {
+             EXPECT_EQ(code, 100000);
+             EXPECT_EQ(lastSeen(), earlier);
+           });
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(lastSeen(), later);
+  EXPECT_EQ(xfer_setUserAgent(nullptr), 0);
+}
+
 TEST_P(EachAllocation, ofADownloadEndsItWith100000) {
   const support::ScriptedServer server(support::patternFile(kSmallBody));
   const std::string url = server.url("/file");
@@ -544,6 +567,49 @@ TEST_P(EachAllocation, ofAStartedFileDownloadIsReportedUnderItsId) {
   EXPECT_EQ(id, lastId + 1);
   EXPECT_EQ(endOf(id).error, 0U);
   EXPECT_EQ(support::patternError(path, kSmallBody), "");
+}
+
+TEST_P(EachAllocation, ofAStartWithARecordMeansThatNothingStartsOrThatItEndsWith100000) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const support::TempDir folder;
+  const std::string url = server.url("/file");
+  const std::string path = folder.file("out");
+  for (const std::uint32_t plan : {XFER_PLAN_STATED, XFER_PLAN_ADAPTIVE}) {
+    xfer_download_options options;
+    xfer_downloadOptionsInit(&options);
+    options.plan = plan;
+    options.url = url.c_str();
+    options.path = path.c_str();
+    options.headers = kHeaders.c_str();
+    options.cookie = kCookie.c_str();
+    options.knownSize = kSmallBody;
+    std::uint64_t id = 0;
+    std::int32_t code = 0;
+    const auto errorOf = [&] {
+      xfer_status status{};
+      status.size = sizeof status;
+      EXPECT_EQ(xfer_downloadWait(id, 60'000), 0);
+      EXPECT_EQ(xfer_downloadStatus(id, &status), 0);
+      EXPECT_EQ(xfer_downloadForget(id), 0);
+      return status.error;
+    };
+    failEach(
+        [&] {
+          id = kUntouched;
+          code = xfer_downloadStart(&options, &id);
+        },
+        [&] {
+          if (code == 0) {
+            EXPECT_EQ(errorOf(), 100000);
+          } else {
+            EXPECT_EQ(code, 100000);
+            EXPECT_EQ(id, kUntouched);
+          }
+        });
+    ASSERT_EQ(code, 0);
+    EXPECT_EQ(errorOf(), 0);
+    EXPECT_EQ(support::patternError(path, kSmallBody), "");
+  }
 }
 
 TEST_P(EachAllocation, isNoneWhenARunningDownloadIsReported) {
