@@ -159,7 +159,8 @@ TEST_F(CDownload, tellsWhyItFailed) {
   start(server.url("/file"));
   EXPECT_EQ(xfer_downloadWait(id_, kLong), 0);
   EXPECT_EQ(status().state, static_cast<std::uint32_t>(XFER_STATE_FAILED));
-  EXPECT_EQ(status().error, 404);
+  // The question for the size ends with the status itself, a range with libcurl's code beside it.
+  EXPECT_EQ(support::adaptivePlan() ? status().httpStatus : status().error, 404);
 }
 
 TEST_F(CDownload, isForgottenAtAnyTime) {
@@ -275,6 +276,9 @@ TEST_F(CDownload, recordOfAnotherSizeIsUnderstoodOrRefused) {
        {0U, 1U, static_cast<std::uint32_t>(sizeof options_) - 1, 4097U, std::numeric_limits<std::uint32_t>::max()}) {
     options_.size = size;
     EXPECT_EQ(refusal(), kBadRecord) << size;
+  }
+  for (const std::uint32_t size : {0U, 1U, static_cast<std::uint32_t>(sizeof(xfer_status)) - 1, 4097U,
+                                   std::numeric_limits<std::uint32_t>::max()}) {
     xfer_status status{};
     status.size = size;
     EXPECT_EQ(xfer_downloadStatus(id_, &status), kBadRecord) << size;

@@ -604,8 +604,8 @@ void JobCoreWorld::watch() {
   if (core_.ending() && core_.next()) breaks("a job that is ending submits");
   if (finalizeAsked_ > 1) breaks("the file is finalised twice");
   if (closeAsked_ > 1) breaks("the file is closed twice");
-  const bool mayStand = !setup_.keepsPauses && (retryDueWhilePaused_ || finalizedWhilePaused_);
-  if (core_.standsStill() && !mayStand) breaks("the core stands still by itself");
+  const bool pauseCost = !setup_.keepsPauses && (retryDueWhilePaused_ || finalizedWhilePaused_);
+  if (core_.standsStill() && !pauseCost) breaks("the core stands still by itself");
   if (pauseRemembered_ && core_.state() == JobState::Running) breaks("a pause during Probing is forgotten");
   if (core_.state() != JobState::Probing) pauseRemembered_ = false;
   if (core_.state() == JobState::Completed) {
