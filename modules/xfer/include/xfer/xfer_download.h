@@ -56,10 +56,10 @@ typedef struct xfer_download_options {
   uint64_t maxSpeed;     /* of the whole download; 0: unlimited */
   uint64_t initialChunkSize;
   uint64_t maxChunkSize;
-  uint64_t firstRange;   /* 0: not set.  Only with the adaptive plan */
-  uint32_t connections;  /* most at once; 0 (initially): that of xfer_setNumThreads */
-  uint32_t verifyPeer;   /* 1: the server's certificate is checked; initially 0 */
-  uint32_t rampChunks;   /* 0 or 1, as the three below */
+  uint64_t firstRange;  /* 0: not set.  Only with the adaptive plan */
+  uint32_t connections; /* most at once; 0 (initially): that of xfer_setNumThreads */
+  uint32_t verifyPeer;  /* 1: the server's certificate is checked; initially 0 */
+  uint32_t rampChunks;  /* 0 or 1, as the three below */
   uint32_t useHttp2;
   uint32_t tcpKeepAlive;
   uint32_t multiplex;
