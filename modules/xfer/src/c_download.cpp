@@ -3,13 +3,12 @@
 
 #include <curl/curl.h>
 
-#include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
 
+#include "c_entry.h"
 #include "download_job_impl.h"
 #include "end_code.h"
 #include "handles.h"
@@ -28,49 +27,18 @@ namespace {
 using xfer::DownloadOptions;
 using xfer::DownloadPolicy;
 using xfer::DownloadRequest;
+using xfer::guardedEntry;
 using xfer::handles;
+using xfer::orEmpty;
 using xfer::StartedJob;
 namespace log = xfer::log;
 namespace result = xfer::result;
 
 constexpr const char* kLogTag = "xfer";
 
-// Whoever has a larger record than this has no record.
-constexpr std::size_t kLargestRecord = 4096;
-
-template <class Body>
-std::int32_t guarded(const char* function, Body body) noexcept {
-  try {
-    return body();
-  } catch (...) {
-    XFER_LOG(log::kFailure, function << " exception");
-    return result::kException;
-  }
-}
-
-// ---- Records ----
-
 // The sizes that the records had when there were hosts for the first time.
 constexpr std::size_t kFirstOptions = sizeof(xfer_download_options);
 constexpr std::size_t kFirstStatus = sizeof(xfer_status);
-
-// Copies what a host has set, whichever fields its header knows; false: the size cannot be right, or a field is set
-// that is not known here.
-bool readOptions(const xfer_download_options& given, xfer_download_options& options) {
-  const std::size_t size = given.size;
-  if (size < kFirstOptions || size > kLargestRecord) return false;
-  const auto* const bytes = reinterpret_cast<const std::uint8_t*>(&given);
-  if (std::any_of(bytes + std::min(size, sizeof options), bytes + size, [](std::uint8_t byte) { return byte != 0; })) {
-    return false;
-  }
-  xfer_downloadOptionsInit(&options);
-  std::memcpy(&options, &given, std::min(size, sizeof options));
-  return true;
-}
-
-std::string orEmpty(const char* text) {
-  return text != nullptr ? text : "";
-}
 
 DownloadRequest requestOf(const xfer_download_options& options) {
   DownloadRequest request;
@@ -138,7 +106,7 @@ std::int32_t find(std::uint64_t id, std::shared_ptr<StartedJob>& started) {
 
 template <class Use>
 std::int32_t withDownload(const char* function, std::uint64_t id, Use use) {
-  return guarded(function, [&] {
+  return guardedEntry(function, [&] {
     std::shared_ptr<StartedJob> started;
     if (const std::int32_t error = find(id, started)) return error;
     return use(started->job);
@@ -171,10 +139,11 @@ void xfer_downloadOptionsInit(xfer_download_options* options) {
 }
 
 int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id) {
-  return guarded("xfer_downloadStart", [&] {
+  return guardedEntry("xfer_downloadStart", [&] {
     if (options == nullptr || id == nullptr) return result::kNullArgument;
     xfer_download_options known;
-    if (!readOptions(*options, known)) return result::kBadRecord;
+    xfer_downloadOptionsInit(&known);
+    if (!xfer::readRecord(*options, kFirstOptions, known)) return result::kBadRecord;
     const DownloadPolicy policy = policyOf(known);
     const DownloadOptions abilities = abilitiesOf(known);
     if (const char* const field = unworkable(known, policy, abilities)) {
@@ -193,11 +162,9 @@ int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id) {
 int32_t xfer_downloadStatus(uint64_t id, xfer_status* status) {
   return withDownload("xfer_downloadStatus", id, [&](xfer::DownloadJob::Impl& job) {
     if (status == nullptr) return result::kNullArgument;
-    const std::size_t size = status->size;
-    if (size < kFirstStatus || size > kLargestRecord) return result::kBadRecord;
+    if (!xfer::isRecordSize(status->size, kFirstStatus)) return result::kBadRecord;
     const xfer::DownloadSnapshot snapshot = job.snapshot();
     xfer_status known{};
-    known.size = static_cast<std::uint32_t>(size);
     known.state = static_cast<std::uint32_t>(snapshot.state);
     known.bytes = snapshot.bytesDone;
     known.total = snapshot.totalBytes;
@@ -207,8 +174,7 @@ int32_t xfer_downloadStatus(uint64_t id, xfer_status* status) {
       known.error = static_cast<std::int32_t>(xfer::endCode(snapshot.state, snapshot.errorCode));
       known.httpStatus = snapshot.httpStatus;
     }
-    std::memset(status, 0, size);  // what only a newer header knows, too
-    std::memcpy(status, &known, std::min(size, sizeof known));
+    xfer::writeRecord(known, *status);
     return result::kSuccess;
   });
 }

@@ -32,6 +32,9 @@ constexpr std::array kOwn{
     Words{result::kBadRecord, "a record's size cannot be right, or it has fields that the library does not know"},
     Words{result::kNullArgument, "a null pointer was given where none may be"},
     Words{result::kOtherKind, "the id is of another kind"},
+    Words{result::kUnknownEnumerator, "a field has a value that is none of its enumerators"},
+    Words{result::kInsideCallback, "this cannot be waited for inside of a callback"},
+    Words{result::kCallbackThrew, "a callback of the host threw an exception"},
     // libcurl's, where the library says more by it.
     Words{CURLE_RANGE_ERROR, "the server sent other bytes than asked for, or the remote file changed"},
     Words{CURLE_ABORTED_BY_CALLBACK, "cancelled"},

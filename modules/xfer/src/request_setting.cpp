@@ -12,6 +12,7 @@
 #include "result_codes.h"
 #include "sys/mutex.h"
 #include "sys/never_destroyed.h"
+#include "xfer/xfer.h"
 
 namespace xfer {
 namespace {
@@ -50,6 +51,19 @@ std::int32_t setModuleTrust(bool verify, const std::string& caFile) {
   Setting& stored = setting();
   const sys::MutexLock lock(stored.mutex);
   std::swap(stored.trust, trust);
+  return result::kSuccess;
+}
+
+std::int32_t trustOf(std::uint32_t verify, const std::string& caFile, const std::string& pinnedKey, TlsTrust& trust) {
+  if (verify > XFER_VERIFY_OFF) return result::kUnknownEnumerator;
+  TlsTrust wanted{verify == XFER_VERIFY_ON, caFile, pinnedKey};
+  if (wanted.unworkable() != nullptr) return CURLE_BAD_FUNCTION_ARGUMENT;
+  if (const std::int32_t error = caFile.empty() ? 0 : judgeCaFile(caFile)) return error;
+  if (verify == XFER_VERIFY_AS_SET) {
+    wanted = moduleTrust();
+    wanted.pinnedKey = pinnedKey;
+  }
+  trust = std::move(wanted);
   return result::kSuccess;
 }
 

@@ -26,9 +26,12 @@ inline constexpr std::int32_t kEmptyBody = 100009;        ///< transfer complete
 inline constexpr std::int32_t kFileNotReserved = 100024;  ///< FileSink::open
 inline constexpr std::int32_t kCaFileUnreadable = 100030;  ///< the CA file cannot be read: xfer_setTls
 inline constexpr std::int32_t kCaFileEmpty = 100031;       ///< the CA file holds no certificate: xfer_setTls
-inline constexpr std::int32_t kBadRecord = 100032;         ///< a record's size is wrong, or a field is unknown: C entries
-inline constexpr std::int32_t kNullArgument = 100033;      ///< a null pointer where none may be: C entries
-inline constexpr std::int32_t kOtherKind = 100034;         ///< an id of another kind: C entries
+inline constexpr std::int32_t kBadRecord = 100032;     ///< a record's size is wrong, or a field is unknown: C entries
+inline constexpr std::int32_t kNullArgument = 100033;  ///< a null pointer where none may be: C entries
+inline constexpr std::int32_t kOtherKind = 100034;     ///< an id of another kind: C entries
+inline constexpr std::int32_t kUnknownEnumerator = 100035;  ///< a field is none of its enumerators: C entries
+inline constexpr std::int32_t kInsideCallback = 100036;     ///< not to be called by a callback: xfer_downloadWait
+inline constexpr std::int32_t kCallbackThrew = 100037;      ///< a host's callback threw: job, fetch
 
 /// An HTTP status outside of 200 to 299: xfer_downloadText.  -1, an unreadable status, gives -999.
 constexpr std::int32_t unexpectedStatus(std::int32_t status) {

@@ -9,9 +9,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
+#include "xfer/download_update.h"
 #include "xfer/export.h"
 #include "xfer/speed_limiter.h"
 
@@ -34,6 +36,12 @@ enum class DownloadPlan : std::uint32_t {
   ///   - policy.maxDownloadSpeed is the job's, however many connections deliver.
   /// The policy's chunk sizes have no meaning: see setFirstRange.
   Adaptive = 1
+};
+
+/// Which notes a job tells its host.
+enum class DownloadNotes : std::uint32_t {
+  Main = 0,  ///< a connection given up, a try repeated, a host left alone: GivenUp, TriedAgain, HostLeftAlone
+  All = 1    ///< every event but State
 };
 
 /// Grows without breaking hosts that are built already.  A moved-from object may only be destroyed or assigned to.
@@ -84,6 +92,18 @@ class DownloadOptions {
   /// Keeps the latest so many events for DownloadJob::history, about 100 bytes each, from the job's construction on; at
   /// most 16777216, and none when it is not set.
   XFER_API DownloadOptions& setHistory(std::size_t events);
+
+  /// Called for each change of the job's state, for progress, for notes and for its end, from start on: see
+  /// DownloadUpdate.  Of a callback that is slower than what happens, the latest 1024 changes and notes wait; earlier
+  /// ones are not told.
+  XFER_API DownloadOptions& setOnUpdate(std::function<void(const DownloadUpdate&)> callback);
+
+  /// Progress is told at most once in so many milliseconds, the last bytes with the end; 100 when it is not set, and 0:
+  /// never.  Only with setOnUpdate, as the one below.
+  XFER_API DownloadOptions& setProgressInterval(std::uint32_t milliseconds);
+
+  /// DownloadNotes::Main when it is not set.
+  XFER_API DownloadOptions& setNotes(DownloadNotes notes);
 
   [[nodiscard]] const Values& values() const;  ///< internal
 

@@ -3,13 +3,20 @@
 // With options that cannot work together the result is libcurl's bad-function-argument code, 43, and the log names the
 // option.
 //
+// Its method, redirect limit, body callback and cancel token count for fetch and fetchAsync; probeRemoteFile leaves
+// them aside.
+//
 // Threads: a plain value.
 // Errors:  std::bad_alloc.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
+#include "xfer/cancel_token.h"
 #include "xfer/export.h"
 
 namespace xfer {
@@ -43,6 +50,21 @@ class FetchOptions {
   /// The User-Agent header of every request, redirects included, where the request has no such line of its own; empty
   /// or not set: that of a desktop browser.
   XFER_API FetchOptions& setUserAgent(const std::string& userAgent);
+
+  /// The request's method, "PUT" or "HEAD" for instance, with or without a body; empty or not set: GET, and POST with
+  /// a body.  A redirect keeps it, and the body.  43 when it is no method name: letters, digits and !#$%&'*+-.^_`|~.
+  XFER_API FetchOptions& setMethod(const std::string& method);
+
+  /// So many redirects are followed at most; 0: the redirect is the answer; one more ends the request with 47.  Counts
+  /// instead of the request's followRedirects; 20 when neither is set.
+  XFER_API FetchOptions& setMaxRedirects(std::uint32_t redirects);
+
+  /// Receives the last answer's body as it arrives, in order, on the thread that runs the request, with that answer's
+  /// HTTP status; nothing of it is kept in the response.  False ends the request with 42, an exception with 100037.
+  XFER_API FetchOptions& setOnBody(std::function<bool(std::int32_t httpStatus, std::string_view bytes)> callback);
+
+  /// Ends the request, from any thread.
+  XFER_API FetchOptions& setCancelToken(const CancelToken& token);
 
   [[nodiscard]] const Values& values() const;  ///< internal
 

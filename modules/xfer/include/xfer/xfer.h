@@ -196,6 +196,13 @@ XFER_API void xfer_setProxy(const char* proxy);
  */
 XFER_API int32_t xfer_setTls(bool verify, const char* caFile);
 
+/* Whether one request or download checks certificates, where its record says so. */
+enum {
+  XFER_VERIFY_AS_SET = 0, /* as xfer_setTls says, its caFile included */
+  XFER_VERIFY_ON = 1,
+  XFER_VERIFY_OFF = 2
+};
+
 /*
  * The User-Agent header of later requests and downloads of this interface, where their header lines have none; null or
  * empty: that of a desktop browser, as at first.  xfer_downloadText keeps its own.

@@ -23,7 +23,7 @@
  * Errors:  numbers, for which xfer_errorText has words.  None of these functions throws.  Beside what stands with each:
  *          100000: out of memory or threads; 100001: no such download; 100032: the record's size cannot be right, or it
  *          has fields that this library does not know; 100033: a null pointer where none may be; 100034: the id is one
- *          of xfer_downloadFile or xfer_downloadAsync.
+ *          of xfer_downloadFile or xfer_downloadAsync; 100035: a field is none of its enumerators.
  * Units:   offsets and sizes are bytes, speeds bytes per second; times seconds unless a name says otherwise.
  */
 #ifndef XFER_XFER_DOWNLOAD_H
@@ -32,6 +32,7 @@
 #include <stdint.h>
 
 #include "xfer/export.h"
+#include "xfer/xfer.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -39,6 +40,69 @@ extern "C" {
 
 /* Which bytes each connection fetches: see DownloadPlan in xfer/download_options.h. */
 enum { XFER_PLAN_STATED = 0, XFER_PLAN_ADAPTIVE = 1 };
+
+/* Which notes a download tells: see DownloadNotes in xfer/download_options.h. */
+enum { XFER_NOTES_MAIN = 0, XFER_NOTES_ALL = 1 };
+
+/* A speed limit that several downloads keep together: see SpeedLimiter in xfer/speed_limiter.h. */
+typedef struct xfer_speed_limiter xfer_speed_limiter;
+
+/* 0: unlimited.  The caller frees it.  Null without memory. */
+XFER_API xfer_speed_limiter* xfer_speedLimiterNew(uint64_t bytesPerSec);
+
+/* Counts at once, also for what is running.  Null: does nothing. */
+XFER_API void xfer_speedLimiterSet(xfer_speed_limiter* limiter, uint64_t bytesPerSec);
+
+/* Frees it; downloads that were given it keep the limit.  Null: does nothing. */
+XFER_API void xfer_speedLimiterFree(xfer_speed_limiter* limiter);
+
+/* What an event is about. */
+enum {
+  XFER_EVENT_STATE = 0,    /* state is the download's new one, which is not final */
+  XFER_EVENT_PROGRESS = 1, /* more bytes have arrived */
+  XFER_EVENT_NOTE = 2,     /* see note */
+  XFER_EVENT_END = 3       /* the last one; state, error and httpStatus say how it ended */
+};
+
+/* What a note says: see DownloadEvent in xfer/download_history.h for the fields that each has. */
+enum {
+  XFER_NOTE_BEGUN = 1,
+  XFER_NOTE_ANSWERED = 2,
+  XFER_NOTE_CUT = 3,
+  XFER_NOTE_GIVEN_UP = 4, /* the connection is replaced; reason says why */
+  XFER_NOTE_OVERTAKEN = 5,
+  XFER_NOTE_ENDED = 6,
+  XFER_NOTE_TRIED_AGAIN = 7,    /* after waitMs */
+  XFER_NOTE_HOST_LEFT_ALONE = 8 /* for waitMs */
+};
+
+typedef struct xfer_event {
+  uint32_t size;        /* of the record */
+  uint32_t kind;        /* XFER_EVENT_... */
+  uint64_t id;          /* of the download */
+  uint32_t state;       /* XFER_STATE_... */
+  uint32_t connections; /* requests under way */
+  uint64_t bytes;       /* received so far */
+  uint64_t total;       /* size of the file; 0: unknown */
+  uint64_t bytesPerSec; /* last measured speed */
+  int32_t error;        /* of a note or the end; 0: none */
+  int32_t httpStatus;   /* of a note or the end; 0: none */
+  uint32_t note;        /* XFER_NOTE_...; 0: none, as are the fields below then */
+  uint32_t connection;  /* from 1 on; 0: none */
+  uint64_t request;     /* from 1 on; 0: none */
+  uint64_t rangeStart;
+  uint64_t rangeEnd; /* exclusive; 0: as long as it goes */
+  uint64_t position; /* exclusive end of what has arrived of the range */
+  uint64_t waitMs;
+  const char* reason; /* static; "" where there is none */
+} xfer_event;
+
+/*
+ * Called on one thread of the library for all downloads, one call after the other; a slow one delays other calls and
+ * slows no transfer.  event: valid during the call.  Every function may be called from inside but xfer_downloadWait,
+ * which returns 100036 then.
+ */
+typedef void (*xfer_event_callback)(void* user, const xfer_event* event);
 
 /* Texts are UTF-8, copied by xfer_downloadStart, and null where there is none. */
 typedef struct xfer_download_options {
@@ -50,16 +114,19 @@ typedef struct xfer_download_options {
   const char* cookie;    /* value of the Cookie header */
   const char* proxy;     /* [user[:password]@]host[:port]; null or empty: that of xfer_setProxy */
   const char* userAgent; /* null or empty: that of xfer_setUserAgent */
-  const char* caFile;    /* only with verifyPeer; null or empty: the system's store */
+  const char* caFile;    /* only with XFER_VERIFY_ON; null or empty: the system's store */
   const char* pinnedKey; /* "sha256//..."; null or empty: any key */
   uint64_t knownSize;    /* 0: unknown */
   uint64_t maxSpeed;     /* of the whole download; 0: unlimited */
   uint64_t initialChunkSize;
   uint64_t maxChunkSize;
-  uint64_t firstRange;  /* 0: not set.  Only with the adaptive plan */
-  uint32_t connections; /* most at once; 0 (initially): that of xfer_setNumThreads */
-  uint32_t verifyPeer;  /* 1: the server's certificate is checked; initially 0 */
-  uint32_t rampChunks;  /* 0 or 1, as the three below */
+  uint64_t firstRange;         /* 0: not set.  Only with the adaptive plan */
+  xfer_speed_limiter* limiter; /* null: none */
+  xfer_event_callback onEvent; /* null: nothing is told */
+  void* user;                  /* for onEvent */
+  uint32_t connections;        /* most at once; 0 (initially): that of xfer_setNumThreads */
+  uint32_t verifyPeer;         /* XFER_VERIFY_...; initially XFER_VERIFY_AS_SET */
+  uint32_t rampChunks;         /* 0 or 1, as the three below */
   uint32_t useHttp2;
   uint32_t tcpKeepAlive;
   uint32_t multiplex;
@@ -72,7 +139,9 @@ typedef struct xfer_download_options {
   uint32_t maxTries;        /* 0: not set.  Only with the adaptive plan, as the two below */
   uint32_t retryMaxTimeSec; /* 0: no limit */
   uint32_t longestWaitSec;
-  uint32_t reserved; /* 0 */
+  uint32_t progressMs; /* progress is told at most once in so many milliseconds; initially 100; 0: never */
+  uint32_t notes;      /* XFER_NOTES_...; initially XFER_NOTES_MAIN */
+  uint32_t reserved;   /* 0 */
 } xfer_download_options;
 
 /*
@@ -86,8 +155,8 @@ XFER_API void xfer_downloadOptionsInit(xfer_download_options* options);
  * until xfer_downloadForget, or until the module is unloaded.  xfer_downloadPause and xfer_downloadResume take it too;
  * a pause costs nothing (see DownloadJob::pause about jobs with options).
  *
- * Returns 0; 43: a field cannot have its value, alone or with the others, and the log names it.  *id is not written
- * then, and nothing is started.
+ * Returns 0; 43: a field cannot have its value, alone or with the others, and the log names it; 100030, 100031: as
+ * xfer_setTls.  *id is not written then, and nothing is started.  onEvent may be called before this returns.
  */
 XFER_API int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id);
 
@@ -122,14 +191,22 @@ XFER_API int32_t xfer_downloadStatus(uint64_t id, xfer_status* status);
 enum { XFER_NOT_ENDED = 1 };
 
 /*
- * Blocks until the download has ended, or the time is over.  Returns 0: it has ended; XFER_NOT_ENDED.
+ * Blocks until the download has ended, or the time is over.  Returns 0: it has ended; XFER_NOT_ENDED; 100036: called
+ * from inside of an onEvent.
  */
 XFER_API int32_t xfer_downloadWait(uint64_t id, uint64_t milliseconds);
+
+/* Limits the download's speed from now on, over all its connections; 0: unlimited.  Returns 0. */
+XFER_API int32_t xfer_downloadSetSpeed(uint64_t id, uint64_t bytesPerSec);
 
 /* Requests cancellation and returns at once; the partial file stays.  Returns 0, also when the download has ended. */
 XFER_API int32_t xfer_downloadCancel(uint64_t id);
 
-/* Cancels a download that has not ended, waits until it has, well under a second, and forgets its id.  Returns 0. */
+/*
+ * Cancels a download that has not ended, waits until it has, well under a second, and forgets its id.  Nothing is told
+ * of it once this has returned, its end included: this waits for a call of onEvent about it that runs on another
+ * thread, so that nothing that onEvent needs may wait for this.  Returns 0.
+ */
 XFER_API int32_t xfer_downloadForget(uint64_t id);
 
 #ifdef __cplusplus
