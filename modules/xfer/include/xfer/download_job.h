@@ -9,7 +9,8 @@
 //   Idle, Probing, Running, Paused, Cancelling ──► Failed
 //
 // Completed, Failed and Cancelled are final.  A job is Completed only from Running: see pause.  With the adaptive plan
-// (download_options.h) a job is Probing first whether the size is known or not.  Resume may complete a job with options.
+// (download_options.h) a job is Probing first whether the size is known or not.  Resume may complete a job with
+// options.
 //
 // When a weak validator (a weak entity tag or Last-Modified) changes, a sample of what was delivered is fetched again
 // and compared; equal samples are evidence, not proof, that the file is the same.
