@@ -3,7 +3,9 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -11,6 +13,7 @@
 #include "c_entry.h"
 #include "download_job_impl.h"
 #include "end_code.h"
+#include "event_dispatcher.h"
 #include "handles.h"
 #include "job_state.h"
 #include "log.h"
@@ -22,15 +25,22 @@
 #include "request_text.h"
 #include "result_codes.h"
 
+struct xfer_speed_limiter {
+  xfer::SpeedLimiter limiter;
+};
+
 namespace {
 
+using xfer::DownloadEvent;
 using xfer::DownloadOptions;
 using xfer::DownloadPolicy;
 using xfer::DownloadRequest;
+using xfer::DownloadUpdate;
 using xfer::guardedEntry;
 using xfer::handles;
 using xfer::orEmpty;
 using xfer::StartedJob;
+using xfer::TlsTrust;
 namespace log = xfer::log;
 namespace result = xfer::result;
 
@@ -73,7 +83,65 @@ DownloadPolicy policyOf(const xfer_download_options& options) {
   return policy;
 }
 
-DownloadOptions abilitiesOf(const xfer_download_options& options) {
+// Whom a download tells what happens.
+struct Listener {
+  xfer_event_callback callback;
+  void* user;
+  std::atomic<std::uint64_t> id{0};  // set before there is anything to tell
+};
+
+static_assert(XFER_NOTE_BEGUN == static_cast<int>(DownloadEvent::Kind::Begun));
+static_assert(XFER_NOTE_ANSWERED == static_cast<int>(DownloadEvent::Kind::Answered));
+static_assert(XFER_NOTE_CUT == static_cast<int>(DownloadEvent::Kind::Cut));
+static_assert(XFER_NOTE_GIVEN_UP == static_cast<int>(DownloadEvent::Kind::GivenUp));
+static_assert(XFER_NOTE_OVERTAKEN == static_cast<int>(DownloadEvent::Kind::Overtaken));
+static_assert(XFER_NOTE_ENDED == static_cast<int>(DownloadEvent::Kind::Ended));
+static_assert(XFER_NOTE_TRIED_AGAIN == static_cast<int>(DownloadEvent::Kind::TriedAgain));
+static_assert(XFER_NOTE_HOST_LEFT_ALONE == static_cast<int>(DownloadEvent::Kind::HostLeftAlone));
+static_assert(XFER_EVENT_STATE == static_cast<int>(DownloadUpdate::Kind::State));
+static_assert(XFER_EVENT_PROGRESS == static_cast<int>(DownloadUpdate::Kind::Progress));
+static_assert(XFER_EVENT_NOTE == static_cast<int>(DownloadUpdate::Kind::Note));
+static_assert(XFER_EVENT_END == static_cast<int>(DownloadUpdate::Kind::End));
+
+xfer_event eventOf(std::uint64_t id, const DownloadUpdate& update) {
+  constexpr std::uint64_t kNsPerMs = 1'000'000;
+  xfer_event event{};
+  event.size = sizeof event;
+  event.kind = static_cast<std::uint32_t>(update.kind);
+  event.id = id;
+  event.state = static_cast<std::uint32_t>(update.state);
+  event.connections = update.connections;
+  event.bytes = update.snapshot.bytesDone;
+  event.total = update.snapshot.totalBytes;
+  event.bytesPerSec = update.snapshot.bytesPerSec;
+  event.reason = update.note.reason;
+  if (update.kind == DownloadUpdate::Kind::End) {
+    event.error = static_cast<std::int32_t>(xfer::endCode(update.state, update.snapshot.errorCode));
+    event.httpStatus = update.snapshot.httpStatus;
+  } else if (update.kind == DownloadUpdate::Kind::Note) {
+    event.error = update.note.code;
+    event.httpStatus = update.note.httpStatus;
+    event.note = static_cast<std::uint32_t>(update.note.kind);
+    event.connection = update.note.connection;
+    event.request = update.note.request;
+    event.rangeStart = update.note.start;
+    event.rangeEnd = update.note.end;
+    event.position = update.note.position;
+    event.waitMs = (update.note.waitNs + kNsPerMs - 1) / kNsPerMs;
+  }
+  return event;
+}
+
+void tell(DownloadOptions& abilities, const xfer_download_options& options, const std::shared_ptr<Listener>& listener) {
+  abilities.setOnUpdate([listener](const DownloadUpdate& update) {
+    const xfer_event event = eventOf(listener->id, update);
+    listener->callback(listener->user, &event);
+  });
+  abilities.setProgressInterval(options.progressMs);
+  abilities.setNotes(static_cast<xfer::DownloadNotes>(options.notes));
+}
+
+DownloadOptions abilitiesOf(const xfer_download_options& options, const TlsTrust& trust) {
   DownloadOptions abilities;
   const bool adaptive = options.plan == XFER_PLAN_ADAPTIVE;
   abilities.setPlan(static_cast<xfer::DownloadPlan>(options.plan));
@@ -81,8 +149,8 @@ DownloadOptions abilitiesOf(const xfer_download_options& options) {
   if (options.retryMaxTimeSec != 0) abilities.setRetryMaxTime(options.retryMaxTimeSec);
   if (adaptive) abilities.setLongestWait(options.longestWaitSec);
   if (options.firstRange != 0) abilities.setFirstRange(options.firstRange);
-  abilities.setVerifyPeer(options.verifyPeer != 0).setCaFile(orEmpty(options.caFile));
-  abilities.setPinnedKey(orEmpty(options.pinnedKey));
+  if (options.limiter != nullptr) abilities.setSpeedLimiter(options.limiter->limiter);
+  abilities.setVerifyPeer(trust.verifyPeer).setCaFile(trust.caFile).setPinnedKey(trust.pinnedKey);
   return abilities;
 }
 
@@ -90,11 +158,29 @@ DownloadOptions abilitiesOf(const xfer_download_options& options) {
 const char* unworkable(const xfer_download_options& options, const DownloadPolicy& policy,
                        const DownloadOptions& abilities) {
   constexpr std::uint32_t kMostConnections = 65535;
-  if (options.url == nullptr) return "url";
-  if (options.path == nullptr) return "path";
   if (options.connections > kMostConnections) return "connections";
   if (const char* const field = xfer::unworkableField(policy)) return field;
   return abilities.values().unworkable();
+}
+
+void logRefusal(const char* field) {
+  XFER_LOG(log::kFailure, "xfer_downloadStart | options refused | field=" << field);
+}
+
+// The download has its id before it starts: what it tells names it.
+std::int32_t start(const std::shared_ptr<StartedJob>& download, Listener* listener, std::uint64_t& id) {
+  xfer::Handles::StartedEntry entry = xfer::Handles::reserveStarted();
+  entry.mapped() = download;
+  const std::uint64_t newId = handles().file(std::move(entry));
+  if (listener != nullptr) listener->id = newId;
+  try {
+    download->job.start();
+  } catch (...) {
+    handles().forget(newId);
+    throw;
+  }
+  id = newId;
+  return result::kSuccess;
 }
 
 // The download with this id; an answer other than 0 when there is none.
@@ -136,6 +222,8 @@ void xfer_downloadOptionsInit(xfer_download_options* options) {
   options->tcpKeepAlive = policy.tcpKeepAlive ? 1 : 0;
   options->multiplex = policy.multiplex ? 1 : 0;
   options->longestWaitSec = static_cast<std::uint32_t>(adaptive.longestWaitNs / kNsPerSec);
+  options->progressMs = DownloadOptions::Values::kDefaultProgressMs;
+  options->notes = XFER_NOTES_MAIN;
 }
 
 int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id) {
@@ -144,19 +232,44 @@ int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id) {
     xfer_download_options known;
     xfer_downloadOptionsInit(&known);
     if (!xfer::readRecord(*options, kFirstOptions, known)) return result::kBadRecord;
+    if (known.url == nullptr || known.path == nullptr) return result::kNullArgument;
+    if (known.plan > XFER_PLAN_ADAPTIVE || known.notes > XFER_NOTES_ALL) return result::kUnknownEnumerator;
+    TlsTrust trust;
+    if (const std::int32_t error =
+            xfer::trustOf(known.verifyPeer, orEmpty(known.caFile), orEmpty(known.pinnedKey), trust)) {
+      if (error == CURLE_BAD_FUNCTION_ARGUMENT) logRefusal("caFile");
+      return error;
+    }
     const DownloadPolicy policy = policyOf(known);
-    const DownloadOptions abilities = abilitiesOf(known);
+    DownloadOptions abilities = abilitiesOf(known, trust);
     if (const char* const field = unworkable(known, policy, abilities)) {
-      XFER_LOG(log::kFailure, "xfer_downloadStart | options refused | field=" << field);
+      logRefusal(field);
       return static_cast<std::int32_t>(CURLE_BAD_FUNCTION_ARGUMENT);
     }
-    xfer::Handles& table = handles();
-    xfer::Handles::StartedEntry entry = xfer::Handles::reserveStarted();
-    entry.mapped() = std::make_shared<StartedJob>(requestOf(known), policy, abilities.values());
-    entry.mapped()->job.start();
-    *id = table.file(std::move(entry));
+    std::shared_ptr<Listener> listener;
+    if (known.onEvent != nullptr) {
+      listener = std::make_shared<Listener>(known.onEvent, known.user);
+      tell(abilities, known, listener);
+    }
+    return start(std::make_shared<StartedJob>(requestOf(known), policy, abilities.values()), listener.get(), *id);
+  });
+}
+
+xfer_speed_limiter* xfer_speedLimiterNew(uint64_t bytesPerSec) {
+  xfer_speed_limiter* limiter = nullptr;
+  guardedEntry("xfer_speedLimiterNew", [&] {
+    limiter = new xfer_speed_limiter{xfer::SpeedLimiter(bytesPerSec)};
     return result::kSuccess;
   });
+  return limiter;
+}
+
+void xfer_speedLimiterSet(xfer_speed_limiter* limiter, uint64_t bytesPerSec) {
+  if (limiter != nullptr) limiter->limiter.setLimit(bytesPerSec);
+}
+
+void xfer_speedLimiterFree(xfer_speed_limiter* limiter) {
+  delete limiter;
 }
 
 int32_t xfer_downloadStatus(uint64_t id, xfer_status* status) {
@@ -181,7 +294,15 @@ int32_t xfer_downloadStatus(uint64_t id, xfer_status* status) {
 
 int32_t xfer_downloadWait(uint64_t id, uint64_t milliseconds) {
   return withDownload("xfer_downloadWait", id, [&](xfer::DownloadJob::Impl& job) -> std::int32_t {
+    if (xfer::eventDispatcher().isHere()) return result::kInsideCallback;
     return job.waitFor(milliseconds) ? result::kSuccess : XFER_NOT_ENDED;
+  });
+}
+
+int32_t xfer_downloadSetSpeed(uint64_t id, uint64_t bytesPerSec) {
+  return withDownload("xfer_downloadSetSpeed", id, [&](xfer::DownloadJob::Impl& job) {
+    job.setSpeedLimit(bytesPerSec);
+    return result::kSuccess;
   });
 }
 
@@ -195,6 +316,7 @@ int32_t xfer_downloadCancel(uint64_t id) {
 int32_t xfer_downloadForget(uint64_t id) {
   return withDownload("xfer_downloadForget", id, [&](xfer::DownloadJob::Impl& job) {
     handles().forget(id);
+    job.silence();
     job.cancel();
     job.wait();  // another thread may be using the download, and then destroys it
     return result::kSuccess;

@@ -10,6 +10,7 @@
 
 #include "curl_multi_backend.h"
 #include "download_job_impl.h"
+#include "event_dispatcher.h"
 #include "job_state.h"
 #include "log.h"
 #include "range_scheduler.h"
@@ -91,11 +92,13 @@ void DownloadJob::cancel() {
 }
 
 void DownloadJob::wait() {
+  if (eventDispatcher().isHere())
+    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
   impl_->wait();
 }
 
 bool DownloadJob::waitFor(std::uint64_t milliseconds) {
-  return impl_->waitFor(milliseconds);
+  return impl_->waitFor(eventDispatcher().isHere() ? 0 : milliseconds);
 }
 
 void DownloadJob::setSpeedLimit(std::uint64_t bytesPerSec) noexcept {
@@ -116,19 +119,21 @@ std::vector<DownloadEvent> DownloadJob::history(std::uint64_t fromNumber) const 
 
 // ---- The core and what it wants done ----
 
-// Brings an event to the core, and tells waiters when it changed the state.
+// Brings an event to the core, tells waiters when it changed the state, and has the host told what is new.
 template <class Event>
 decltype(auto) DownloadJob::Impl::withCore(Event&& event) {
   const sys::MutexLock lock(mutex_);
   struct Tell {
     Impl& job;
     const JobState before;
+    const std::uint64_t newsBefore;
     ~Tell() SYS_NO_THREAD_SAFETY_ANALYSIS {
       const JobState now = job.core_.state();
       job.paused_ = now == JobState::Paused;
       if (now != before) job.stateChanged_.notifyAll();
+      if (job.updates_ && job.core_.news().count() != newsBefore) eventDispatcher().wake(*job.updates_);
     }
-  } const tell{*this, core_.state()};
+  } const tell{*this, core_.state(), core_.news().count()};
   core_.setTime(environment_.nowNs());
   return event(core_);
 }
@@ -159,7 +164,12 @@ void DownloadJob::Impl::carryOut(const JobActions& actions) {
 
 void DownloadJob::Impl::failOnException() noexcept {
   XFER_LOG(log::kFailure, "job exception");
-  const JobActions actions = withCore([](JobCore& core) { return core.fail(result::kException, 0); });
+  failNow(result::kException);
+}
+
+// Without what may throw.
+void DownloadJob::Impl::failNow(std::int32_t code) noexcept {
+  const JobActions actions = withCore([code](JobCore& core) { return core.fail(code, 0); });
   if (ITransferBackend* const backend = backend_; actions.cancelAll && backend != nullptr) backend->cancelAll();
   if (actions.close) closeFile();
 }
@@ -192,6 +202,8 @@ DownloadJob::Impl::Impl(DownloadRequest request, DownloadPolicy policy, JobEnvir
       policy_(policy),
       options_(std::move(options)),
       environment_(std::move(environment)),
+      updates_(options_.onUpdate ? std::make_shared<JobUpdates>(*this, options_.onUpdate, options_.progressInterval())
+                                 : nullptr),
       core_(policy, options_.forCore(policy, environment_.nowNs() ^ reinterpret_cast<std::uintptr_t>(this))),
       sink_([this](std::chrono::milliseconds time) { stopping_.waitFor(time); }),
       retryTimers_([this](std::uint64_t delayMs) { environment_.waitForRetry(delayMs, stopping_); }) {
@@ -201,6 +213,7 @@ DownloadJob::Impl::Impl(DownloadRequest request, DownloadPolicy policy, JobEnvir
 }
 
 DownloadJob::Impl::~Impl() {
+  silence();
   cancel();
   {
     const sys::MutexLock lock(workerMutex_);
@@ -217,6 +230,14 @@ DownloadJob::Impl::~Impl() {
 void DownloadJob::Impl::start() {
   const bool idle = withCore([](JobCore& core) { return core.state() == JobState::Idle; });
   if (!idle || started_.exchange(true)) return;
+  if (updates_) {
+    try {
+      eventDispatcher().add(updates_);
+    } catch (...) {
+      started_ = false;
+      throw;
+    }
+  }
   if (request_.knownSize != 0 || options_.plan == DownloadPlan::Adaptive) return runDoStart();
   const sys::MutexLock lock(workerMutex_);
   try {
@@ -298,6 +319,20 @@ DownloadSnapshot DownloadJob::Impl::snapshot() const {
 DownloadDetails DownloadJob::Impl::details() {
   return DownloadDetails(
       std::make_unique<DownloadDetails::Values>(withCore([](const JobCore& core) { return core.details(); })));
+}
+
+void DownloadJob::Impl::silence() noexcept {
+  if (updates_) updates_->close();
+}
+
+std::vector<DownloadEvent> DownloadJob::Impl::news(std::uint64_t fromNumber) {
+  const sys::MutexLock lock(mutex_);
+  return core_.news().from(fromNumber);
+}
+
+void DownloadJob::Impl::callbackThrew() noexcept {
+  failNow(result::kCallbackThrew);
+  stopping_.set();
 }
 
 std::vector<DownloadEvent> DownloadJob::Impl::history(std::uint64_t fromNumber) const {

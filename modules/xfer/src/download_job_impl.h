@@ -22,6 +22,7 @@
 #include "file_sink.h"
 #include "host_terms.h"
 #include "job_core.h"
+#include "job_updates.h"
 #include "option_values.h"
 #include "rate_limit.h"
 #include "retry_timers.h"
@@ -45,7 +46,7 @@ struct JobEnvironment {
 /// libcurl, the steady clock, real waiting and the process's book.
 JobEnvironment realJobEnvironment(const TlsTrust& trust = {});
 
-class DownloadJob::Impl {
+class DownloadJob::Impl final : public JobUpdates::Job {
  public:
   Impl(DownloadRequest request, DownloadPolicy policy, JobEnvironment environment,
        DownloadOptions::Values options = {});
@@ -62,12 +63,19 @@ class DownloadJob::Impl {
   void wait();
   [[nodiscard]] bool waitFor(std::uint64_t milliseconds);
   void setSpeedLimit(std::uint64_t bytesPerSec) noexcept;
-  [[nodiscard]] DownloadSnapshot snapshot() const;
+  [[nodiscard]] DownloadSnapshot snapshot() const override;
   [[nodiscard]] DownloadDetails details();
   [[nodiscard]] std::vector<DownloadEvent> history(std::uint64_t fromNumber) const;
 
   /// Requests under way.
-  [[nodiscard]] std::size_t inFlight() const;
+  [[nodiscard]] std::size_t inFlight() const override;
+
+  /// What the host is told.
+  [[nodiscard]] std::vector<DownloadEvent> news(std::uint64_t fromNumber) override;
+  void callbackThrew() noexcept override;
+
+  /// The host is told nothing more: see JobUpdates::close.
+  void silence() noexcept;
 
   /// See JobCore::standsStill.
   [[nodiscard]] bool standsStill() const;
@@ -81,6 +89,7 @@ class DownloadJob::Impl {
   void post(Event&& event) noexcept SYS_EXCLUDES(mutex_);
   void carryOut(const JobActions& actions);
   void failOnException() noexcept;
+  void failNow(std::int32_t code) noexcept;
 
   void runDoStart() noexcept;
   void doStart();
@@ -105,6 +114,8 @@ class DownloadJob::Impl {
   const JobEnvironment environment_;
 
   RateLimit ownLimit_;  // before the backend, whose transfers use it
+
+  const std::shared_ptr<JobUpdates> updates_;  // null: nothing is told
 
   mutable sys::Mutex mutex_;
   sys::Condition stateChanged_;  // notified on every change of the core's state

@@ -1,5 +1,7 @@
 #include "xfer/download_options.h"
 
+#include <utility>
+
 #include "option_values.h"
 #include "steady_time.h"
 
@@ -75,6 +77,21 @@ DownloadOptions& DownloadOptions::setHistory(std::size_t events) {
   return *this;
 }
 
+DownloadOptions& DownloadOptions::setOnUpdate(std::function<void(const DownloadUpdate&)> callback) {
+  values_->onUpdate = std::move(callback);
+  return *this;
+}
+
+DownloadOptions& DownloadOptions::setProgressInterval(std::uint32_t milliseconds) {
+  values_->progressMs = milliseconds;
+  return *this;
+}
+
+DownloadOptions& DownloadOptions::setNotes(DownloadNotes notes) {
+  values_->notes = notes;
+  return *this;
+}
+
 DownloadOptions& DownloadOptions::setVerifyPeer(bool verify) {
   values_->trust.verifyPeer = verify;
   return *this;
@@ -95,6 +112,10 @@ DownloadOptions& DownloadOptions::setUserAgent(const std::string& userAgent) {
   return *this;
 }
 
+std::chrono::milliseconds DownloadOptions::Values::progressInterval() const {
+  return std::chrono::milliseconds(progressMs.value_or(kDefaultProgressMs));
+}
+
 const char* DownloadOptions::Values::unworkable() const {
   if (plan != DownloadPlan::Stated && plan != DownloadPlan::Adaptive) return "plan";
   const bool moves = plan == DownloadPlan::Adaptive;
@@ -103,6 +124,8 @@ const char* DownloadOptions::Values::unworkable() const {
   if (longestWaitSec && !moves) return "longestWait";
   if (firstRange && (!moves || *firstRange == 0)) return "firstRange";
   if (history > kMostEvents) return "history";
+  if (progressMs && !onUpdate) return "progressInterval";
+  if (notes && (!onUpdate || *notes > DownloadNotes::All)) return "notes";
   return trust.unworkable();
 }
 
@@ -124,6 +147,8 @@ CoreOptions DownloadOptions::Values::forCore(const DownloadPolicy& policy, std::
   CoreOptions options;
   options.adaptive = adaptive(policy, seed);
   if (history <= kMostEvents) options.history = history;
+  if (onUpdate) options.news = kMostNews;
+  options.everyNote = notes == DownloadNotes::All;
   options.keepsPauses = given;
   return options;
 }

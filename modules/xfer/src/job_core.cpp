@@ -39,7 +39,7 @@ Placement stopWith(std::int32_t code) {
 bool JobCore::enter(JobState to) noexcept {
   if (!mayFollow(state_, to)) return false;
   state_ = to;
-  history_.add({.kind = EventKind::State, .state = to}, nowNs_);
+  record({.kind = EventKind::State, .state = to});
   return true;
 }
 
@@ -78,23 +78,30 @@ DownloadDetails::Values JobCore::details() const {
   return details;
 }
 
+void JobCore::record(const DownloadEvent& event) noexcept {
+  history_.add(event, nowNs_);
+  const bool news = options_.everyNote || event.kind == EventKind::State || event.kind == EventKind::GivenUp ||
+                    event.kind == EventKind::TriedAgain || event.kind == EventKind::HostLeftAlone;
+  if (news) news_.add(event, nowNs_);
+}
+
 // On the thread that delivers, or while nothing can deliver for the flight.
 void JobCore::note(EventKind kind, const Flight& flight, DownloadEvent more) noexcept {
-  if (!history_.keeps()) return;
+  if (!keepsEvents()) return;
   more.kind = kind;
   more.request = flight.id;
   more.connection = flight.connection;
   more.start = flight.asked.start;
   more.end = flight.asked.end;
   more.position = std::max(flight.asked.start, flight.position);
-  history_.add(more, nowNs_);
+  record(more);
 }
 
 void JobCore::noteHostsWait() noexcept {
   const std::uint64_t until = moving_->notBeforeNs();
   if (until <= std::max(notedWaitNs_, nowNs_)) return;
   notedWaitNs_ = until;
-  history_.add({.kind = EventKind::HostLeftAlone, .waitNs = until - nowNs_}, nowNs_);
+  record({.kind = EventKind::HostLeftAlone, .waitNs = until - nowNs_});
 }
 
 std::uint32_t JobCore::freeConnection() const {
@@ -228,7 +235,7 @@ JobCore::FlightPtr JobCore::addFlight() {
   auto flight = std::make_shared<Flight>();
   flight->id = ++lastFlight_;
   flight->generation = generation_;
-  if (history_.keeps()) flight->connection = freeConnection();
+  if (keepsEvents()) flight->connection = freeConnection();
   flights_.emplace(flight->id, flight);
   return flight;
 }

@@ -75,6 +75,8 @@ struct JobActions {
 struct CoreOptions {
   std::optional<AdaptiveSettings> adaptive{};  ///< with settings the plan is an adaptive one
   std::size_t history = 0;                     ///< events that are kept
+  std::size_t news = 0;                        ///< of those that a host is told, so many are kept
+  bool everyNote = false;                      ///< a host is told every event
   /// A pause costs nothing: one during Probing counts from Running on, a retry that falls due is made after resume, and
   /// a job whose last byte arrives is Completed by resume.
   bool keepsPauses = false;
@@ -123,7 +125,7 @@ class JobCore {
   using FlightPtr = std::shared_ptr<Flight>;
 
   explicit JobCore(const DownloadPolicy& policy, const CoreOptions& options = {})
-      : policy_(policy), options_(options), history_(options.history) {}
+      : policy_(policy), options_(options), history_(options.history), news_(options.news) {}
 
   /// The time of the events that follow.
   void setTime(std::uint64_t nowNs) { nowNs_ = nowNs; }
@@ -145,6 +147,9 @@ class JobCore {
   [[nodiscard]] DownloadDetails::Values details() const;
 
   [[nodiscard]] const JobHistory& history() const { return history_; }
+
+  /// What a host is told: changes of the state, and notes.
+  [[nodiscard]] const JobHistory& news() const { return news_; }
 
   /// What an adaptive plan goes by; nothing of another one, or before there is a plan.
   [[nodiscard]] std::optional<HostTerms> hostTerms() const {
@@ -244,6 +249,8 @@ class JobCore {
   bool enter(JobState to) noexcept;
   bool enterRunning() noexcept;
   [[nodiscard]] bool resumeCompletes() const { return moving_ != nullptr || options_.keepsPauses; }
+  [[nodiscard]] bool keepsEvents() const { return history_.keeps() || news_.keeps(); }
+  void record(const DownloadEvent& event) noexcept;
   void note(DownloadEvent::Kind kind, const Flight& flight, DownloadEvent more = {}) noexcept;
   void noteHostsWait() noexcept;
   [[nodiscard]] std::uint32_t freeConnection() const;
@@ -338,6 +345,7 @@ class JobCore {
   std::vector<GivenUpConnection> givenUp_;  // the latest ones, oldest first
 
   JobHistory history_;
+  JobHistory news_;
   std::uint64_t notedWaitNs_ = 0;  // until when the host is left alone, as the history has it
 };
 

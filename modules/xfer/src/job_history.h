@@ -19,6 +19,9 @@ class JobHistory {
 
   [[nodiscard]] bool keeps() const { return most_ != 0; }
 
+  /// So far, kept or not.
+  [[nodiscard]] std::uint64_t count() const { return count_; }
+
   /// nowNs is monotonic; the event's number and time are set here.
   void add(DownloadEvent event, std::uint64_t nowNs) noexcept;
 

@@ -1,8 +1,10 @@
 // What DownloadOptions holds, and which of it cannot work.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +20,8 @@ namespace xfer {
 
 struct DownloadOptions::Values {
   static constexpr std::size_t kMostEvents = 16777216;
+  static constexpr std::size_t kMostNews = 1024;
+  static constexpr std::uint32_t kDefaultProgressMs = 100;
 
   bool given = false;                        ///< by a host: a job without options has none of these abilities
   std::shared_ptr<RateLimit> sharedLimit{};  ///< null: none
@@ -27,8 +31,14 @@ struct DownloadOptions::Values {
   std::optional<std::uint32_t> longestWaitSec{};
   std::optional<std::uint64_t> firstRange{};
   std::size_t history = 0;
+  std::function<void(const DownloadUpdate&)> onUpdate{};  ///< empty: nothing is told
+  std::optional<std::uint32_t> progressMs{};
+  std::optional<DownloadNotes> notes{};
   TlsTrust trust{};
   std::string userAgent{};
+
+  /// 0: progress is not told.
+  [[nodiscard]] std::chrono::milliseconds progressInterval() const;
 
   /// The name of an option that cannot work, alone or with the others; null when all can.
   [[nodiscard]] const char* unworkable() const;

@@ -6,7 +6,8 @@ __attribute__((constructor)) void load() {
   sys::onModuleLoad();
 }
 
-__attribute__((destructor)) void unload() {
+// With this priority it is the last of all: without one, closing the library runs it before what atUnload registered.
+__attribute__((destructor(101))) void unload() {
   sys::onModuleUnload();
 }
 

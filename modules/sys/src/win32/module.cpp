@@ -60,8 +60,8 @@ ModulePin::ModulePin() {
 }
 
 ModulePin::~ModulePin() {
-  // Only a host's thread inside one of our functions destroys a pin, so the host still holds its own reference and this
-  // one is never the last.
+  // Only a host's thread inside one of our functions destroys a pin, or one that holds a further reference, so this one
+  // is never the last.
   if (module_ != nullptr) ::FreeLibrary(static_cast<HMODULE>(module_));
 }
 

@@ -74,13 +74,15 @@ class DownloadJob {
   DownloadJob(const DownloadJob&) = delete;
   DownloadJob& operator=(const DownloadJob&) = delete;
 
-  /// Cancels an unfinished download and waits for its threads, well under a second.  The partial file stays.
+  /// Cancels an unfinished download and waits for its threads, well under a second, and for a callback about it that
+  /// runs on another thread.  The partial file stays.
   XFER_API ~DownloadJob();
 
   /// Does nothing unless the job is Idle.  With a known size it returns after starting the first transfers, or after
   /// the job has failed; otherwise a worker thread probes the server first.  Throws std::system_error
   /// (resource_unavailable_try_again) when that thread cannot be created.  With the adaptive plan it returns at once,
-  /// and a thread that cannot be created ends the job with 100000.
+  /// and a thread that cannot be created ends the job with 100000.  When the thread of callbacks cannot be created it
+  /// throws so too, and the job stays Idle.
   XFER_API void start();
 
   /// Holds a Running job; does nothing in any other state.  A job with options remembers a pause while it is Probing,
@@ -101,10 +103,12 @@ class DownloadJob {
   XFER_API void cancel();
 
   /// Blocks until the state is final: for ever while the job is not started, Paused or at a stand-still (see pause).
-  /// Throws std::system_error (resource_deadlock_would_occur) on the job's own worker thread (in a logger).
+  /// Throws std::system_error (resource_deadlock_would_occur) on the job's own worker thread (in a logger), and inside
+  /// of a callback (DownloadOptions::setOnUpdate).
   XFER_API void wait();
 
-  /// As wait, for at most this long; returns whether the state is final.  Throws nothing.
+  /// As wait, for at most this long, and not at all inside of a callback; returns whether the state is final.  Throws
+  /// nothing.
   XFER_API bool waitFor(std::uint64_t milliseconds);
 
   /// Limits the job's speed (bytes per second, 0: unlimited), over all its connections, whichever of them delivers.

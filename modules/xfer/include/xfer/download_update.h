@@ -29,6 +29,7 @@ struct DownloadUpdate {
   Kind kind = Kind::State;
   JobState state = JobState::Idle;  ///< of kind State: the one that is told, later ones may have come; else the job's
   DownloadSnapshot snapshot{};      ///< as the job is now
+  std::uint32_t connections = 0;    ///< requests under way
   DownloadEvent note{};             ///< of kind Note
 };
 
