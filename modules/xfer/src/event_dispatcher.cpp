@@ -16,6 +16,7 @@ EventDispatcher& eventDispatcher() {
 void EventDispatcher::add(std::shared_ptr<Source> source) {
   const sys::MutexLock lock(mutex_);
   sources_.push_back(std::move(source));
+  changed_.notifyAll();  // it may have been woken already
   if (thread_) return;
   try {
     auto thread = std::make_unique<sys::ModuleThread>();
@@ -86,8 +87,8 @@ std::optional<EventDispatcher::Time> EventDispatcher::earliestDue() const {
 // The next one to ask; null when the thread is no longer wanted.
 std::shared_ptr<EventDispatcher::Source> EventDispatcher::await(const sys::ModuleThread& self) {
   sys::MutexLock lock(mutex_);
-  threadId_ = std::this_thread::get_id();
   while (thread_.get() == &self) {
+    threadId_ = std::this_thread::get_id();  // not before: there may be a new thread already
     if (std::shared_ptr<Source> source = next()) {
       source->woken_ = false;
       source->due_.reset();
@@ -100,7 +101,7 @@ std::shared_ptr<EventDispatcher::Source> EventDispatcher::await(const sys::Modul
       changed_.wait(lock);
     }
   }
-  if (onThread()) threadId_ = {};  // unless there is a new thread already
+  if (onThread()) threadId_ = {};
   return nullptr;
 }
 
