@@ -1,13 +1,21 @@
 // Downloads of the C interface that are started with a record.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
+#include <functional>
 #include <limits>
+#include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "support/gate.h"
 #include "support/pattern.h"
 #include "support/plan_under_test.h"
 #include "support/recording_logger.h"
@@ -34,6 +42,9 @@ constexpr std::int32_t kUnknownId = 100001;
 constexpr std::int32_t kBadRecord = 100032;
 constexpr std::int32_t kNullArgument = 100033;
 constexpr std::int32_t kOtherKind = 100034;
+constexpr std::int32_t kUnknownEnumerator = 100035;
+constexpr std::int32_t kInsideCallback = 100036;
+constexpr std::int32_t kCallbackThrew = 100037;
 
 class CDownload : public testing::Test {
  protected:
@@ -113,6 +124,11 @@ TEST(CDownloadOptions, areThoseOfThePolicyAtFirst) {
   EXPECT_EQ(options.maxTries, 0U);
   EXPECT_EQ(options.retryMaxTimeSec, 0U);
   EXPECT_EQ(options.longestWaitSec, 600U);
+  EXPECT_EQ(options.limiter, nullptr);
+  EXPECT_EQ(options.onEvent, nullptr);
+  EXPECT_EQ(options.user, nullptr);
+  EXPECT_EQ(options.progressMs, 100U);
+  EXPECT_EQ(options.notes, static_cast<std::uint32_t>(XFER_NOTES_MAIN));
   EXPECT_EQ(options.reserved, 0U);
   xfer_downloadOptionsInit(nullptr);
 }
@@ -225,8 +241,6 @@ TEST_F(CDownload, usesAsManyConnectionsAsItIsTold) {
 TEST_F(CDownload, thatCannotWorkIsRefusedByTheNameOfItsField) {
   using Change = void (*)(xfer_download_options&);
   const std::vector<std::pair<Change, std::string>> cases = {
-      {[](xfer_download_options& options) { options.path = nullptr; }, "path"},
-      {[](xfer_download_options& options) { options.plan = 2; }, "plan"},
       {[](xfer_download_options& options) { options.connections = 65536; }, "connections"},
       {[](xfer_download_options& options) { options.maxChunkSize = 0; }, "maxChunkSize"},
       {[](xfer_download_options& options) { options.caFile = "ca.pem"; }, "caFile"},
@@ -249,12 +263,32 @@ TEST_F(CDownload, thatCannotWorkIsRefusedByTheNameOfItsField) {
     EXPECT_EQ(refusal(), kBadArgument) << field;
     EXPECT_EQ(log.count("xfer_downloadStart | options refused | field=" + field), 1U) << field;
   }
-  options_ = good;
-  options_.url = nullptr;
-  std::uint64_t id = 77;
-  EXPECT_EQ(xfer_downloadStart(&options_, &id), kBadArgument);
-  EXPECT_EQ(id, 77U);
   EXPECT_FALSE(support::exists(path_));
+}
+
+TEST_F(CDownload, unknownEnumeratorIsRefusedByANumberOfItsOwn) {
+  using Field = std::uint32_t xfer_download_options::*;
+  const xfer_download_options good = options_;
+  for (const auto& [field, first] : {std::pair<Field, std::uint32_t>{&xfer_download_options::plan, 2},
+                                     {&xfer_download_options::notes, 2},
+                                     {&xfer_download_options::verifyPeer, 3}}) {
+    for (const std::uint32_t value : {first, std::numeric_limits<std::uint32_t>::max()}) {
+      options_ = good;
+      options_.*field = value;
+      EXPECT_EQ(refusal(), kUnknownEnumerator);
+    }
+  }
+}
+
+TEST_F(CDownload, fileOfTrustedCertificatesThatCannotBeUsedIsRefusedAtOnce) {
+  options_.verifyPeer = XFER_VERIFY_ON;
+  const std::string missing = folder_.file("missing.pem");
+  options_.caFile = missing.c_str();
+  EXPECT_EQ(refusal(), 100030);
+  const std::string empty = folder_.file("empty.pem");
+  std::ofstream(empty).close();
+  options_.caFile = empty.c_str();
+  EXPECT_EQ(refusal(), 100031);
 }
 
 TEST_F(CDownload, recordOfAnotherSizeIsUnderstoodOrRefused) {
@@ -309,6 +343,12 @@ TEST_F(CDownload, nullIsRefused) {
   std::uint64_t id = 0;
   EXPECT_EQ(xfer_downloadStart(nullptr, &id), kNullArgument);
   EXPECT_EQ(xfer_downloadStart(&options_, nullptr), kNullArgument);
+  EXPECT_EQ(xfer_downloadStart(&options_, &id), kNullArgument) << "no URL";
+  options_.url = "http://127.0.0.1:9/never";
+  options_.path = nullptr;
+  EXPECT_EQ(xfer_downloadStart(&options_, &id), kNullArgument) << "no path";
+  options_.path = path_.c_str();
+  EXPECT_EQ(id, 0U);
   ScriptedServer server(patternFile(10));
   start(server.url("/file"));
   EXPECT_EQ(xfer_downloadStatus(id_, nullptr), kNullArgument);
@@ -326,12 +366,253 @@ TEST_F(CDownload, idsOfOtherKindsAreToldFromUnknownOnes) {
     EXPECT_EQ(xfer_downloadStatus(id, &status), kOtherKind);
     EXPECT_EQ(xfer_downloadWait(id, 0), kOtherKind);
     EXPECT_EQ(xfer_downloadCancel(id), kOtherKind);
+    EXPECT_EQ(xfer_downloadSetSpeed(id, 0), kOtherKind);
     EXPECT_EQ(xfer_downloadForget(id), kOtherKind);
   }
   EXPECT_EQ(xfer_downloadWait(request + 1000, 0), kUnknownId);
   sys::DataBuff headers;
   sys::DataBuff body;
   EXPECT_EQ(xfer_queryAsyncBuffer(request, &headers, &body), 0);
+}
+
+// ---- What a download tells ----
+
+// Keeps what it is told, and does what the test says.
+class Host {
+ public:
+  explicit Host(std::function<void(const xfer_event&)> body = {}) : body_(std::move(body)) {}
+
+  static void hear(void* user, const xfer_event* event) {
+    auto& host = *static_cast<Host*>(user);
+    {
+      const std::lock_guard lock(host.mutex_);
+      host.heard_.push_back(*event);
+    }
+    if (host.body_) host.body_(*event);
+  }
+
+  [[nodiscard]] std::vector<xfer_event> heard(std::uint32_t kind) const {
+    const std::lock_guard lock(mutex_);
+    std::vector<xfer_event> of;
+    for (const xfer_event& event : heard_) {
+      if (event.kind == kind) of.push_back(event);
+    }
+    return of;
+  }
+
+  [[nodiscard]] bool heardTheEnd() const {
+    return support::waitUntil([this] { return !heard(XFER_EVENT_END).empty(); });
+  }
+
+  void attachTo(xfer_download_options& options) {
+    options.onEvent = &Host::hear;
+    options.user = this;
+  }
+
+ private:
+  std::function<void(const xfer_event&)> body_;
+  mutable std::mutex mutex_;
+  std::vector<xfer_event> heard_;
+};
+
+TEST_F(CDownload, tellsStatesProgressAndItsEndWithItsId) {
+  ScriptedServer server(slowly());
+  Host host;
+  host.attachTo(options_);
+  options_.progressMs = 10;
+  start(server.url("/file"));
+  ASSERT_TRUE(support::waitUntil([&] { return host.heard(XFER_EVENT_PROGRESS).size() >= 3; }));
+  EXPECT_EQ(xfer_downloadCancel(id_), 0);
+  ASSERT_TRUE(host.heardTheEnd());
+  std::vector<std::uint32_t> states;
+  for (const xfer_event& event : host.heard(XFER_EVENT_STATE)) {
+    EXPECT_EQ(event.id, id_);
+    EXPECT_EQ(event.size, sizeof event);
+    EXPECT_EQ(event.note, 0U);
+    EXPECT_STREQ(event.reason, "");
+    states.push_back(event.state);
+  }
+  EXPECT_EQ(states, (std::vector<std::uint32_t>{XFER_STATE_PROBING, XFER_STATE_RUNNING, XFER_STATE_CANCELLING}));
+  const xfer_event progress = host.heard(XFER_EVENT_PROGRESS).back();
+  EXPECT_EQ(progress.id, id_);
+  EXPECT_EQ(progress.state, static_cast<std::uint32_t>(XFER_STATE_RUNNING));
+  EXPECT_EQ(progress.total, kSize);
+  EXPECT_GT(progress.bytes, 0U);
+  EXPECT_GE(progress.connections, 1U);
+  EXPECT_EQ(progress.error, 0);
+  const xfer_event end = host.heard(XFER_EVENT_END).back();
+  EXPECT_EQ(end.id, id_);
+  EXPECT_EQ(end.state, static_cast<std::uint32_t>(XFER_STATE_CANCELLED));
+  EXPECT_EQ(end.error, kStopped);
+}
+
+TEST_F(CDownload, tellsWhyItFailedWithItsEnd) {
+  ScriptedServer server([](const ReceivedRequest&) { return support::status(404); });
+  Host host;
+  host.attachTo(options_);
+  start(server.url("/file"));
+  ASSERT_TRUE(host.heardTheEnd());
+  const xfer_event end = host.heard(XFER_EVENT_END).back();
+  EXPECT_EQ(end.state, static_cast<std::uint32_t>(XFER_STATE_FAILED));
+  EXPECT_EQ(end.error, status().error);
+  EXPECT_EQ(end.httpStatus, status().httpStatus);
+}
+
+TEST_F(CDownload, notesSayWhichRequestTheyAreAbout) {
+  ScriptedServer server(patternFile(kSize));
+  Host host;
+  host.attachTo(options_);
+  options_.notes = XFER_NOTES_ALL;
+  options_.connections = 1;
+  start(server.url("/file"));
+  ASSERT_TRUE(host.heardTheEnd());
+  const std::vector<xfer_event> notes = host.heard(XFER_EVENT_NOTE);
+  ASSERT_GE(notes.size(), 3U);
+  EXPECT_EQ(notes.front().note, static_cast<std::uint32_t>(XFER_NOTE_BEGUN));
+  EXPECT_EQ(notes.front().request, 1U);
+  EXPECT_EQ(notes.front().connection, 1U);
+  EXPECT_EQ(notes.front().rangeStart, 0U);
+  EXPECT_GT(notes.front().rangeEnd, 0U);
+  EXPECT_EQ(notes.at(1).note, static_cast<std::uint32_t>(XFER_NOTE_ANSWERED));
+  EXPECT_EQ(notes.back().note, static_cast<std::uint32_t>(XFER_NOTE_ENDED));
+  EXPECT_EQ(notes.back().position, kSize);
+}
+
+TEST_F(CDownload, tryThatIsRepeatedIsNotedWithItsReason) {
+  std::atomic<int> asked{0};
+  ScriptedServer server([&](const ReceivedRequest& request) {
+    const bool first = request.range && request.range->last != 0U && asked++ == 0;
+    return first ? support::status(503, "", {"Retry-After: 1"}) : patternFile(kSize)(request);
+  });
+  Host host;
+  host.attachTo(options_);
+  start(server.url("/file"));
+  ASSERT_TRUE(host.heardTheEnd());
+  const std::vector<xfer_event> notes = host.heard(XFER_EVENT_NOTE);
+  ASSERT_FALSE(notes.empty());
+  EXPECT_EQ(notes.front().note, static_cast<std::uint32_t>(XFER_NOTE_TRIED_AGAIN));
+  EXPECT_EQ(notes.front().httpStatus, 503);
+  EXPECT_EQ(host.heard(XFER_EVENT_END).back().error, 0);
+}
+
+TEST_F(CDownload, everyFunctionButWaitMayBeCalledInsideOfACallback) {
+  ScriptedServer server(slowly());
+  const std::string url = server.url("/file");
+  const std::string otherPath = folder_.file("other");
+  std::uint64_t other = 0;
+  std::atomic<bool> done{false};
+  Host host([&](const xfer_event& event) {
+    if (event.kind != XFER_EVENT_PROGRESS || done) return;
+    xfer_status status{};
+    status.size = sizeof status;
+    EXPECT_EQ(xfer_downloadStatus(event.id, &status), 0);
+    EXPECT_GE(status.bytes, event.bytes);
+    EXPECT_EQ(xfer_downloadWait(event.id, kLong), kInsideCallback);
+    EXPECT_EQ(xfer_downloadPause(event.id), 0);
+    EXPECT_EQ(xfer_downloadResume(event.id), 0);
+    EXPECT_EQ(xfer_downloadSetSpeed(event.id, 1'000'000'000), 0);
+    xfer_download_options more = options_;
+    more.url = url.c_str();
+    more.path = otherPath.c_str();
+    more.onEvent = nullptr;
+    EXPECT_EQ(xfer_downloadStart(&more, &other), 0);
+    EXPECT_EQ(xfer_downloadWait(other, kLong), kInsideCallback);
+    EXPECT_EQ(xfer_downloadForget(other), 0);
+    EXPECT_EQ(xfer_downloadCancel(event.id), 0);
+    EXPECT_EQ(xfer_downloadForget(event.id), 0);
+    EXPECT_EQ(xfer_downloadForget(event.id), kUnknownId);
+    done = true;
+  });
+  host.attachTo(options_);
+  options_.progressMs = 1;
+  start(url);
+  ASSERT_TRUE(support::waitUntil([&] { return done.load(); }));
+  const std::size_t told = host.heard(XFER_EVENT_PROGRESS).size();
+  std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(host.heard(XFER_EVENT_PROGRESS).size(), told) << "it is forgotten";
+  EXPECT_TRUE(host.heard(XFER_EVENT_END).empty());
+  id_ = 0;
+}
+
+TEST_F(CDownload, forgettingWaitsForACallbackAndTellsNothingAfterwards) {
+  ScriptedServer server(slowly());
+  const support::Gate inside;
+  support::Gate goOn;
+  std::atomic<bool> returned{false};
+  std::atomic<bool> forgotten{false};
+  std::atomic<bool> late{false};
+  Host host([&](const xfer_event& event) {
+    if (forgotten) late = true;
+    if (event.kind != XFER_EVENT_PROGRESS) return;
+    support::Gate(inside).open();
+    EXPECT_TRUE(goOn.wait());
+    returned = true;
+  });
+  host.attachTo(options_);
+  start(server.url("/file"));
+  ASSERT_TRUE(inside.wait());
+  // Whoever still waits keeps the download, not what it tells.
+  std::thread waiter([id = id_] { xfer_downloadWait(id, kLong); });
+  std::thread opener([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    goOn.open();
+  });
+  EXPECT_EQ(xfer_downloadForget(id_), 0);
+  forgotten = true;
+  EXPECT_TRUE(returned);
+  opener.join();
+  waiter.join();
+  EXPECT_FALSE(late);
+  id_ = 0;
+}
+
+TEST_F(CDownload, callbackThatThrowsFailsTheDownloadByANumberOfItsOwn) {
+  ScriptedServer server(slowly());
+  Host host([](const xfer_event& event) {
+    if (event.kind == XFER_EVENT_STATE) throw std::runtime_error("a host's own");
+  });
+  host.attachTo(options_);
+  start(server.url("/file"));
+  ASSERT_TRUE(host.heardTheEnd());
+  EXPECT_EQ(host.heard(XFER_EVENT_END).back().error, kCallbackThrew);
+  EXPECT_EQ(status().error, kCallbackThrew);
+}
+
+TEST_F(CDownload, speedCanBeSetWhileItRuns) {
+  constexpr std::uint64_t kSlow = 50'000;
+  ScriptedServer server(patternFile(20'000'000));
+  options_.maxSpeed = kSlow;
+  start(server.url("/file"));
+  ASSERT_TRUE(support::waitUntil([&] { return status().bytes > 0; }));
+  EXPECT_NE(xfer_downloadWait(id_, 50), 0);
+  EXPECT_EQ(xfer_downloadSetSpeed(id_, 0), 0);
+  EXPECT_EQ(xfer_downloadWait(id_, kLong), 0) << "minutes at the first speed";
+  EXPECT_EQ(status().error, 0);
+  EXPECT_EQ(xfer_downloadSetSpeed(id_, 0), 0) << "which changes nothing";
+}
+
+TEST_F(CDownload, downloadsKeepASharedLimitThatOutlivesItsName) {
+  ScriptedServer server(patternFile(1'000'000));
+  xfer_speed_limiter* const limiter = xfer_speedLimiterNew(1000);
+  ASSERT_NE(limiter, nullptr);
+  options_.limiter = limiter;
+  options_.connections = 1;
+  start(server.url("/file"));
+  const std::uint64_t first = std::exchange(id_, 0);
+  const std::string other = folder_.file("other");
+  options_.path = other.c_str();
+  start(server.url("/file"));
+  EXPECT_EQ(xfer_downloadWait(first, 100), XFER_NOT_ENDED);
+  EXPECT_EQ(xfer_downloadWait(id_, 0), XFER_NOT_ENDED);
+  xfer_speedLimiterSet(limiter, 0);
+  xfer_speedLimiterFree(limiter);
+  EXPECT_EQ(xfer_downloadWait(first, kLong), 0);
+  EXPECT_EQ(xfer_downloadWait(id_, kLong), 0);
+  EXPECT_EQ(support::patternError(path_, 1'000'000), "");
+  EXPECT_EQ(support::patternError(other, 1'000'000), "");
+  EXPECT_EQ(xfer_downloadForget(first), 0);
+  xfer_speedLimiterSet(nullptr, 1);
+  xfer_speedLimiterFree(nullptr);
 }
 
 }  // namespace
