@@ -26,6 +26,14 @@ TEST(LibraryLifetime, libraryThatIsUnloadedLeavesNothingBehind) {
   EXPECT_EQ(host.exitCode, 0) << host.err;
 }
 
+TEST(LibraryLifetime, libraryThatToldItsLastHostOfTheEndIsUnloadedAtOnce) {
+  const support::ScriptedServer server(support::patternFile(300'000));
+  const support::TempDir folder;
+  const support::Finished host =
+      support::runProcess({support::siblingProgram("load_host"), "told", server.url("/file"), folder.file("out")});
+  EXPECT_EQ(host.exitCode, 0) << host.err;
+}
+
 TEST(LibraryLifetime, unloadWithADownloadAndARequestInFlightNeitherHangsNorCrashes) {
   const support::ScriptedServer server(stalling);
   for (int round = 0; round < 10; ++round) {

@@ -1,7 +1,9 @@
 // load_host WAY URL PATH: a host that loads the library, uses it and unloads it.
 //   idle   again and again, with nothing in flight; URL is a file of 300000 bytes
-//   busy   once, while a download and a request run; URL sends a part and stalls
+//   told   again and again; the download is forgotten by the callback that is told its end
+//   busy   once, while a download, one that tells what happens, and a request run; URL sends a part and stalls
 // Exit code: 0 when all is as it should be; else what it says on standard error.
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
@@ -10,6 +12,7 @@
 #include "loaded_library.h"
 #include "support/census.h"
 #include "support/wait_until.h"
+#include "xfer/xfer_download.h"
 
 namespace {
 
@@ -30,7 +33,10 @@ struct Interface {
         remoteSize(library.function<std::int32_t(const char*, std::uint64_t*, std::uint32_t*, const char*, const char*,
                                                  std::uint16_t, const char*)>("xfer_getRemoteFileSize")),
         request(library.function<std::int32_t(const char*, std::uint64_t*, const char*, const char*, const char*,
-                                              const char*)>("xfer_downloadAsync")) {}
+                                              const char*)>("xfer_downloadAsync")),
+        optionsInit(library.function<void(xfer_download_options*)>("xfer_downloadOptionsInit")),
+        start(library.function<std::int32_t(const xfer_download_options*, std::uint64_t*)>("xfer_downloadStart")),
+        forget(library.function<std::int32_t(std::uint64_t)>("xfer_downloadForget")) {}
 
   std::uint64_t (*download)(const char*, const char*, const char*, std::uint16_t, const char*, std::uint64_t,
                             std::uint64_t, const char*);
@@ -38,7 +44,41 @@ struct Interface {
   std::int32_t (*remoteSize)(const char*, std::uint64_t*, std::uint32_t*, const char*, const char*, std::uint16_t,
                              const char*);
   std::int32_t (*request)(const char*, std::uint64_t*, const char*, const char*, const char*, const char*);
+  void (*optionsInit)(xfer_download_options*);
+  std::int32_t (*start)(const xfer_download_options*, std::uint64_t*);
+  std::int32_t (*forget)(std::uint64_t);
 };
+
+// Whom a download tells what happens.
+struct Listener {
+  static void hear(void* user, const xfer_event* event) {
+    auto& listener = *static_cast<Listener*>(user);
+    if (event->kind == XFER_EVENT_PROGRESS) listener.moves = true;
+    if (event->kind != XFER_EVENT_END) return;
+    listener.error = event->error;
+    if (listener.forget(event->id) != 0) listener.error = -1;
+    listener.forgotten = true;
+  }
+
+  std::int32_t (*forget)(std::uint64_t);
+  std::atomic<bool> moves{false};
+  std::atomic<bool> forgotten{false};
+  std::atomic<std::int32_t> error{0};
+};
+
+bool startTold(const Interface& xfer, const char* url, const char* path, std::uint64_t size, Listener& listener) {
+  xfer_download_options options;
+  xfer.optionsInit(&options);
+  options.url = url;
+  options.path = path;
+  options.knownSize = size;
+  options.connections = 2;
+  options.progressMs = 1;
+  options.onEvent = &Listener::hear;
+  options.user = &listener;
+  std::uint64_t id = 0;
+  return xfer.start(&options, &id) == 0;
+}
 
 int useOnce(const char* url, const char* path) {
   LoadedLibrary library(XFER_LIBRARY);
@@ -60,7 +100,21 @@ int useOnce(const char* url, const char* path) {
   return 0;
 }
 
-int useAgainAndAgain(const char* url, const char* path) {
+// The last download is forgotten by what it told: nobody is left who could join the thread of callbacks.
+int useTold(const char* url, const char* path) {
+  LoadedLibrary library(XFER_LIBRARY);
+  const Interface xfer(library);
+  Listener listener{xfer.forget};
+  if (!startTold(xfer, url, path, 0, listener)) return complain("the download did not start", 11);
+  if (!support::waitUntil([&] { return listener.forgotten.load(); })) return complain("no end was told", 12);
+  if (listener.error != 0) return complain("the download failed", 13);
+  library.unload();
+  // Where the library cannot wait for the thread while it is unloaded, it goes when the thread has gone.
+  const bool gone = support::waitUntil([] { return !LoadedLibrary::isLoaded(XFER_LIBRARY); });
+  return gone ? 0 : complain("the library is still there", 14);
+}
+
+int useAgainAndAgain(int (*useOnce)(const char*, const char*), const char* url, const char* path) {
   // The first use brings the system's own libraries in, with what they keep.
   if (const int code = useOnce(url, path); code != 0) return code;
   const std::size_t threads = support::threadCount();
@@ -85,6 +139,11 @@ int unloadWhileBusy(const char* url, const char* path) {
     return done > 0;
   });
   std::uint64_t requestId = 0;
+  // Not destroyed: where a library that works cannot be unloaded, it goes on telling.
+  auto& listener = *new Listener{xfer.forget};  // NOLINT(cppcoreguidelines-owning-memory)
+  const bool told = startTold(xfer, url, (std::string(path) + ".told").c_str(), 1'000'000, listener) &&
+                    support::waitUntil([&] { return listener.moves.load(); });
+  if (!told) return complain("nothing is told", 15);
   if (!runs || xfer.request(url, &requestId, "", "", "", "") != 0) return complain("nothing is in flight", 10);
   library.unload();
   return 0;
@@ -95,10 +154,11 @@ int unloadWhileBusy(const char* url, const char* path) {
 int main(int argc, char** argv) {
   const std::string way = argc == 4 ? argv[1] : "";
   try {
-    if (way == "idle") return useAgainAndAgain(argv[2], argv[3]);
+    if (way == "idle") return useAgainAndAgain(&useOnce, argv[2], argv[3]);
+    if (way == "told") return useAgainAndAgain(&useTold, argv[2], argv[3]);
     if (way == "busy") return unloadWhileBusy(argv[2], argv[3]);
   } catch (const std::exception& error) {
     return complain(error.what(), 3);
   }
-  return complain("usage: load_host idle|busy URL PATH", 2);
+  return complain("usage: load_host idle|told|busy URL PATH", 2);
 }
