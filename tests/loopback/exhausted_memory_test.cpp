@@ -583,6 +583,7 @@ TEST_P(EachAllocation, ofAStartWithARecordMeansThatNothingStartsOrThatItEndsWith
     options.headers = kHeaders.c_str();
     options.cookie = kCookie.c_str();
     options.knownSize = kSmallBody;
+    options.onEvent = [](void* /*user*/, const xfer_event* /*event*/) {};
     std::uint64_t id = 0;
     std::int32_t code = 0;
     const auto errorOf = [&] {

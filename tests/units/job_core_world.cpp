@@ -66,7 +66,7 @@ JobCoreWorld::JobCoreWorld(const WorldSetup& setup)
         DownloadPolicy policy;
         policy.numThreads = setup.connections;
         CoreOptions options;
-        options.history = setup.history;
+        options.history = options.news = setup.history;
         options.keepsPauses = setup.keepsPauses;
         if (setup.adaptive) {
           AdaptiveSettings& adaptive = options.adaptive.emplace();
@@ -685,8 +685,26 @@ std::string JobCoreWorld::brokenHistory() const {
     }
   }
   if (state != core_.state()) return "the last state is not told";
+  if (const std::string wrong = brokenNews(); !wrong.empty()) return wrong;
   if (isFinal(state) && !underWay.empty()) return "a request that never ends";
   return "";
+}
+
+// A host is told the events of some kinds, each of them and in their order.
+std::string JobCoreWorld::brokenNews() const {
+  using EventKind = DownloadEvent::Kind;
+  std::vector<DownloadEvent> wanted = core_.history().from(0);
+  std::erase_if(wanted, [](const DownloadEvent& event) {
+    return event.kind != EventKind::State && event.kind != EventKind::GivenUp && event.kind != EventKind::TriedAgain &&
+           event.kind != EventKind::HostLeftAlone;
+  });
+  const std::vector<DownloadEvent> news = core_.news().from(0);
+  const bool same = std::equal(wanted.begin(), wanted.end(), news.begin(), news.end(),
+                               [](const DownloadEvent& one, const DownloadEvent& other) {
+                                 return one.kind == other.kind && one.state == other.state &&
+                                        one.request == other.request && one.waitNs == other.waitNs;
+                               });
+  return same ? "" : "the news are not those of the history";
 }
 
 std::optional<std::uint64_t> JobCoreWorld::sizeOf(const Version& version) const {

@@ -187,6 +187,7 @@ class JobCoreWorld {
   [[nodiscard]] bool nothingPending() const;
   [[nodiscard]] std::string completedWrongly() const;
   [[nodiscard]] std::string brokenHistory() const;
+  [[nodiscard]] std::string brokenNews() const;
   [[nodiscard]] bool failureHasAReason() const;
 
   WorldSetup setup_;
