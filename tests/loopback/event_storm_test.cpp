@@ -16,6 +16,7 @@
 #include "support/plan_under_test.h"
 #include "support/scripted_server.h"
 #include "support/temp_dir.h"
+#include "support/wait_until.h"
 #include "xfer/xfer_download.h"
 
 namespace {
@@ -61,6 +62,8 @@ class Storm {
     for (const auto& one : downloads_) {
       if (const std::uint64_t id = one->id; id != 0) forget(id);
     }
+    // One that was forgotten by what it told may still be telling that.
+    EXPECT_TRUE(support::waitUntil([this] { return !inside_; }));
   }
 
   void expectNothingWrong() const {

@@ -230,27 +230,28 @@ DownloadJob::Impl::~Impl() {
 void DownloadJob::Impl::start() {
   const bool idle = withCore([](JobCore& core) { return core.state() == JobState::Idle; });
   if (!idle || started_.exchange(true)) return;
-  if (updates_) {
-    try {
-      eventDispatcher().add(updates_);
-    } catch (...) {
-      started_ = false;
-      throw;
-    }
-  }
-  if (request_.knownSize != 0 || options_.plan == DownloadPlan::Adaptive) return runDoStart();
-  const sys::MutexLock lock(workerMutex_);
+  const std::shared_ptr<JobUpdates> updates = updates_;
   try {
-    worker_ = std::thread([this] {
-      workerId_ = std::this_thread::get_id();
-      runDoStart();
-      workerId_ = std::thread::id();  // another thread may get the same one
-      sys::releaseThreadState();
-    });
+    if (updates) eventDispatcher().add(updates);
+    startRun();
   } catch (...) {
+    if (updates) eventDispatcher().remove(*updates);
     started_ = false;
     throw;
   }
+  if (updates) updates->open();  // the last thing that is done here: the host may destroy the job now
+}
+
+// On this thread, or on a worker when the server is to be asked first.
+void DownloadJob::Impl::startRun() {
+  if (request_.knownSize != 0 || options_.plan == DownloadPlan::Adaptive) return runDoStart();
+  const sys::MutexLock lock(workerMutex_);
+  worker_ = std::thread([this] {
+    workerId_ = std::this_thread::get_id();
+    runDoStart();
+    workerId_ = std::thread::id();  // another thread may get the same one
+    sys::releaseThreadState();
+  });
 }
 
 void DownloadJob::Impl::pause() noexcept {

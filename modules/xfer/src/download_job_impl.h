@@ -91,6 +91,7 @@ class DownloadJob::Impl final : public JobUpdates::Job {
   void failOnException() noexcept;
   void failNow(std::int32_t code) noexcept;
 
+  void startRun();
   void runDoStart() noexcept;
   void doStart();
   void startMoving();

@@ -15,6 +15,11 @@ constexpr std::chrono::milliseconds kWithoutMemory{100};  // until what could no
 
 }  // namespace
 
+void JobUpdates::open() noexcept {
+  open_ = true;
+  eventDispatcher().wake(*this);
+}
+
 void JobUpdates::close() noexcept {
   closed_ = true;
   eventDispatcher().remove(*this);
@@ -46,7 +51,7 @@ void JobUpdates::tellNews() {
 }
 
 std::optional<EventDispatcher::Time> JobUpdates::tell() noexcept {
-  if (closed_ || ended_) return std::nullopt;
+  if (!open_ || closed_ || ended_) return std::nullopt;
   const JobState state = job_.snapshot().state;  // before the news: whatever led to it is told
   try {
     tellNews();

@@ -4,7 +4,7 @@
 //   progress           when more bytes have arrived, and not sooner than the interval after the last one
 //   the end            once, after everything else
 //
-// Threads: close: any.  tell: the dispatcher's.
+// Threads: open and close: any.  tell: the dispatcher's.
 // Errors:  a callback that throws fails the job.
 #pragma once
 
@@ -39,6 +39,9 @@ class JobUpdates final : public EventDispatcher::Source {
 
   std::optional<EventDispatcher::Time> tell() noexcept override;
 
+  /// Nothing is told before: a callback may destroy the job, which nobody must be inside of then.
+  void open() noexcept;
+
   /// Nothing is told from now on; at once inside of the callback, else once a call that is under way has returned.
   void close() noexcept;
 
@@ -51,6 +54,7 @@ class JobUpdates final : public EventDispatcher::Source {
   Job& job_;
   const std::function<void(const DownloadUpdate&)> callback_;
   const std::chrono::milliseconds interval_;  // 0: progress is not told
+  std::atomic<bool> open_{false};
   std::atomic<bool> closed_{false};
 
   // The dispatcher's thread's.
