@@ -4,7 +4,7 @@ include(CMakePackageConfigHelpers)
 
 # The libraries lie side by side, wherever that is.
 set_target_properties(xfer PROPERTIES INSTALL_RPATH $ORIGIN)
-install(TARGETS xfer keel EXPORT xfer-targets
+install(TARGETS xfer xfer_keel EXPORT xfer-targets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})

@@ -1,6 +1,6 @@
 """Installs the build into a prefix of its own, and looks at it as a host's build would.
 
-The checks: install (the others but "symbols" need it), headers, compile, cmake, pkgconfig, symbols.
+The checks: install, headers, compile, cmake, pkgconfig; symbols and embed, which do without the prefix.
 """
 
 import argparse
@@ -13,8 +13,12 @@ import subprocess
 import sys
 
 HERE = pathlib.Path(__file__).parent
-CXX_FLAGS = ["-std=c++20", "-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror"]
-C_FLAGS = ["-std=c11", "-Wall", "-Wextra", "-Wpedantic", "-Werror"]
+# Hosts may be older than the library's own sources.
+CXX_STANDARDS = ["-std=c++17", "-std=c++20"]
+C_STANDARDS = ["-std=c99", "-std=c11"]
+CXX_FLAGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror"]
+C_FLAGS = ["-Wall", "-Wextra", "-Wpedantic", "-Werror"]
+C_HEADERS = ["xfer/version.h", "xfer/export.h", "xfer/xfer.h", "xfer/xfer_download.h"]
 
 
 def run(command, **options):
@@ -69,16 +73,21 @@ def headers(args):
 def compile_alone(args):
     include = args.prefix / "include"
     source = fresh(args.work / "compile")
-    for header in sorted(listed("installed_headers.txt")):
-        program = source / "alone.cpp"
-        program.write_text(f"#include <{header}>\n#include <{header}>\n")
-        run([args.cxx, *CXX_FLAGS, "-fsyntax-only", "-I", include, program])
-    program = source / "alone.c"
-    program.write_text("#include <xfer/xfer.h>\n#include <xfer/xfer.h>\n")
-    run([compiler_of_c(args.cxx), *C_FLAGS, "-fsyntax-only", "-I", include, program])
-    program = source / "without_library.cpp"
-    program.write_text("#define XFER_NO_CXX_LIBRARY\n#include <xfer/xfer.h>\n")
-    run([args.cxx, *CXX_FLAGS, "-nostdinc++", "-fsyntax-only", "-I", include, program])
+
+    def check(program, text, command):
+        program.write_text(text)
+        run([*command, *args.flags, "-fsyntax-only", "-I", include, program])
+
+    for standard in CXX_STANDARDS:
+        command = [args.cxx, standard, *CXX_FLAGS]
+        for header in sorted(listed("installed_headers.txt")):
+            check(source / "alone.cpp", f"#include <{header}>\n#include <{header}>\n", command)
+        text = "#define XFER_NO_CXX_LIBRARY\n#include <xfer/xfer.h>\n"
+        check(source / "without_library.cpp", text, [*command, "-nostdinc++"])
+    for standard in C_STANDARDS:
+        for header in C_HEADERS:
+            text = f"#include <{header}>\n#include <{header}>\nextern int unused;\n"
+            check(source / "alone.c", text, [compiler_of_c(args.cxx), standard, *C_FLAGS])
 
 
 def run_consumers(args, folder, environment):
@@ -89,17 +98,36 @@ def run_consumers(args, folder, environment):
             run([folder / name, str(unused.getsockname()[1])], cwd=args.work, timeout=60, env=environment)
 
 
-def consume_with_cmake(args):
-    folder = fresh(args.work / "cmake")
+def configure(args, source, folder, *options):
     flags = " ".join(args.flags)
     run(
-        ["cmake", "-S", HERE / "consumer", "-B", folder, f"-DCMAKE_PREFIX_PATH={args.prefix}"]
+        ["cmake", "-S", HERE / source, "-B", folder, *options]
         + [f"-DCMAKE_CXX_COMPILER={args.cxx}", f"-DCMAKE_C_COMPILER={compiler_of_c(args.cxx)}"]
         + [f"-DCMAKE_CXX_FLAGS={flags}", f"-DCMAKE_C_FLAGS={flags}"]
     )
+
+
+def without_library_path():
+    """The programs find the library by themselves, and the library what lies beside it."""
+    return {key: value for key, value in os.environ.items() if key != "LD_LIBRARY_PATH"}
+
+
+def consume_with_cmake(args):
+    folder = fresh(args.work / "cmake")
+    configure(args, "consumer", folder, f"-DCMAKE_PREFIX_PATH={args.prefix}", "-DCMAKE_CXX_STANDARD=17")
     run(["cmake", "--build", folder])
-    # The consumers find the library by themselves, and the library what lies beside it.
-    run_consumers(args, folder, {key: value for key, value in os.environ.items() if key != "LD_LIBRARY_PATH"})
+    run_consumers(args, folder, without_library_path())
+
+
+def embed(args):
+    folder = fresh(args.work / "embedding")
+    options = [f"-DXFER_SOURCE={HERE.parent.parent}", "-DCMAKE_BUILD_TYPE=Debug", "-G", "Ninja"]
+    if args.launcher:
+        options.append(f"-DCMAKE_CXX_COMPILER_LAUNCHER={args.launcher}")
+    configure(args, "embedding", folder, *options)
+    run(["cmake", "--build", folder])
+    run([folder / "own_parts"], timeout=60, env=without_library_path())
+    run_consumers(args, folder, without_library_path())
 
 
 def consume_with_pkg_config(args):
@@ -114,8 +142,8 @@ def consume_with_pkg_config(args):
 
     compile_flags, link_flags = ask("--cflags"), ask("--libs")
     for compiler, options, source in (
-        (args.cxx, CXX_FLAGS, "from_cxx.cpp"),
-        (compiler_of_c(args.cxx), C_FLAGS, "from_c.c"),
+        (args.cxx, [CXX_STANDARDS[0], *CXX_FLAGS], "from_cxx.cpp"),
+        (compiler_of_c(args.cxx), [C_STANDARDS[0], *C_FLAGS], "from_c.c"),
     ):
         program = folder / source.split(".")[0]
         command = [compiler, *options, *args.flags, *compile_flags, HERE / "consumer" / source]
@@ -137,6 +165,7 @@ CHECKS = {
     "headers": headers,
     "compile": compile_alone,
     "cmake": consume_with_cmake,
+    "embed": embed,
     "pkgconfig": consume_with_pkg_config,
     "symbols": symbols,
 }
@@ -149,6 +178,7 @@ def main():
         parser.add_argument("--" + name, type=pathlib.Path, required=True)
     parser.add_argument("--cxx", required=True)
     parser.add_argument("--flags", type=str.split, default=[])
+    parser.add_argument("--launcher", default="")
     args = parser.parse_args()
     CHECKS[args.check](args)
 
