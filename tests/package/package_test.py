@@ -1,6 +1,6 @@
 """Installs the build into a prefix of its own, and looks at it as a host's build would.
 
-The checks: install, headers, compile, cmake, pkgconfig; symbols and embed, which do without the prefix.
+The checks: install, headers, compile, move, cmake, static, pkgconfig; symbols and embed, which do without the prefix.
 """
 
 import argparse
@@ -95,7 +95,7 @@ def run_consumers(args, folder, environment):
     with socket.socket() as unused:
         unused.bind(("127.0.0.1", 0))
         for name in ("from_c", "from_cxx"):
-            run([folder / name, str(unused.getsockname()[1])], cwd=args.work, timeout=60, env=environment)
+            run([folder / name, str(unused.getsockname()[1])], cwd=folder, timeout=60, env=environment)
 
 
 def configure(args, source, folder, *options):
@@ -119,6 +119,35 @@ def consume_with_cmake(args):
     run_consumers(args, folder, without_library_path())
 
 
+def needed(program):
+    return set(re.findall(r"\(NEEDED\).*\[(.*)\]", run(["readelf", "-dW", program])))
+
+
+def expect_no_library_of_ours(program):
+    ours = {name for name in needed(program) if name.startswith(("libxfer", "libkeel"))}
+    if ours:
+        sys.exit(f"{program} needs {ours}")
+
+
+def consume_static_with_cmake(args):
+    folder = fresh(args.work / "static")
+    configure(args, "static_consumer", folder, f"-DCMAKE_PREFIX_PATH={args.prefix}", "-DCMAKE_CXX_STANDARD=17")
+    run(["cmake", "--build", folder])
+    for name in ("from_c", "from_cxx"):
+        expect_no_library_of_ours(folder / name)
+    run_consumers(args, folder, without_library_path())
+
+
+def move(args):
+    moved = fresh(args.work / "moved") / "prefix"
+    shutil.copytree(args.prefix, moved, symlinks=True)
+    tool = moved / "bin" / "xfer-get"
+    found = re.findall(r"lib(?:xfer|keel)\S* => (\S+)", run(["ldd", tool], env=without_library_path()))
+    if len(found) != 2 or not all(os.path.normpath(path).startswith(f"{moved}/") for path in found):
+        sys.exit(f"{tool} takes {found}")
+    run([tool, "--help"], timeout=60, env=without_library_path())
+
+
 def embed(args):
     folder = fresh(args.work / "embedding")
     options = [f"-DXFER_SOURCE={HERE.parent.parent}", "-DCMAKE_BUILD_TYPE=Debug", "-G", "Ninja"]
@@ -126,30 +155,33 @@ def embed(args):
         options.append(f"-DCMAKE_CXX_COMPILER_LAUNCHER={args.launcher}")
     configure(args, "embedding", folder, *options)
     run(["cmake", "--build", folder])
-    run([folder / "own_parts"], timeout=60, env=without_library_path())
+    for name in ("own_parts", "own_parts_static"):
+        run([folder / name], timeout=60, env=without_library_path())
+    expect_no_library_of_ours(folder / "own_parts_static")
     run_consumers(args, folder, without_library_path())
 
 
 def consume_with_pkg_config(args):
     folder = fresh(args.work / "pkgconfig")
+    folder_of_static = fresh(folder / "static")
     packages = list(args.prefix.rglob("pkgconfig"))
     if len(packages) != 1:
         sys.exit(f"pkgconfig folders: {packages}")
     environment = dict(os.environ, PKG_CONFIG_PATH=str(packages[0]))
 
-    def ask(*options):
-        return run(["pkg-config", *options, "xfer"], env=environment).split()
-
-    compile_flags, link_flags = ask("--cflags"), ask("--libs")
-    for compiler, options, source in (
-        (args.cxx, [CXX_STANDARDS[0], *CXX_FLAGS], "from_cxx.cpp"),
-        (compiler_of_c(args.cxx), [C_STANDARDS[0], *C_FLAGS], "from_c.c"),
-    ):
-        program = folder / source.split(".")[0]
-        command = [compiler, *options, *args.flags, *compile_flags, HERE / "consumer" / source]
-        run([*command, "-o", program, *link_flags])
-    environment["LD_LIBRARY_PATH"] = str(packages[0].parent)
-    run_consumers(args, folder, environment)
+    for package, target in (("xfer", folder), ("xfer-static", folder_of_static)):
+        compile_flags, link_flags = (run(["pkg-config", option, package], env=environment).split()
+                                     for option in ("--cflags", "--libs"))
+        for compiler, options, name, suffix in (
+            (args.cxx, [CXX_STANDARDS[0], *CXX_FLAGS], "from_cxx", ".cpp"),
+            (compiler_of_c(args.cxx), [C_STANDARDS[0], *C_FLAGS], "from_c", ".c"),
+        ):
+            source = HERE / "consumer" / (name + suffix)
+            run([compiler, *options, *args.flags, *compile_flags, source, "-o", target / name, *link_flags])
+    for name in ("from_c", "from_cxx"):
+        expect_no_library_of_ours(folder_of_static / name)
+    run_consumers(args, folder_of_static, without_library_path())
+    run_consumers(args, folder, dict(environment, LD_LIBRARY_PATH=str(packages[0].parent)))
 
 
 def symbols(args):
@@ -164,7 +196,9 @@ CHECKS = {
     "install": install,
     "headers": headers,
     "compile": compile_alone,
+    "move": move,
     "cmake": consume_with_cmake,
+    "static": consume_static_with_cmake,
     "embed": embed,
     "pkgconfig": consume_with_pkg_config,
     "symbols": symbols,
