@@ -21,6 +21,14 @@ if(WIN32)
   target_link_options(xfer_compile_options INTERFACE
     -static -Wl,--gc-sections,--dynamicbase,--high-entropy-va,--nxcompat $<$<CONFIG:Release>:-s>)
 endif()
+if(XFER_REPRODUCIBLE)
+  # The last one that fits counts: the build's folder may lie inside of the project's.
+  target_compile_options(xfer_compile_options INTERFACE
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}/=build/)
+  if(WIN32)
+    target_link_options(xfer_compile_options INTERFACE -Wl,--no-insert-timestamp)
+  endif()
+endif()
 
 # Those of what is shipped: what makes a fault harder to use.  Windows has its part in the image flags above.
 add_library(xfer_shipped_options INTERFACE)
