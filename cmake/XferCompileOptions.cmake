@@ -21,3 +21,29 @@ if(WIN32)
   target_link_options(xfer_compile_options INTERFACE
     -static -Wl,--gc-sections,--dynamicbase,--high-entropy-va,--nxcompat $<$<CONFIG:Release>:-s>)
 endif()
+if(XFER_REPRODUCIBLE)
+  # The last one that fits counts: the build's folder may lie inside of the project's.
+  target_compile_options(xfer_compile_options INTERFACE
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}/=build/)
+  if(WIN32)
+    target_link_options(xfer_compile_options INTERFACE -Wl,--no-insert-timestamp)
+  endif()
+endif()
+
+# Those of what is shipped: what makes a fault harder to use.  Windows has its part in the image flags above.
+add_library(xfer_shipped_options INTERFACE)
+target_link_libraries(xfer_shipped_options INTERFACE xfer_compile_options)
+if(NOT WIN32)
+  include(CheckCXXCompilerFlag)
+  include(CheckPIESupported)
+  check_pie_supported()
+  check_cxx_compiler_flag(-fcf-protection=full XFER_HAS_CF_PROTECTION)  # x86 only
+  target_compile_options(xfer_shipped_options INTERFACE
+    -fstack-protector-strong $<$<BOOL:${XFER_HAS_CF_PROTECTION}>:-fcf-protection=full>)
+  target_link_options(xfer_shipped_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+  # The checked functions of the C library need an optimiser, and sanitizers check those functions themselves.
+  if(NOT XFER_SANITIZE AND NOT XFER_FUZZ)
+    target_compile_options(xfer_shipped_options INTERFACE
+      $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  endif()
+endif()

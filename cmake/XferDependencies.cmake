@@ -2,10 +2,12 @@
 find_package(Threads REQUIRED)
 if(WIN32)
   # The static libcurl of scripts/windows-deps brings its own package file and its dependencies.
-  find_package(CURL CONFIG REQUIRED)
+  set(XFER_CURL_PACKAGE CURL CONFIG)
+  find_package(${XFER_CURL_PACKAGE} REQUIRED)
   add_library(xfer_curl ALIAS CURL::libcurl_static)
 else()
-  find_package(CURL 7.87 REQUIRED)
+  set(XFER_CURL_PACKAGE CURL 7.87)
+  find_package(${XFER_CURL_PACKAGE} REQUIRED)
   add_library(xfer_curl ALIAS CURL::libcurl)
 endif()
 

@@ -1,16 +1,16 @@
-# xfer_windows_version(<library> <description>): gives a dynamic library the version that Windows shows for the file,
-# which is the project's.  On other platforms it does nothing.
+# xfer_windows_version(<target> <library> <description>): gives a dynamic library the version that Windows shows for the
+# file <library>.dll, which is the project's.  On other platforms it does nothing.
 if(WIN32)
   enable_language(RC)
 endif()
 
-function(xfer_windows_version library description)
+function(xfer_windows_version target library description)
   if(NOT WIN32)
     return()
   endif()
   set(resource ${CMAKE_CURRENT_BINARY_DIR}/${library}-version.rc)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/WindowsVersion.rc.in ${resource} @ONLY)
   # A target of its own, because the resource compiler does not understand the compiler's options.
-  add_library(${library}_version OBJECT ${resource})
-  target_sources(${library} PRIVATE $<TARGET_OBJECTS:${library}_version>)
+  add_library(${target}_version OBJECT ${resource})
+  target_sources(${target} PRIVATE $<TARGET_OBJECTS:${target}_version>)
 endfunction()

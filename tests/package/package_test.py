@@ -1,6 +1,6 @@
 """Installs the build into a prefix of its own, and looks at it as a host's build would.
 
-The checks: install (the others but "symbols" need it), headers, compile, cmake, pkgconfig, symbols.
+The checks: install, headers, compile, move, cmake, static, pkgconfig; symbols and embed, which do without the prefix.
 """
 
 import argparse
@@ -13,8 +13,12 @@ import subprocess
 import sys
 
 HERE = pathlib.Path(__file__).parent
-CXX_FLAGS = ["-std=c++20", "-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror"]
-C_FLAGS = ["-std=c11", "-Wall", "-Wextra", "-Wpedantic", "-Werror"]
+# Hosts may be older than the library's own sources.
+CXX_STANDARDS = ["-std=c++17", "-std=c++20"]
+C_STANDARDS = ["-std=c99", "-std=c11"]
+CXX_FLAGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror"]
+C_FLAGS = ["-Wall", "-Wextra", "-Wpedantic", "-Werror"]
+C_HEADERS = ["xfer/version.h", "xfer/export.h", "xfer/xfer.h", "xfer/xfer_download.h", "xfer/xfer_request.h"]
 
 
 def run(command, **options):
@@ -69,18 +73,21 @@ def headers(args):
 def compile_alone(args):
     include = args.prefix / "include"
     source = fresh(args.work / "compile")
-    for header in sorted(listed("installed_headers.txt")):
-        program = source / "alone.cpp"
-        program.write_text(f"#include <{header}>\n#include <{header}>\n")
-        run([args.cxx, *CXX_FLAGS, "-fsyntax-only", "-I", include, program])
-    program = source / "alone.c"
-    for header in ("xfer/xfer.h", "xfer/xfer_download.h", "xfer/xfer_request.h"):
-        program.write_text(f"#include <{header}>\n#include <{header}>\n")
-        for standard in ("-std=c99", "-std=c11"):
-            run([compiler_of_c(args.cxx), *C_FLAGS, standard, "-fsyntax-only", "-I", include, program])
-    program = source / "without_library.cpp"
-    program.write_text("#define XFER_NO_CXX_LIBRARY\n#include <xfer/xfer.h>\n")
-    run([args.cxx, *CXX_FLAGS, "-nostdinc++", "-fsyntax-only", "-I", include, program])
+
+    def check(program, text, command):
+        program.write_text(text)
+        run([*command, *args.flags, "-fsyntax-only", "-I", include, program])
+
+    for standard in CXX_STANDARDS:
+        command = [args.cxx, standard, *CXX_FLAGS]
+        for header in sorted(listed("installed_headers.txt")):
+            check(source / "alone.cpp", f"#include <{header}>\n#include <{header}>\n", command)
+        text = "#define XFER_NO_CXX_LIBRARY\n#include <xfer/xfer.h>\n"
+        check(source / "without_library.cpp", text, [*command, "-nostdinc++"])
+    for standard in C_STANDARDS:
+        for header in C_HEADERS:
+            text = f"#include <{header}>\n#include <{header}>\nextern int unused;\n"
+            check(source / "alone.c", text, [compiler_of_c(args.cxx), standard, *C_FLAGS])
 
 
 def run_consumers(args, folder, environment):
@@ -88,42 +95,93 @@ def run_consumers(args, folder, environment):
     with socket.socket() as unused:
         unused.bind(("127.0.0.1", 0))
         for name in ("from_c", "from_cxx"):
-            run([folder / name, str(unused.getsockname()[1])], cwd=args.work, timeout=60, env=environment)
+            run([folder / name, str(unused.getsockname()[1])], cwd=folder, timeout=60, env=environment)
+
+
+def configure(args, source, folder, *options):
+    flags = " ".join(args.flags)
+    run(
+        ["cmake", "-S", HERE / source, "-B", folder, *options]
+        + [f"-DCMAKE_CXX_COMPILER={args.cxx}", f"-DCMAKE_C_COMPILER={compiler_of_c(args.cxx)}"]
+        + [f"-DCMAKE_CXX_FLAGS={flags}", f"-DCMAKE_C_FLAGS={flags}"]
+    )
+
+
+def without_library_path():
+    """The programs find the library by themselves, and the library what lies beside it."""
+    return {key: value for key, value in os.environ.items() if key != "LD_LIBRARY_PATH"}
 
 
 def consume_with_cmake(args):
     folder = fresh(args.work / "cmake")
-    flags = " ".join(args.flags)
-    run(
-        ["cmake", "-S", HERE / "consumer", "-B", folder, f"-DCMAKE_PREFIX_PATH={args.prefix}"]
-        + [f"-DCMAKE_CXX_COMPILER={args.cxx}", f"-DCMAKE_C_COMPILER={compiler_of_c(args.cxx)}"]
-        + [f"-DCMAKE_CXX_FLAGS={flags}", f"-DCMAKE_C_FLAGS={flags}"]
-    )
+    configure(args, "consumer", folder, f"-DCMAKE_PREFIX_PATH={args.prefix}", "-DCMAKE_CXX_STANDARD=17")
     run(["cmake", "--build", folder])
-    # The consumers find the library by themselves, and the library what lies beside it.
-    run_consumers(args, folder, {key: value for key, value in os.environ.items() if key != "LD_LIBRARY_PATH"})
+    run_consumers(args, folder, without_library_path())
+
+
+def needed(program):
+    return set(re.findall(r"\(NEEDED\).*\[(.*)\]", run(["readelf", "-dW", program])))
+
+
+def expect_no_library_of_ours(program):
+    ours = {name for name in needed(program) if name.startswith(("libxfer", "libkeel"))}
+    if ours:
+        sys.exit(f"{program} needs {ours}")
+
+
+def consume_static_with_cmake(args):
+    folder = fresh(args.work / "static")
+    configure(args, "static_consumer", folder, f"-DCMAKE_PREFIX_PATH={args.prefix}", "-DCMAKE_CXX_STANDARD=17")
+    run(["cmake", "--build", folder])
+    for name in ("from_c", "from_cxx"):
+        expect_no_library_of_ours(folder / name)
+    run_consumers(args, folder, without_library_path())
+
+
+def move(args):
+    moved = fresh(args.work / "moved") / "prefix"
+    shutil.copytree(args.prefix, moved, symlinks=True)
+    tool = moved / "bin" / "xfer-get"
+    found = re.findall(r"lib(?:xfer|keel)\S* => (\S+)", run(["ldd", tool], env=without_library_path()))
+    if len(found) != 2 or not all(os.path.normpath(path).startswith(f"{moved}/") for path in found):
+        sys.exit(f"{tool} takes {found}")
+    run([tool, "--help"], timeout=60, env=without_library_path())
+
+
+def embed(args):
+    folder = fresh(args.work / "embedding")
+    options = [f"-DXFER_SOURCE={HERE.parent.parent}", "-DCMAKE_BUILD_TYPE=Debug", "-G", "Ninja"]
+    if args.launcher:
+        options.append(f"-DCMAKE_CXX_COMPILER_LAUNCHER={args.launcher}")
+    configure(args, "embedding", folder, *options)
+    run(["cmake", "--build", folder])
+    for name in ("own_parts", "own_parts_static"):
+        run([folder / name], timeout=60, env=without_library_path())
+    expect_no_library_of_ours(folder / "own_parts_static")
+    run_consumers(args, folder, without_library_path())
 
 
 def consume_with_pkg_config(args):
     folder = fresh(args.work / "pkgconfig")
+    folder_of_static = fresh(folder / "static")
     packages = list(args.prefix.rglob("pkgconfig"))
     if len(packages) != 1:
         sys.exit(f"pkgconfig folders: {packages}")
     environment = dict(os.environ, PKG_CONFIG_PATH=str(packages[0]))
 
-    def ask(*options):
-        return run(["pkg-config", *options, "xfer"], env=environment).split()
-
-    compile_flags, link_flags = ask("--cflags"), ask("--libs")
-    for compiler, options, source in (
-        (args.cxx, CXX_FLAGS, "from_cxx.cpp"),
-        (compiler_of_c(args.cxx), C_FLAGS, "from_c.c"),
-    ):
-        program = folder / source.split(".")[0]
-        command = [compiler, *options, *args.flags, *compile_flags, HERE / "consumer" / source]
-        run([*command, "-o", program, *link_flags])
-    environment["LD_LIBRARY_PATH"] = str(packages[0].parent)
-    run_consumers(args, folder, environment)
+    for package, target in (("xfer", folder), ("xfer-static", folder_of_static)):
+        compile_flags, link_flags = (run(["pkg-config", option, package], env=environment).split()
+                                     for option in ("--cflags", "--libs"))
+        for compiler, options, name, suffix in (
+            (args.cxx, [CXX_STANDARDS[0], *CXX_FLAGS], "from_cxx", ".cpp"),
+            (compiler_of_c(args.cxx), [C_STANDARDS[0], *C_FLAGS], "from_c", ".c"),
+        ):
+            source = HERE / "consumer" / (name + suffix)
+            run([compiler, *options, *args.flags, *compile_flags, source, "-o", target / name, *link_flags])
+    for name in ("from_c", "from_cxx"):
+        expect_no_library_of_ours(folder_of_static / name)
+    run_consumers(args, folder_of_static, without_library_path())
+    run_consumers(args, folder, dict(environment, LD_LIBRARY_PATH=str(packages[0].parent)))
 
 
 def symbols(args):
@@ -138,7 +196,10 @@ CHECKS = {
     "install": install,
     "headers": headers,
     "compile": compile_alone,
+    "move": move,
     "cmake": consume_with_cmake,
+    "static": consume_static_with_cmake,
+    "embed": embed,
     "pkgconfig": consume_with_pkg_config,
     "symbols": symbols,
 }
@@ -151,6 +212,7 @@ def main():
         parser.add_argument("--" + name, type=pathlib.Path, required=True)
     parser.add_argument("--cxx", required=True)
     parser.add_argument("--flags", type=str.split, default=[])
+    parser.add_argument("--launcher", default="")
     args = parser.parse_args()
     CHECKS[args.check](args)
 

@@ -1,5 +1,5 @@
 """Compares the export table of a DLL with a list, and its imports with what every Windows has; the file must tell its
-version."""
+version.  The DLL and the images beside it must have the flags that let Windows protect them."""
 import argparse
 import re
 import subprocess
@@ -9,12 +9,22 @@ SYSTEM = {"advapi32.dll", "bcrypt.dll", "crypt32.dll", "kernel32.dll", "msvcrt.d
           "ws2_32.dll"}
 
 
+def dump_of(objdump, image):
+    return subprocess.run([objdump, "-p", image], check=True, capture_output=True, text=True).stdout
+
+
+def missing_flags(objdump, image):
+    characteristics = dump_of(objdump, image).partition("DllCharacteristics")[2].partition("SizeOfStackReserve")[0]
+    return [flag for flag in ("DYNAMIC_BASE", "NX_COMPAT", "HIGH_ENTROPY_VA") if flag not in characteristics]
+
+
 def main():
     parser = argparse.ArgumentParser()
     for name in ("objdump", "dll", "exports", "version"):
         parser.add_argument("--" + name, required=True)
+    parser.add_argument("--beside", nargs="+", required=True)
     args = parser.parse_args()
-    dump = subprocess.run([args.objdump, "-p", args.dll], check=True, capture_output=True, text=True).stdout
+    dump = dump_of(args.objdump, args.dll)
 
     names = dump[dump.index("[Ordinal/Name Pointer] Table"):]
     exported = set(re.findall(r"^\s*\[\s*\d+\]\s+(\S+)$", names, re.M))
@@ -25,9 +35,8 @@ def main():
     problems = [f"exported, not wanted: {name}" for name in sorted(exported - wanted)]
     problems += [f"wanted, not exported: {name}" for name in sorted(wanted - exported)]
     problems += [f"imported: {name}" for name in sorted(imported - SYSTEM - {"keel.dll"})]
-    for flag in ("DYNAMIC_BASE", "NX_COMPAT", "HIGH_ENTROPY_VA"):
-        if flag not in dump:
-            problems.append(f"image flag missing: {flag}")
+    for image in (args.dll, *args.beside):
+        problems += [f"{image}: flag missing: {flag}" for flag in missing_flags(args.objdump, image)]
     with open(args.dll, "rb") as file:
         resource = file.read().partition("ProductVersion\0".encode("utf-16-le"))[2]
     if not resource.lstrip(b"\0").startswith((args.version + "\0").encode("utf-16-le")):
