@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <limits>
 #include <new>
 #include <optional>
 #include <set>
@@ -11,6 +12,8 @@
 #include <vector>
 
 #include "curl_multi_backend.h"
+#include "fetch_option_values.h"
+#include "fetch_stoppable.h"
 #include "rate_limit.h"
 #include "remote_file.h"
 #include "steady_time.h"
@@ -20,6 +23,7 @@
 #include "support/scripted_server.h"
 #include "xfer/download_job.h"
 #include "xfer/fetch.h"
+#include "xfer/xfer_request.h"
 
 namespace {
 
@@ -34,6 +38,7 @@ using xfer::TransferRequest;
 constexpr std::uint64_t kFileBytes = 1000;
 constexpr int kProbeTimeoutSec = 7;
 constexpr int kNoRequest = -1;
+constexpr int kOutOfMemory = 100000;
 
 const std::string kDefaultLines =
     "Accept: */*\n"
@@ -103,6 +108,9 @@ const Options kProbe = with(kFetch, {{"TIMEOUT", std::to_string(kProbeTimeoutSec
                                      {"HTTPHEADER", "Range: bytes=0-0\n" + kDefaultLines},
                                      {"SUPPRESS_CONNECT_HEADERS", "1"}});
 
+// Of the C interface: without a limit for the whole request.
+const Options kNumbers = with(kFetch, {}, {"TIMEOUT"});
+
 const Options kRange = with(kEvery, {{"MAXREDIRS", "10"},
                                      {"CONNECTTIMEOUT", "20"},
                                      {"LOW_SPEED_LIMIT", "1024"},
@@ -121,13 +129,35 @@ const Options kShare{{"SHARE", "3; 4; 5"},  // host names, TLS sessions, connect
 
 struct Fetch {
   std::function<void(Request&)> ask = [](Request&) {};
+  std::optional<xfer::FetchOptions> options{};
 
   int run(const std::string& url, const net::Proxy& proxy) const {
     Request request;
     request.url = url;
     request.proxy = proxy;
     ask(request);
-    return xfer::fetch(request).curlCode;
+    return (options ? xfer::fetch(request, *options) : xfer::fetch(request)).curlCode;
+  }
+};
+
+// Of the C interface.
+struct Numbers {
+  std::function<void(xfer_request_options&)> ask = [](xfer_request_options&) {};
+
+  int run(const std::string& url, const net::Proxy& proxy) const {
+    xfer_request_options options;
+    xfer_response response;
+    xfer_requestOptionsInit(&options);
+    xfer_responseInit(&response);
+    const std::string proxyText = proxy.host.empty() ? ""
+                                                     : proxy.username + ":" + proxy.password + "@" + proxy.host + ":" +
+                                                           std::to_string(proxy.port);
+    options.url = url.c_str();
+    options.proxy = proxyText.c_str();
+    ask(options);
+    const int code = xfer_request(&options, &response);
+    if (code == kOutOfMemory) throw std::bad_alloc();
+    return code;
   }
 };
 
@@ -168,7 +198,7 @@ enum class By { Itself, Proxy };
 
 struct Row {
   std::string name{};
-  std::variant<Fetch, Probe, Range> operation{};
+  std::variant<Fetch, Numbers, Probe, Range> operation{};
   Options easy{};
   Options later{};  // set before the requests of the transfer
   std::optional<Options> multi{};
@@ -189,6 +219,14 @@ net::Proxy login(const std::string& username, const std::string& password) {
 }
 
 Fetch fetchOf(std::function<void(Request&)> ask) {
+  return {std::move(ask)};
+}
+
+Fetch fetchWith(const xfer::FetchOptions& options, const std::string& body = "") {
+  return {[body](Request& request) { request.body = body; }, options};
+}
+
+Numbers numbersOf(std::function<void(xfer_request_options&)> ask) {
   return {std::move(ask)};
 }
 
@@ -306,6 +344,78 @@ const std::vector<Row>& rows() {
        .easy = with(kFetch, kSecrets),
        .later = kElsewhereAndBack,
        .path = kThereAndBack},
+
+      {.name = "fetchWithOptionsThatAreNotSet", .operation = fetchWith(xfer::FetchOptions()), .easy = kFetch},
+      {.name = "fetchOfEveryOption",
+       .operation = fetchWith(xfer::FetchOptions()
+                                  .setMethod("PUT")
+                                  .setMaxRedirects(3)
+                                  .setOnBody([](std::int32_t, std::string_view) { return true; })
+                                  .setCancelToken(xfer::CancelToken()),
+                              "ab"),
+       .easy = with(kFetch, {{"CUSTOMREQUEST", "PUT"},
+                             {"POST", "1"},
+                             {"POSTFIELDS", "ab"},
+                             {"POSTFIELDSIZE", "2"},
+                             {"MAXREDIRS", "3"}})},
+      {.name = "fetchOfAHead",
+       .operation = fetchWith(xfer::FetchOptions().setMethod("HEAD")),
+       .easy = with(kFetch, {{"NOBODY", "1"}})},
+      {.name = "fetchWithAMethodAndNoBody",
+       .operation = fetchWith(xfer::FetchOptions().setMethod("DELETE")),
+       .easy = with(kFetch, {{"CUSTOMREQUEST", "DELETE"}})},
+      {.name = "fetchWithAMethodAndAnEmptyBody",
+       .operation = fetchWith(xfer::FetchOptions().setMethod("POST")),
+       .easy = with(kFetch, {{"CUSTOMREQUEST", "POST"}, {"POST", "1"}, {"POSTFIELDS", ""}, {"POSTFIELDSIZE", "0"}})},
+      {.name = "fetchThatFollowsNoRedirect",
+       .operation = fetchWith(xfer::FetchOptions().setMaxRedirects(0)),
+       .easy = with(kFetch, {{"FOLLOWLOCATION", "0"}, {"MAXREDIRS", "0"}})},
+      {.name = "fetchWithAHighRedirectLimit",
+       .operation = fetchWith(xfer::FetchOptions().setMaxRedirects(0xffff'ffff)),
+       .easy = with(kFetch, {{"MAXREDIRS", "32767"}})},
+
+      {.name = "numbersOfNothingElse", .operation = Numbers{}, .easy = kNumbers},
+      {.name = "numbersOfEverything",
+       .operation = numbersOf([](xfer_request_options& options) {
+         options.method = "PATCH";
+         options.headers = "X-Own: 1\naccept: lower\nAccept-Language: de";
+         options.cookie = kCookie.c_str();
+         options.userAgent = "own";
+         options.body = "a=1&b=2";
+         options.bodySize = 7;
+         options.maxRedirects = 4;
+         options.connectTimeoutSec = 21;
+         options.timeoutSec = 22;
+         options.lowSpeedTimeSec = 23;
+       }),
+       .easy =
+           with(kFetch, with(kGuard, {{"COOKIE", kCookie},
+                                      {"HTTPHEADER", "X-Own: 1\naccept: lower\nAccept-Language: de\nUser-Agent: own\n" +
+                                                         kMissingLines},
+                                      {"CUSTOMREQUEST", "PATCH"},
+                                      {"POST", "1"},
+                                      {"POSTFIELDS", "a=1&b=2"},
+                                      {"POSTFIELDSIZE", "7"},
+                                      {"MAXREDIRS", "4"},
+                                      {"CONNECTTIMEOUT", "21"},
+                                      {"TIMEOUT", "22"},
+                                      {"LOW_SPEED_TIME", "23"},
+                                      {"PROXY", kServer},
+                                      {"PROXYUSERNAME", "user"},
+                                      {"PROXYPASSWORD", "secret"}})),
+       .later = kGuarded,
+       .by = By::Proxy,
+       .login = login("user", "secret")},
+      {.name = "numbersWithoutLimits",
+       .operation = numbersOf([](xfer_request_options& options) {
+         options.connectTimeoutSec = options.timeoutSec = options.lowSpeedTimeSec = 0;
+       }),
+       .easy = with(kNumbers, {}, {"CONNECTTIMEOUT", "LOW_SPEED_LIMIT", "LOW_SPEED_TIME"})},
+      {.name = "numbersWithLimitsOfMonths",
+       .operation = numbersOf([](xfer_request_options& options) {
+         options.connectTimeoutSec = options.timeoutSec = options.lowSpeedTimeSec = 0xffff'ffff;
+       }),
+       .easy = with(kNumbers, {{"CONNECTTIMEOUT", "2147483"}, {"TIMEOUT", "2147483"}, {"LOW_SPEED_TIME", "2147483"}})},
 
       {.name = "probeOfNothingElse", .operation = Probe{}, .easy = kProbe},
       {.name = "probeOfEverything",
@@ -446,7 +556,9 @@ const std::vector<Row>& rows() {
 // The rows in which each option that there is has a value.
 std::vector<Row> fullRows() {
   std::vector<Row> full = rows();
-  std::erase_if(full, [](const Row& row) { return !row.name.ends_with("OfEverything"); });
+  std::erase_if(full, [](const Row& row) {
+    return !row.name.ends_with("OfEverything") && row.name != "fetchOfEveryOption" && row.name != "fetchOfAHead";
+  });
   return full;
 }
 
@@ -546,5 +658,35 @@ TEST_P(RefusedCurlOptions, asUnknownAreLeftOut) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, RefusedCurlOptions, testing::ValuesIn(fullRows()), nameOf);
+
+TEST_F(CurlOptions, aMethodThatLibcurlDoesNotTakeIsNotLeftOut) {
+  server_.setHandler(support::patternFile(kFileBytes));
+  for (const auto& [name, method] :
+       {std::pair<std::string, std::string>{"CUSTOMREQUEST", "DELETE"}, {"NOBODY", "HEAD"}}) {
+    const support::RefusedOptions refused([&, refusedName = name](const std::string& set) {
+      return set == refusedName ? CURLE_UNKNOWN_OPTION : CURLE_OK;
+    });
+    EXPECT_EQ(fetchWith(xfer::FetchOptions().setMethod(method)).run(server_.url(kFile), {}), CURLE_UNKNOWN_OPTION);
+  }
+  EXPECT_EQ(server_.requests().size(), 0U);
+}
+
+// More than a long can say, which has 32 bits on some platforms.  libcurl takes the size before it reads the body.
+TEST_F(CurlOptions, sizeOfAHugeBodyIsToldInFull) {
+  constexpr auto kHuge = static_cast<std::size_t>(std::numeric_limits<long>::max()) + 1;
+  Request request;
+  request.url = server_.url(kFile);
+  for (const CURLcode code : {CURLE_OUT_OF_MEMORY, CURLE_UNKNOWN_OPTION}) {
+    const support::RefusedOptions refused(
+        [&](const std::string& set) { return set == "POSTFIELDSIZE_LARGE" ? code : CURLE_OK; });
+    const auto run = [&] { return xfer::fetchKept(request, {}, {"x", kHuge}, {}).response.curlCode; };
+    if (code == CURLE_OUT_OF_MEMORY) {
+      EXPECT_THROW(static_cast<void>(run()), std::bad_alloc);
+    } else {
+      EXPECT_EQ(run(), code);
+    }
+  }
+  EXPECT_EQ(server_.requests().size(), 0U);
+}
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "keel/keel.h"
@@ -27,6 +28,7 @@
 #include "xfer/fetch.h"
 #include "xfer/xfer.h"
 #include "xfer/xfer_download.h"
+#include "xfer/xfer_request.h"
 
 namespace {
 
@@ -516,6 +518,54 @@ TEST_P(EachAllocation, ofAContentLengthMeansThatItIsUnknown) {
   EXPECT_EQ(length, static_cast<std::int64_t>(kSmallBody));
 }
 
+TEST_P(EachAllocation, ofARequestWithARecordEndsItWith100000) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const std::string url = server.url("/file");
+  const std::string userAgent(60, 'u');
+  const std::string method(60, 'M');
+  const std::string proxy =
+      std::string(60, 'u') + ":" + std::string(60, 'p') + "@127.0.0.1:" + std::to_string(server.port());
+  xfer_request_options options;
+  xfer_response response;
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  xfer_requestOptionsInit(&options);
+  xfer_responseInit(&response);
+  options.url = url.c_str();
+  options.method = method.c_str();
+  options.headers = kHeaders.c_str();
+  options.cookie = kCookie.c_str();
+  options.userAgent = userAgent.c_str();
+  options.proxy = proxy.c_str();
+  options.cancel = xfer_cancelNew();
+  response.headers = &headers;
+  response.body = &body;
+  std::int32_t code = 0;
+  failEach([&] { code = xfer_request(&options, &response); },
+           [&] {
+             EXPECT_EQ(code, 100000);
+             EXPECT_EQ(response.error, 100000);
+             EXPECT_EQ(response.headers, &headers);
+             EXPECT_EQ(headers.size() + body.size(), 0U);
+             EXPECT_EQ(log_.count("xfer_request exception"), GetParam() == Failing::One ? 1U : 0U);
+           });
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(response.error, 0);
+  EXPECT_EQ(response.httpStatus, 200);
+  EXPECT_EQ(body.toString(), support::patternBytes(0, kSmallBody));
+  xfer_cancelFree(options.cancel);
+}
+
+TEST_P(EachAllocation, ofACancelMeansThatThereIsNone) {
+  xfer_cancel* cancel = nullptr;
+  failEach([&] { cancel = xfer_cancelNew(); }, [&] { EXPECT_EQ(cancel, nullptr); });
+  ASSERT_NE(cancel, nullptr);
+  const FailingAllocation failing(1, GetParam());
+  xfer_cancelSet(cancel);
+  xfer_cancelFree(cancel);
+  EXPECT_EQ(g_refused, 0);
+}
+
 struct Progress {
   std::uint64_t downloaded = kUntouched;
   std::uint32_t error = kUntouched;
@@ -759,6 +809,33 @@ TEST_P(EachAllocation, ofAFetchIsThrown) {
   failEach([&] { succeeded = succeeds([&] { response = xfer::fetch(request); }); }, [&] { EXPECT_FALSE(succeeded); });
   EXPECT_TRUE(succeeded);
   EXPECT_EQ(response.body, support::patternBytes(0, kSmallBody));
+}
+
+TEST_P(EachAllocation, ofAFetchWithEveryOptionIsThrownAndLeavesTheOptionsAsTheyWere) {
+  const support::ScriptedServer server(support::patternFile(kSmallBody));
+  const xfer::Request request = requestOf(server.url("/file"));
+  std::string seen;
+  seen.reserve(kSmallBody);
+  xfer::Response response;
+  bool succeeded = true;
+  failEach(
+      [&] {
+        seen.clear();
+        succeeded = succeeds([&] {
+          xfer::FetchOptions options;
+          options.setMethod(std::string(60, 'M')).setUserAgent(std::string(60, 'u')).setMaxRedirects(3);
+          options.setCancelToken(xfer::CancelToken()).setOnBody([&](std::int32_t, std::string_view bytes) {
+            seen += bytes;
+            return true;
+          });
+          const xfer::FetchOptions copy = options;
+          response = xfer::fetch(request, copy);
+        });
+      },
+      [&] { EXPECT_FALSE(succeeded); });
+  EXPECT_TRUE(succeeded);
+  EXPECT_EQ(response.status, 200);
+  EXPECT_EQ(seen, support::patternBytes(0, kSmallBody));
 }
 
 // Without a server, whose allocations would count too.

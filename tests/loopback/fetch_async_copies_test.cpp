@@ -1,4 +1,4 @@
-// How often a request is copied on its way to its thread.  This program's operator new counts the blocks that are large
+// How often a request, or its body, is copied on its way.  This program's operator new counts the blocks that are large
 // enough for the request's body; libcurl's own memory, which is not C++'s, is not counted.
 #include <gtest/gtest.h>
 
@@ -9,6 +9,7 @@
 
 #include "support/unused_port.h"
 #include "xfer/fetch.h"
+#include "xfer/xfer_request.h"
 
 namespace {
 
@@ -50,6 +51,33 @@ TEST(FetchAsync, copiesItsRequestOnce) {
   g_bodies = 0;
   EXPECT_EQ(xfer::fetchAsync(request).get().curlCode, 7);
   EXPECT_EQ(g_bodies, 1);
+}
+
+TEST(Fetch, copiesNoBody) {
+  const support::UnusedPort nobody;
+  xfer::Request request;
+  request.url = nobody.url("/");
+  request.body = std::string(kBodyBytes, 'x');
+  const xfer::FetchOptions options = xfer::FetchOptions().setUserAgent("host/1").setMethod("PUT").setMaxRedirects(1);
+  g_bodies = 0;
+  EXPECT_EQ(xfer::fetch(request, options).curlCode, 7);
+  EXPECT_EQ(g_bodies, 0);
+}
+
+TEST(CRequest, copiesNoBody) {
+  const support::UnusedPort nobody;
+  const std::string url = nobody.url("/");
+  const std::string body(kBodyBytes, 'x');
+  xfer_request_options options;
+  xfer_response response;
+  xfer_requestOptionsInit(&options);
+  xfer_responseInit(&response);
+  options.url = url.c_str();
+  options.body = body.data();
+  options.bodySize = body.size();
+  g_bodies = 0;
+  EXPECT_EQ(xfer_request(&options, &response), 7);
+  EXPECT_EQ(g_bodies, 0);
 }
 
 }  // namespace

@@ -49,8 +49,8 @@ constexpr milliseconds kPrompt{500};  // below the second that a fetch waits at 
 
 class Discard final : public xfer::FetchReceiver {
  public:
-  bool header(std::string_view /*line*/) override { return true; }
-  bool body(std::string_view /*bytes*/) override { return true; }
+  xfer::Next header(std::string_view /*line*/) override { return xfer::Next::More; }
+  xfer::Next body(std::int32_t /*status*/, std::string_view /*bytes*/) override { return xfer::Next::More; }
 };
 
 class FetchStop : public testing::Test {

@@ -74,8 +74,10 @@ def compile_alone(args):
         program.write_text(f"#include <{header}>\n#include <{header}>\n")
         run([args.cxx, *CXX_FLAGS, "-fsyntax-only", "-I", include, program])
     program = source / "alone.c"
-    program.write_text("#include <xfer/xfer.h>\n#include <xfer/xfer.h>\n")
-    run([compiler_of_c(args.cxx), *C_FLAGS, "-fsyntax-only", "-I", include, program])
+    for header in ("xfer/xfer.h", "xfer/xfer_download.h", "xfer/xfer_request.h"):
+        program.write_text(f"#include <{header}>\n#include <{header}>\n")
+        for standard in ("-std=c99", "-std=c11"):
+            run([compiler_of_c(args.cxx), *C_FLAGS, standard, "-fsyntax-only", "-I", include, program])
     program = source / "without_library.cpp"
     program.write_text("#define XFER_NO_CXX_LIBRARY\n#include <xfer/xfer.h>\n")
     run([args.cxx, *CXX_FLAGS, "-nostdinc++", "-fsyntax-only", "-I", include, program])

@@ -104,6 +104,37 @@ TEST(ResolveProxy, storesPort80WhereTheSpecNamesNone) {
   setModuleProxy({});
 }
 
+TEST(UnworkableMethod, isNoneOfAnyToken) {
+  std::string token = "!#$%&'*+-.^_`|~";
+  for (char c = '0'; c <= '9'; ++c) token += c;
+  for (char c = 'A'; c <= 'Z'; ++c) token += c;
+  for (char c = 'a'; c <= 'z'; ++c) token += c;
+  for (const std::uint64_t bodySize : {0U, 1U}) {
+    EXPECT_EQ(unworkableMethod("", bodySize), nullptr);
+    EXPECT_EQ(unworkableMethod("PUT", bodySize), nullptr);
+    EXPECT_EQ(unworkableMethod(token, bodySize), nullptr);
+    for (const char c : token) EXPECT_EQ(unworkableMethod(std::string(1, c), bodySize), nullptr) << c;
+  }
+}
+
+TEST(UnworkableMethod, isAnyTextWithAnotherCharacter) {
+  const std::string token = "!#$%&'*+-.^_`|~";
+  for (int value = 0; value < 256; ++value) {
+    const char c = static_cast<char>(value);
+    const bool letterOrDigit = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+    if (letterOrDigit || token.find(c) != std::string::npos) continue;
+    for (const std::string& text :
+         {std::string(1, c), c + std::string("PUT"), std::string("PUT") + c, std::string("P") + c + "UT"}) {
+      EXPECT_STREQ(unworkableMethod(text, 0), "method") << value;
+    }
+  }
+}
+
+TEST(UnworkableMethod, isHeadWithABody) {
+  EXPECT_EQ(unworkableMethod("HEAD", 0), nullptr);
+  EXPECT_STREQ(unworkableMethod("HEAD", 1), "body");
+}
+
 TEST(MediaType, isReadWhateverTheCaseOfTheName) {
   EXPECT_EQ(mediaTypeFromHeaders("HTTP/1.1 200 OK\r\nContent-Type: video/mp4; codecs=x\r\n"), 1);
   EXPECT_EQ(mediaTypeFromHeaders("CONTENT-TYPE:video/webm"), 4);

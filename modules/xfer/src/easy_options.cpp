@@ -41,24 +41,17 @@ bool hasLineBreak(std::string_view text) {
   return text.find_first_of("\r\n") != std::string_view::npos;
 }
 
-// Unlike any other option, those that narrow what is trusted may not be left out.
-template <class Value>
-std::int32_t require(CURL* easy, CURLoption option, Value value) {
-  const CURLcode code = curl_easy_setopt(easy, option, value);
-  if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
-  return code;
-}
-
+// Those that narrow what is trusted may not be left out.
 std::int32_t applyTrust(CURL* easy, const TlsTrust& trust) {
   if (trust.verifyPeer) {
-    if (const auto code = require(easy, CURLOPT_SSL_VERIFYPEER, 1L)) return code;
-    if (const auto code = require(easy, CURLOPT_SSL_VERIFYHOST, 2L)) return code;
+    if (const auto code = requireOption(easy, CURLOPT_SSL_VERIFYPEER, 1L)) return code;
+    if (const auto code = requireOption(easy, CURLOPT_SSL_VERIFYHOST, 2L)) return code;
   } else {
     setOption(easy, CURLOPT_SSL_VERIFYPEER, 0L);
     setOption(easy, CURLOPT_SSL_VERIFYHOST, 0L);
   }
   if (!trust.caFile.empty()) {
-    if (const auto code = require(easy, CURLOPT_CAINFO, trust.caFile.c_str())) return code;
+    if (const auto code = requireOption(easy, CURLOPT_CAINFO, trust.caFile.c_str())) return code;
     // Only the file counts; where libcurl has no folder of its own, it may not know the option.
     setOption(easy, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
     setOption(easy, CURLOPT_CA_CACHE_TIMEOUT, 0L);  // the host may replace the file
@@ -66,7 +59,7 @@ std::int32_t applyTrust(CURL* easy, const TlsTrust& trust) {
     setOption(easy, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NATIVE_CA));  // has no effect but on Windows
   }
   if (trust.pinnedKey.empty()) return CURLE_OK;
-  return require(easy, CURLOPT_PINNEDPUBLICKEY, trust.pinnedKey.c_str());
+  return requireOption(easy, CURLOPT_PINNEDPUBLICKEY, trust.pinnedKey.c_str());
 }
 
 }  // namespace

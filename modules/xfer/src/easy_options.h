@@ -35,6 +35,15 @@ void setOption(CURL* easy, CURLoption option, Value value) {
   if (curl_easy_setopt(easy, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
 }
 
+/// As setOption, but for an option that must not be left out: libcurl's code when it does not take it.  The transfer
+/// must not run then.
+template <class Value>
+[[nodiscard]] std::int32_t requireOption(CURL* easy, CURLoption option, Value value) {
+  const CURLcode code = curl_easy_setopt(easy, option, value);
+  if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  return code;
+}
+
 /// Allows only http and https, redirects included; sets the cipher lists, and what is trusted.  Returns 0, or libcurl's
 /// code when it cannot check what trust asks for: the transfer must not run then.
 [[nodiscard]] std::int32_t applyTransport(CURL* easy, const TlsTrust& trust);

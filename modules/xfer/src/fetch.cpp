@@ -1,11 +1,14 @@
 #include "xfer/fetch.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <exception>
 #include <limits>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "curl_handles.h"
 #include "easy_options.h"
@@ -29,53 +32,73 @@ constexpr int kStopCheckMs = 50;      // when libcurl cannot be woken
 
 // State of a transfer that libcurl's callbacks update.
 struct Arrival {
+  CURL* const easy;
   FetchReceiver& receiver;
   std::uint64_t bodyBytes = 0;
-  bool endedByReceiver = false;
+  Next next = Next::More;
   std::exception_ptr failure{};
 };
 
-std::size_t takeHeader(char* bytes, std::size_t size, std::size_t count, void* userdata) {
-  auto& arrival = *static_cast<Arrival*>(userdata);
+// Gives a part of the response to the receiver; returns what libcurl's callback is to return.
+template <class Give>
+std::size_t give(Arrival& arrival, std::size_t size, Give give) {
   try {
-    arrival.endedByReceiver = !arrival.receiver.header({bytes, size * count});
-    return arrival.endedByReceiver ? CURL_WRITEFUNC_ERROR : size * count;
+    arrival.next = give();
+    return arrival.next == Next::More ? size : CURL_WRITEFUNC_ERROR;
   } catch (...) {
     arrival.failure = std::current_exception();
     return CURL_WRITEFUNC_ERROR;
   }
+}
+
+std::size_t takeHeader(char* bytes, std::size_t size, std::size_t count, void* userdata) {
+  auto& arrival = *static_cast<Arrival*>(userdata);
+  return give(arrival, size * count, [&] { return arrival.receiver.header({bytes, size * count}); });
+}
+
+std::int32_t statusOf(CURL* easy) {
+  long status = 0;
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+  return static_cast<std::int32_t>(status);
 }
 
 std::size_t takeBody(char* bytes, std::size_t size, std::size_t count, void* userdata) {
   auto& arrival = *static_cast<Arrival*>(userdata);
-  try {
-    arrival.bodyBytes += size * count;
-    arrival.endedByReceiver = !arrival.receiver.body({bytes, size * count});
-    return arrival.endedByReceiver ? CURL_WRITEFUNC_ERROR : size * count;
-  } catch (...) {
-    arrival.failure = std::current_exception();
-    return CURL_WRITEFUNC_ERROR;
-  }
+  arrival.bodyBytes += size * count;
+  return give(arrival, size * count, [&] {
+    return arrival.receiver.body(statusOf(arrival.easy), {bytes, size * count});
+  });
 }
 
-// Keeps the headers of all responses, and the body if keepsBody.
+// Keeps parts of a response, and hands its body to a host.
 class Collector final : public FetchReceiver {
  public:
-  Collector(Response& response, bool keepsBody) : response_(response), keepsBody_(keepsBody) {}
+  Collector(Response& response, Kept kept, const BodyCallback* onBody = nullptr)
+      : response_(response), kept_(kept), onBody_(onBody) {}
 
-  bool header(std::string_view line) override {
-    response_.headers += line;
-    return true;
+  Next header(std::string_view line) override {
+    if (kept_.headers) response_.headers += line;
+    return Next::More;
   }
 
-  bool body(std::string_view bytes) override {
-    if (keepsBody_) response_.body += bytes;
-    return true;
+  Next body(std::int32_t status, std::string_view bytes) override {
+    if (onBody_ != nullptr) return hand(status, bytes);
+    if (kept_.body) response_.body += bytes;
+    return Next::More;
   }
 
  private:
+  [[nodiscard]] Next hand(std::int32_t status, std::string_view bytes) const {
+    try {
+      return (*onBody_)(status, bytes) ? Next::More : Next::Aborted;
+    } catch (...) {
+      return Next::Threw;
+    }
+  }
+
   Response& response_;
-  bool keepsBody_;
+  const Kept kept_;
+  const BodyCallback* const onBody_;
 };
 
 StopSignal& unloading() {
@@ -111,17 +134,44 @@ CURLcode perform(CURL* easy, const ShareLease& lease, const StopSignal& stop) {
   return code;
 }
 
-// 0, or libcurl's code when the request cannot be made as it is to be.
-std::int32_t applyRequest(CURL* easy, const Request& request, const TlsTrust& trust) {
-  setOption(easy, CURLOPT_URL, request.url.c_str());
-  if (!request.body.empty()) {
+// The method and the body.  0, or libcurl's code.
+std::int32_t applyMethod(CURL* easy, const std::string& method, std::string_view body) {
+  // Servers expect a length with these, also when it is 0.
+  const bool hasLength = !body.empty() || method == "POST" || method == "PUT" || method == "PATCH";
+  if (hasLength) {
+    constexpr std::uint64_t kMost = std::numeric_limits<long>::max();
     setOption(easy, CURLOPT_POST, 1L);
-    setOption(easy, CURLOPT_POSTFIELDS, request.body.data());  // not copied; request outlives the transfer
-    setOption(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
+    setOption(easy, CURLOPT_POSTFIELDS, body.empty() ? "" : body.data());  // not copied; the body outlives the transfer
+    if (body.size() <= kMost) {
+      setOption(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    } else if (const auto code =
+                   requireOption(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()))) {
+      return code;
+    }
   }
-  setOption(easy, CURLOPT_FOLLOWLOCATION, request.followRedirects ? 1L : 0L);
-  setOption(easy, CURLOPT_MAXREDIRS, 20L);
+  if (method.empty()) return CURLE_OK;
+  if (method == "HEAD") return requireOption(easy, CURLOPT_NOBODY, 1L);  // by another method libcurl awaits a body
+  return requireOption(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+}
+
+void applyRedirects(CURL* easy, const Request& request, const FetchExtras& extras) {
+  constexpr std::uint32_t kUnlessSet = 20;
+  constexpr std::uint32_t kMost = 32767;  // releases of libcurl refuse more
+  const bool follows = extras.maxRedirects ? *extras.maxRedirects > 0 : request.followRedirects;
+  setOption(easy, CURLOPT_FOLLOWLOCATION, follows ? 1L : 0L);
+  setOption(easy, CURLOPT_MAXREDIRS, static_cast<long>(std::min(extras.maxRedirects.value_or(kUnlessSet), kMost)));
   setOption(easy, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
+}
+
+std::string_view bodyOf(const Request& request, const FetchExtras& extras) {
+  return extras.body.empty() ? request.body : extras.body;
+}
+
+// 0, or libcurl's code when the request cannot be made as it is to be.
+std::int32_t applyRequest(CURL* easy, const Request& request, const TlsTrust& trust, const FetchExtras& extras) {
+  setOption(easy, CURLOPT_URL, request.url.c_str());
+  if (const auto code = applyMethod(easy, std::string(extras.method), bodyOf(request, extras))) return code;
+  applyRedirects(easy, request, extras);
   if (request.connectTimeoutSec > 0) {
     setOption(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(request.connectTimeoutSec));
   }
@@ -138,12 +188,36 @@ std::int32_t applyRequest(CURL* easy, const Request& request, const TlsTrust& tr
 }
 
 // Why the request is not to be sent; 0: it is.
-std::int32_t refusal(const Request& request, const TlsTrust& trust) {
-  if (const char* const field = trust.unworkable()) {
+std::int32_t refusal(const Request& request, const std::vector<std::string>& lines, const TlsTrust& trust,
+                     const FetchExtras& extras) {
+  const char* field = trust.unworkable();
+  if (field == nullptr) field = unworkableMethod(extras.method, bodyOf(request, extras).size());
+  if (field != nullptr) {
     if (!request.quiet) XFER_LOG(log::kFailure, "fetch | options refused | field=" << field);
     return CURLE_BAD_FUNCTION_ARGUMENT;
   }
-  return holdsLineBreak(request.cookie, request.headers) ? CURLE_BAD_FUNCTION_ARGUMENT : CURLE_OK;
+  return holdsLineBreak(request.cookie, lines) ? CURLE_BAD_FUNCTION_ARGUMENT : CURLE_OK;
+}
+
+// libcurl's code for a transfer that its receiver has ended; its callbacks can only say that they took less.
+CURLcode endedBy(Next next) {
+  switch (next) {
+    case Next::Enough:
+      return CURLE_OK;
+    case Next::Aborted:
+      return CURLE_ABORTED_BY_CALLBACK;
+    default:
+      return CURLE_WRITE_ERROR;
+  }
+}
+
+void logFailure(std::int32_t code) {
+  if (code == result::kCallbackThrew) {
+    XFER_LOG(log::kFailure, "fetch | onBody threw");
+    return;
+  }
+  XFER_LOG_LINE(log::kFailure, 235,
+                "fetch | curl error " << code << " (" << curl_easy_strerror(static_cast<CURLcode>(code)) << ")");
 }
 
 }  // namespace
@@ -182,23 +256,25 @@ Response fetch(const Request& request) {
 }
 
 Response fetch(const Request& request, const FetchOptions& options) {
-  std::optional<Request> changed;  // a body may be large
-  if (!options.values().userAgent.empty()) {
-    changed = request;
-    addUserAgent(changed->headers, options.values().userAgent);
-  }
-  Response response;
-  Collector receiver(response, true);
+  return fetchKept(request, options.values(), {}, {}).response;
+}
+
+KeptResponse fetchKept(const Request& request, const FetchOptions::Values& values, std::string_view body, Kept kept) {
+  KeptResponse answer;
+  Collector receiver(answer.response, kept, values.onBody ? &values.onBody : nullptr);
+  const FetchExtras extras{values.userAgent, values.method, body, values.maxRedirects};
   const FetchEnd end =
-      fetchInto(changed ? *changed : request, receiver, unloading(), ConnectHeads::Shown, options.values().trust);
-  response.curlCode = end.curlCode;
-  response.status = end.status;
-  return response;
+      fetchInto(request, receiver, values.stop ? *values.stop : unloading(), ConnectHeads::Shown, values.trust, extras);
+  answer.response.curlCode = end.curlCode;
+  answer.response.status = end.status;
+  answer.lastStatus = end.lastStatus;
+  answer.bodyBytes = end.bodyBytes;
+  return answer;
 }
 
 CountedResponse fetchCounted(const Request& request, const TlsTrust& trust) {
   CountedResponse counted;
-  Collector receiver(counted.response, false);
+  Collector receiver(counted.response, {.body = false});
   const FetchEnd end = fetchInto(request, receiver, unloading(), ConnectHeads::Shown, trust);
   counted.response.curlCode = end.curlCode;
   counted.response.status = end.status;
@@ -207,10 +283,16 @@ CountedResponse fetchCounted(const Request& request, const TlsTrust& trust) {
 }
 
 FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSignal& stop, ConnectHeads connectHeads,
-                   const TlsTrust& trust) {
+                   const TlsTrust& trust, const FetchExtras& extras) {
   init();
   FetchEnd end;
-  Arrival arrival{receiver};
+  std::exception_ptr failure;
+  std::optional<std::vector<std::string>> changedLines;
+  if (!extras.userAgent.empty()) {
+    changedLines = request.headers;
+    addUserAgent(*changedLines, std::string(extras.userAgent));
+  }
+  const std::vector<std::string>& lines = changedLines ? *changedLines : request.headers;
   {
     const ShareLease lease = sharePool().lease(originOf(request.url), Wire::Http1, trust);
     const EasyPtr easy(curl_easy_init());
@@ -218,9 +300,10 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
       end.curlCode = result::kNoHandle;
       return end;
     }
+    Arrival arrival{easy.get(), receiver};
     if (lease.handle() != nullptr) setOption(easy.get(), CURLOPT_SHARE, lease.handle());
-    const std::int32_t unable = applyRequest(easy.get(), request, trust);
-    const RequestHeaders headers(easy.get(), request.url, request.cookie, request.headers);
+    const std::int32_t unable = applyRequest(easy.get(), request, trust, extras);
+    const RequestHeaders headers(easy.get(), request.url, request.cookie, lines);
     setOption(easy.get(), CURLOPT_WRITEFUNCTION, takeBody);
     setOption(easy.get(), CURLOPT_WRITEDATA, &arrival);
     setOption(easy.get(), CURLOPT_HEADERFUNCTION, takeHeader);
@@ -228,23 +311,20 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
     if (connectHeads == ConnectHeads::Hidden) setOption(easy.get(), CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
 
     if (!request.quiet) XFER_LOG_LINE(log::kTrace, 224, "--> fetch | " << request.url);
-    auto code = static_cast<CURLcode>(unable != 0 ? unable : refusal(request, trust));
+    auto code = static_cast<CURLcode>(unable != 0 ? unable : refusal(request, lines, trust, extras));
     if (code == CURLE_OK) code = perform(easy.get(), lease, stop);
-    if (code == CURLE_WRITE_ERROR && arrival.endedByReceiver) code = CURLE_OK;
-    if (code != CURLE_OK) {
-      end.curlCode = code;
-      if (!request.quiet) {
-        XFER_LOG_LINE(log::kFailure, 235,
-                      "fetch | curl error " << static_cast<int>(code) << " (" << curl_easy_strerror(code) << ")");
-      }
-    } else {
-      long status = 0;
-      curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
-      end.status = static_cast<std::int32_t>(status);
+    if (code == CURLE_WRITE_ERROR) code = endedBy(arrival.next);
+    end.curlCode = arrival.next == Next::Threw ? result::kCallbackThrew : static_cast<std::int32_t>(code);
+    end.lastStatus = statusOf(easy.get());
+    if (end.curlCode == 0) {
+      end.status = end.lastStatus;
+    } else if (!request.quiet) {
+      logFailure(end.curlCode);
     }
+    end.bodyBytes = arrival.bodyBytes;
+    failure = arrival.failure;
   }
-  if (arrival.failure) std::rethrow_exception(arrival.failure);
-  end.bodyBytes = arrival.bodyBytes;
+  if (failure) std::rethrow_exception(failure);
   if (!request.quiet) {
     XFER_LOG_LINE(log::kTrace, 242, "<-- fetch | status=" << end.status << " | body_size=" << end.bodyBytes);
   }

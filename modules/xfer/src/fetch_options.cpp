@@ -1,5 +1,7 @@
 #include "xfer/fetch_options.h"
 
+#include <utility>
+
 #include "fetch_option_values.h"
 
 namespace xfer {
@@ -36,6 +38,26 @@ FetchOptions& FetchOptions::setPinnedKey(const std::string& pin) {
 
 FetchOptions& FetchOptions::setUserAgent(const std::string& userAgent) {
   values_->userAgent = userAgent;
+  return *this;
+}
+
+FetchOptions& FetchOptions::setMethod(const std::string& method) {
+  values_->method = method;
+  return *this;
+}
+
+FetchOptions& FetchOptions::setMaxRedirects(std::uint32_t redirects) {
+  values_->maxRedirects = redirects;
+  return *this;
+}
+
+FetchOptions& FetchOptions::setOnBody(std::function<bool(std::int32_t httpStatus, std::string_view bytes)> callback) {
+  values_->onBody = std::move(callback);
+  return *this;
+}
+
+FetchOptions& FetchOptions::setCancelToken(const CancelToken& token) {
+  values_->stop = token.signal_;
   return *this;
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "stop_signal.h"
@@ -13,31 +14,65 @@
 
 namespace xfer {
 
+/// What follows a part of a response.
+enum class Next {
+  More,
+  Enough,   ///< ends the transfer as a success
+  Aborted,  ///< ends it with libcurl's aborted-by-callback code
+  Threw     ///< ends it with the code for a host's callback that threw
+};
+
 /// Receives a response as it arrives.
 class FetchReceiver {
  public:
-  /// Takes one header line as libcurl delivers it, redirects included.  False ends the transfer as a success.
-  virtual bool header(std::string_view line) = 0;
+  /// Takes one header line as libcurl delivers it, redirects included.
+  virtual Next header(std::string_view line) = 0;
 
-  /// Takes a piece of the last response's body.  False ends the transfer as a success.
-  virtual bool body(std::string_view bytes) = 0;
+  /// Takes a piece of the last response's body, with that response's status.
+  virtual Next body(std::int32_t status, std::string_view bytes) = 0;
 
  protected:
   ~FetchReceiver() = default;
 };
 
 struct FetchEnd {
-  std::int32_t curlCode = 0;
-  std::int32_t status = 0;
+  std::int32_t curlCode = 0;    ///< as Response::curlCode
+  std::int32_t status = 0;      ///< as Response::status
+  std::int32_t lastStatus = 0;  ///< of the last response, also after a failure; 0: none came
   std::uint64_t bodyBytes = 0;  ///< handed to the receiver
 };
 
 /// Whether the receiver also gets a proxy's response headers to CONNECT.
 enum class ConnectHeads { Shown, Hidden };
 
+/// What a fetch does beside its request.  The texts must outlive it, and are not copied.
+struct FetchExtras {
+  std::string_view userAgent{};                 ///< empty: the request's own line, or the default
+  std::string_view method{};                    ///< empty: GET, and POST with a body
+  std::string_view body{};                      ///< not empty: sent instead of the request's
+  std::optional<std::uint32_t> maxRedirects{};  ///< counts instead of the request's followRedirects
+};
+
 /// As fetch, into a receiver.  Setting stop aborts the transfer within 100 ms with libcurl's aborted-by-callback code.
 FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSignal& stop,
-                   ConnectHeads connectHeads = ConnectHeads::Shown, const TlsTrust& trust = {});
+                   ConnectHeads connectHeads = ConnectHeads::Shown, const TlsTrust& trust = {},
+                   const FetchExtras& extras = {});
+
+/// Which parts of a response go into memory.
+struct Kept {
+  bool headers = true;
+  bool body = true;
+};
+
+struct KeptResponse {
+  Response response;
+  std::int32_t lastStatus = 0;  ///< as FetchEnd::lastStatus
+  std::uint64_t bodyBytes = 0;  ///< that arrived, kept or not
+};
+
+/// As fetch with options of these values, with a body that is not copied: it is sent instead of the request's when it
+/// is not empty.
+KeptResponse fetchKept(const Request& request, const FetchOptions::Values& values, std::string_view body, Kept kept);
 
 struct CountedResponse {
   Response response;  ///< its body stays empty

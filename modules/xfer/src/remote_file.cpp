@@ -26,17 +26,17 @@ bool worthReading(const ResponseHead& head, std::uint64_t received) {
 
 class ProbeReceiver final : public FetchReceiver {
  public:
-  bool header(std::string_view line) override {
-    if (received_ != 0) return true;  // trailers
+  Next header(std::string_view line) override {
+    if (received_ != 0) return Next::More;  // trailers
     reader_.add(line);
     // Only a 200 is certainly the last response.
     const bool large = reader_.headIsWhole() && head().status == 200 && !worthReading(head(), received_);
-    return !large;
+    return large ? Next::Enough : Next::More;
   }
 
-  bool body(std::string_view bytes) override {
+  Next body(std::int32_t /*status*/, std::string_view bytes) override {
     received_ += bytes.size();
-    return worthReading(reader_.head(), received_);
+    return worthReading(reader_.head(), received_) ? Next::More : Next::Enough;
   }
 
   [[nodiscard]] const ResponseHead& head() const { return reader_.head(); }

@@ -87,6 +87,13 @@ std::string proxyAddress(const net::Proxy& proxy) {
   return proxy.host + ":" + std::to_string(proxy.port);
 }
 
+const char* unworkableMethod(std::string_view method, std::uint64_t bodySize) {
+  constexpr std::string_view kToken = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz!#$%&'*+-.^_`|~";
+  if (method.find_first_not_of(kToken) != std::string_view::npos) return "method";
+  // libcurl awaits a body that HEAD does not bring when the request has one.
+  return method == "HEAD" && bodySize != 0 ? "body" : nullptr;
+}
+
 bool setsField(std::string_view line, std::string_view name) {
   std::string_view own = line.substr(0, line.find_first_of(":;"));
   own = own.substr(0, own.find_last_not_of(" \t") + 1);

@@ -43,6 +43,10 @@ std::int32_t mediaTypeFromHeaders(const std::string& rawHeaders);
 /// Adds a User-Agent line, unless a caller's line is one or the text is empty.
 void addUserAgent(std::vector<std::string>& lines, const std::string& userAgent);
 
+/// The name of a field that cannot work: "method" when it is no method's name (letters, digits and !#$%&'*+-.^_`|~),
+/// "body" when it comes with HEAD; null when both can.  An empty method always works.
+const char* unworkableMethod(std::string_view method, std::uint64_t bodySize);
+
 /// Whether a request header line ("Name: value" or, for libcurl an empty field, "Name;") sets the field of this
 /// lower-case name.
 bool setsField(std::string_view line, std::string_view name);

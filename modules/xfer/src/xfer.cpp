@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <sstream>
@@ -14,6 +13,7 @@
 #include "error_text.h"
 #include "fetch_stoppable.h"
 #include "handles.h"
+#include "host_buffer.h"
 #include "keel/keel.h"
 #include "log.h"
 #include "module_defaults.h"
@@ -28,6 +28,7 @@
 
 namespace {
 
+using xfer::copyOut;
 using xfer::DownloadPolicy;
 using xfer::DownloadRequest;
 using xfer::Handles;
@@ -98,18 +99,6 @@ Request makeDownload(const char* url, const char* headers, const char* options, 
 xfer::FetchOptions moduleOptions() {
   const xfer::TlsTrust trust = xfer::moduleTrust();
   return xfer::FetchOptions().setVerifyPeer(trust.verifyPeer).setCaFile(trust.caFile);
-}
-
-// Checks the buffer's size and ignores the result of the host's resize.
-void fill(sys::IDataBuff& out, const void* bytes, std::uint64_t size) {
-  out.resize(size);
-  if (out.size() != size) throw std::bad_alloc();
-  if (size != 0) std::memcpy(out.data(), bytes, size);
-}
-
-// An empty part leaves its buffer unchanged.
-void copyOut(const std::string& part, sys::IDataBuff* out) {
-  if (!part.empty()) fill(*out, part.data(), part.size());
 }
 
 }  // namespace
@@ -235,8 +224,8 @@ int32_t xfer_downloadText(const char* url, const char* cookie, sys::IDataBuff* o
     words >> protocol >> statusWord;
     const int status = xfer::parseStatus(statusWord);
     if (status < 200 || status > 299) return result::unexpectedStatus(status);
-    fill(*outHeaders, headers.data(), headers.size());
-    fill(*outBody, body.data(), body.size());
+    xfer::fillBuffer(*outHeaders, headers.data(), headers.size());
+    xfer::fillBuffer(*outBody, body.data(), body.size());
     return result::kSuccess;
   });
 }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,6 +20,7 @@
 #include "support/scripted_server.h"
 #include "support/temp_dir.h"
 #include "support/wait_until.h"
+#include "xfer/fetch.h"
 #include "xfer/xfer.h"
 
 namespace {
@@ -106,6 +108,18 @@ TEST_F(SlowLookup, doesNotHoldACancelUp) {
     job.wait();
   });
   EXPECT_EQ(job.snapshot().state, xfer::JobState::Cancelled);
+}
+
+TEST_F(SlowLookup, doesNotHoldTheCancelOfARequestUp) {
+  xfer::CancelToken token;
+  xfer::Request request;
+  request.url = "http://host.slow/file";
+  std::future<xfer::Response> response = xfer::fetchAsync(request, xfer::FetchOptions().setCancelToken(token));
+  ASSERT_TRUE(oneIsHeld());
+  expectPrompt([&] {
+    token.cancel();
+    EXPECT_EQ(response.get().curlCode, 42);
+  });
 }
 
 TEST_F(SlowLookup, holdsNoOtherDownloadOfTheCInterfaceUp) {

@@ -4,6 +4,14 @@
 #include <string.h>
 #include <xfer/xfer.h>
 #include <xfer/xfer_download.h>
+#include <xfer/xfer_request.h>
+
+static int32_t refuse(void* user, int32_t httpStatus, const uint8_t* bytes, uint64_t size) {
+  (void)user;
+  (void)httpStatus;
+  (void)bytes;
+  return size != 0;
+}
 
 int main(int argc, char** argv) {
   uint64_t downloaded = 77;
@@ -14,6 +22,8 @@ int main(int argc, char** argv) {
   xfer_buffer* body = NULL;
   xfer_download_options options;
   xfer_status status;
+  xfer_request_options request;
+  xfer_response response;
   char url[64];
   if (argc != 2) return 2;
 
@@ -48,6 +58,23 @@ int main(int argc, char** argv) {
   if (xfer_downloadStatus(id, &status) != 0) return 15;
   if (status.state != XFER_STATE_FAILED || status.error != 7) return 16;
   if (xfer_downloadForget(id) != 0 || xfer_downloadForget(id) != 100001) return 17;
+  xfer_requestOptionsInit(&request);
+  xfer_responseInit(&response);
+  request.url = url;
+  request.method = "PUT";
+  request.body = "a\0b";
+  request.bodySize = 3;
+  request.onBody = refuse;
+  request.cancel = xfer_cancelNew();
+  response.headers = xfer_bufferNew();
+  if (request.cancel == NULL || response.headers == NULL) return 18;
+  if (xfer_request(&request, &response) != 7 || response.error != 7 || response.httpStatus != 0) return 19;
+  xfer_cancelSet(request.cancel);
+  if (xfer_request(&request, &response) != 42) return 20;
+  request.size = 1;
+  if (xfer_request(&request, &response) != 100032 || xfer_request(NULL, &response) != 100033) return 21;
+  xfer_cancelFree(request.cancel);
+  xfer_bufferFree(response.headers);
   if (strcmp(xfer_version(), XFER_VERSION_TEXT) != 0) return 12;
   if (strcmp(xfer_errorText(404), "HTTP 404: not found") != 0) return 13;
   return 0;

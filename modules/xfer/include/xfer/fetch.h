@@ -26,7 +26,7 @@ struct Request {
   std::string cookie;                   ///< value of the Cookie header; empty: not sent
   std::vector<std::string> headers;     ///< lines "Name: value" without a line end
   net::Proxy proxy;                     ///< for every host; empty host: none
-  std::string body;                     ///< not empty: sent as a POST
+  std::string body;                     ///< not empty: sent as a POST, or by the options' method
   bool followRedirects = true;          ///< at most 20; a POST stays a POST
   std::int32_t connectTimeoutSec = 15;  ///< 0 or less: none
   std::int32_t timeoutSec = 10;         ///< for the whole transfer; 0 or less: none
@@ -36,7 +36,9 @@ struct Request {
 
 struct Response {
   /// 0: the transfer is complete, with any HTTP status.  -1: no transfer handle could be created.  Otherwise libcurl's
-  /// CURLcode.  43 (bad function argument) also means a line break in the cookie or a header line (header injection).
+  /// CURLcode.  43 (bad function argument) also means a line break in the cookie or a header line (header injection),
+  /// or options that cannot work; 42 (aborted by callback) a cancelled request, also by the options' callback; 100037
+  /// that this callback threw.
   std::int32_t curlCode = 0;
   std::int32_t status = 0;  ///< HTTP status of the last response; 0: the transfer failed
   std::string headers;      ///< all header lines received, redirects included, with their CR LF

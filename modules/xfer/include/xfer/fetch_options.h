@@ -51,8 +51,10 @@ class FetchOptions {
   /// or not set: that of a desktop browser.
   XFER_API FetchOptions& setUserAgent(const std::string& userAgent);
 
-  /// The request's method, "PUT" or "HEAD" for instance, with or without a body; empty or not set: GET, and POST with
-  /// a body.  A redirect keeps it, and the body.  43 when it is no method name: letters, digits and !#$%&'*+-.^_`|~.
+  /// The request's method, "PUT" for instance, with or without a body; empty or not set: GET, and POST with a body.  A
+  /// redirect keeps it, and the body.  Case-sensitive.  POST, PUT and PATCH without a body tell a length of 0; a body
+  /// whose type no header line tells goes out as application/x-www-form-urlencoded.  43 when it is no method name
+  /// (letters, digits and !#$%&'*+-.^_`|~), and for HEAD with a body.
   XFER_API FetchOptions& setMethod(const std::string& method);
 
   /// So many redirects are followed at most; 0: the redirect is the answer; one more ends the request with 47.  Counts
@@ -63,7 +65,7 @@ class FetchOptions {
   /// HTTP status; nothing of it is kept in the response.  False ends the request with 42, an exception with 100037.
   XFER_API FetchOptions& setOnBody(std::function<bool(std::int32_t httpStatus, std::string_view bytes)> callback);
 
-  /// Ends the request, from any thread.
+  /// Ends the request, from any thread.  One that has arrived whole by then stays a success.
   XFER_API FetchOptions& setCancelToken(const CancelToken& token);
 
   [[nodiscard]] const Values& values() const;  ///< internal

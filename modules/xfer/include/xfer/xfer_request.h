@@ -43,7 +43,8 @@ XFER_API xfer_cancel* xfer_cancelNew(void);
 /* Ends every request that was given this one within 100 ms, with 42, and every later one at once.  Null: nothing. */
 XFER_API void xfer_cancelSet(xfer_cancel* cancel);
 
-/* Frees it, also while requests that were given it run; they cannot be cancelled any more.  Null: nothing. */
+/* Frees it, also while requests that were given it run: they go on, and cannot be cancelled any more.  Null: nothing.
+ */
 XFER_API void xfer_cancelFree(xfer_cancel* cancel);
 
 /*
@@ -52,12 +53,16 @@ XFER_API void xfer_cancelFree(xfer_cancel* cancel);
  */
 typedef int32_t (*xfer_body_callback)(void* user, int32_t httpStatus, const uint8_t* bytes, uint64_t size);
 
-/* Texts are UTF-8, read only during the call, and null where there is none. */
+/*
+ * Texts are UTF-8, read only during the call, and null where there is none.  Methods are case-sensitive; any token is
+ * one, and HEAD takes no body.  POST, PUT and PATCH without a body tell a length of 0.  A body whose type no header
+ * line tells goes out as application/x-www-form-urlencoded.
+ */
 typedef struct xfer_request_options {
   uint32_t size;         /* of the record; set by xfer_requestOptionsInit */
   uint32_t verifyPeer;   /* XFER_VERIFY_...; initially XFER_VERIFY_AS_SET */
   const char* url;       /* absolute, http or https */
-  const char* method;    /* as "PUT"; null: GET, and POST with a body.  A redirect keeps it */
+  const char* method;    /* as "PUT"; null or empty: GET, and POST with a body.  A redirect keeps it, and the body */
   const char* headers;   /* lines "Name: value", separated by line feeds */
   const char* cookie;    /* value of the Cookie header */
   const char* proxy;     /* [user[:password]@]host[:port]; null or empty: that of xfer_setProxy */
@@ -70,7 +75,7 @@ typedef struct xfer_request_options {
   void* user;                 /* for onBody */
   xfer_cancel* cancel;        /* null: the request cannot be cancelled */
   uint32_t maxRedirects;      /* 0: none is followed, and the redirect is the answer; initially 20 */
-  uint32_t connectTimeoutSec; /* initially 15; 0: libcurl's 300 */
+  uint32_t connectTimeoutSec; /* initially 15; 0: libcurl's 300.  More than 24 days count as 24, here and below */
   uint32_t timeoutSec;        /* for the whole request; initially 0: none */
   uint32_t lowSpeedTimeSec;   /* ended after so long below 1024 bytes per second; initially 10; 0: never */
 } xfer_request_options;
@@ -81,7 +86,7 @@ XFER_API void xfer_requestOptionsInit(xfer_request_options* options);
 typedef struct xfer_response {
   uint32_t size;        /* of the record; set by xfer_responseInit */
   int32_t error;        /* out: what xfer_request returned */
-  int32_t httpStatus;   /* out: of the last answer; 0: none came */
+  int32_t httpStatus;   /* out: of the last answer, also after a failure; 0: none came */
   uint32_t reserved;    /* out: 0 */
   uint64_t bodySize;    /* out: bytes of the body that have arrived, kept or not */
   xfer_buffer* headers; /* in: filled with the header lines of all answers; null: they are not kept */
@@ -93,13 +98,15 @@ XFER_API void xfer_responseInit(xfer_response* response);
 
 /*
  * Runs one request and blocks until it ends.  An answer with any HTTP status is a success.  The buffers hold what has
- * arrived, also after a failure; a part of which nothing arrived leaves its buffer unchanged.
+ * arrived, also after a failure, except without memory; a part of which nothing arrived leaves its buffer unchanged.
  *
  * Returns 0; libcurl's code of a failed transfer; -1: no transfer handle; 42: cancelled, or ended by onBody; 43: a
  * field cannot have its value, alone or with the others, and the log names it; 100000: out of memory; 100030, 100031:
  * as xfer_setTls; 100032: a record's size cannot be right, or it has fields that this library does not know; 100033:
  * options, response, url or a body with a size is null; 100035: verifyPeer is none of its enumerators; 100037: onBody
- * threw.  From 100032 on nothing is sent, and of response only error is written, if that.
+ * threw.  With 43 and with 100030 to 100035 nothing was sent, and of response only error is written, and not even that
+ * where its own size cannot be right.  Of several mistakes the first counts: null records, sizes, other null pointers,
+ * verifyPeer, caFile, and then the rest.
  */
 XFER_API int32_t xfer_request(const xfer_request_options* options, xfer_response* response);
 
