@@ -149,8 +149,8 @@ class Checks:
 
     def python_has_the_bytes_and_the_file(self):
         run = self.run_gated(f" of {SIZE} bytes", None, self.path())
-        run.expect(0, f"^in memory: success, HTTP status 200, {SIZE} bytes$", "^state: running$",
-                   rf"^\d+ of {SIZE} bytes$", f"^completed: {SIZE} bytes, success$")
+        run.expect(0, "^state: running$", rf"^\d+ of {SIZE} bytes$", f"^completed: {SIZE} bytes, success$",
+                   f"^in memory: success, HTTP status 200, {SIZE} bytes$")
         expect_file(self.path())
 
 
