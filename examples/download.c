@@ -85,6 +85,7 @@ int main(int argc, char** argv) {
   options.path = argv[2];
   options.plan = XFER_PLAN_ADAPTIVE; /* slow connections do not hold the download up */
   options.connections = 4;
+  options.retryMaxTimeSec = 30;        /* without a byte, after which a failure is final */
   options.verifyPeer = XFER_VERIFY_ON; /* certificates are checked only when a host asks for it */
   options.onEvent = onEvent;
   options.user = argv[2];
@@ -98,7 +99,7 @@ int main(int argc, char** argv) {
 
   /* A program with a loop of its own need not wait: it can ask for the status whenever it likes. */
   xfer_status status = {.size = sizeof status};
-  while (xfer_downloadWait(id, 500) == XFER_NOT_ENDED) {
+  while (xfer_downloadWait(id, 1000) == XFER_NOT_ENDED) {
     if (xfer_downloadStatus(id, &status) == 0) {
       printf("%" PRIu64 " bytes/s, connections: %" PRIu32 "\n", status.bytesPerSec, status.connections);
       fflush(stdout);

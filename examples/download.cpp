@@ -70,6 +70,7 @@ bool download(const char* url, const char* path) {
   xfer::DownloadOptions options;
   options.setPlan(xfer::DownloadPlan::Adaptive);  // slow connections do not hold the download up
   options.setVerifyPeer(true);                    // certificates are checked only when a host asks for it
+  options.setRetryMaxTime(30);                    // seconds without a byte after which a failure is final
   options.setOnUpdate([&](const xfer::DownloadUpdate& update) {
     const xfer::DownloadSnapshot& now = update.snapshot;
     switch (update.kind) {

@@ -108,9 +108,10 @@ def download(xfer, url, path):
     xfer.xfer_downloadOptionsInit(options)
     options.url = url.encode()
     options.path = path.encode()
-    options.plan = PLAN_ADAPTIVE
+    options.plan = PLAN_ADAPTIVE  # slow connections do not hold the download up
     options.connections = 4
-    options.verifyPeer = VERIFY_ON
+    options.retryMaxTimeSec = 30  # without a byte, after which a failure is final
+    options.verifyPeer = VERIFY_ON  # certificates are checked only when a host asks for it
     options.onEvent = callback
 
     download_id = c_uint64()
