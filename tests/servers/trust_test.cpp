@@ -20,6 +20,7 @@
 #include "transfer_support.h"
 #include "xfer/xfer.h"
 #include "xfer/xfer.hpp"
+#include "xfer/xfer_request.h"
 
 namespace {
 
@@ -91,6 +92,24 @@ xfer::Request requestFor(const std::string& url) {
   xfer::Request request;
   request.url = url;
   return request;
+}
+
+// Asks by a record, which ask changes.
+template <class Ask>
+xfer::Response requestByNumbers(const std::string& url, const Ask& ask) {
+  xfer_request_options options;
+  xfer_response response;
+  sys::DataBuff headers;
+  sys::DataBuff body;
+  xfer_requestOptionsInit(&options);
+  xfer_responseInit(&response);
+  options.url = url.c_str();
+  response.headers = &headers;
+  response.body = &body;
+  ask(options);
+  const std::int32_t code = xfer_request(&options, &response);
+  EXPECT_EQ(response.error, code);
+  return {code, response.httpStatus, headers.toString(), body.toString()};
 }
 
 std::uint64_t milliseconds(std::chrono::milliseconds duration) {
@@ -212,6 +231,20 @@ TEST_P(EachTrust, backgroundRequestEndsAsTheServerDeserves) {
   expectResponse(xfer::fetchAsync(requestFor(url()), trusting(FetchOptions())).get());
 }
 
+TEST_P(EachTrust, requestByNumbersEndsAsTheServerDeserves) {
+  const std::string ownCaFile = caFile();
+  const std::string ownPin = pin();
+  const auto ask = [&](xfer_request_options& options) {
+    options.verifyPeer = GetParam().verify ? XFER_VERIFY_ON : XFER_VERIFY_OFF;
+    options.caFile = GetParam().verify ? ownCaFile.c_str() : nullptr;
+    options.pinnedKey = GetParam().pin != Pin::None ? ownPin.c_str() : nullptr;
+  };
+  // The record's wish counts, not the module's.
+  EXPECT_EQ(xfer_setTls(!GetParam().verify, nullptr), 0);
+  expectResponse(requestByNumbers(url(), ask));
+  EXPECT_EQ(xfer_setTls(false, nullptr), 0);
+}
+
 TEST_P(EachTrust, firstQuestionEndsAsTheServerDeserves) {
   const xfer::RemoteFileInfo info = xfer::probeRemoteFile(url(), {}, "", 10, trusting(FetchOptions()));
   EXPECT_EQ(info.error, GetParam().code);
@@ -307,6 +340,21 @@ TEST_P(EachTrustByNumbers, requestEndsAsTheServerDeserves) {
   EXPECT_EQ(headers.empty(), !accepted());
   EXPECT_TRUE(body.toString() == (accepted() ? support::patternBytes(0, kSize) : "")) << body.size();
   expectAskedOnlyWhenAccepted();
+}
+
+TEST_P(EachTrustByNumbers, requestWithARecordEndsAsTheServerDeserves) {
+  expectResponse(requestByNumbers(url(), [](xfer_request_options&) {}));
+}
+
+TEST_P(EachTrustByNumbers, requestWithARecordCanHaveAPinBesideTheSetting) {
+  const std::string wrong = kOtherPin;
+  const std::string right = servers_.pin();
+  const bool hasTheRightKey = GetParam().certificate == Certificate::Valid;
+  const auto codeWith = [&](const std::string& key) {
+    return requestByNumbers(url(), [&](xfer_request_options& options) { options.pinnedKey = key.c_str(); }).curlCode;
+  };
+  EXPECT_EQ(codeWith(wrong), accepted() ? kKeyRefused : GetParam().code);
+  EXPECT_EQ(codeWith(right), accepted() && !hasTheRightKey ? kKeyRefused : GetParam().code);
 }
 
 TEST_P(EachTrustByNumbers, backgroundRequestEndsAsTheServerDeserves) {
