@@ -245,6 +245,31 @@ TEST_F(ExhaustedMemory, failsATextDownloadLikeADownload) {
   EXPECT_EQ(body.size(), 0U);
 }
 
+TEST_F(ExhaustedMemory, failsARequestWithARecordWhichThenTellsOfNoEarlierAnswer) {
+  const support::ScriptedServer server(largeAnswer);
+  const std::string url = server.url("/large");
+  sys::DataBuff body;
+  xfer_request_options options;
+  xfer_response response;
+  xfer_requestOptionsInit(&options);
+  xfer_responseInit(&response);
+  options.url = url.c_str();
+  response.body = &body;
+  response.httpStatus = 404;
+  response.reserved = 1;
+  response.bodySize = 5;
+  {
+    const AllocationLimit limit;
+    EXPECT_EQ(xfer_request(&options, &response), 100000);
+  }
+  EXPECT_EQ(response.error, 100000);
+  EXPECT_EQ(response.httpStatus, 0);
+  EXPECT_EQ(response.reserved, 0U);
+  EXPECT_EQ(response.bodySize, 0U);
+  EXPECT_EQ(response.body, &body);
+  EXPECT_EQ(body.size(), 0U);
+}
+
 TEST_F(ExhaustedMemory, inTheBackgroundSurfacesAtCollection) {
   const support::ScriptedServer server(largeAnswer);
   const support::RecordingLogger log;
