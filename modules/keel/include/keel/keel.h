@@ -14,10 +14,10 @@ namespace Keel {
 /// The host's name; "" until it is set.  Valid until the next setSettingsName.
 KEEL_API const char* getSettingsName();
 
-// ---- For hosts of the stand-in only ----
+// ---- For hosts of the stand-in only, which link xfer::keel ----
 
-/// Receives log records.  The texts are valid only during the call; tag is null for a record without one.  Called on
-/// the logging thread, by several threads at once.
+/// Receives log records.  The texts are valid only during the call; tag, and no other, is null for a record without
+/// one.  Called on the logging thread, by several threads at once.  Must not throw.
 using RecordSink = void (*)(void* context, std::uint32_t level, const char* tag, const char* text, const char* file,
                             std::uint32_t line);
 

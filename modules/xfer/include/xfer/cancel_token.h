@@ -20,7 +20,8 @@ class CancelToken {
   XFER_API CancelToken& operator=(const CancelToken& other) noexcept;
   XFER_API ~CancelToken();
 
-  /// Ends every request that was given the token within 100 ms, with 42, and every later one at once.
+  /// Ends every request that was given the token within 100 ms, with 42, and every later one at once.  Not for signal
+  /// handlers, as it takes a lock.
   XFER_API void cancel() noexcept;
 
   [[nodiscard]] XFER_API bool cancelled() const noexcept;

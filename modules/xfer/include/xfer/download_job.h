@@ -103,8 +103,9 @@ class DownloadJob {
   XFER_API void cancel();
 
   /// Blocks until the state is final: for ever while the job is not started, Paused or at a stand-still (see pause).
-  /// Throws std::system_error (resource_deadlock_would_occur) on the job's own worker thread (in a logger), and inside
-  /// of a callback (DownloadOptions::setOnUpdate).
+  /// The update of the end may still be on its way then: snapshot says how the job ended.  Throws std::system_error
+  /// (resource_deadlock_would_occur) on the job's own worker thread (in a logger), and inside of a callback
+  /// (DownloadOptions::setOnUpdate).
   XFER_API void wait();
 
   /// As wait, for at most this long, and not at all inside of a callback; returns whether the state is final.  Throws

@@ -67,8 +67,9 @@ class DownloadOptions {
   /// when it is not set.  Only with the adaptive plan.
   XFER_API DownloadOptions& setMaxTries(std::uint32_t tries);
 
-  /// A failure ends the job when nothing has arrived for so many seconds; 0, or when it is not set: no such limit.
-  /// Only with the adaptive plan.
+  /// A failure ends the job when nothing has arrived for so many seconds; 0, or when it is not set: no such limit, and
+  /// a server that refuses every connection is asked for about two minutes, until the tries are used up.  Only with the
+  /// adaptive plan.
   XFER_API DownloadOptions& setRetryMaxTime(std::uint32_t seconds);
 
   /// A server that asks to be left alone for longer than so many seconds ends the job; 600 when it is not set.  Only

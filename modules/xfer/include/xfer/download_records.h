@@ -66,9 +66,10 @@ struct DownloadSnapshot {
   /// The failure that ended the job: a libcurl code, -1 (a write failed, or there was no transfer handle), a file error
   /// (100004, 100006, 100024), an HTTP status, or 100000 for an exception; 0: none.
   std::int32_t errorCode = 0;
-  std::int32_t httpStatus = 0;  ///< of the range transfer that failed; 0: none, or another failure
-  float percent = 0;            ///< 100 * bytesDone / totalBytes; may exceed 100; 0 while totalBytes is 0
-  bool throttled = false;       ///< several transfers timed out early: the server is likely throttling the client
+  /// Of the range transfer that failed; 0: none, or another failure.  From 400 on it says why, whatever errorCode is.
+  std::int32_t httpStatus = 0;
+  float percent = 0;       ///< 100 * bytesDone / totalBytes; may exceed 100; 0 while totalBytes is 0
+  bool throttled = false;  ///< several transfers timed out early: the server is likely throttling the client
 };
 
 }  // namespace xfer

@@ -18,6 +18,7 @@
 
 namespace xfer {
 
+/// Does not say which job it is about: each job is given a callback that knows.
 struct DownloadUpdate {
   enum class Kind : std::uint32_t {
     State,     ///< state is the job's new one, which is not final

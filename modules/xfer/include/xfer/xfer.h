@@ -68,10 +68,10 @@ XFER_API const char* xfer_errorText(int32_t code);
 /* An empty buffer of the library's, for the functions below; the caller frees it.  Null without memory. */
 XFER_API xfer_buffer* xfer_bufferNew(void);
 
-/* Its bytes, until it is filled again or freed; null while it is empty.  Of any buffer, a host's own included. */
+/* Its bytes, until it is filled again or freed; null while it is empty.  Any buffer, a host's own too; not null. */
 XFER_API const uint8_t* xfer_bufferData(const xfer_buffer* buffer);
 
-/* The number of its bytes.  Of any buffer. */
+/* The number of its bytes.  Any buffer; not null. */
 XFER_API uint64_t xfer_bufferSize(const xfer_buffer* buffer);
 
 /* Frees a buffer of xfer_bufferNew, and no other.  Null: does nothing. */

@@ -1,4 +1,4 @@
-// All public headers of namespace xfer.
+// All public headers of namespace xfer.  xfer_errorText of xfer/xfer.h has words for its numbers.
 #pragma once
 
 #include "xfer/download_job.h"

@@ -40,7 +40,10 @@ typedef struct xfer_cancel xfer_cancel;
 /* One that is not set; the caller frees it.  Null without memory. */
 XFER_API xfer_cancel* xfer_cancelNew(void);
 
-/* Ends every request that was given this one within 100 ms, with 42, and every later one at once.  Null: nothing. */
+/*
+ * Ends every request that was given this one within 100 ms, with 42, and every later one at once.  Not for signal
+ * handlers, as it takes a lock.  Null: nothing.
+ */
 XFER_API void xfer_cancelSet(xfer_cancel* cancel);
 
 /* Frees it, also while requests that were given it run: they go on, and cannot be cancelled any more.  Null: nothing.
