@@ -80,7 +80,7 @@ int main(int argc, char** argv) {
   }
 
   xfer_download_options options;
-  xfer_downloadOptionsInit(&options); /* always first: it sets the record's size and the defaults */
+  xfer_downloadOptionsInit(&options, sizeof options); /* always first: it sets the record's size and the defaults */
   options.url = argv[1];
   options.path = argv[2];
   options.plan = XFER_PLAN_ADAPTIVE; /* slow connections do not hold the download up */
@@ -98,7 +98,8 @@ int main(int argc, char** argv) {
   }
 
   /* A program with a loop of its own need not wait: it can ask for the status whenever it likes. */
-  xfer_status status = {.size = sizeof status};
+  xfer_status status;
+  xfer_statusInit(&status, sizeof status);
   while (xfer_downloadWait(id, 1000) == XFER_NOT_ENDED) {
     if (xfer_downloadStatus(id, &status) == 0) {
       printf("%" PRIu64 " bytes/s, connections: %" PRIu32 "\n", status.bytesPerSec, status.connections);

@@ -70,13 +70,13 @@ def load(path):
     pointer = ctypes.POINTER
     for name, result, arguments in (
             ("xfer_errorText", c_char_p, [c_int32]),
-            ("xfer_downloadOptionsInit", None, [pointer(DownloadOptions)]),
+            ("xfer_downloadOptionsInit", None, [pointer(DownloadOptions), c_uint32]),
             ("xfer_downloadStart", c_int32, [pointer(DownloadOptions), pointer(c_uint64)]),
             ("xfer_downloadStatus", c_int32, [c_uint64, pointer(Status)]),
             ("xfer_downloadWait", c_int32, [c_uint64, c_uint64]),
             ("xfer_downloadForget", c_int32, [c_uint64]),
-            ("xfer_requestOptionsInit", None, [pointer(RequestOptions)]),
-            ("xfer_responseInit", None, [pointer(Response)]),
+            ("xfer_requestOptionsInit", None, [pointer(RequestOptions), c_uint32]),
+            ("xfer_responseInit", None, [pointer(Response), c_uint32]),
             ("xfer_request", c_int32, [pointer(RequestOptions), pointer(Response)]),
             ("xfer_bufferNew", c_void_p, []),
             ("xfer_bufferData", c_void_p, [c_void_p]),
@@ -105,7 +105,7 @@ def download(xfer, url, path):
 
     callback = EventCallback(on_event)  # kept in a variable, or Python would free it while the library uses it
     options = DownloadOptions()
-    xfer.xfer_downloadOptionsInit(options)
+    xfer.xfer_downloadOptionsInit(options, ctypes.sizeof(options))
     options.url = url.encode()
     options.path = path.encode()
     options.plan = PLAN_ADAPTIVE  # slow connections do not hold the download up
@@ -133,12 +133,12 @@ def download(xfer, url, path):
 def fetch(xfer, url):
     """The bytes at url; None when the server does not give them."""
     options = RequestOptions()
-    xfer.xfer_requestOptionsInit(options)
+    xfer.xfer_requestOptionsInit(options, ctypes.sizeof(options))
     options.url = url.encode()
     options.verifyPeer = VERIFY_ON
 
     response = Response()
-    xfer.xfer_responseInit(response)
+    xfer.xfer_responseInit(response, ctypes.sizeof(response))
     response.body = xfer.xfer_bufferNew()
     if not response.body:
         raise MemoryError

@@ -18,13 +18,13 @@ static int isWanted(const xfer_response* response) {
 
 static int fetchIntoMemory(const char* url) {
   xfer_request_options options;
-  xfer_requestOptionsInit(&options); /* always first: it sets the record's size and the defaults */
+  xfer_requestOptionsInit(&options, sizeof options); /* always first: it sets the record's size and the defaults */
   options.url = url;
   options.verifyPeer = XFER_VERIFY_ON; /* certificates are checked only when a host asks for it */
   options.timeoutSec = 60;
 
   xfer_response response;
-  xfer_responseInit(&response);
+  xfer_responseInit(&response, sizeof response);
   response.body = xfer_bufferNew(); /* without a buffer the body is not kept */
   if (response.body == NULL) {
     fprintf(stderr, "out of memory\n");
@@ -76,7 +76,7 @@ static int fetchIntoFile(const char* url, const char* path, uint64_t mostBytes) 
   }
 
   xfer_request_options options;
-  xfer_requestOptionsInit(&options);
+  xfer_requestOptionsInit(&options, sizeof options);
   options.url = url;
   options.verifyPeer = XFER_VERIFY_ON;
   options.onBody = writePiece;
@@ -84,7 +84,7 @@ static int fetchIntoFile(const char* url, const char* path, uint64_t mostBytes) 
   /* Another thread, that of a Cancel button for instance, can end the request with an xfer_cancel. */
 
   xfer_response response;
-  xfer_responseInit(&response); /* no buffers: neither headers nor body are kept */
+  xfer_responseInit(&response, sizeof response); /* no buffers: neither headers nor body are kept */
   xfer_request(&options, &response);
   if (fclose(to.file) != 0 && to.stopped == NULL) to.stopped = "the file could not be written";
   printf("into a file: %s, HTTP status %" PRId32 ", %" PRIu64 " bytes\n",

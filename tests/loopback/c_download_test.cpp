@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -49,7 +50,7 @@ constexpr std::int32_t kCallbackThrew = 100037;
 class CDownload : public testing::Test {
  protected:
   CDownload() {
-    xfer_downloadOptionsInit(&options_);
+    xfer_downloadOptionsInit(&options_, sizeof options_);
     options_.plan = support::adaptivePlan() ? XFER_PLAN_ADAPTIVE : XFER_PLAN_STATED;
     options_.path = path_.c_str();
     options_.connections = 3;
@@ -96,7 +97,7 @@ support::Handler slowly() {
 TEST(CDownloadOptions, areThoseOfThePolicyAtFirst) {
   xfer_download_options options;
   std::memset(&options, 0xee, sizeof options);
-  xfer_downloadOptionsInit(&options);
+  xfer_downloadOptionsInit(&options, sizeof options);
   const xfer::DownloadPolicy policy;
   EXPECT_EQ(options.size, sizeof options);
   EXPECT_EQ(options.plan, static_cast<std::uint32_t>(XFER_PLAN_STATED));
@@ -130,7 +131,40 @@ TEST(CDownloadOptions, areThoseOfThePolicyAtFirst) {
   EXPECT_EQ(options.progressMs, 100U);
   EXPECT_EQ(options.notes, static_cast<std::uint32_t>(XFER_NOTES_MAIN));
   EXPECT_EQ(options.reserved, 0U);
-  xfer_downloadOptionsInit(nullptr);
+  xfer_downloadOptionsInit(nullptr, 100);
+}
+
+TEST(CDownloadOptions, recordOfAnotherSizeIsSetAsFarAsItReaches) {
+  struct Newer {
+    xfer_download_options known;
+    std::uint64_t field;
+    std::uint64_t behind;
+  } newer;
+  std::memset(&newer, 0xee, sizeof newer);
+  const auto untouched = newer.behind;
+  xfer_downloadOptionsInit(&newer.known, sizeof newer - sizeof newer.behind);
+  EXPECT_EQ(newer.known.size, sizeof newer - sizeof newer.behind);
+  EXPECT_EQ(newer.known.longestWaitSec, 600U);
+  EXPECT_EQ(newer.field, 0U);
+  EXPECT_EQ(newer.behind, untouched) << "behind the record";
+  xfer_download_options older;
+  std::memset(&older, 0xee, sizeof older);
+  xfer_downloadOptionsInit(&older, offsetof(xfer_download_options, reserved));
+  EXPECT_EQ(older.size, offsetof(xfer_download_options, reserved));
+  EXPECT_EQ(older.notes, 0U);
+  EXPECT_EQ(older.reserved, 0xeeeeeeeeU) << "behind the record";
+}
+
+TEST(CDownloadStatus, isZeroAtFirstAsFarAsItReaches) {
+  xfer_status status;
+  std::memset(&status, 0xee, sizeof status);
+  xfer_statusInit(&status, offsetof(xfer_status, reserved));
+  EXPECT_EQ(status.size, offsetof(xfer_status, reserved));
+  EXPECT_EQ(status.state, 0U);
+  EXPECT_EQ(status.error, 0);
+  EXPECT_EQ(status.httpStatus, 0);
+  EXPECT_EQ(status.reserved, 0xeeeeeeeeU) << "behind the record";
+  xfer_statusInit(nullptr, 100);
 }
 
 TEST_F(CDownload, storesTheFileAndTellsSoAsOftenAsItIsAsked) {

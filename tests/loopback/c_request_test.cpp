@@ -70,8 +70,8 @@ std::int32_t keep(void* user, std::int32_t status, const std::uint8_t* bytes, st
 class CRequest : public testing::Test {
  protected:
   CRequest() {
-    xfer_requestOptionsInit(&options_);
-    xfer_responseInit(&response_);
+    xfer_requestOptionsInit(&options_, sizeof options_);
+    xfer_responseInit(&response_, sizeof response_);
     response_.headers = &headers_;
     response_.body = &body_;
   }
@@ -119,7 +119,7 @@ class CRequest : public testing::Test {
 TEST(CRequestRecords, haveTheirDefaultsAtFirst) {
   xfer_request_options options;
   std::memset(&options, 0xee, sizeof options);
-  xfer_requestOptionsInit(&options);
+  xfer_requestOptionsInit(&options, sizeof options);
   EXPECT_EQ(options.size, sizeof options);
   EXPECT_EQ(options.verifyPeer, static_cast<std::uint32_t>(XFER_VERIFY_AS_SET));
   for (const char* const text : {options.url, options.method, options.headers, options.cookie, options.proxy,
@@ -138,12 +138,12 @@ TEST(CRequestRecords, haveTheirDefaultsAtFirst) {
 
   xfer_response response;
   std::memset(&response, 0xee, sizeof response);
-  xfer_responseInit(&response);
+  xfer_responseInit(&response, sizeof response);
   xfer_response empty{};
   empty.size = sizeof empty;
   EXPECT_EQ(std::memcmp(&response, &empty, sizeof empty), 0);
-  xfer_requestOptionsInit(nullptr);
-  xfer_responseInit(nullptr);
+  xfer_requestOptionsInit(nullptr, 100);
+  xfer_responseInit(nullptr, 100);
 }
 
 // Hosts are built with these sizes and places.

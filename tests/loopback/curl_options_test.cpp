@@ -147,8 +147,8 @@ struct Numbers {
   int run(const std::string& url, const net::Proxy& proxy) const {
     xfer_request_options options;
     xfer_response response;
-    xfer_requestOptionsInit(&options);
-    xfer_responseInit(&response);
+    xfer_requestOptionsInit(&options, sizeof options);
+    xfer_responseInit(&response, sizeof response);
     const std::string proxyText = proxy.host.empty() ? ""
                                                      : proxy.username + ":" + proxy.password + "@" + proxy.host + ":" +
                                                            std::to_string(proxy.port);

@@ -115,7 +115,7 @@ class Storm {
       told = downloads_.back().get();
     }
     xfer_download_options options;
-    xfer_downloadOptionsInit(&options);
+    xfer_downloadOptionsInit(&options, sizeof options);
     const std::string path = folder_.file(std::to_string(number));
     options.url = url_.c_str();
     options.path = path.c_str();

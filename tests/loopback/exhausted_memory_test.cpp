@@ -251,8 +251,8 @@ TEST_F(ExhaustedMemory, failsARequestWithARecordWhichThenTellsOfNoEarlierAnswer)
   sys::DataBuff body;
   xfer_request_options options;
   xfer_response response;
-  xfer_requestOptionsInit(&options);
-  xfer_responseInit(&response);
+  xfer_requestOptionsInit(&options, sizeof options);
+  xfer_responseInit(&response, sizeof response);
   options.url = url.c_str();
   response.body = &body;
   response.httpStatus = 404;
@@ -554,8 +554,8 @@ TEST_P(EachAllocation, ofARequestWithARecordEndsItWith100000) {
   xfer_response response;
   sys::DataBuff headers;
   sys::DataBuff body;
-  xfer_requestOptionsInit(&options);
-  xfer_responseInit(&response);
+  xfer_requestOptionsInit(&options, sizeof options);
+  xfer_responseInit(&response, sizeof response);
   options.url = url.c_str();
   options.method = method.c_str();
   options.headers = kHeaders.c_str();
@@ -651,7 +651,7 @@ TEST_P(EachAllocation, ofAStartWithARecordMeansThatNothingStartsOrThatItEndsWith
   const std::string path = folder.file("out");
   for (const std::uint32_t plan : {XFER_PLAN_STATED, XFER_PLAN_ADAPTIVE}) {
     xfer_download_options options;
-    xfer_downloadOptionsInit(&options);
+    xfer_downloadOptionsInit(&options, sizeof options);
     options.plan = plan;
     options.url = url.c_str();
     options.path = path.c_str();

@@ -70,8 +70,8 @@ TEST(CRequest, copiesNoBody) {
   const std::string body(kBodyBytes, 'x');
   xfer_request_options options;
   xfer_response response;
-  xfer_requestOptionsInit(&options);
-  xfer_responseInit(&response);
+  xfer_requestOptionsInit(&options, sizeof options);
+  xfer_responseInit(&response, sizeof response);
   options.url = url.c_str();
   options.body = body.data();
   options.bodySize = body.size();

@@ -117,8 +117,8 @@ End byNumbers(const Ask& ask) {
   xfer_response response;
   sys::DataBuff headers;
   sys::DataBuff body;
-  xfer_requestOptionsInit(&options);
-  xfer_responseInit(&response);
+  xfer_requestOptionsInit(&options, sizeof options);
+  xfer_responseInit(&response, sizeof response);
   std::string lines;
   for (const std::string& line : ask.headers) lines += line + "\n";
   options.url = ask.url.c_str();

@@ -101,8 +101,8 @@ xfer::Response requestByNumbers(const std::string& url, const Ask& ask) {
   xfer_response response;
   sys::DataBuff headers;
   sys::DataBuff body;
-  xfer_requestOptionsInit(&options);
-  xfer_responseInit(&response);
+  xfer_requestOptionsInit(&options, sizeof options);
+  xfer_responseInit(&response, sizeof response);
   options.url = url.c_str();
   response.headers = &headers;
   response.body = &body;

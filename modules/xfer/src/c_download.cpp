@@ -50,6 +50,30 @@ constexpr const char* kLogTag = "xfer";
 constexpr std::size_t kFirstOptions = sizeof(xfer_download_options);
 constexpr std::size_t kFirstStatus = sizeof(xfer_status);
 
+xfer_download_options initialOptions() {
+  const DownloadPolicy policy;
+  const xfer::AdaptiveSettings adaptive;
+  constexpr std::uint64_t kNsPerSec = 1'000'000'000;
+  xfer_download_options options{};
+  options.plan = XFER_PLAN_STATED;
+  options.rampChunks = policy.rampChunks ? 1 : 0;
+  options.initialChunkSize = policy.initialChunkSize;
+  options.maxChunkSize = policy.maxChunkSize;
+  options.chunkGrowthFactor = policy.chunkGrowthFactor;
+  options.probeTimeoutSec = policy.probeTimeoutSec;
+  options.connectTimeoutSec = policy.connectTimeoutSec;
+  options.transferTimeoutSec = policy.transferTimeoutSec;
+  options.lowSpeedLimit = policy.lowSpeedLimit;
+  options.lowSpeedTimeSec = policy.lowSpeedTimeSec;
+  options.useHttp2 = policy.useHttp2 ? 1 : 0;
+  options.tcpKeepAlive = policy.tcpKeepAlive ? 1 : 0;
+  options.multiplex = policy.multiplex ? 1 : 0;
+  options.longestWaitSec = static_cast<std::uint32_t>(adaptive.longestWaitNs / kNsPerSec);
+  options.progressMs = DownloadOptions::Values::kDefaultProgressMs;
+  options.notes = XFER_NOTES_MAIN;
+  return options;
+}
+
 DownloadRequest requestOf(const xfer_download_options& options) {
   DownloadRequest request;
   request.url = orEmpty(options.url);
@@ -201,36 +225,18 @@ std::int32_t withDownload(const char* function, std::uint64_t id, Use use) {
 
 }  // namespace
 
-void xfer_downloadOptionsInit(xfer_download_options* options) {
-  if (options == nullptr) return;
-  const DownloadPolicy policy;
-  const xfer::AdaptiveSettings adaptive;
-  constexpr std::uint64_t kNsPerSec = 1'000'000'000;
-  *options = {};
-  options->size = sizeof *options;
-  options->plan = XFER_PLAN_STATED;
-  options->rampChunks = policy.rampChunks ? 1 : 0;
-  options->initialChunkSize = policy.initialChunkSize;
-  options->maxChunkSize = policy.maxChunkSize;
-  options->chunkGrowthFactor = policy.chunkGrowthFactor;
-  options->probeTimeoutSec = policy.probeTimeoutSec;
-  options->connectTimeoutSec = policy.connectTimeoutSec;
-  options->transferTimeoutSec = policy.transferTimeoutSec;
-  options->lowSpeedLimit = policy.lowSpeedLimit;
-  options->lowSpeedTimeSec = policy.lowSpeedTimeSec;
-  options->useHttp2 = policy.useHttp2 ? 1 : 0;
-  options->tcpKeepAlive = policy.tcpKeepAlive ? 1 : 0;
-  options->multiplex = policy.multiplex ? 1 : 0;
-  options->longestWaitSec = static_cast<std::uint32_t>(adaptive.longestWaitNs / kNsPerSec);
-  options->progressMs = DownloadOptions::Values::kDefaultProgressMs;
-  options->notes = XFER_NOTES_MAIN;
+void xfer_downloadOptionsInit(xfer_download_options* options, uint32_t size) {
+  xfer::initRecord(initialOptions(), options, size);
+}
+
+void xfer_statusInit(xfer_status* status, uint32_t size) {
+  xfer::initRecord(xfer_status{}, status, size);
 }
 
 int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id) {
   return guardedEntry("xfer_downloadStart", [&] {
     if (options == nullptr || id == nullptr) return result::kNullArgument;
-    xfer_download_options known;
-    xfer_downloadOptionsInit(&known);
+    xfer_download_options known = initialOptions();
     if (!xfer::readRecord(*options, kFirstOptions, known)) return result::kBadRecord;
     if (known.url == nullptr || known.path == nullptr) return result::kNullArgument;
     if (known.plan > XFER_PLAN_ADAPTIVE || known.notes > XFER_NOTES_ALL) return result::kUnknownEnumerator;

@@ -43,6 +43,16 @@ bool readRecord(const Record& given, std::size_t first, Record& defaults) {
   return true;
 }
 
+/// Sets as much of a host's record to the defaults as its header knows, and what only its header knows to zeros.
+template <class Record>
+void initRecord(Record defaults, Record* record, std::uint32_t size) {
+  if (record == nullptr) return;
+  defaults.size = size;
+  auto* const bytes = reinterpret_cast<std::uint8_t*>(record);
+  std::memcpy(bytes, &defaults, std::min<std::size_t>(size, sizeof defaults));
+  if (size > sizeof defaults) std::memset(bytes + sizeof defaults, 0, size - sizeof defaults);
+}
+
 /// Whether a record that is written for a host can have this size.
 inline bool isRecordSize(std::size_t size, std::size_t first) {
   return size >= first && size <= kLargestRecord;
@@ -50,12 +60,8 @@ inline bool isRecordSize(std::size_t size, std::size_t first) {
 
 /// Writes as much of the record as the host's header knows, and zeros where only its header knows something.
 template <class Record>
-void writeRecord(Record known, Record& host) {
-  const std::size_t size = host.size;
-  known.size = host.size;
-  auto* const bytes = reinterpret_cast<std::uint8_t*>(&host);
-  std::memcpy(bytes, &known, std::min(size, sizeof known));
-  if (size > sizeof known) std::memset(bytes + sizeof known, 0, size - sizeof known);
+void writeRecord(const Record& known, Record& host) {
+  initRecord(known, &host, host.size);
 }
 
 inline std::string orEmpty(const char* text) {

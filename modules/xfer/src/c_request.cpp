@@ -46,6 +46,16 @@ std::int32_t seconds(std::uint32_t given) {
   return static_cast<std::int32_t>(std::min(given, kMost));
 }
 
+xfer_request_options initialOptions() {
+  const Request request;
+  xfer_request_options options{};
+  options.verifyPeer = XFER_VERIFY_AS_SET;
+  options.maxRedirects = 20;
+  options.connectTimeoutSec = static_cast<std::uint32_t>(request.connectTimeoutSec);
+  options.lowSpeedTimeSec = static_cast<std::uint32_t>(request.lowSpeedTimeSec);
+  return options;
+}
+
 Request requestOf(const xfer_request_options& options) {
   Request request;
   request.url = orEmpty(options.url);
@@ -104,30 +114,19 @@ void xfer_cancelFree(xfer_cancel* cancel) {
   delete cancel;
 }
 
-void xfer_requestOptionsInit(xfer_request_options* options) {
-  if (options == nullptr) return;
-  const Request request;
-  *options = {};
-  options->size = sizeof *options;
-  options->verifyPeer = XFER_VERIFY_AS_SET;
-  options->maxRedirects = 20;
-  options->connectTimeoutSec = static_cast<std::uint32_t>(request.connectTimeoutSec);
-  options->lowSpeedTimeSec = static_cast<std::uint32_t>(request.lowSpeedTimeSec);
+void xfer_requestOptionsInit(xfer_request_options* options, uint32_t size) {
+  xfer::initRecord(initialOptions(), options, size);
 }
 
-void xfer_responseInit(xfer_response* response) {
-  if (response == nullptr) return;
-  *response = {};
-  response->size = sizeof *response;
+void xfer_responseInit(xfer_response* response, uint32_t size) {
+  xfer::initRecord(xfer_response{}, response, size);
 }
 
 int32_t xfer_request(const xfer_request_options* options, xfer_response* response) {
   const std::int32_t code = xfer::guardedEntry("xfer_request", [&]() -> std::int32_t {
     if (options == nullptr || response == nullptr) return result::kNullArgument;
-    xfer_request_options asked;
-    xfer_response answer;
-    xfer_requestOptionsInit(&asked);
-    xfer_responseInit(&answer);
+    xfer_request_options asked = initialOptions();
+    xfer_response answer{};
     if (!xfer::readRecord(*options, kFirstOptions, asked)) return result::kBadRecord;
     if (!xfer::readRecord(*response, kFirstResponse, answer)) return result::kBadRecord;
     if (asked.url == nullptr || (asked.body == nullptr && asked.bodySize != 0)) return result::kNullArgument;

@@ -127,6 +127,15 @@ void JobCore::closed() noexcept {
   enter(JobState::Cancelled);
 }
 
+// An error page that is broken off ends with libcurl's code for a partial file, which says nothing.
+//
+// Intended: a stated plan reports that code, and the status beside it.
+std::int32_t JobCore::reasonOf(const TransferEnd& end) const noexcept {
+  constexpr std::int32_t kFirstError = 400;
+  if (end.code == 0 || (moving_ != nullptr && end.status >= kFirstError)) return end.status;
+  return end.code;
+}
+
 void JobCore::failFrom(std::int32_t code, std::int32_t httpStatus, JobActions& actions) noexcept {
   if (!enter(JobState::Failed)) return;
   errorCode_ = code;
@@ -740,7 +749,7 @@ void JobCore::giveUp(const Flight& flight, Verdict verdict, const TransferEnd& e
   if (verdict != Verdict::Rejected) return failFatally(flight.asked.start, end, actions);
   XFER_LOG(log::kFailure,
            "cdn reject | range=" << flight.asked.start << " | err=" << end.code << " | http=" << end.status);
-  failFrom(end.code != 0 ? end.code : end.status, end.status, actions);
+  failFrom(reasonOf(end), end.status, actions);
 }
 
 void JobCore::retryOrFail(Flight& flight, Verdict verdict, const TransferEnd& end, JobActions& actions) {
@@ -833,7 +842,7 @@ JobActions JobCore::retryDue(std::uint64_t id) {
 
 void JobCore::failFatally(std::uint64_t rangeStart, const TransferEnd& end, JobActions& actions) {
   XFER_LOG(log::kFailure, "fatal | range=" << rangeStart << " | err=" << end.code << " | http=" << end.status);
-  failFrom(end.code != 0 ? end.code : end.status, end.status, actions);
+  failFrom(reasonOf(end), end.status, actions);
 }
 
 // ---- Doubts ----

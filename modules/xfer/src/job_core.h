@@ -250,6 +250,7 @@ class JobCore {
   bool enterRunning() noexcept;
   [[nodiscard]] bool resumeCompletes() const { return moving_ != nullptr || options_.keepsPauses; }
   [[nodiscard]] bool keepsEvents() const { return history_.keeps() || news_.keeps(); }
+  [[nodiscard]] std::int32_t reasonOf(const TransferEnd& end) const noexcept;
   void record(const DownloadEvent& event) noexcept;
   void note(DownloadEvent::Kind kind, const Flight& flight, DownloadEvent more = {}) noexcept;
   void noteHostsWait() noexcept;

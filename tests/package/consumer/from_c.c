@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
   xfer_bufferFree(headers);
   xfer_bufferFree(body);
   xfer_bufferFree(NULL);
-  xfer_downloadOptionsInit(&options);
+  xfer_downloadOptionsInit(&options, sizeof options);
   options.url = url;
   options.path = "from_c.out";
   options.connections = 2;
@@ -58,8 +58,8 @@ int main(int argc, char** argv) {
   if (xfer_downloadStatus(id, &status) != 0) return 15;
   if (status.state != XFER_STATE_FAILED || status.error != 7) return 16;
   if (xfer_downloadForget(id) != 0 || xfer_downloadForget(id) != 100001) return 17;
-  xfer_requestOptionsInit(&request);
-  xfer_responseInit(&response);
+  xfer_requestOptionsInit(&request, sizeof request);
+  xfer_responseInit(&response, sizeof response);
   request.url = url;
   request.method = "PUT";
   request.body = "a\0b";

@@ -3,7 +3,7 @@
  *
  *   xfer_download_options options;
  *   uint64_t id = 0;
- *   xfer_downloadOptionsInit(&options);
+ *   xfer_downloadOptionsInit(&options, sizeof options);
  *   options.url = "https://host/big.bin";
  *   options.path = "big.bin";
  *   options.connections = 8;
@@ -11,6 +11,7 @@
  *   if (xfer_downloadStart(&options, &id) != 0) ...
  *   while (xfer_downloadWait(id, 200) == XFER_NOT_ENDED) {
  *     xfer_status status;
+ *     xfer_statusInit(&status, sizeof status);
  *     xfer_downloadStatus(id, &status);
  *     ...
  *   }
@@ -146,9 +147,10 @@ typedef struct xfer_download_options {
 
 /*
  * Sets every field to its default: those of DownloadPolicy and DownloadOptions (xfer/download_records.h and
- * xfer/download_options.h), which also say what each field means.  Null: does nothing.
+ * xfer/download_options.h), which also say what each field means.  size: sizeof *options, of which no byte more is
+ * written.  Null: does nothing.
  */
-XFER_API void xfer_downloadOptionsInit(xfer_download_options* options);
+XFER_API void xfer_downloadOptionsInit(xfer_download_options* options, uint32_t size);
 
 /*
  * Starts a download and stores its id, which is never 0.  Its outcome is told by xfer_downloadStatus; the id is known
@@ -173,7 +175,7 @@ enum {
 };
 
 typedef struct xfer_status {
-  uint32_t size;        /* of the record; set by the caller */
+  uint32_t size;        /* of the record; set by xfer_statusInit */
   uint32_t state;       /* XFER_STATE_... */
   uint64_t bytes;       /* received so far */
   uint64_t total;       /* size of the file; 0: unknown */
@@ -183,6 +185,9 @@ typedef struct xfer_status {
   int32_t httpStatus;   /* of the request that failed; 0: none.  From 400 on it says why, whatever error is */
   uint32_t reserved;
 } xfer_status;
+
+/* Sets every field to 0.  size: sizeof *status.  Null: does nothing. */
+XFER_API void xfer_statusInit(xfer_status* status, uint32_t size);
 
 /* Reports where a download is, as often as the host likes.  Sets as much of the record as its size says.  Returns 0. */
 XFER_API int32_t xfer_downloadStatus(uint64_t id, xfer_status* status);

@@ -4,8 +4,8 @@
  *
  *   xfer_request_options options;
  *   xfer_response response;
- *   xfer_requestOptionsInit(&options);
- *   xfer_responseInit(&response);
+ *   xfer_requestOptionsInit(&options, sizeof options);
+ *   xfer_responseInit(&response, sizeof response);
  *   options.url = "https://host/list.json";
  *   response.body = xfer_bufferNew();
  *   if (xfer_request(&options, &response) == 0 && response.httpStatus == 200) {
@@ -83,8 +83,8 @@ typedef struct xfer_request_options {
   uint32_t lowSpeedTimeSec;   /* ended after so long below 1024 bytes per second; initially 10; 0: never */
 } xfer_request_options;
 
-/* Sets every field to its default.  Null: does nothing. */
-XFER_API void xfer_requestOptionsInit(xfer_request_options* options);
+/* Sets every field to its default.  size: sizeof *options.  Null: does nothing. */
+XFER_API void xfer_requestOptionsInit(xfer_request_options* options, uint32_t size);
 
 typedef struct xfer_response {
   uint32_t size;        /* of the record; set by xfer_responseInit */
@@ -96,8 +96,8 @@ typedef struct xfer_response {
   xfer_buffer* body;    /* in: filled with the last answer's body; null: it is not kept */
 } xfer_response;
 
-/* Sets every field to 0 and null.  Null: does nothing. */
-XFER_API void xfer_responseInit(xfer_response* response);
+/* Sets every field to 0 and null.  size: sizeof *response.  Null: does nothing. */
+XFER_API void xfer_responseInit(xfer_response* response, uint32_t size);
 
 /*
  * Runs one request and blocks until it ends.  An answer with any HTTP status is a success.  The buffers hold what has
