@@ -32,8 +32,8 @@ constexpr int kStopCheckMs = 50;      // when libcurl cannot be woken
 
 // State of a transfer that libcurl's callbacks update.
 struct Arrival {
-  CURL* const easy;
   FetchReceiver& receiver;
+  CURL* easy = nullptr;
   std::uint64_t bodyBytes = 0;
   Next next = Next::More;
   std::exception_ptr failure{};
@@ -286,7 +286,7 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
                    const TlsTrust& trust, const FetchExtras& extras) {
   init();
   FetchEnd end;
-  std::exception_ptr failure;
+  Arrival arrival{receiver};
   std::optional<std::vector<std::string>> changedLines;
   if (!extras.userAgent.empty()) {
     changedLines = request.headers;
@@ -300,7 +300,7 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
       end.curlCode = result::kNoHandle;
       return end;
     }
-    Arrival arrival{easy.get(), receiver};
+    arrival.easy = easy.get();
     if (lease.handle() != nullptr) setOption(easy.get(), CURLOPT_SHARE, lease.handle());
     const std::int32_t unable = applyRequest(easy.get(), request, trust, extras);
     const RequestHeaders headers(easy.get(), request.url, request.cookie, lines);
@@ -321,10 +321,9 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
     } else if (!request.quiet) {
       logFailure(end.curlCode);
     }
-    end.bodyBytes = arrival.bodyBytes;
-    failure = arrival.failure;
   }
-  if (failure) std::rethrow_exception(failure);
+  if (arrival.failure) std::rethrow_exception(arrival.failure);
+  end.bodyBytes = arrival.bodyBytes;
   if (!request.quiet) {
     XFER_LOG_LINE(log::kTrace, 242, "<-- fetch | status=" << end.status << " | body_size=" << end.bodyBytes);
   }

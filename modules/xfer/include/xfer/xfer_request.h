@@ -46,8 +46,7 @@ XFER_API xfer_cancel* xfer_cancelNew(void);
  */
 XFER_API void xfer_cancelSet(xfer_cancel* cancel);
 
-/* Frees it, also while requests that were given it run: they go on, and cannot be cancelled any more.  Null: nothing.
- */
+/* Frees it.  Requests that were given it and still run go on, and cannot be cancelled any more.  Null: nothing. */
 XFER_API void xfer_cancelFree(xfer_cancel* cancel);
 
 /*
