@@ -1,6 +1,7 @@
 # xfer_microsoft_import_library(<target> <library>): for <library>.dll, writes the list of its exports (<library>.def) and,
 # where LLVM's tools are installed, the import library (<library>.lib) that Microsoft's tools link.  Only C entries are of
 # use there: C++ names are the ones that the DLL's own compiler gives.
+include(GNUInstallDirs)
 if(WIN32)
   find_program(XFER_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-14)
 endif()
@@ -13,7 +14,7 @@ function(xfer_microsoft_import_library target library)
   if(XFER_LLVM_DLLTOOL)
     add_custom_command(TARGET ${target} POST_BUILD VERBATIM
       COMMAND ${XFER_LLVM_DLLTOOL} -m i386:x86-64 -d ${definition} -D ${library}.dll -l ${import_library})
-    install(FILES ${import_library} DESTINATION lib COMPONENT development)
+    install(FILES ${import_library} DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
   endif()
-  install(FILES ${definition} DESTINATION lib COMPONENT development)
+  install(FILES ${definition} DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 endfunction()
