@@ -34,7 +34,7 @@ struct Interface {
                                                  std::uint16_t, const char*)>("xfer_getRemoteFileSize")),
         request(library.function<std::int32_t(const char*, std::uint64_t*, const char*, const char*, const char*,
                                               const char*)>("xfer_downloadAsync")),
-        optionsInit(library.function<void(xfer_download_options*)>("xfer_downloadOptionsInit")),
+        optionsInit(library.function<void(xfer_download_options*, std::uint32_t)>("xfer_downloadOptionsInit")),
         start(library.function<std::int32_t(const xfer_download_options*, std::uint64_t*)>("xfer_downloadStart")),
         forget(library.function<std::int32_t(std::uint64_t)>("xfer_downloadForget")) {}
 
@@ -44,7 +44,7 @@ struct Interface {
   std::int32_t (*remoteSize)(const char*, std::uint64_t*, std::uint32_t*, const char*, const char*, std::uint16_t,
                              const char*);
   std::int32_t (*request)(const char*, std::uint64_t*, const char*, const char*, const char*, const char*);
-  void (*optionsInit)(xfer_download_options*);
+  void (*optionsInit)(xfer_download_options*, std::uint32_t);
   std::int32_t (*start)(const xfer_download_options*, std::uint64_t*);
   std::int32_t (*forget)(std::uint64_t);
 };
@@ -68,7 +68,7 @@ struct Listener {
 
 bool startTold(const Interface& xfer, const char* url, const char* path, std::uint64_t size, Listener& listener) {
   xfer_download_options options;
-  xfer.optionsInit(&options);
+  xfer.optionsInit(&options, sizeof options);
   options.url = url;
   options.path = path;
   options.knownSize = size;
