@@ -47,7 +47,7 @@ bool downloadAll(std::uint64_t bytesPerSec, int count, char** urlsAndPaths) {
   for (xfer::DownloadJob& job : jobs) job.wait();
   const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - begin;
 
-  // What came of each is asked for here: an update about an end may still be on its way when wait returns.
+  // The callback has been told every end by now; what came of each can also be asked for.
   bool allCompleted = true;
   std::uint64_t bytes = 0;
   for (int i = 0; i < count; ++i) {

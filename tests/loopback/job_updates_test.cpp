@@ -132,6 +132,38 @@ TEST_F(JobUpdates, statesAndTheEndComeOnceInTheirOrderAndTheEndIsTheLast) {
   EXPECT_EQ(support::patternError(path_, kSize), "");
 }
 
+TEST_F(JobUpdates, waitReturnsWhenTheEndHasBeenToldAndWaitForSaysWhether) {
+  ScriptedServer server(patternFile(kSize));
+  Gate goOn;
+  std::atomic<bool> told{false};
+  const auto job = jobFor(server, options([&](const DownloadUpdate& update) {
+                            if (update.kind != Kind::End) return;
+                            EXPECT_TRUE(goOn.wait());
+                            told = true;
+                          }));
+  job->start();
+  ASSERT_EQ(waitForEnd(*job).state, JobState::Completed);
+  EXPECT_FALSE(job->waitFor(10));
+  std::thread opener([&] {
+    std::this_thread::sleep_for(milliseconds(20));
+    goOn.open();
+  });
+  job->wait();
+  EXPECT_TRUE(told);
+  EXPECT_TRUE(job->waitFor(0));
+  opener.join();
+}
+
+TEST_F(JobUpdates, waitDoesNotAwaitTheEndOfAJobThatTellsNothing) {
+  ScriptedServer server(patternFile(kSize));
+  Ear ear;
+  const auto job = jobFor(server, heardBy(ear));
+  job->cancel();  // before it was started
+  job->wait();
+  EXPECT_TRUE(job->waitFor(0));
+  EXPECT_TRUE(ear.heard().empty());
+}
+
 TEST_F(JobUpdates, pauseResumeAndCancelAreTold) {
   ScriptedServer server(slowly());
   Ear ear;
@@ -159,7 +191,7 @@ TEST_F(JobUpdates, failureIsToldWithItsReason) {
   const DownloadUpdate end = ear.heard().back();
   EXPECT_EQ(end.state, JobState::Failed);
   EXPECT_EQ(end.snapshot.errorCode, job->snapshot().errorCode);
-  EXPECT_EQ(support::adaptivePlan() ? end.snapshot.httpStatus : end.snapshot.errorCode, 404);
+  EXPECT_EQ(end.snapshot.errorCode, 404);
 }
 
 TEST_F(JobUpdates, jobThatIsRefusedTellsItsEndOnly) {

@@ -98,7 +98,7 @@ void DownloadJob::wait() {
 }
 
 bool DownloadJob::waitFor(std::uint64_t milliseconds) {
-  return impl_->waitFor(eventDispatcher().isHere() ? 0 : milliseconds);
+  return eventDispatcher().isHere() ? isFinal(impl_->snapshot().state) : impl_->waitFor(milliseconds);
 }
 
 void DownloadJob::setSpeedLimit(std::uint64_t bytesPerSec) noexcept {
@@ -281,15 +281,20 @@ void DownloadJob::Impl::wait() {
     if (worker_.joinable()) worker_.join();
   }
   sys::MutexLock lock(mutex_);
-  while (!isFinal(core_.state())) stateChanged_.wait(lock);
+  while (!isOver()) stateChanged_.wait(lock);
 }
 
 bool DownloadJob::Impl::waitFor(std::uint64_t milliseconds) {
   constexpr std::uint64_t kLongestMs = 1000ULL * 60 * 60 * 24 * 365;  // whatever is longer cannot be added to a time
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::min(milliseconds, kLongestMs));
   sys::MutexLock lock(mutex_);
-  while (!isFinal(core_.state()) && std::chrono::steady_clock::now() < end) stateChanged_.waitUntil(lock, end);
-  return isFinal(core_.state());
+  while (!isOver() && std::chrono::steady_clock::now() < end) stateChanged_.waitUntil(lock, end);
+  return isOver();
+}
+
+// The host has been told the end by then, if it is told anything.
+bool DownloadJob::Impl::isOver() const {
+  return isFinal(core_.state()) && !(updates_ && updates_->isPending());
 }
 
 void DownloadJob::Impl::setSpeedLimit(std::uint64_t bytesPerSec) noexcept {
@@ -323,7 +328,14 @@ DownloadDetails DownloadJob::Impl::details() {
 }
 
 void DownloadJob::Impl::silence() noexcept {
-  if (updates_) updates_->close();
+  if (!updates_) return;
+  updates_->close();
+  endTold();  // or never to be told
+}
+
+void DownloadJob::Impl::endTold() noexcept {
+  const sys::MutexLock lock(mutex_);
+  stateChanged_.notifyAll();
 }
 
 std::vector<DownloadEvent> DownloadJob::Impl::news(std::uint64_t fromNumber) {

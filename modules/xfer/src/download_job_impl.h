@@ -60,7 +60,7 @@ class DownloadJob::Impl final : public JobUpdates::Job {
   void pause() noexcept;
   void resume() noexcept;
   void cancel() noexcept;
-  void wait();
+  void wait();  // until the end has been told, too, as the next
   [[nodiscard]] bool waitFor(std::uint64_t milliseconds);
   void setSpeedLimit(std::uint64_t bytesPerSec) noexcept;
   [[nodiscard]] DownloadSnapshot snapshot() const override;
@@ -73,6 +73,7 @@ class DownloadJob::Impl final : public JobUpdates::Job {
   /// What the host is told.
   [[nodiscard]] std::vector<DownloadEvent> news(std::uint64_t fromNumber) override;
   void callbackThrew() noexcept override;
+  void endTold() noexcept override;
 
   /// The host is told nothing more: see JobUpdates::close.
   void silence() noexcept;
@@ -91,6 +92,7 @@ class DownloadJob::Impl final : public JobUpdates::Job {
   void failOnException() noexcept;
   void failNow(std::int32_t code) noexcept;
 
+  [[nodiscard]] bool isOver() const SYS_REQUIRES(mutex_);
   void startRun();
   void runDoStart() noexcept;
   void doStart();

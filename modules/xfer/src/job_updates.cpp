@@ -60,8 +60,10 @@ std::optional<EventDispatcher::Time> JobUpdates::tell() noexcept {
   }
   if (closed_) return std::nullopt;
   if (isFinal(state)) {
-    ended_ = true;
     call(DownloadUpdate::Kind::End, state, job_.snapshot(), {});
+    if (closed_) return std::nullopt;
+    ended_ = true;
+    job_.endTold();
     return std::nullopt;
   }
   const bool moves = state == JobState::Probing || state == JobState::Running;

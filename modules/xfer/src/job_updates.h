@@ -30,6 +30,9 @@ class JobUpdates final : public EventDispatcher::Source {
     [[nodiscard]] virtual std::size_t inFlight() const = 0;
     virtual void callbackThrew() noexcept = 0;
 
+    /// The end has been told: whoever waits for that goes on.
+    virtual void endTold() noexcept = 0;
+
    protected:
     ~Job() = default;
   };
@@ -41,6 +44,9 @@ class JobUpdates final : public EventDispatcher::Source {
 
   /// Nothing is told before: a callback may destroy the job, which nobody must be inside of then.
   void open() noexcept;
+
+  /// Whether there is something to come, the end at least.
+  [[nodiscard]] bool isPending() const noexcept { return open_ && !closed_ && !ended_; }
 
   /// Nothing is told from now on; at once inside of the callback, else once a call that is under way has returned.
   void close() noexcept;
@@ -56,12 +62,12 @@ class JobUpdates final : public EventDispatcher::Source {
   const std::chrono::milliseconds interval_;  // 0: progress is not told
   std::atomic<bool> open_{false};
   std::atomic<bool> closed_{false};
+  std::atomic<bool> ended_{false};  // and that was told
 
   // The dispatcher's thread's.
   std::uint64_t nextEvent_ = 0;
   std::uint64_t toldBytes_ = 0;
   EventDispatcher::Time progressDue_{};
-  bool ended_ = false;
 };
 
 }  // namespace xfer

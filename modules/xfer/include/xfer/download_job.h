@@ -103,13 +103,13 @@ class DownloadJob {
   XFER_API void cancel();
 
   /// Blocks until the state is final: for ever while the job is not started, Paused or at a stand-still (see pause).
-  /// The update of the end may still be on its way then: snapshot says how the job ended.  Throws std::system_error
-  /// (resource_deadlock_would_occur) on the job's own worker thread (in a logger), and inside of a callback
-  /// (DownloadOptions::setOnUpdate).
+  /// Of a job with a callback (DownloadOptions::setOnUpdate) also until that has been told the end, so that nothing
+  /// that it needs may wait for this.  Throws std::system_error (resource_deadlock_would_occur) on the job's own worker
+  /// thread (in a logger), and inside of a callback.
   XFER_API void wait();
 
-  /// As wait, for at most this long, and not at all inside of a callback; returns whether the state is final.  Throws
-  /// nothing.
+  /// As wait, for at most this long; returns whether it came to its end.  Inside of a callback it returns at once
+  /// whether the state is final.  Throws nothing.
   XFER_API bool waitFor(std::uint64_t milliseconds);
 
   /// Limits the job's speed (bytes per second, 0: unlimited), over all its connections, whichever of them delivers.

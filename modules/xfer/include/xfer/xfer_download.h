@@ -182,7 +182,7 @@ typedef struct xfer_status {
   uint64_t bytesPerSec; /* last measured speed; 0 in the first half second */
   uint32_t connections; /* requests under way */
   int32_t error;        /* 0: none, or not ended; else why it ended: see DownloadSnapshot::errorCode; 102: cancelled */
-  int32_t httpStatus;   /* of the request that failed; 0: none.  From 400 on it says why, whatever error is */
+  int32_t httpStatus;   /* of the request that failed; 0: none */
   uint32_t reserved;
 } xfer_status;
 
@@ -196,8 +196,8 @@ XFER_API int32_t xfer_downloadStatus(uint64_t id, xfer_status* status);
 enum { XFER_NOT_ENDED = 1 };
 
 /*
- * Blocks until the download has ended, or the time is over.  Its XFER_EVENT_END may still be on its way then: ask
- * xfer_downloadStatus how it ended.  Returns 0: it has ended; XFER_NOT_ENDED; 100036: called from inside of an onEvent.
+ * Blocks until the download has ended and a call of onEvent with XFER_EVENT_END has returned, or the time is over.
+ * Returns 0: it has ended; XFER_NOT_ENDED; 100036: called from inside of an onEvent.
  */
 XFER_API int32_t xfer_downloadWait(uint64_t id, uint64_t milliseconds);
 
