@@ -109,8 +109,10 @@ DownloadPolicy policyOf(const xfer_download_options& options) {
 
 // Whom a download tells what happens.
 struct Listener {
-  xfer_event_callback callback;
-  void* user;
+  Listener(xfer_event_callback itsCallback, void* itsUser) : callback(itsCallback), user(itsUser) {}
+
+  const xfer_event_callback callback;
+  void* const user;
   std::atomic<std::uint64_t> id{0};  // set before there is anything to tell
 };
 
