@@ -34,6 +34,16 @@ TEST(LibraryLifetime, libraryThatToldItsLastHostOfTheEndIsUnloadedAtOnce) {
   EXPECT_EQ(host.exitCode, 0) << host.err;
 }
 
+TEST(LibraryLifetime, libraryThatToldACrowdIsUnloadedAtOnce) {
+  const support::ScriptedServer server([](const ReceivedRequest& request) {
+    return support::range206(request, 100'000, {.pace = {.bytesEach = 20'000, .rest = std::chrono::milliseconds(1)}});
+  });
+  const support::TempDir folder;
+  const support::Finished host =
+      support::runProcess({support::siblingProgram("load_host"), "crowd", server.url("/file"), folder.file("out")});
+  EXPECT_EQ(host.exitCode, 0) << host.err;
+}
+
 TEST(LibraryLifetime, unloadWithADownloadAndARequestInFlightNeitherHangsNorCrashes) {
   const support::ScriptedServer server(stalling);
   for (int round = 0; round < 10; ++round) {

@@ -20,6 +20,7 @@
 #include "transfer_support.h"
 #include "xfer/xfer.h"
 #include "xfer/xfer.hpp"
+#include "xfer/xfer_download.h"
 #include "xfer/xfer_request.h"
 
 namespace {
@@ -110,6 +111,27 @@ xfer::Response requestByNumbers(const std::string& url, const Ask& ask) {
   const std::int32_t code = xfer_request(&options, &response);
   EXPECT_EQ(response.error, code);
   return {code, response.httpStatus, headers.toString(), body.toString()};
+}
+
+// Downloads by a record, which ask changes.
+template <class Ask>
+xfer_status downloadByRecord(const std::string& url, const std::string& path, const Ask& ask) {
+  xfer_download_options options;
+  xfer_status status;
+  std::uint64_t id = 0;
+  xfer_downloadOptionsInit(&options, sizeof options);
+  xfer_statusInit(&status, sizeof status);
+  options.url = url.c_str();
+  options.path = path.c_str();
+  options.connections = 3;
+  options.plan = support::adaptivePlan() ? XFER_PLAN_ADAPTIVE : XFER_PLAN_STATED;
+  ask(options);
+  EXPECT_EQ(xfer_downloadStart(&options, &id), 0);
+  constexpr std::uint64_t kLong = 60'000;
+  EXPECT_EQ(xfer_downloadWait(id, kLong), 0);
+  EXPECT_EQ(xfer_downloadStatus(id, &status), 0);
+  EXPECT_EQ(xfer_downloadForget(id), 0);
+  return status;
 }
 
 std::uint64_t milliseconds(std::chrono::milliseconds duration) {
@@ -243,6 +265,20 @@ TEST_P(EachTrust, requestByNumbersEndsAsTheServerDeserves) {
   EXPECT_EQ(xfer_setTls(!GetParam().verify, nullptr), 0);
   expectResponse(requestByNumbers(url(), ask));
   EXPECT_EQ(xfer_setTls(false, nullptr), 0);
+}
+
+TEST_P(EachTrust, jobByARecordEndsAsTheServerDeserves) {
+  const std::string ownCaFile = caFile();
+  const std::string ownPin = pin();
+  const xfer_status end = downloadByRecord(url(), file("out"), [&](xfer_download_options& options) {
+    options.verifyPeer = GetParam().verify ? XFER_VERIFY_ON : XFER_VERIFY_OFF;
+    options.caFile = GetParam().verify ? ownCaFile.c_str() : nullptr;
+    options.pinnedKey = GetParam().pin != Pin::None ? ownPin.c_str() : nullptr;
+  });
+  EXPECT_EQ(end.error, GetParam().code);
+  EXPECT_EQ(end.state, static_cast<std::uint32_t>(accepted() ? XFER_STATE_COMPLETED : XFER_STATE_FAILED));
+  EXPECT_EQ(support::patternError(file("out"), kSize).empty(), accepted());
+  expectAskedOnlyWhenAccepted();
 }
 
 TEST_P(EachTrust, firstQuestionEndsAsTheServerDeserves) {
@@ -414,6 +450,21 @@ TEST_F(TrustByNumbers, settingHoldsUntilTheNextOne) {
     EXPECT_EQ(downloadText(url), 0);
     EXPECT_EQ(downloadFile(url, file("out")), 0U);
   }
+}
+
+TEST_F(TrustByNumbers, jobsGoByTheSettingUnlessTheirRecordSaysOtherwise) {
+  ASSERT_EQ(xfer_setTls(true, servers_.caFile().c_str()), 0);
+  const auto errorOf = [this](Certificate certificate, std::uint32_t verify) {
+    return downloadByRecord(servers_.url(certificate, "/1m.bin"), file("out"),
+                            [verify](xfer_download_options& options) { options.verifyPeer = verify; })
+        .error;
+  };
+  EXPECT_EQ(errorOf(Certificate::Valid, XFER_VERIFY_AS_SET), 0) << "its own authority is the setting's";
+  EXPECT_EQ(errorOf(Certificate::SelfSigned, XFER_VERIFY_AS_SET), kCertificateRefused);
+  EXPECT_EQ(errorOf(Certificate::SelfSigned, XFER_VERIFY_OFF), 0);
+  EXPECT_EQ(errorOf(Certificate::Valid, XFER_VERIFY_ON), kCertificateRefused) << "the system does not know it";
+  ASSERT_EQ(xfer_setTls(false, nullptr), 0);
+  EXPECT_EQ(errorOf(Certificate::SelfSigned, XFER_VERIFY_AS_SET), 0);
 }
 
 TEST_F(TrustByNumbers, settingThatCannotWorkLeavesTheLastOne) {
