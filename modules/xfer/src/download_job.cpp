@@ -92,8 +92,9 @@ void DownloadJob::cancel() {
 }
 
 void DownloadJob::wait() {
-  if (eventDispatcher().isHere())
+  if (eventDispatcher().isHere()) {
     throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+  }
   impl_->wait();
 }
 
