@@ -13,7 +13,7 @@ PLAN_ADAPTIVE = 1
 EVENT_STATE, EVENT_PROGRESS, EVENT_NOTE, EVENT_END = range(4)
 STATE_NAMES = ("idle", "asking the server", "running", "paused", "cancelling", "completed", "failed", "cancelled")
 STATE_COMPLETED = 5
-NOT_ENDED = 1
+NOT_ENDED = 100038
 
 
 # The records: field by field as in the headers, with the types that the headers give.

@@ -276,6 +276,9 @@ TEST_F(CDownload, thatCannotWorkIsRefusedByTheNameOfItsField) {
   const std::vector<std::pair<Change, std::string>> cases = {
       {[](xfer_download_options& options) { options.connections = 65536; }, "connections"},
       {[](xfer_download_options& options) { options.maxChunkSize = 0; }, "maxChunkSize"},
+      {[](xfer_download_options& options) { options.cookie = "a=b\r\nX-Injected: 1"; }, "cookie"},
+      {[](xfer_download_options& options) { options.userAgent = "host\nX-Injected: 1"; }, "userAgent"},
+      {[](xfer_download_options& options) { options.headers = "X-One: 1\rX-Injected: 1"; }, "headers"},
       {[](xfer_download_options& options) { options.caFile = "ca.pem"; }, "caFile"},
       {[](xfer_download_options& options) {
          options.plan = XFER_PLAN_STATED;
@@ -336,6 +339,9 @@ TEST_F(CDownload, recordOfAnotherSizeIsUnderstoodOrRefused) {
   newer.known.url = url.c_str();
   ASSERT_EQ(xfer_downloadStart(&newer.known, &id_), 0) << "a field that is not set is none";
   EXPECT_EQ(xfer_downloadWait(id_, kLong), 0);
+  options_.reserved = 1;
+  EXPECT_EQ(refusal(), kBadRecord) << "what is reserved is not known either";
+  options_.reserved = 0;
   newer.field = 1;
   std::uint64_t id = 77;
   EXPECT_EQ(xfer_downloadStart(&newer.known, &id), kBadRecord) << "what is not known cannot be done";

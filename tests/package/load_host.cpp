@@ -199,8 +199,8 @@ int unloadWhileBusy(const char* url, const char* path) {
     return done > 0;
   });
   std::uint64_t requestId = 0;
-  // Not destroyed: where a library that works cannot be unloaded, it goes on telling.
-  auto& listener = *new Listener{xfer.forget};  // NOLINT(cppcoreguidelines-owning-memory)
+  // Static: where a library that works cannot be unloaded, it goes on telling.
+  static Listener listener{xfer.forget};
   const bool told =
       startTold(xfer, url, (std::string(path) + ".told").c_str(), 1'000'000, &Listener::hear, &listener) != 0 &&
       support::waitUntil([&] { return listener.moves.load(); });

@@ -20,12 +20,13 @@ std::string text(std::int32_t code) {
 }
 
 TEST(ErrorText, hasWordsOfItsOwnForEachOfTheLibrarysNumbers) {
-  const std::int32_t codes[] = {
-      result::kSuccess,           result::kNoHandle,       result::kSizeException,   result::kNoSize,
-      result::kStopped,           result::kException,      result::kUnknownId,       result::kFileNotCreated,
-      result::kFileNotOpen,       result::kEmptyBody,      result::kFileNotReserved, result::kCaFileUnreadable,
-      result::kCaFileEmpty,       result::kBadRecord,      result::kNullArgument,    result::kOtherKind,
-      result::kUnknownEnumerator, result::kInsideCallback, result::kCallbackThrew,   result::unexpectedStatus(-1)};
+  const std::int32_t codes[] = {result::kSuccess,       result::kNoHandle,          result::kSizeException,
+                                result::kNoSize,        result::kStopped,           result::kException,
+                                result::kUnknownId,     result::kFileNotCreated,    result::kFileNotOpen,
+                                result::kEmptyBody,     result::kFileNotReserved,   result::kCaFileUnreadable,
+                                result::kCaFileEmpty,   result::kBadRecord,         result::kNullArgument,
+                                result::kOtherKind,     result::kUnknownEnumerator, result::kInsideCallback,
+                                result::kCallbackThrew, result::kNotEnded,          result::unexpectedStatus(-1)};
   std::set<std::string> texts;
   for (const std::int32_t code : codes) {
     EXPECT_NE(text(code), "unknown code") << code;

@@ -12,6 +12,7 @@
 
 #include "c_entry.h"
 #include "download_job_impl.h"
+#include "easy_options.h"
 #include "end_code.h"
 #include "event_dispatcher.h"
 #include "handles.h"
@@ -47,8 +48,8 @@ namespace result = xfer::result;
 constexpr const char* kLogTag = "xfer";
 
 // The sizes that the records had when there were hosts for the first time.
-constexpr std::size_t kFirstOptions = sizeof(xfer_download_options);
-constexpr std::size_t kFirstStatus = sizeof(xfer_status);
+constexpr std::size_t kFirstOptions = 208;
+constexpr std::size_t kFirstStatus = 48;
 
 xfer_download_options initialOptions() {
   const DownloadPolicy policy;
@@ -181,10 +182,13 @@ DownloadOptions abilitiesOf(const xfer_download_options& options, const TlsTrust
 }
 
 // The name of a field that cannot have its value; null when all can.
-const char* unworkable(const xfer_download_options& options, const DownloadPolicy& policy,
-                       const DownloadOptions& abilities) {
+const char* unworkable(const xfer_download_options& options, const DownloadRequest& request,
+                       const DownloadPolicy& policy, const DownloadOptions& abilities) {
   constexpr std::uint32_t kMostConnections = 65535;
   if (options.connections > kMostConnections) return "connections";
+  if (xfer::holdsLineBreak(orEmpty(options.userAgent), {})) return "userAgent";
+  if (xfer::holdsLineBreak(request.cookie, {})) return "cookie";
+  if (xfer::holdsLineBreak({}, request.headers)) return "headers";
   if (const char* const field = xfer::unworkableField(policy)) return field;
   return abilities.values().unworkable();
 }
@@ -239,7 +243,7 @@ int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id) {
   return guardedEntry("xfer_downloadStart", [&] {
     if (options == nullptr || id == nullptr) return result::kNullArgument;
     xfer_download_options known = initialOptions();
-    if (!xfer::readRecord(*options, kFirstOptions, known)) return result::kBadRecord;
+    if (!xfer::readRecord(*options, kFirstOptions, known) || known.reserved != 0) return result::kBadRecord;
     if (known.url == nullptr || known.path == nullptr) return result::kNullArgument;
     if (known.plan > XFER_PLAN_ADAPTIVE || known.notes > XFER_NOTES_ALL) return result::kUnknownEnumerator;
     TlsTrust trust;
@@ -248,9 +252,10 @@ int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id) {
       if (error == CURLE_BAD_FUNCTION_ARGUMENT) logRefusal("caFile");
       return error;
     }
+    DownloadRequest request = requestOf(known);
     const DownloadPolicy policy = policyOf(known);
     DownloadOptions abilities = abilitiesOf(known, trust);
-    if (const char* const field = unworkable(known, policy, abilities)) {
+    if (const char* const field = unworkable(known, request, policy, abilities)) {
       logRefusal(field);
       return static_cast<std::int32_t>(CURLE_BAD_FUNCTION_ARGUMENT);
     }
@@ -259,7 +264,7 @@ int32_t xfer_downloadStart(const xfer_download_options* options, uint64_t* id) {
       listener = std::make_shared<Listener>(known.onEvent, known.user);
       tell(abilities, known, listener);
     }
-    return start(std::make_shared<StartedJob>(requestOf(known), policy, abilities.values()), listener.get(), *id);
+    return start(std::make_shared<StartedJob>(std::move(request), policy, abilities.values()), listener.get(), *id);
   });
 }
 
@@ -303,7 +308,7 @@ int32_t xfer_downloadStatus(uint64_t id, xfer_status* status) {
 int32_t xfer_downloadWait(uint64_t id, uint64_t milliseconds) {
   return withDownload("xfer_downloadWait", id, [&](xfer::DownloadJob::Impl& job) -> std::int32_t {
     if (xfer::eventDispatcher().isHere()) return result::kInsideCallback;
-    return job.waitFor(milliseconds) ? result::kSuccess : XFER_NOT_ENDED;
+    return job.waitFor(milliseconds) ? result::kSuccess : result::kNotEnded;
   });
 }
 

@@ -37,8 +37,8 @@ namespace result = xfer::result;
 constexpr const char* kLogTag = "xfer";
 
 // The sizes that the records had when there were hosts for the first time.
-constexpr std::size_t kFirstOptions = sizeof(xfer_request_options);
-constexpr std::size_t kFirstResponse = sizeof(xfer_response);
+constexpr std::size_t kFirstOptions = 128;
+constexpr std::size_t kFirstResponse = 40;
 
 // libcurl counts milliseconds with an int, and leaves a longer time-out out.
 std::int32_t seconds(std::uint32_t given) {

@@ -34,6 +34,7 @@ constexpr std::array kOwn{
     Words{result::kOtherKind, "the id is of another kind"},
     Words{result::kUnknownEnumerator, "a field has a value that is none of its enumerators"},
     Words{result::kInsideCallback, "this cannot be waited for inside of a callback"},
+    Words{result::kNotEnded, "the time is over, and the download goes on"},
     Words{result::kCallbackThrew, "a callback of the host threw an exception"},
     // libcurl's, where the library says more by it.
     Words{CURLE_RANGE_ERROR, "the server sent other bytes than asked for, or the remote file changed"},

@@ -33,6 +33,8 @@ inline constexpr std::int32_t kUnknownEnumerator = 100035;  ///< a field is none
 inline constexpr std::int32_t kInsideCallback = 100036;     ///< not to be called by a callback: xfer_downloadWait
 inline constexpr std::int32_t kCallbackThrew = 100037;      ///< a host's callback threw: job, fetch
 
+inline constexpr std::int32_t kNotEnded = 100038;  ///< the time is over: xfer_downloadWait
+
 /// An HTTP status outside of 200 to 299: xfer_downloadText.  -1, an unreadable status, gives -999.
 constexpr std::int32_t unexpectedStatus(std::int32_t status) {
   return -1000 - status;

@@ -34,7 +34,7 @@ enum class DownloadPlan : std::uint32_t {
   ///     growing random delays, over fewer connections; all jobs of the process go by what it asked for;
   ///   - the snapshot's bytesDone never exceeds the size;
   ///   - policy.maxDownloadSpeed is the job's, however many connections deliver.
-  /// The policy's chunk sizes have no meaning: see setFirstRange.
+  /// The policy's chunk sizes have no meaning, but must be such as the stated plan takes: see setFirstRange.
   Adaptive = 1
 };
 

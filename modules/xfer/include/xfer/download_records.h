@@ -64,9 +64,11 @@ struct DownloadSnapshot {
   std::uint64_t totalBytes = 0;   ///< size of the file; 0: unknown
   std::uint64_t bytesPerSec = 0;  ///< last measured speed; 0 during the first half second
   /// The failure that ended the job: a libcurl code, -1 (a write failed, or there was no transfer handle), a file error
-  /// (100004, 100006, 100024), an HTTP status, or 100000 for an exception; 0: none.
+  /// (100004, 100006, 100024), an HTTP status, 100000 for an exception, or 100037 when a callback of the host threw; 0:
+  /// none.
   std::int32_t errorCode = 0;
-  /// Of the range transfer that failed; 0: none, or another failure.  From 400 on it says why, whatever errorCode is.
+  /// Of the range transfer that failed; 0: none, or another failure.  By the stated plan an error status from 400 on is
+  /// here, and errorCode is 18.
   std::int32_t httpStatus = 0;
   float percent = 0;       ///< 100 * bytesDone / totalBytes; may exceed 100; 0 while totalBytes is 0
   bool throttled = false;  ///< several transfers timed out early: the server is likely throttling the client

@@ -28,7 +28,7 @@ struct Request {
   net::Proxy proxy;                     ///< for every host; empty host: none
   std::string body;                     ///< not empty: sent as a POST, or by the options' method
   bool followRedirects = true;          ///< at most 20; a POST stays a POST
-  std::int32_t connectTimeoutSec = 15;  ///< 0 or less: none
+  std::int32_t connectTimeoutSec = 15;  ///< 0 or less: libcurl's 300
   std::int32_t timeoutSec = 10;         ///< for the whole transfer; 0 or less: none
   std::int32_t lowSpeedTimeSec = 10;    ///< aborts after this long below 1024 bytes per second; 0 or less: never
   bool quiet = false;                   ///< log nothing about this request, failures included

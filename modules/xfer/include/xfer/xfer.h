@@ -150,7 +150,8 @@ XFER_API int32_t xfer_downloadResume(uint64_t dl_id);
 /*
  * Cancels a download, waits for its threads, well under a second, and forgets its id.  The partial file stays.
  *
- * Returns false when there is no such download, it could not be started, or xfer_getProgress has reported its end.
+ * Returns false when there is no such download of xfer_downloadFile, it could not be started, or xfer_getProgress has
+ * reported its end.
  */
 XFER_API bool xfer_stopDownloadHandle(uint64_t dl_id);
 
@@ -163,8 +164,8 @@ XFER_API bool xfer_stopDownloadHandle(uint64_t dl_id);
  * no transfer handle.
  *
  * The first call that finds the download ended releases it; later calls give the same *errorCode, and 0 in *downloaded.
- * Intended: this result is kept until the module is unloaded, about 64 bytes a download.  For an unknown id *finished
- * is 1 and the others are not written.
+ * Intended: this result is kept until the module is unloaded, about 64 bytes a download.  For an unknown id, as one of
+ * xfer_downloadStart is here, *finished is 1 and the others are not written.
  */
 XFER_API int32_t xfer_getProgress(uint64_t dl_id, uint64_t* downloaded, uint32_t* errorCode, uint8_t* finished);
 
@@ -214,7 +215,7 @@ XFER_API int32_t xfer_setUserAgent(const char* userAgent);
 /* Sets the connection count of later downloads whose threads argument is 0; initially 1.  0 counts as 1. */
 XFER_API void xfer_setNumThreads(uint16_t value);
 
-/* Limits the speed of each later download, over all its connections; 0 (the initial value): unlimited. */
+/* Limits the speed of each later xfer_downloadFile, over all its connections; 0 (the initial value): unlimited. */
 XFER_API void xfer_setMaxDownloadSpeed(uint64_t value);
 
 /*

@@ -193,7 +193,7 @@ XFER_API void xfer_statusInit(xfer_status* status, uint32_t size);
 XFER_API int32_t xfer_downloadStatus(uint64_t id, xfer_status* status);
 
 /* What xfer_downloadWait returns when the time is over. */
-enum { XFER_NOT_ENDED = 1 };
+enum { XFER_NOT_ENDED = 100038 };
 
 /*
  * Blocks until the download has ended and a call of onEvent with XFER_EVENT_END has returned, or the time is over.
