@@ -44,7 +44,7 @@ void EventDispatcher::remove(const Source& source) noexcept {
     if (found != sources_.end()) {
       removed = std::move(*found);
       sources_.erase(found);
-      if (sources_.empty()) sources_ = {};  // with its memory: the dispatcher outlives the library
+      if (sources_.empty()) sources_.shrink_to_fit();  // nothing is to be left when the library is unloaded
     }
     if (onThread()) return;
     ++waiting_;
