@@ -4,7 +4,6 @@
 
 #include <array>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -144,23 +143,6 @@ TEST(CRequestRecords, haveTheirDefaultsAtFirst) {
   EXPECT_EQ(std::memcmp(&response, &empty, sizeof empty), 0);
   xfer_requestOptionsInit(nullptr, 100);
   xfer_responseInit(nullptr, 100);
-}
-
-// Hosts are built with these sizes and places.
-TEST(CRequestRecords, haveTheLayoutThatHostsWereBuiltWith) {
-  if (sizeof(void*) != 8) GTEST_SKIP() << "known for 64 bits";
-  EXPECT_EQ(sizeof(xfer_request_options), 128U);
-  EXPECT_EQ(offsetof(xfer_request_options, url), 8U);
-  EXPECT_EQ(offsetof(xfer_request_options, body), 72U);
-  EXPECT_EQ(offsetof(xfer_request_options, onBody), 88U);
-  EXPECT_EQ(offsetof(xfer_request_options, maxRedirects), 112U);
-  EXPECT_EQ(offsetof(xfer_request_options, lowSpeedTimeSec), 124U);
-  EXPECT_EQ(sizeof(xfer_response), 40U);
-  EXPECT_EQ(offsetof(xfer_response, error), 4U);
-  EXPECT_EQ(offsetof(xfer_response, httpStatus), 8U);
-  EXPECT_EQ(offsetof(xfer_response, bodySize), 16U);
-  EXPECT_EQ(offsetof(xfer_response, headers), 24U);
-  EXPECT_EQ(offsetof(xfer_response, body), 32U);
 }
 
 TEST_F(CRequest, optionsOfAnotherSizeAreUnderstoodOrRefused) {
