@@ -217,18 +217,18 @@ TEST_F(JobUpdates, progressGrowsAndComesNoSoonerThanItsInterval) {
     times.push_back(steady_clock::now());
     bytes.push_back(update.snapshot.bytesDone);
   });
-  const auto job = jobFor(server, given.setProgressInterval(30));
+  const auto job = jobFor(server, given.setProgressInterval(100));
   job->start();
   ASSERT_TRUE(waitUntil([&] {
     const std::lock_guard lock(mutex);
-    return times.size() >= 5;
+    return times.size() >= 4;
   }));
   job->cancel();
   static_cast<void>(waitForEnd(*job));
   const std::lock_guard lock(mutex);
   // Two calls may come close together when the first one was late: over all of them they do not.
   const auto whole = times.back() - times.front();
-  EXPECT_GE(whole + milliseconds(30), milliseconds(30) * (times.size() - 1));
+  EXPECT_GE(whole + milliseconds(150), milliseconds(100) * (times.size() - 1));
   for (std::size_t i = 1; i < bytes.size(); ++i) EXPECT_GT(bytes[i], bytes[i - 1]);
 }
 
