@@ -91,6 +91,7 @@ const Options kEvery{
     {"WRITEDATA", "set"},
     {"HEADERFUNCTION", "set"},
     {"HEADERDATA", "set"},
+    {"ERRORBUFFER", "set"},
 };
 
 // What comes with a cookie or a login, before the request and with it.

@@ -48,12 +48,12 @@ constexpr int kTimeoutSec = 30;  // longer than any of these probes may take
 constexpr std::int32_t kWeirdServerReply = 8;
 constexpr std::int32_t kRangeError = 33;
 
-RemoteFileInfo probe(const DownloadRequest& request) {
+xfer::ProbedFile probe(const DownloadRequest& request) {
   const xfer::StopSignal never;
   return xfer::probeStoppable(request, kTimeoutSec, never);
 }
 
-RemoteFileInfo probe(const ScriptedServer& server) {
+xfer::ProbedFile probe(const ScriptedServer& server) {
   return probe(requestFor(server.url("/file"), ""));
 }
 
@@ -131,9 +131,10 @@ TEST(JobProbe, lengthsThatDifferAreARangeErrorAndLogged) {
           .stall();
     });
     const support::RecordingLogger log;
-    const RemoteFileInfo info = probe(server);
+    const xfer::ProbedFile info = probe(server);
     if (info.error == kWeirdServerReply) continue;  // a libcurl that refuses the answer by itself
     EXPECT_EQ(info.error, kRangeError) << status;
+    EXPECT_EQ(info.failure.view(), "Content-Length values differ");
     const char* const text = "probe | answer refused | reason=Content-Length values differ";
     EXPECT_EQ(support::wholeLogError(log.records(), {support::failure(support::kJob, text)}), "")
         << "no trace of the request itself";

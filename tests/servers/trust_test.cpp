@@ -323,7 +323,7 @@ TEST_P(EachTrust, toolEndsAsTheServerDeserves) {
 
   for (const char* plan : {"adaptive", "stated"}) {
     support::writeFile(file("out"), kOldContent);
-    const support::Finished done = run({url(), "out", "--plan", plan});
+    const support::Finished done = run({url(), "out", "--overwrite", "--plan", plan});
     EXPECT_EQ(done.exitCode, exitCode) << plan << ": " << done.err;
     if (accepted()) {
       EXPECT_EQ(support::patternError(file("out"), kSize), "");

@@ -27,6 +27,12 @@ TEST(ResponseHead, statusLineWithoutASpaceLeavesTheStatus) {
   EXPECT_EQ(head({"HTTP/1.1 404 Not Found", "HTTP/1.1"}).status, 404);
 }
 
+TEST(ResponseHead, tellsTheEncodingOfTheBodyUnlessItIsIdentity) {
+  EXPECT_EQ(head({"HTTP/1.1 200 OK", "CONTENT-ENCODING: gzip, br "}).contentEncoding, "gzip, br");
+  EXPECT_EQ(head({"HTTP/1.1 200 OK", "Content-Encoding: IDENTITY"}).contentEncoding, "");
+  EXPECT_EQ(head({"HTTP/1.1 200 OK", "Content-Encodings: gzip"}).contentEncoding, "");
+}
+
 TEST(ResponseHead, onlyStrongEntityTagsAreKept) {
   EXPECT_EQ(head({"HTTP/1.1 200 OK", "etag:  \"x\""}).strongEtag, "\"x\"");
   EXPECT_EQ(head({"HTTP/1.1 200 OK", "ETag: W/\"x\""}).strongEtag, "");

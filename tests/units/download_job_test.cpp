@@ -737,6 +737,7 @@ TEST_F(DownloadJobTest, shortRangeBehindWhichThereIsMoreFailsTheJobInsteadOfLeav
   world.transfers.deliver(0, 0, support::patternBytes(0, 5));
   world.transfers.finish(0, 0, 206, 5);
   expectFailed(18, 206);
+  EXPECT_EQ(job->details().failureText(), "bytes from 5 on are missing");
   EXPECT_EQ(jobLog(6), (Lines{"3 onTransferDone | bytes are missing | from=5 | written_up_to=30",
                               "3 fatal | range=0 | err=18 | http=206"}));
   EXPECT_EQ(world.transfers.count(BackendCommand::CancelAll), 1U);

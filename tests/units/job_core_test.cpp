@@ -555,6 +555,189 @@ TEST_F(JobCoreTest, writesThatFailAfterTheJobHasFailedAreNotLogged) {
   EXPECT_EQ(log.count("finalize failed"), 1U);
 }
 
+// ---- What is told of a failure ----
+
+TEST_F(JobCoreTest, tellsWhatTheTransferSaidOfTheFailureThatEndedTheJob) {
+  start(30);
+  const FlightPtr flight = core.next();
+  const FlightPtr other = core.next();
+  EXPECT_TRUE(core.failureText().empty());
+  core.ended(flight, {CURLE_UNSUPPORTED_PROTOCOL, kNoStatus, 0, {}, ShortText::of("no such protocol")});
+  core.ended(other, {CURLE_URL_MALFORMAT, kNoStatus, 0, {}, ShortText::of("later")});
+  core.fail(result::kException, kNoStatus, ShortText::of("later still"));
+  EXPECT_EQ(core.failureText().view(), "no such protocol") << "of the first one";
+  EXPECT_EQ(core.details().failureText, "no such protocol");
+}
+
+TEST_F(JobCoreTest, tellsNothingOfAFailureThatIsTriedAgain) {
+  start(30);
+  core.ended(core.next(), {CURLE_COULDNT_CONNECT, kNoStatus, 0, {}, ShortText::of("refused")});
+  EXPECT_EQ(core.state(), JobState::Running);
+  EXPECT_TRUE(core.failureText().empty());
+}
+
+TEST_F(JobCoreTest, tellsNothingWhereNothingIsKnown) {
+  start(30);
+  core.ended(core.next(), {CURLE_URL_MALFORMAT, kNoStatus, 0});
+  EXPECT_EQ(core.state(), JobState::Failed);
+  EXPECT_TRUE(core.failureText().empty());
+}
+
+TEST_F(JobCoreTest, tellsTheStatusWhereNothingIsKnownOfWhatBrokeItsAnswerOff) {
+  start(30);
+  core.ended(core.next(), {CURLE_BAD_CONTENT_ENCODING, kForbidden, 0});
+  EXPECT_EQ(core.failureText().view(), "HTTP status 403");
+}
+
+TEST_F(JobCoreTest, tellsTheSizeThatTheAnswersHadAndNotTheHosts) {
+  start(30);
+  const FlightPtr first = core.next();
+  ASSERT_EQ(answer(first, rangeHead(0, 10, 40)).action, Action::Deliver);
+  core.ended(first, {CURLE_OK, kPartial, kChunk});
+  const FlightPtr second = core.next();
+  ASSERT_EQ(answer(second, rangeHead(10, 20, 50)).action, Action::Stop);
+  core.ended(second, {CURLE_RANGE_ERROR, kPartial, 0});
+  EXPECT_EQ(core.failureText().view(), "the size was 40, now it is 50");
+}
+
+TEST_F(JobCoreTest, tellsThatTheFileEndsBeforeTheRange) {
+  start(30);
+  ResponseHead head;
+  head.status = kPartial;
+  const FlightPtr first = core.next();
+  ASSERT_EQ(answer(first, head).action, Action::Deliver);
+  core.ended(first, {CURLE_OK, kPartial, kChunk});
+  const FlightPtr second = core.next();
+  ASSERT_EQ(answer(second, wholeHead(5)).action, Action::Stop);
+  core.ended(second, {CURLE_RANGE_ERROR, 200, 0});
+  EXPECT_EQ(core.failureText().view(), "byte 10 was asked for, now the size is 5");
+}
+
+// Of a range that fails in the same way at every try.
+class JobCoreLastTry : public JobCoreTest {
+ protected:
+  std::string textAfter(const ResponseHead& head, std::uint64_t bytes) {
+    for (std::size_t tries = 0; tries <= kRetryDelaysMs.size(); ++tries) {
+      const FlightPtr flight = core.next();
+      EXPECT_EQ(answer(flight, head).action, Action::Deliver);
+      const JobActions actions = core.ended(flight, {CURLE_OK, head.status, bytes});
+      if (actions.retry) core.retryDue(actions.retry->id);
+    }
+    EXPECT_EQ(core.errorCode(), CURLE_PARTIAL_FILE);
+    return std::string(core.failureText().view());
+  }
+};
+
+TEST_F(JobCoreLastTry, tellsThatTheAnswerHasNoByte) {
+  start(10);
+  EXPECT_EQ(textAfter(rangeHead(0, 10, 10), 0), "the answer has no byte of the range");
+}
+
+TEST_F(JobCoreLastTry, tellsWhereTheConnectionEndedTheBody) {
+  start(10, SizeFrom::ProbedFile);
+  ResponseHead head;
+  head.status = 200;
+  EXPECT_EQ(textAfter(head, 7), "the size is 10, the answer ended at 7");
+}
+
+TEST_F(JobCoreTest, tellsThatPartsOfARangeAreAllThatComes) {
+  start(30000);
+  core.plan([] {
+    DownloadPolicy wide = chunks();
+    wide.maxChunkSize = 30000;
+    return wide;
+  }());
+  std::uint64_t reached = 0;
+  for (int answers = 0; core.state() == JobState::Running; ++answers) {
+    ASSERT_LT(answers, 100);
+    const FlightPtr flight = core.next();
+    ASSERT_NE(flight, nullptr);
+    reached = flight->asked.start;
+    ASSERT_EQ(answer(flight, rangeHead(reached, reached + 1, 30000)).action, Action::Deliver);
+    const JobActions actions = core.ended(flight, {CURLE_OK, kPartial, 1});
+    if (actions.retry) core.retryDue(actions.retry->id);
+  }
+  EXPECT_EQ(core.failureText().view(),
+            "the server sends less of a range than asked: 1 of " + std::to_string(30000 - reached) + " bytes");
+}
+
+TEST_F(JobCoreTest, tellsThatTheAnswerOfAMovingPlanHasNoBody) {
+  JobCore moving{policy(1), CoreOptions{.adaptive = AdaptiveSettings{.maxTries = 1}}};
+  ASSERT_TRUE(moving.beginProbe());
+  moving.plan(chunks());
+  std::uint64_t nowNs = 0;
+  for (int tries = 0; moving.state() != JobState::Failed && tries < 100; ++tries) {
+    moving.setTime(nowNs += 100'000'000'000);
+    moving.turned({.nowNs = nowNs, .sinceNs = 100'000'000'000});
+    if (const FlightPtr flight = moving.next()) moving.ended(flight, {CURLE_OK, kPartial, 0});
+  }
+  EXPECT_EQ(moving.errorCode(), CURLE_PARTIAL_FILE);
+  EXPECT_EQ(moving.failureText().view(), "the answer ended before its body");
+}
+
+TEST_F(JobCoreTest, tellsTheStatusAndWhatBrokeItsAnswerOff) {
+  start(30);
+  core.ended(core.next(), {CURLE_BAD_CONTENT_ENCODING, 404, 0, {}, ShortText::of("broken")});
+  EXPECT_EQ(core.failureText().view(), "HTTP status 404: broken");
+}
+
+TEST_F(JobCoreTest, tellsTheStatusAloneWhereOnlyItsPageIsShort) {
+  start(30);
+  core.ended(core.next(), {CURLE_PARTIAL_FILE, kForbidden, 0, {}, ShortText::of("0 of 10 bytes came")});
+  EXPECT_EQ(core.failureText().view(), "HTTP status 403");
+}
+
+TEST_F(JobCoreTest, tellsTheCauseWhereARedirectIsAllThatCame) {
+  start(30);
+  core.ended(core.next(), {CURLE_TOO_MANY_REDIRECTS, 302, 0, {}, ShortText::of("Maximum (10) redirects followed")});
+  EXPECT_EQ(core.failureText().view(), "Maximum (10) redirects followed");
+}
+
+TEST_F(JobCoreTest, tellsNoRangeWhereNoneWasAskedFor) {
+  start(0, SizeFrom::ProbedFile);
+  core.ended(core.next(), {CURLE_OK, 302, 0});
+  EXPECT_EQ(core.failureText().view(), "HTTP status 302");
+}
+
+TEST_F(JobCoreTest, tellsWhyTheFileCouldNotBeWritten) {
+  start(30);
+  core.writeFailed(result::kWriteFailed, ShortText::of("the disk is full"));
+  EXPECT_EQ(core.failureText().view(), "the disk is full");
+}
+
+TEST_F(JobCoreTest, tellsThatABodyWithoutALengthGoesOnBehindTheSize) {
+  start(30, SizeFrom::ProbedRange);
+  const FlightPtr flight = core.next();
+  ResponseHead head;
+  head.status = 200;
+  EXPECT_EQ(answer(flight, head).end, 30U);
+  core.ended(flight, {CURLE_RANGE_ERROR, 200, 30});
+  EXPECT_EQ(core.failureText().view(), "the size was 30, now the file goes on behind that");
+}
+
+TEST_F(JobCoreTest, tellsWhereABodyWithoutALengthEnds) {
+  start(30, SizeFrom::ProbedRange);
+  const FlightPtr flight = core.next();
+  ResponseHead head;
+  head.status = 200;
+  head.transferEncoding = true;
+  EXPECT_EQ(answer(flight, head).codeIfShort, CURLE_RANGE_ERROR);
+  core.ended(flight, {CURLE_RANGE_ERROR, 200, 20});
+  EXPECT_EQ(core.failureText().view(), "the size was 30, now it is 20");
+}
+
+TEST_F(JobCoreTest, tellsTheFirstEncodingOfTheBody) {
+  start(30);
+  for (const char* const encoding : {"", "br", "gzip"}) {
+    const FlightPtr flight = core.next();
+    ResponseHead head = rangeHead(flight->asked.start, flight->asked.end, 30);
+    head.contentEncoding = encoding;
+    ASSERT_EQ(answer(flight, head).action, Action::Deliver);
+    core.ended(flight, {CURLE_OK, kPartial, kChunk});
+  }
+  EXPECT_EQ(core.details().contentEncoding, "br");
+}
+
 TEST_F(JobCoreTest, restOfAFileOfUnknownSizeIsAskedForUpToTheTotalThatAnAnswerNames) {
   start(0, SizeFrom::ProbedFile);
   const FlightPtr flight = core.next();
@@ -611,6 +794,7 @@ TEST_F(JobCoreTest, wholeFileOfAnotherLengthThanTheRangesFailsTheJob) {
   EXPECT_EQ(answer(flight, wholeHead(520)).code, CURLE_RANGE_ERROR);
   EXPECT_TRUE(core.ended(flight, {CURLE_RANGE_ERROR, 200, 0}).close);
   EXPECT_EQ(core.errorCode(), CURLE_RANGE_ERROR);
+  EXPECT_EQ(core.failureText().view(), "the size was 30, now it is 520");
 }
 
 TEST_F(JobCoreTest, wholeFileThatEndsElsewhereThanWasProbedIsNotMixedWithRanges) {
@@ -627,6 +811,7 @@ TEST_F(JobCoreTest, wholeFileThatEndsElsewhereThanWasProbedIsNotMixedWithRanges)
   const support::RecordingLogger log;
   core.ended(flight, {CURLE_OK, 200, 5});
   EXPECT_EQ(core.errorCode(), CURLE_RANGE_ERROR);
+  EXPECT_EQ(core.failureText().view(), "the size was 20, now it is 15");
   EXPECT_EQ(wholeLogError(log.records(), {failure(kJob, "onTransferDone | size of the remote file changed | end=15"),
                                           failure(kJob, "fatal | range=10 | err=33 | http=200")}),
             "");
@@ -662,6 +847,15 @@ TEST_F(JobCoreDoubtTest, failsTheJobWhenTheSampleDiffers) {
   raiseDoubt();
   EXPECT_TRUE(bring(core.next(), "b", 2).close);
   EXPECT_EQ(core.errorCode(), CURLE_RANGE_ERROR);
+  EXPECT_EQ(core.failureText().view(), "the remote file changed: bytes from 0 to 10 differ");
+}
+
+TEST_F(JobCoreDoubtTest, tellsTheSizeThatTheSampleNames) {
+  raiseDoubt();
+  const FlightPtr sample = core.next();
+  EXPECT_EQ(answer(sample, rangeHead(0, 10, 40, "b")).action, Action::Stop);
+  core.ended(sample, {CURLE_RANGE_ERROR, kPartial, 0});
+  EXPECT_EQ(core.failureText().view(), "the size was 30, now it is 40");
 }
 
 TEST_F(JobCoreDoubtTest, waitsForWhatIsInFlight) {
@@ -830,6 +1024,7 @@ TEST_F(JobCoreDoubtTest, failsTheJobWhenNothingIsKnownOfWhatWasDelivered) {
   const support::RecordingLogger log;
   core.ended(second, {CURLE_ABORTED_BY_CALLBACK, kPartial, 0});
   EXPECT_EQ(core.errorCode(), CURLE_RANGE_ERROR);
+  EXPECT_EQ(core.failureText().view(), "the remote file changed, and nothing is known to compare it with");
   EXPECT_EQ(core.httpStatus(), 0);
   EXPECT_EQ(wholeLogError(log.records(),
                           {failure(kJob, "onHead | remote file changed, and nothing is known to compare it with")}),

@@ -6,6 +6,7 @@
 #include <limits>
 #include <utility>
 
+#include "curl_failure.h"
 #include "easy_options.h"
 #include "log.h"
 #include "request_headers.h"
@@ -51,6 +52,7 @@ struct CurlMultiBackend::Transfer {
   DoneCallback onDone;
   Ticket ticket = 0;
   std::optional<RequestHeaders> headers;  // before the handle that points to it
+  ErrorBuffer said{};                     // so is this; of the current attempt
   EasyPtr easy;
 
   // Over all attempts.
@@ -86,6 +88,7 @@ struct CurlMultiBackend::Transfer {
 
   void beginAttempt() {
     attempt = {};
+    said.front() = '\0';
     attempt.bodyOffset = attempt.position = request.rangeStart;
     if (request.rangeEnd != 0) attempt.end = request.rangeEnd;
     applyCut();
@@ -279,20 +282,22 @@ Ticket CurlMultiBackend::submit(const TransferRequest& request, DataCallback onD
     const sys::MutexLock lock(mutex_);
     return ++lastTicket_;
   };
-  const auto failAtOnce = [&](std::int32_t code) {
+  const auto failAtOnce = [&](std::int32_t code, const ShortText& why = {}) {
     const Ticket ticket = nextTicket();
-    if (onDone) onDone(request.rangeStart, {code, 0, 0});
+    if (onDone) onDone(request.rangeStart, {code, 0, 0, {}, why});
     return ticket;
   };
   if (!running_) return failAtOnce(CURLE_ABORTED_BY_CALLBACK);
-  if (holdsLineBreak(request.cookie, request.headers)) return failAtOnce(CURLE_BAD_FUNCTION_ARGUMENT);
+  if (holdsLineBreak(request.cookie, request.headers)) {
+    return failAtOnce(CURLE_BAD_FUNCTION_ARGUMENT, ShortText::of(kLineBreak));
+  }
   Transfers one;
   one.push_back(std::make_unique<Transfer>());
   Transfer& transfer = *one.front();
   transfer.easy.reset(curl_easy_init());
   if (!transfer.easy) {
     XFER_LOG(log::kFailure, "submit | curl_easy_init failed");
-    return failAtOnce(result::kNoHandle);
+    return failAtOnce(result::kNoHandle, ShortText::of("no transfer could be set up"));
   }
   transfer.request = request;
   if (const std::int32_t unable = configure(transfer)) return failAtOnce(unable);
@@ -361,6 +366,7 @@ std::int32_t CurlMultiBackend::configure(Transfer& transfer) {
   setOption(easy, CURLOPT_HEADERFUNCTION, onHeader);
   setOption(easy, CURLOPT_HEADERDATA, &transfer);
   setOption(easy, CURLOPT_PRIVATE, &transfer);
+  setOption(easy, CURLOPT_ERRORBUFFER, transfer.said.data());
   return applyTransport(easy, trust_);
 }
 
@@ -549,7 +555,9 @@ void CurlMultiBackend::addTransfer() {
     XFER_LOG(log::kFailure, "addTransfer | curl_multi_add_handle: " << curl_multi_strerror(added));
     Transfers refused;
     refused.splice(refused.end(), waiting_, waiting_.begin());
-    finishTransfer(transfer, {result::kNoHandle, 0, 0});
+    finishTransfer(
+        transfer,
+        {result::kNoHandle, 0, 0, {}, ShortText::of("no transfer could be set up: ", curl_multi_strerror(added))});
     return;
   }
   buckets_.splice(buckets_.end(), freeBuckets_, std::prev(freeBuckets_.end()));
@@ -684,6 +692,9 @@ void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode c
   curl_easy_getinfo(transfer.easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
   // libcurl also tells a length that the coding of the body makes void.
   if (transfer.request.onHead && !attempt.head.head().bodyLength()) announced = -1;
+  // What a transfer ended itself with, libcurl knows as a failed write.
+  ShortText text;
+  if (result != CURLE_OK && !attempt.ownResult) text = curlFailure(transfer.easy.get(), result, transfer.said);
   leaveMulti(transfer);
   const std::int32_t status = transfer.status() > 0 ? transfer.status() : static_cast<std::int32_t>(code);
   const std::uint64_t got = transfer.delivered();
@@ -702,6 +713,8 @@ void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode c
       case EndVerdict::Short:
         XFER_LOG(log::kRecovery, "short transfer | range=" << start << " | expected=" << expected << " | got=" << got);
         result = attempt.codeIfShort;
+        // Else the core says what is another size now.
+        if (result == CURLE_PARTIAL_FILE) text = ShortText::of(got, " of ", expected, " bytes came");
         break;
     }
   }
@@ -711,7 +724,7 @@ void CurlMultiBackend::completeTransfer(Transfers::iterator position, CURLcode c
     XFER_LOG(log::kFailure,
              "HTTP " << status << " response body (" << attempt.errorBody.size() << " bytes): " << attempt.errorBody);
   }
-  finishTransfer(transfer, {result, status, got, retryAfterSec(attempt.head.head(), unixTime())});
+  finishTransfer(transfer, {result, status, got, retryAfterSec(attempt.head.head(), unixTime()), text});
 }
 
 void CurlMultiBackend::finishTransfer(const Transfer& transfer, const TransferEnd& end) {

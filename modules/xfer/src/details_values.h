@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "adaptive_plan.h"
@@ -17,6 +18,8 @@ struct DownloadDetails::Values {
   AdaptivePlan::Counters counters{};
   std::uint64_t hostConnections = 0;
   std::uint64_t hostLeftAloneMs = 0;
+  std::string failureText{};
+  std::string contentEncoding{};
 };
 
 }  // namespace xfer

@@ -50,4 +50,12 @@ std::uint64_t DownloadDetails::hostLeftAloneMs() const {
   return values_->hostLeftAloneMs;
 }
 
+std::string DownloadDetails::failureText() const {
+  return values_->failureText;
+}
+
+std::string DownloadDetails::contentEncoding() const {
+  return values_->contentEncoding;
+}
+
 }  // namespace xfer

@@ -14,7 +14,6 @@
 #include "job_state.h"
 #include "log.h"
 #include "range_scheduler.h"
-#include "remote_file.h"
 #include "request_text.h"
 #include "result_codes.h"
 #include "share_pool.h"
@@ -376,17 +375,19 @@ void DownloadJob::Impl::runDoStart() noexcept {
 
 void DownloadJob::Impl::doStart() {
   using SizeFrom = JobCore::SizeFrom;
-  const auto failWith = [this](std::int32_t code) { post([code](JobCore& core) { return core.fail(code, 0); }); };
+  const auto failWith = [this](std::int32_t code, const ShortText& why) {
+    post([&](JobCore& core) { return core.fail(code, 0, why); });
+  };
   const auto markCancelled = [this] { withCore([](JobCore& core) { core.markCancelled(); }); };
   const auto stopped = [this] { return withCore([](JobCore& core) { return core.ending(); }); };
 
   if (const char* const field = unworkableField(policy_)) {
     XFER_LOG(log::kFailure, "doStart | policy refused | field=" << field);
-    return failWith(CURLE_BAD_FUNCTION_ARGUMENT);
+    return failWith(CURLE_BAD_FUNCTION_ARGUMENT, ShortText::of("the policy's ", field, " cannot be used"));
   }
   if (const char* const option = options_.unworkable()) {
     XFER_LOG(log::kFailure, "doStart | options refused | field=" << option);
-    return failWith(CURLE_BAD_FUNCTION_ARGUMENT);
+    return failWith(CURLE_BAD_FUNCTION_ARGUMENT, ShortText::of("the option ", option, " cannot be used"));
   }
   if (options_.plan == DownloadPlan::Adaptive) return startMoving();
   std::uint64_t size = request_.knownSize;
@@ -394,12 +395,12 @@ void DownloadJob::Impl::doStart() {
   SizeFrom from = SizeFrom::Host;
   if (size == 0) {
     if (!withCore([](JobCore& core) { return core.beginProbe(); })) return markCancelled();
-    const RemoteFileInfo remote = environment_.probe(request_, static_cast<int>(policy_.probeTimeoutSec), stopping_);
+    const ProbedFile remote = environment_.probe(request_, static_cast<int>(policy_.probeTimeoutSec), stopping_);
     if (stopped()) return markCancelled();
     if (remote.error != 0) {
       XFER_LOG(log::kFailure, "doStart | probe failed | err=" << remote.error);
       // Intended: an HTTP status is the error here, not the status that goes with one.
-      return failWith(remote.error);
+      return failWith(remote.error, remote.failure);
     }
     size = remote.size;
     ranges = remote.acceptRanges;
@@ -410,7 +411,7 @@ void DownloadJob::Impl::doStart() {
   withCore([&](JobCore& core) { core.setSize(size, from); });
   if (const std::int32_t error = sink_.open(request_.path, size); error != 0) {
     XFER_LOG(log::kFailure, "doStart | sink open failed | err=" << error);
-    return failWith(error);
+    return failWith(error, sink_.failureText());
   }
   post([](JobCore& core) { return core.fileOpened(); });
   if (stopped()) return;
@@ -470,7 +471,7 @@ void DownloadJob::Impl::openFile(std::uint64_t size) {
   const std::int32_t error = sink_.open(request_.path, size);
   if (error == 0) return post([](JobCore& core) { return core.fileOpened(); });
   XFER_LOG(log::kFailure, "doStart | sink open failed | err=" << error);
-  post([error](JobCore& core) { return core.fail(error, 0); });
+  post([&](JobCore& core) { return core.fail(error, 0, sink_.failureText()); });
 }
 
 void DownloadJob::Impl::refill() {
@@ -540,7 +541,8 @@ void DownloadJob::Impl::onData(JobCore::Flight& flight, std::uint64_t offset, co
   flight.position = offset + length;
   bytesDone_ += length;
   measureSpeed(length);
-  if (sink_.writeFailed()) post([](JobCore& core) { return core.writeFailed(result::kWriteFailed); });
+  if (sink_.writeFailed())
+    post([this](JobCore& core) { return core.writeFailed(result::kWriteFailed, sink_.failureText()); });
 }
 
 void DownloadJob::Impl::measureSpeed(std::uint64_t length) {

@@ -25,6 +25,7 @@
 #include "job_updates.h"
 #include "option_values.h"
 #include "rate_limit.h"
+#include "remote_file.h"
 #include "retry_timers.h"
 #include "stop_signal.h"
 #include "sys/mutex.h"
@@ -36,7 +37,7 @@ namespace xfer {
 
 struct JobEnvironment {
   std::function<std::unique_ptr<ITransferBackend>(const DownloadRequest&, const DownloadPolicy&)> makeBackend;
-  std::function<RemoteFileInfo(const DownloadRequest&, int timeoutSec, const StopSignal&)> probe;
+  std::function<ProbedFile(const DownloadRequest&, int timeoutSec, const StopSignal&)> probe;
   std::function<std::uint64_t()> nowNs;  ///< monotonic
   /// Waits for the delay of a retry, but no longer than until the signal is set.
   std::function<void(std::uint64_t delayMs, StopSignal&)> waitForRetry;

@@ -20,6 +20,9 @@ namespace xfer {
 /// Receive buffer size of a transfer without a speed limit, in bytes.
 inline constexpr long kReceiveBuffer = 524288;
 
+/// Words for what holdsLineBreak finds.
+inline constexpr const char* kLineBreak = "a line break in the cookie or a header line";
+
 /// Whether the cookie or a header line contains a line break (header injection).  One CR at the end of a header line is
 /// allowed: hosts that end lines with CR LF leave it there.
 bool holdsLineBreak(const std::string& cookie, const std::vector<std::string>& headers);

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "curl_failure.h"
 #include "curl_handles.h"
 #include "easy_options.h"
 #include "fetch_option_values.h"
@@ -189,14 +190,17 @@ std::int32_t applyRequest(CURL* easy, const Request& request, const TlsTrust& tr
 
 // Why the request is not to be sent; 0: it is.
 std::int32_t refusal(const Request& request, const std::vector<std::string>& lines, const TlsTrust& trust,
-                     const FetchExtras& extras) {
+                     const FetchExtras& extras, ShortText& why) {
   const char* field = trust.unworkable();
   if (field == nullptr) field = unworkableMethod(extras.method, bodyOf(request, extras).size());
   if (field != nullptr) {
     if (!request.quiet) XFER_LOG(log::kFailure, "fetch | options refused | field=" << field);
+    why = ShortText::of("the option ", field, " cannot be used");
     return CURLE_BAD_FUNCTION_ARGUMENT;
   }
-  return holdsLineBreak(request.cookie, lines) ? CURLE_BAD_FUNCTION_ARGUMENT : CURLE_OK;
+  if (!holdsLineBreak(request.cookie, lines)) return CURLE_OK;
+  why = ShortText::of(kLineBreak);
+  return CURLE_BAD_FUNCTION_ARGUMENT;
 }
 
 // libcurl's code for a transfer that its receiver has ended; its callbacks can only say that they took less.
@@ -269,7 +273,17 @@ KeptResponse fetchKept(const Request& request, const FetchOptions::Values& value
   answer.response.status = end.status;
   answer.lastStatus = end.lastStatus;
   answer.bodyBytes = end.bodyBytes;
+  tellFailure(values, end.curlCode, end.failure);
   return answer;
+}
+
+void tellFailure(const FetchOptions::Values& values, std::int32_t curlCode, const ShortText& failure) noexcept {
+  if (curlCode == 0 || !values.onFailure) return;
+  try {
+    values.onFailure(std::string(failure.view()));
+  } catch (...) {
+    // The request has failed already.
+  }
 }
 
 CountedResponse fetchCounted(const Request& request, const TlsTrust& trust) {
@@ -279,6 +293,7 @@ CountedResponse fetchCounted(const Request& request, const TlsTrust& trust) {
   counted.response.curlCode = end.curlCode;
   counted.response.status = end.status;
   counted.bodyBytes = end.bodyBytes;
+  counted.failure = end.failure;
   return counted;
 }
 
@@ -295,9 +310,11 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
   const std::vector<std::string>& lines = changedLines ? *changedLines : request.headers;
   {
     const ShareLease lease = sharePool().lease(originOf(request.url), Wire::Http1, trust);
+    ErrorBuffer said{};
     const EasyPtr easy(curl_easy_init());
     if (!easy) {
       end.curlCode = result::kNoHandle;
+      end.failure = ShortText::of("no transfer could be set up");
       return end;
     }
     arrival.easy = easy.get();
@@ -308,11 +325,16 @@ FetchEnd fetchInto(const Request& request, FetchReceiver& receiver, const StopSi
     setOption(easy.get(), CURLOPT_WRITEDATA, &arrival);
     setOption(easy.get(), CURLOPT_HEADERFUNCTION, takeHeader);
     setOption(easy.get(), CURLOPT_HEADERDATA, &arrival);
+    setOption(easy.get(), CURLOPT_ERRORBUFFER, said.data());
     if (connectHeads == ConnectHeads::Hidden) setOption(easy.get(), CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
 
     if (!request.quiet) XFER_LOG_LINE(log::kTrace, 224, "--> fetch | " << request.url);
-    auto code = static_cast<CURLcode>(unable != 0 ? unable : refusal(request, lines, trust, extras));
-    if (code == CURLE_OK) code = perform(easy.get(), lease, stop);
+    auto code = static_cast<CURLcode>(unable != 0 ? unable : refusal(request, lines, trust, extras, end.failure));
+    if (code == CURLE_OK) {
+      code = perform(easy.get(), lease, stop);
+      // What its receiver ended, libcurl knows as a failed write.
+      if (code != CURLE_OK && code != CURLE_WRITE_ERROR) end.failure = curlFailure(easy.get(), code, said);
+    }
     if (code == CURLE_WRITE_ERROR) code = endedBy(arrival.next);
     end.curlCode = arrival.next == Next::Threw ? result::kCallbackThrew : static_cast<std::int32_t>(code);
     end.lastStatus = statusOf(easy.get());

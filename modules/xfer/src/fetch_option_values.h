@@ -15,6 +15,7 @@
 namespace xfer {
 
 using BodyCallback = std::function<bool(std::int32_t httpStatus, std::string_view bytes)>;
+using FailureCallback = std::function<void(const std::string& text)>;
 
 struct FetchOptions::Values {
   TlsTrust trust{};
@@ -22,6 +23,7 @@ struct FetchOptions::Values {
   std::string method{};
   std::optional<std::uint32_t> maxRedirects{};
   BodyCallback onBody{};
+  FailureCallback onFailure{};
   std::shared_ptr<const StopSignal> stop{};  ///< null: the request cannot be cancelled
 };
 

@@ -56,6 +56,11 @@ FetchOptions& FetchOptions::setOnBody(std::function<bool(std::int32_t httpStatus
   return *this;
 }
 
+FetchOptions& FetchOptions::setOnFailure(std::function<void(const std::string& text)> callback) {
+  values_->onFailure = std::move(callback);
+  return *this;
+}
+
 FetchOptions& FetchOptions::setCancelToken(const CancelToken& token) {
   values_->stop = token.signal_;
   return *this;

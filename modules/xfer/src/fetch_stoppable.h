@@ -8,6 +8,7 @@
 #include <optional>
 #include <string_view>
 
+#include "short_text.h"
 #include "stop_signal.h"
 #include "tls_trust.h"
 #include "xfer/fetch.h"
@@ -40,6 +41,7 @@ struct FetchEnd {
   std::int32_t status = 0;      ///< as Response::status
   std::int32_t lastStatus = 0;  ///< of the last response, also after a failure; 0: none came
   std::uint64_t bodyBytes = 0;  ///< handed to the receiver
+  ShortText failure{};          ///< what lies behind curlCode; empty: no more is known
 };
 
 /// Whether the receiver also gets a proxy's response headers to CONNECT.
@@ -70,6 +72,9 @@ struct KeptResponse {
   std::uint64_t bodyBytes = 0;  ///< that arrived, kept or not
 };
 
+/// Tells the options' host what lies behind a failure; what it throws is ignored.
+void tellFailure(const FetchOptions::Values& values, std::int32_t curlCode, const ShortText& failure) noexcept;
+
 /// As fetch with options of these values, with a body that is not copied: it is sent instead of the request's when it
 /// is not empty.
 KeptResponse fetchKept(const Request& request, const FetchOptions::Values& values, std::string_view body, Kept kept);
@@ -77,6 +82,7 @@ KeptResponse fetchKept(const Request& request, const FetchOptions::Values& value
 struct CountedResponse {
   Response response;  ///< its body stays empty
   std::uint64_t bodyBytes = 0;
+  ShortText failure{};  ///< as FetchEnd::failure
 };
 
 /// As fetch, but counts the body's bytes and discards them.

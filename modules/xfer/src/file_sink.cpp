@@ -31,7 +31,8 @@ std::int32_t FileSink::open(const std::string& path, std::uint64_t size) {
   using Call = sys::DiskFile::ResizeResult::Call;
   path_ = path;
   bytesWritten_ = 0;
-  writeFailed_ = false;
+  writeError_ = 0;
+  openFailure_ = {};
   int error = createPatiently();
   if (error != 0 && sys::DiskFile::blockedByExisting(error)) {
     sys::DiskFile::moveAside(path_, path_ + ".bak");
@@ -39,11 +40,11 @@ std::int32_t FileSink::open(const std::string& path, std::uint64_t size) {
   }
   if (sys::DiskFile::heldByWriter(error)) {
     XFER_LOG(log::kFailure, "open | another job or process is writing the file | path=" << path_);
-    return result::kFileNotCreated;
+    return refuse(result::kFileNotCreated, "it is being written by another download");
   }
   if (error != 0) {
     XFER_LOG(log::kFailure, "open | CreateFile failed | path=" << path_ << " | err=" << error);
-    return result::kFileNotCreated;
+    return refuse(result::kFileNotCreated, sys::DiskFile::reason(error));
   }
   if (size != 0) {
     const auto reserved = file_.reserve(size);
@@ -54,11 +55,28 @@ std::int32_t FileSink::open(const std::string& path, std::uint64_t size) {
     }
     if (reserved.error != 0) {
       file_.close();
-      return result::kFileNotReserved;
+      const std::string reason = sys::DiskFile::reason(reserved.error);
+      if (reason != sys::DiskFile::kNotRegular) openFailure_ = ShortText::of(size, " bytes: ");
+      return refuse(result::kFileNotReserved, reason);
     }
   }
   XFER_LOG(log::kTrace, "open | " << path_ << " | size=" << size);
   return result::kSuccess;
+}
+
+std::int32_t FileSink::refuse(std::int32_t code, std::string_view reason) {
+  openFailure_.add(reason);
+  return code;
+}
+
+ShortText FileSink::failureText() const noexcept {
+  const int error = writeError_.load(std::memory_order_relaxed);
+  if (error == 0) return openFailure_;
+  try {
+    return ShortText::of(sys::DiskFile::reason(error));
+  } catch (...) {
+    return ShortText::of("error ", static_cast<std::uint64_t>(error), " of the system");
+  }
 }
 
 std::int32_t FileSink::writeAt(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length) {
@@ -67,7 +85,7 @@ std::int32_t FileSink::writeAt(std::uint64_t offset, const std::uint8_t* bytes, 
     std::uint64_t written = 0;
     const int error = file_.writeAt(offset + done, bytes + done, length - done, &written);
     if (error != 0) {
-      writeFailed_.store(true, std::memory_order_relaxed);
+      writeError_.store(error, std::memory_order_relaxed);
       XFER_LOG(log::kFailure, "writeAt | WriteFile failed | offset=" << offset + done << " | err=" << error);
       return result::kWriteFailed;
     }

@@ -8,8 +8,8 @@
 // Threads: a job writes on its loop thread and reads the counters on others.  writeAt may run on several threads at
 //          once for ranges that do not overlap.  open, finalize and close need exclusive access: the file must not be
 //          closed while a write is in flight.
-// Errors:  a result code (see result_codes.h) and a failure record.  Only open may throw: std::bad_alloc.
-// Units:   offsets, sizes and lengths are bytes; paths are UTF-8.
+// Errors:  a result code (see result_codes.h), words for it, and a failure record.  Only open may throw:
+// std::bad_alloc. Units:   offsets, sizes and lengths are bytes; paths are UTF-8.
 #pragma once
 
 #include <atomic>
@@ -17,8 +17,10 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 
+#include "short_text.h"
 #include "sys/disk_file.h"
 
 namespace xfer {
@@ -56,18 +58,23 @@ class FileSink {
   [[nodiscard]] std::uint64_t bytesWritten() const { return bytesWritten_.load(std::memory_order_relaxed); }
 
   /// Whether a writeAt has returned kWriteFailed since open: the file has a hole.
-  [[nodiscard]] bool writeFailed() const { return writeFailed_.load(std::memory_order_relaxed); }
+  [[nodiscard]] bool writeFailed() const { return writeError_.load(std::memory_order_relaxed) != 0; }
+
+  /// Why open or a writeAt has failed; empty: neither has.
+  [[nodiscard]] ShortText failureText() const noexcept;
 
  private:
   int createPatiently();
+  std::int32_t refuse(std::int32_t code, std::string_view reason);
 
   const Wait wait_;
   std::string path_;
   sys::DiskFile file_;
+  ShortText openFailure_;
 
   // Atomic: several threads may write, and others read concurrently.
   std::atomic<std::uint64_t> bytesWritten_{0};
-  std::atomic<bool> writeFailed_{false};
+  std::atomic<int> writeError_{0};  // the system's, of a writeAt that failed
 };
 
 }  // namespace xfer

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <string_view>
 #include <utility>
 
 #include "job_state.h"
@@ -21,6 +22,8 @@ constexpr int kMostAnswersOfOldVersion = 16;
 constexpr int kMostDoubtsInARow = 8;
 constexpr std::size_t kMostGivenUp = 16;  // that are remembered
 constexpr std::uint64_t kNsPerMs = 1'000'000;
+constexpr std::int32_t kFirstError = 400;  // of HTTP statuses
+constexpr std::size_t kLongestEncoding = 100;
 
 using EventKind = DownloadEvent::Kind;
 
@@ -29,6 +32,45 @@ Placement stopWith(std::int32_t code) {
   placement.action = Placement::Action::Stop;
   placement.code = code;
   return placement;
+}
+
+bool bringsAFile(std::int32_t status) {
+  return status == 200 || status == 206;
+}
+
+ShortText statusText(const JobCore::Flight& flight, const TransferEnd& end) {
+  ShortText text = ShortText::of("HTTP status ", static_cast<std::uint64_t>(std::max(end.status, 0)));
+  const bool askedForRange = flight.asked.start != 0 || flight.asked.end != 0;
+  if (end.status < kFirstError && askedForRange) text.add(" to a request for a range");
+  if (end.retryAfterSec) {
+    text.add("; the server asks to be left alone for ");
+    text.add(*end.retryAfterSec);
+    text.add(" s");
+  }
+  return text;
+}
+
+// Why a transfer that failed did so, as far as that is known.
+ShortText whyEnded(const JobCore::Flight& flight, const TransferEnd& end) {
+  constexpr std::string_view kStatus = "HTTP status ";
+  if (flight.refusal != JobCore::Flight::Refusal::None) return flight.whyRefused;
+  const bool statusTells = end.status != 0 && !bringsAFile(end.status);
+  // Of an error page only its status counts, however it ends.
+  const bool codeTells = end.code != CURLE_OK && end.code != CURLE_PARTIAL_FILE && !end.text.empty();
+  if (statusTells && !codeTells) return statusText(flight, end);
+  if (statusTells && end.status >= kFirstError && !end.text.view().starts_with(kStatus)) {
+    ShortText text = statusText(flight, end);
+    text.add(": ");
+    text.add(end.text.view());
+    return text;
+  }
+  if (end.code == CURLE_RANGE_ERROR && end.text.empty() && flight.answer && flight.answer->neededEnd) {
+    const std::uint64_t size = *flight.answer->neededEnd;
+    const std::uint64_t reached = flight.asked.start + end.bytes;
+    return reached < size ? ShortText::of("the size was ", size, ", now it is ", reached)
+                          : ShortText::of("the size was ", size, ", now the file goes on behind that");
+  }
+  return end.text;
 }
 
 }  // namespace
@@ -60,6 +102,8 @@ bool JobCore::standsStill() const {
 
 DownloadDetails::Values JobCore::details() const {
   DownloadDetails::Values details;
+  details.failureText = failureText_.view();
+  details.contentEncoding = contentEncoding_.view();
   if (moving_ == nullptr) return details;
   for (const AdaptivePlan::Activity& one : moving_->activity()) {
     const std::uint64_t end = totalBytes_ != 0 ? std::min(one.range.end, totalBytes_) : one.range.end;
@@ -131,22 +175,22 @@ void JobCore::closed() noexcept {
 //
 // Intended: a stated plan reports that code, and the status beside it.
 std::int32_t JobCore::reasonOf(const TransferEnd& end) const noexcept {
-  constexpr std::int32_t kFirstError = 400;
   if (end.code == 0 || (moving_ != nullptr && end.status >= kFirstError)) return end.status;
   return end.code;
 }
 
-void JobCore::failFrom(std::int32_t code, std::int32_t httpStatus, JobActions& actions) noexcept {
+void JobCore::failFrom(std::int32_t code, std::int32_t httpStatus, const ShortText& why, JobActions& actions) noexcept {
   if (!enter(JobState::Failed)) return;
+  failureText_ = why;
   errorCode_ = code;
   httpStatus_ = httpStatus;
   actions.cancelAll = true;
   settle(actions);
 }
 
-JobActions JobCore::fail(std::int32_t code, std::int32_t httpStatus) noexcept {
+JobActions JobCore::fail(std::int32_t code, std::int32_t httpStatus, const ShortText& why) noexcept {
   JobActions actions;
-  failFrom(code, httpStatus, actions);
+  failFrom(code, httpStatus, why, actions);
   return actions;
 }
 
@@ -293,7 +337,7 @@ JobActions JobCore::abandoned(const FlightPtr& flight) noexcept {
   JobActions actions;
   note(EventKind::Ended, *flight, {.code = result::kNoHandle});
   flights_.erase(flight->id);
-  failFrom(result::kException, 0, actions);
+  failFrom(result::kException, 0, {}, actions);
   settle(actions);
   return actions;
 }
@@ -312,9 +356,16 @@ bool JobCore::othersAreAnswered(const Flight& flight) const {
   });
 }
 
-Placement JobCore::refuse(Flight& flight, Flight::Refusal refusal, const char* reason) {
+// What differs where the size of the file is another one.
+ShortText JobCore::sizeChange(std::optional<std::uint64_t> now) const noexcept {
+  const auto was = extent_.confirmed() ? extent_.confirmed() : extent_.size();
+  return was && now ? ShortText::of("the size was ", *was, ", now it is ", *now) : ShortText();
+}
+
+Placement JobCore::refuse(Flight& flight, Flight::Refusal refusal, const char* reason, const ShortText& why) {
   XFER_LOG(log::kFailure, "onHead | answer refused | range=" << flight.asked.start << " | reason=" << reason);
   flight.refusal = refusal;
+  flight.whyRefused = why.empty() ? ShortText::of(reason) : why;
   return stopWith(CURLE_RANGE_ERROR);
 }
 
@@ -354,7 +405,8 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
     fit = extent_.judgeTotal(*claim.total);
   }
   if (fit == Fit::Contradicts || (fit == Fit::Replaces && mixes)) {
-    return refuse(*flight, Refusal::Changed, "size of the remote file changed");
+    const ShortText why = sizeChange(whole ? claim.length : claim.total);
+    return refuse(*flight, Refusal::Changed, "size of the remote file changed", why);
   }
   const Likeness likeness = version_.judge(validator);
   if (likeness == Likeness::Other && mixes) {
@@ -366,7 +418,9 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
   // Its transfer would end where it was cut.
   if (whole && flight->cut) return putBack(*flight);
   if (whole && claim.length && flight->asked.start != 0 && *claim.length <= flight->asked.start) {
-    return refuse(*flight, Refusal::Changed, "whole file ends before the range");
+    const ShortText why =
+        ShortText::of("byte ", flight->asked.start, " was asked for, now the size is ", *claim.length);
+    return refuse(*flight, Refusal::Changed, "whole file ends before the range", why);
   }
 
   if (likeness != Likeness::Same) {
@@ -398,7 +452,15 @@ Placement JobCore::answered(const FlightPtr& flight, const ResponseHead& head, J
     }
     learnSize(*flight, whole, actions);
   }
+  noteEncoding(head);
   return place(*flight, claim, validator, actions);
+}
+
+// Identity was asked for; a body that is encoded all the same is stored as it comes.
+void JobCore::noteEncoding(const ResponseHead& head) noexcept {
+  if (head.contentEncoding.empty() || !contentEncoding_.empty()) return;
+  contentEncoding_.add(std::string_view(head.contentEncoding).substr(0, kLongestEncoding));
+  XFER_LOG(log::kRecovery, "onHead | body is stored as it is encoded | encoding=" << contentEncoding_.view());
 }
 
 Placement JobCore::place(Flight& flight, const AnswerClaim& claim, const Validator& validator, JobActions& actions) {
@@ -631,13 +693,15 @@ void JobCore::succeeded(Flight& flight, const TransferEnd& end, JobActions& acti
   const std::uint64_t reached = flight.asked.start + end.bytes;
   // An end without an answer that was accepted says nothing of the file, though libcurl is content.
   if (moving_ != nullptr && !flight.answer) {
-    return retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+    const ShortText why = ShortText::of("the answer ended before its body");
+    return retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes, {}, why}, actions);
   }
   const bool whole = flight.answer && flight.answer->claim.kind == AnswerClaim::Kind::WholeFile;
   if (whole && !endWholeFile(flight, reached, end, actions)) return;
   if (flight.answer && !whole && end.bytes == 0) {
     // No range is empty.
-    return retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+    const ShortText why = ShortText::of("the answer has no byte of the range");
+    return retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes, {}, why}, actions);
   }
   extent_.deliver({flight.asked.start, reached});
   doubtsInARow_ = 0;
@@ -668,14 +732,15 @@ bool JobCore::endWholeFile(Flight& flight, std::uint64_t reached, const Transfer
   const auto size = extent_.size();
   if (!answer.claim.endIsSeen && size && reached < *size) {
     // The end of the connection is all that ended this body.
-    retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+    const ShortText why = ShortText::of("the size is ", *size, ", the answer ended at ", reached);
+    retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes, {}, why}, actions);
     return false;
   }
   const Fit fit = extent_.judgeLength(reached);
   const bool mixes = extent_.holdsBytes();
   if (fit == Fit::Contradicts || (fit == Fit::Replaces && mixes) || (end.bytes == 0 && flight.asked.start != 0)) {
     XFER_LOG(log::kFailure, "onTransferDone | size of the remote file changed | end=" << reached);
-    failFatally(flight.rangeStart, {CURLE_RANGE_ERROR, end.status, end.bytes}, actions);
+    failFatally(flight.rangeStart, {CURLE_RANGE_ERROR, end.status, end.bytes}, sizeChange(reached), actions);
     return false;
   }
   if (fit == Fit::Replaces) giveWay(reached);
@@ -692,7 +757,9 @@ void JobCore::continueRange(Flight& flight, std::uint64_t reached, const Transfe
                                  << " | got=" << end.bytes);
   }
   if (!plan_->partDone(*flight.piece, reached, end.bytes, nowNs_)) {
-    return retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+    const ShortText why = ShortText::of("the server sends less of a range than asked: ", end.bytes, " of ",
+                                        flight.asked.length(), " bytes");
+    return retryOrFail(flight, Verdict::Retryable, {CURLE_PARTIAL_FILE, end.status, end.bytes, {}, why}, actions);
   }
   proceed(actions);
 }
@@ -703,10 +770,11 @@ void JobCore::finishIfWhole(const Flight& flight, const TransferEnd& end, JobAct
   // An adaptive plan did not ask beyond.
   if (allDone && moving_ != nullptr && extent_.confirmed()) extent_.endAt(*extent_.confirmed());
   if (extent_.hasHole() || (allDone && !extent_.complete())) {
+    const std::uint64_t from = std::min(extent_.firstMissing(), extent_.end().value_or(0));
     XFER_LOG(log::kFailure,
-             "onTransferDone | bytes are missing | from=" << std::min(extent_.firstMissing(), extent_.end().value_or(0))
-                                                          << " | written_up_to=" << extent_.deliveredUpTo());
-    return failFatally(flight.asked.start, {CURLE_PARTIAL_FILE, end.status, end.bytes}, actions);
+             "onTransferDone | bytes are missing | from=" << from << " | written_up_to=" << extent_.deliveredUpTo());
+    const ShortText why = ShortText::of("bytes from ", from, " on are missing");
+    return failFatally(flight.asked.start, {CURLE_PARTIAL_FILE, end.status, end.bytes}, why, actions);
   }
   if (!allDone) return proceed(actions);
   doubt_.reset();  // the answer that raised it was put back, and is not needed any more
@@ -729,11 +797,11 @@ JobActions JobCore::finalized(std::int32_t error) {
   return actions;
 }
 
-JobActions JobCore::writeFailed(std::int32_t error) {
+JobActions JobCore::writeFailed(std::int32_t error, const ShortText& why) {
   JobActions actions;
   if (isFinal(state_)) return actions;
   XFER_LOG(log::kFailure, "onTransferDone | finalize failed | err=" << error);
-  failFrom(error, 0, actions);
+  failFrom(error, 0, why, actions);
   return actions;
 }
 
@@ -746,10 +814,11 @@ void JobCore::failed(Flight& flight, const TransferEnd& end, JobActions& actions
 }
 
 void JobCore::giveUp(const Flight& flight, Verdict verdict, const TransferEnd& end, JobActions& actions) {
-  if (verdict != Verdict::Rejected) return failFatally(flight.asked.start, end, actions);
+  const ShortText why = whyEnded(flight, end);
+  if (verdict != Verdict::Rejected) return failFatally(flight.asked.start, end, why, actions);
   XFER_LOG(log::kFailure,
            "cdn reject | range=" << flight.asked.start << " | err=" << end.code << " | http=" << end.status);
-  failFrom(reasonOf(end), end.status, actions);
+  failFrom(reasonOf(end), end.status, why, actions);
 }
 
 void JobCore::retryOrFail(Flight& flight, Verdict verdict, const TransferEnd& end, JobActions& actions) {
@@ -785,7 +854,7 @@ void JobCore::retryOrFail(Flight& flight, Verdict verdict, const TransferEnd& en
                  "host asks to be left alone | range=" << flight.rangeStart << " | seconds=" << *end.retryAfterSec);
       }
       if (moving_ == nullptr) XFER_LOG(log::kFailure, "exhausted retries | range=" << flight.rangeStart);
-      return failFatally(flight.rangeStart, end, actions);
+      return failFatally(flight.rangeStart, end, whyEnded(flight, end), actions);
   }
   // Intended: nothing takes the range's slot meanwhile.
   settleDoubt(actions);
@@ -840,9 +909,9 @@ JobActions JobCore::retryDue(std::uint64_t id) {
   return actions;
 }
 
-void JobCore::failFatally(std::uint64_t rangeStart, const TransferEnd& end, JobActions& actions) {
+void JobCore::failFatally(std::uint64_t rangeStart, const TransferEnd& end, const ShortText& why, JobActions& actions) {
   XFER_LOG(log::kFailure, "fatal | range=" << rangeStart << " | err=" << end.code << " | http=" << end.status);
-  failFrom(reasonOf(end), end.status, actions);
+  failFrom(reasonOf(end), end.status, why, actions);
 }
 
 // ---- Doubts ----
@@ -875,7 +944,8 @@ void JobCore::prepareSample(JobActions& actions) {
   if (!doubt_->blocks.empty()) return;
   if (extent_.holdsBytes()) {
     XFER_LOG(log::kFailure, "onHead | remote file changed, and nothing is known to compare it with");
-    return failFrom(CURLE_RANGE_ERROR, 0, actions);
+    const ShortText why = ShortText::of("the remote file changed, and nothing is known to compare it with");
+    return failFrom(CURLE_RANGE_ERROR, 0, why, actions);
   }
   // What was under way has failed: nothing is kept that another version could be mixed with.
   version_.forget();
@@ -902,7 +972,10 @@ Placement JobCore::answeredSample(Flight& flight, const AnswerClaim& claim, cons
   } else if (claim.total) {
     fit = extent_.judgeTotal(*claim.total);
   }
-  if (fit != Fit::Fits) return refuse(flight, Flight::Refusal::Changed, "size of the remote file changed");
+  if (fit != Fit::Fits) {
+    const ShortText why = sizeChange(whole ? claim.length : claim.total);
+    return refuse(flight, Flight::Refusal::Changed, "size of the remote file changed", why);
+  }
   if (validator != doubt_->candidate) {
     if (version_.judge(validator) != Likeness::Same) {
       return refuse(flight, Flight::Refusal::Changed, "sample is not of the version in doubt");
@@ -947,7 +1020,9 @@ void JobCore::sampleSucceeded(Flight& flight, const TransferEnd& end, JobActions
   if (doubt.bytes.size() != block.range.length() || hash.value() != block.hash) {
     XFER_LOG(log::kFailure, "onTransferDone | remote file changed: a sample differs | start="
                                 << block.range.start << " | end=" << block.range.end);
-    return failFatally(flight.rangeStart, {CURLE_RANGE_ERROR, end.status, end.bytes}, actions);
+    const ShortText why =
+        ShortText::of("the remote file changed: bytes from ", block.range.start, " to ", block.range.end, " differ");
+    return failFatally(flight.rangeStart, {CURLE_RANGE_ERROR, end.status, end.bytes}, why, actions);
   }
   doubt.bytes.clear();
   if (++doubt.index == doubt.blocks.size()) {

@@ -42,6 +42,7 @@
 #include "job_history.h"
 #include "range_plan.h"
 #include "remote_version.h"
+#include "short_text.h"
 #include "transfer_backend.h"
 #include "xfer/download_records.h"
 
@@ -110,6 +111,7 @@ class JobCore {
     std::optional<Ticket> ticket{};             ///< once the backend has given it
     std::optional<Answer> answer{};             ///< once accepted
     Refusal refusal = Refusal::None;
+    ShortText whyRefused{};
     bool toCancel = false;                ///< superseded by another one; its transfer does not end by itself
     std::atomic<bool> superseded{false};  ///< other transfers bring its bytes; its result is ignored
 
@@ -138,12 +140,15 @@ class JobCore {
   [[nodiscard]] std::int32_t httpStatus() const { return httpStatus_; }
   [[nodiscard]] std::uint64_t totalBytes() const { return totalBytes_; }
 
+  /// What lies behind errorCode; empty: no more is known.
+  [[nodiscard]] const ShortText& failureText() const { return failureText_; }
+
   /// Whether so many transfers timed out early that the server is likely holding the client back.
   [[nodiscard]] bool throttled() const;
 
   [[nodiscard]] std::size_t inFlight() const { return flights_.size(); }
 
-  /// Empty but with an adaptive plan.
+  /// Without an adaptive plan only the failure's text and the body's encoding.
   [[nodiscard]] DownloadDetails::Values details() const;
 
   [[nodiscard]] const JobHistory& history() const { return history_; }
@@ -212,7 +217,7 @@ class JobCore {
   JobActions retryDue(std::uint64_t id);
 
   /// A write to the file failed, or its final size could not be set.
-  JobActions writeFailed(std::int32_t error);
+  JobActions writeFailed(std::int32_t error, const ShortText& why = {});
 
   /// The file was cut and closed, or could not be: see JobActions::finalize.
   JobActions finalized(std::int32_t error);
@@ -229,7 +234,7 @@ class JobCore {
   JobActions cancel() noexcept;
 
   /// Ends the job Failed, unless it has ended; the first failure is the one that counts.
-  JobActions fail(std::int32_t code, std::int32_t httpStatus) noexcept;
+  JobActions fail(std::int32_t code, std::int32_t httpStatus, const ShortText& why = {}) noexcept;
 
   void markCancelled() noexcept { enter(JobState::Cancelled); }
 
@@ -251,6 +256,8 @@ class JobCore {
   [[nodiscard]] bool resumeCompletes() const { return moving_ != nullptr || options_.keepsPauses; }
   [[nodiscard]] bool keepsEvents() const { return history_.keeps() || news_.keeps(); }
   [[nodiscard]] std::int32_t reasonOf(const TransferEnd& end) const noexcept;
+  [[nodiscard]] ShortText sizeChange(std::optional<std::uint64_t> now) const noexcept;
+  void noteEncoding(const ResponseHead& head) noexcept;
   void record(const DownloadEvent& event) noexcept;
   void note(DownloadEvent::Kind kind, const Flight& flight, DownloadEvent more = {}) noexcept;
   void noteHostsWait() noexcept;
@@ -275,7 +282,7 @@ class JobCore {
   std::uint64_t keep(Flight& flight);
   void addSample(Flight& flight);
   void interrupt(Flight& flight, JobActions& actions);
-  Placement refuse(Flight& flight, Flight::Refusal refusal, const char* reason);
+  Placement refuse(Flight& flight, Flight::Refusal refusal, const char* reason, const ShortText& why = {});
   static Placement putBack(Flight& flight);
   Placement place(Flight& flight, const AnswerClaim& claim, const Validator& validator, JobActions& actions);
   void endCopies(const Flight& lastOne, JobActions& actions);
@@ -294,8 +301,8 @@ class JobCore {
   void giveUp(const Flight& flight, Verdict verdict, const TransferEnd& end, JobActions& actions);
   void scheduleRetry(const Flight& flight, const RangePlan::FollowUp& followUp, const TransferEnd& end,
                      JobActions& actions);
-  void failFatally(std::uint64_t rangeStart, const TransferEnd& end, JobActions& actions);
-  void failFrom(std::int32_t code, std::int32_t httpStatus, JobActions& actions) noexcept;
+  void failFatally(std::uint64_t rangeStart, const TransferEnd& end, const ShortText& why, JobActions& actions);
+  void failFrom(std::int32_t code, std::int32_t httpStatus, const ShortText& why, JobActions& actions) noexcept;
 
   Placement raiseDoubt(Flight& flight, const Validator& validator, JobActions& actions);
   void prepareSample(JobActions& actions);
@@ -310,6 +317,8 @@ class JobCore {
   JobState state_ = JobState::Idle;
   std::int32_t errorCode_ = 0;
   std::int32_t httpStatus_ = 0;
+  ShortText failureText_;
+  ShortText contentEncoding_;  // of the first answer that had one
   bool fileOpen_ = false;
   bool finalizing_ = false;  // the file is being cut
   bool closing_ = false;     // the file is being closed, or is closed

@@ -70,8 +70,8 @@ RemoteFileInfo remoteFileInfo(const ResponseHead& head) {
   return info;
 }
 
-RemoteFileInfo probeStoppable(const DownloadRequest& download, int timeoutSec, const StopSignal& stop,
-                              const TlsTrust& trust) {
+ProbedFile probeStoppable(const DownloadRequest& download, int timeoutSec, const StopSignal& stop,
+                          const TlsTrust& trust) {
   Request request;
   request.url = download.url;
   request.cookie = download.cookie;
@@ -86,13 +86,15 @@ RemoteFileInfo probeStoppable(const DownloadRequest& download, int timeoutSec, c
   if (end.curlCode != 0 && !receiver.knows()) {
     RemoteFileInfo failed;
     failed.error = end.curlCode;
-    return failed;
+    return {failed, end.failure};
   }
-  RemoteFileInfo info = remoteFileInfo(receiver.head());
+  const RemoteFileInfo info = remoteFileInfo(receiver.head());
   if (info.error == CURLE_RANGE_ERROR) {
     XFER_LOG(log::kFailure, "probe | answer refused | reason=Content-Length values differ");
+    return {info, ShortText::of("Content-Length values differ")};
   }
-  return info;
+  if (info.error == 0) return info;
+  return {info, ShortText::of("HTTP status ", static_cast<std::uint64_t>(std::max(info.error, 0)))};
 }
 
 }  // namespace xfer

@@ -59,7 +59,9 @@ RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, 
   request.proxy = proxy;
   request.timeoutSec = timeoutSec;
   request.quiet = true;
-  return remoteFileInfo(fetchCounted(request, options.values().trust).response);
+  const CountedResponse counted = fetchCounted(request, options.values().trust);
+  tellFailure(options.values(), counted.response.curlCode, counted.failure);
+  return remoteFileInfo(counted.response);
 }
 
 }  // namespace xfer

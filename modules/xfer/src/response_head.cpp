@@ -125,6 +125,8 @@ void ResponseHeadReader::addField(std::string_view name, std::string_view value)
     head_.date = value;
   } else if (sameName(name, "retry-after")) {
     head_.retryAfter = value;
+  } else if (sameName(name, "content-encoding")) {
+    head_.contentEncoding = sameName(value, "identity") ? std::string_view() : value;
   }
 }
 

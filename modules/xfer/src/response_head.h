@@ -37,6 +37,7 @@ struct ResponseHead {
   std::string lastModified;      ///< as written
   std::string date;              ///< as written
   std::string retryAfter;        ///< as written
+  std::string contentEncoding;   ///< as written; empty: none, or identity
 
   /// Announced length of the body; nothing when unknown, ambiguous or replaced by a transfer encoding.
   [[nodiscard]] std::optional<std::uint64_t> bodyLength() const;

@@ -17,6 +17,7 @@
 #include "net/proxy.h"
 #include "rate_limit.h"
 #include "response_head.h"
+#include "short_text.h"
 
 namespace xfer {
 
@@ -32,6 +33,7 @@ struct TransferEnd {
   std::uint64_t bytes = 0;  ///< delivered, from the range's start
   /// How long the server asked to be left alone, in seconds from now on.  Nothing: it did not, or not legibly.
   std::optional<std::uint64_t> retryAfterSec{};
+  ShortText text{};  ///< what lies behind the code; empty: no more is known
 };
 
 /// One turn of the backend's loop.

@@ -24,7 +24,6 @@ using support::failure;
 using support::Gate;
 using support::kJob;
 using support::kSink;
-using support::range206;
 using support::ReceivedRequest;
 using support::Reply;
 using support::requestFor;
@@ -82,6 +81,7 @@ TEST(FailingWrite, endsTheJobFailedAndStopsItsOtherTransfers) {
     EXPECT_EQ(end.state, JobState::Failed);
     EXPECT_EQ(end.errorCode, -1);
     EXPECT_EQ(end.httpStatus, 0);
+    EXPECT_EQ(job.details().failureText(), "File too large");
     EXPECT_TRUE(waitUntil([&] { return server.concurrentRequests() == 0; }, std::chrono::milliseconds(5000)))
         << "the stalled transfer is ended too";
   }

@@ -72,6 +72,7 @@ TEST(BlockedFile, folderInTheWayIsNotMovedAside) {
   const RecordingLogger log;
   FileSink sink;
   EXPECT_EQ(sink.open(folder.file("there"), 5), 100004);
+  EXPECT_EQ(sink.failureText().view(), "Is a directory");
   const std::string text = "open | CreateFile failed | path=" + folder.file("there") + err(EISDIR);
   EXPECT_EQ(wholeLogError(log.records(), {failure(kSink, text)}), "");
   EXPECT_EQ(support::listFolder(folder.path()), std::vector<std::string>{"there"});
@@ -83,6 +84,7 @@ TEST(BlockedFile, lackOfRoomIsMetAtOpen) {
   const FileSizeLimit limit(65536);
   FileSink sink;
   EXPECT_EQ(sink.open(folder.file("f"), 1 << 20), 100024);
+  EXPECT_EQ(sink.failureText().view(), "1048576 bytes: File too large");
   EXPECT_FALSE(sink.isOpen());
   EXPECT_EQ(wholeLogError(log.records(), {failure(kSink, "open | SetEndOfFile failed" + err(EFBIG))}), "");
 }
@@ -95,6 +97,7 @@ TEST(BlockedFile, writeThatComesToAnEndTellsHowFarItCame) {
   const RecordingLogger log;
   const FileSizeLimit limit(5);
   EXPECT_EQ(sink.writeAt(2, reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()), -1);
+  EXPECT_EQ(sink.failureText().view(), "File too large");
   EXPECT_EQ(wholeLogError(log.records(), {failure(kSink, "writeAt | WriteFile failed | offset=5" + err(EFBIG))}), "");
   EXPECT_EQ(sink.bytesWritten(), 0U) << "not even what reached the file";
   EXPECT_EQ(support::readFile(folder.file("f")), std::string(2, '\0') + "xxx" + std::string(5, '\0'));

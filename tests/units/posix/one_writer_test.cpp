@@ -160,6 +160,7 @@ TEST(OneWriter, isWaitedForUpToASecondAndThenNamedInOneLine) {
     waited += time;
   });
   EXPECT_EQ(second.open(path, 5), kNotCreated);
+  EXPECT_EQ(second.failureText().view(), "it is being written by another download");
   EXPECT_EQ(waited, milliseconds(1000));
   EXPECT_EQ(support::wholeLogError(log.records(), {support::failure(support::kSink, refusal(path))}), "");
   EXPECT_EQ(support::readFile(path), "first");
@@ -332,6 +333,28 @@ TEST(OneWriter, isNotAskedOfADevice) {
   EXPECT_EQ(second.open("/dev/null", 0), 0);
   EXPECT_EQ(write(first, 0, "first"), 0);
   EXPECT_EQ(write(second, 0, "second"), 0);
+}
+
+TEST(OneWriter, tellsADeviceFromAFullDisk) {
+  FileSink sink(doNotWait);
+  EXPECT_EQ(sink.open("/dev/null", 5), 100024);
+  EXPECT_EQ(sink.failureText().view(), "not a regular file");
+  EXPECT_EQ(sink.open("/dev/null", 0), 0);
+  EXPECT_TRUE(sink.failureText().empty()) << "that was before";
+}
+
+TEST(OneWriter, tellsAFifoAndASocketFromAFullDisk) {
+  const TempDir folder;
+  FileSink sink(doNotWait);
+  ASSERT_EQ(::mkfifo(folder.file("fifo").c_str(), 0600), 0);
+  const int reader = ::open(folder.file("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_GE(reader, 0);
+  EXPECT_EQ(sink.open(folder.file("fifo"), 5), 100024);
+  EXPECT_EQ(sink.failureText().view(), "not a regular file");
+  ::close(reader);
+  ASSERT_EQ(::mknod(folder.file("socket").c_str(), S_IFSOCK | 0600, 0), 0);
+  EXPECT_EQ(sink.open(folder.file("socket"), 5), 100004);
+  EXPECT_EQ(sink.failureText().view(), "not a regular file");
 }
 
 TEST(OneWriter, isNotAskedOfAFifo) {

@@ -1,4 +1,4 @@
-// KEEL_API marks exported symbols of keel.
+// Which symbols of keel are exported.
 #pragma once
 
 #if defined(_WIN32)
@@ -8,5 +8,6 @@
 #define KEEL_API __declspec(dllimport)
 #endif
 #else
+/// Marks them.
 #define KEEL_API __attribute__((visibility("default")))
 #endif

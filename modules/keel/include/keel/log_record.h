@@ -13,6 +13,7 @@
 
 namespace Keel {
 
+/// A record that is being written.
 class CLogMsgMultibyte : public std::ostringstream {
  public:
   /// Adds a reference to logger (null: discards the record).  A null tag or file becomes an empty text.

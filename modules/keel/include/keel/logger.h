@@ -12,6 +12,7 @@
 
 namespace Keel {
 
+/// A host implements it; references are counted.
 class ILogger {
  public:
   /// Adds a reference.

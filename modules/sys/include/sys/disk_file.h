@@ -23,6 +23,8 @@ class DiskFile {
     int error = 0;
   };
 
+  static constexpr const char* kNotRegular = "not a regular file";
+
   DiskFile() = default;
   ~DiskFile() { close(); }
   DiskFile(const DiskFile&) = delete;
@@ -55,6 +57,10 @@ class DiskFile {
 
   /// Whether create failed with error because of the existing file, so that it may succeed once that is renamed.
   static bool blockedByExisting(int error);
+
+  /// What the operating system says of error, UTF-8; kNotRegular where the error means that.  Throws
+  /// std::bad_alloc.
+  static std::string reason(int error);
 
   /// Renames path to sidePath, replacing it.  Failures are not reported: the next create fails again.
   static void moveAside(const std::string& path, const std::string& sidePath);

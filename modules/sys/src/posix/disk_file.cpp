@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <limits>
+#include <system_error>
 
 namespace sys {
 namespace {
@@ -158,6 +159,12 @@ bool DiskFile::blockedByExisting(int error) {
 
 bool DiskFile::heldByWriter(int error) {
   return error == kHeldByWriter;
+}
+
+std::string DiskFile::reason(int error) {
+  // What opening a socket, and reserving space in a device or FIFO, fail with.
+  const bool special = error == ENODEV || error == ENXIO || error == ESPIPE;
+  return special ? kNotRegular : std::generic_category().message(error);
 }
 
 void DiskFile::moveAside(const std::string& path, const std::string& sidePath) {

@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <string>
 
@@ -84,6 +85,19 @@ bool DiskFile::blockedByExisting(int error) {
 // be renamed, so the second create fails like the first.
 bool DiskFile::heldByWriter(int /*error*/) {
   return false;
+}
+
+std::string DiskFile::reason(int error) {
+  std::array<wchar_t, 512> wide{};
+  DWORD length = ::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                  static_cast<DWORD>(error), 0, wide.data(), static_cast<DWORD>(wide.size()), nullptr);
+  while (length > 0 && (wide[length - 1] <= L' ' || wide[length - 1] == L'.')) --length;
+  if (length == 0) return "error " + std::to_string(error) + " of the system";
+  const auto units = static_cast<int>(length);
+  const int needed = ::WideCharToMultiByte(CP_UTF8, 0, wide.data(), units, nullptr, 0, nullptr, nullptr);
+  std::string text(static_cast<std::size_t>(std::max(needed, 0)), '\0');
+  ::WideCharToMultiByte(CP_UTF8, 0, wide.data(), units, text.data(), needed, nullptr, nullptr);
+  return text;
 }
 
 void DiskFile::moveAside(const std::string& path, const std::string& sidePath) {

@@ -6,6 +6,7 @@
 
 namespace net {
 
+/// A transfer with a proxy uses it for every host.
 struct Proxy {
   std::string host;        ///< name or address; empty: no proxy
   std::int32_t port = 80;  ///< 0 or less: left out of the proxy address

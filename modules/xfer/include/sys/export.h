@@ -42,5 +42,6 @@
 #define SYS_DESTRUCTOR_COMES_LAST(Interface) virtual ~Interface() = default
 #else
 #define SYS_DESTRUCTOR_COMES_FIRST(Interface) virtual ~Interface() = default
+/// See SYS_DESTRUCTOR_COMES_FIRST.
 #define SYS_DESTRUCTOR_COMES_LAST(Interface) static_assert(true)
 #endif

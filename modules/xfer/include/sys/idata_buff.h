@@ -50,6 +50,7 @@ namespace sys {
 
 class DataBuff;
 
+/// A host's buffer, or one of xfer_bufferNew.
 class SYS_INTERFACE IDataBuff {
  public:
   SYS_DESTRUCTOR_COMES_FIRST(IDataBuff);
@@ -97,8 +98,10 @@ class SYS_INTERFACE IDataBuff {
   /// The bytes as a string.
   virtual std::string toString() = 0;
 
+  /// The number of bytes.
   virtual uint64_t size() = 0;
 
+  /// Whether there is no byte.
   virtual bool empty() = 0;
 
   SYS_DESTRUCTOR_COMES_LAST(IDataBuff);

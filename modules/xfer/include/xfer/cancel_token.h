@@ -24,6 +24,7 @@ class CancelToken {
   /// handlers, as it takes a lock.
   XFER_API void cancel() noexcept;
 
+  /// Whether cancel was called, on any copy.
   [[nodiscard]] XFER_API bool cancelled() const noexcept;
 
  private:

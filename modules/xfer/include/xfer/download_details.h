@@ -1,5 +1,6 @@
-// What a download job with the adaptive plan does at one moment, range by range, and what it has done about connections
-// that held it up.  Empty for any other job, and before a job has started.
+// What a download job does at one moment.  Of any job: what lies behind its failure, and how the server has encoded the
+// file.  Of a started job with the adaptive plan also its ranges, and what it has done about connections that held it
+// up; of any other job this part is empty.
 //
 // Threads: a plain value.
 // Errors:  std::bad_alloc.
@@ -8,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "xfer/export.h"
@@ -16,7 +18,7 @@ namespace xfer {
 
 /// A range in flight, over a connection of its own.
 struct RangeDetails {
-  std::uint64_t start = 0;
+  std::uint64_t start = 0;        ///< its first byte
   std::uint64_t end = 0;          ///< 0: as long as it goes
   std::uint64_t position = 0;     ///< exclusive end of what has arrived
   std::uint64_t bytesPerSec = 0;  ///< 0: nothing was measured yet
@@ -26,8 +28,8 @@ struct RangeDetails {
 
 /// A part of the file that has not arrived, and that no connection fetches now.
 struct MissingRange {
-  std::uint64_t start = 0;
-  std::uint64_t end = 0;
+  std::uint64_t start = 0;  ///< its first byte
+  std::uint64_t end = 0;    ///< exclusive
 };
 
 /// A connection that was closed before its range was complete, since it held the download up.
@@ -35,9 +37,10 @@ struct GivenUpConnection {
   const char* reason = "";     ///< "silent" or "slow"; static text
   std::uint64_t start = 0;     ///< of its range
   std::uint64_t position = 0;  ///< where others went on
-  std::uint64_t end = 0;
+  std::uint64_t end = 0;       ///< of its range, exclusive
 };
 
+/// Of one moment: see DownloadJob::details.
 class DownloadDetails {
  public:
   struct Values;  ///< internal
@@ -73,6 +76,15 @@ class DownloadDetails {
 
   /// So long from now on the host gets no new request, since it asked for that or failed; 0: it may get one.
   [[nodiscard]] XFER_API std::uint64_t hostLeftAloneMs() const;
+
+  /// What the system, libcurl or the server's answer said of the failure that ended the job, for people: one line of at
+  /// most 1000 bytes, whose words may change.  Names hosts and addresses, but no user, password or cookie.  Empty:
+  /// nothing is known beyond DownloadSnapshot::errorCode, or the job has not failed.
+  [[nodiscard]] XFER_API std::string failureText() const;
+
+  /// The Content-Encoding of the first accepted answer that had one, "gzip" for instance, of at most 100 bytes: none is
+  /// asked for, and the file holds the body as it came.  Empty: none, or identity.
+  [[nodiscard]] XFER_API std::string contentEncoding() const;
 
  private:
   std::unique_ptr<const Values> values_;

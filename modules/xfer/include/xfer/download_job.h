@@ -53,6 +53,7 @@ XFER_API RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy
 XFER_API RemoteFileInfo probeRemoteFile(const std::string& url, const net::Proxy& proxy, const std::string& cookie,
                                         int timeoutSec, const FetchOptions& options);
 
+/// One download, from its construction to its end.
 class DownloadJob {
  public:
   class Impl;  ///< internal

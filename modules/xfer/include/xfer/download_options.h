@@ -61,6 +61,7 @@ class DownloadOptions {
   /// job's own limit.
   XFER_API DownloadOptions& setSpeedLimiter(const SpeedLimiter& limiter);
 
+  /// DownloadPlan::Stated when it is not set.
   XFER_API DownloadOptions& setPlan(DownloadPlan plan);
 
   /// So many tries in a row that bring nothing end the job; tries that go out together count as one.  From 1 on; 10
@@ -84,7 +85,11 @@ class DownloadOptions {
   /// Whether the server's certificate is checked: see FetchOptions, whose three abilities these are.  A certificate or
   /// a key that is refused ends the job at once.
   XFER_API DownloadOptions& setVerifyPeer(bool verify);
+
+  /// The certificates that are trusted: see FetchOptions::setCaFile.
   XFER_API DownloadOptions& setCaFile(const std::string& path);
+
+  /// The server's keys that are taken: see FetchOptions::setPinnedKey.
   XFER_API DownloadOptions& setPinnedKey(const std::string& pin);
 
   /// The User-Agent header of every request: see FetchOptions.

@@ -59,10 +59,10 @@ enum class JobState : std::uint32_t {
 
 /// The progress of a job.  The fields may be from slightly different moments.
 struct DownloadSnapshot {
-  JobState state = JobState::Idle;
-  std::uint64_t bytesDone = 0;    ///< received so far; bytes fetched again after a failure count again
-  std::uint64_t totalBytes = 0;   ///< size of the file; 0: unknown
-  std::uint64_t bytesPerSec = 0;  ///< last measured speed; 0 during the first half second
+  JobState state = JobState::Idle;  ///< final once the job has ended
+  std::uint64_t bytesDone = 0;      ///< received so far; bytes fetched again after a failure count again
+  std::uint64_t totalBytes = 0;     ///< size of the file; 0: unknown
+  std::uint64_t bytesPerSec = 0;    ///< last measured speed; 0 during the first half second
   /// The failure that ended the job: a libcurl code, -1 (a write failed, or there was no transfer handle), a file error
   /// (100004, 100006, 100024), an HTTP status, 100000 for an exception, or 100037 when a callback of the host threw; 0:
   /// none.

@@ -20,6 +20,7 @@ namespace xfer {
 
 /// Does not say which job it is about: each job is given a callback that knows.
 struct DownloadUpdate {
+  /// What is told.
   enum class Kind : std::uint32_t {
     State,     ///< state is the job's new one, which is not final
     Progress,  ///< more bytes have arrived
@@ -27,7 +28,7 @@ struct DownloadUpdate {
     End        ///< the last one of a job; state is final, and snapshot says how it ended
   };
 
-  Kind kind = Kind::State;
+  Kind kind = Kind::State;          ///< says which fields have a meaning
   JobState state = JobState::Idle;  ///< of kind State: the one that is told, later ones may have come; else the job's
   DownloadSnapshot snapshot{};      ///< as the job is now
   std::uint32_t connections = 0;    ///< requests under way

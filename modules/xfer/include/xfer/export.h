@@ -1,4 +1,4 @@
-/* XFER_API marks exported symbols of xfer.  Define XFER_STATIC to link the library's objects directly. */
+/* Which symbols of xfer are exported.  Define XFER_STATIC to link the library's objects directly. */
 #ifndef XFER_EXPORT_H
 #define XFER_EXPORT_H
 
@@ -11,6 +11,7 @@
 #define XFER_API __declspec(dllimport)
 #endif
 #else
+/* Marks them. */
 #define XFER_API __attribute__((visibility("default")))
 #endif
 

@@ -21,6 +21,7 @@
 
 namespace xfer {
 
+/// What to ask for.
 struct Request {
   std::string url;                      ///< absolute, http or https
   std::string cookie;                   ///< value of the Cookie header; empty: not sent
@@ -34,6 +35,7 @@ struct Request {
   bool quiet = false;                   ///< log nothing about this request, failures included
 };
 
+/// How a request ended, and what arrived.
 struct Response {
   /// 0: the transfer is complete, with any HTTP status.  -1: no transfer handle could be created.  Otherwise libcurl's
   /// CURLcode.  43 (bad function argument) also means a line break in the cookie or a header line (header injection),
@@ -54,6 +56,8 @@ XFER_API Response fetch(const Request& request, const FetchOptions& options);
 /// Runs fetch with a copy of the request on a new thread.  The future's get rethrows what fetch throws; its destructor
 /// waits for the request to end.
 XFER_API std::future<Response> fetchAsync(const Request& request);
+
+/// With abilities beside the request's.
 XFER_API std::future<Response> fetchAsync(const Request& request, const FetchOptions& options);
 
 /// Requests one byte of url and returns the total size from the response headers; -1 when they give none.  Ignores the

@@ -65,6 +65,13 @@ class FetchOptions {
   /// HTTP status; nothing of it is kept in the response.  False ends the request with 42, an exception with 100037.
   XFER_API FetchOptions& setOnBody(std::function<bool(std::int32_t httpStatus, std::string_view bytes)> callback);
 
+  /// Is told what libcurl or the system said of a failure, for people: one line of at most 1000 bytes, whose words may
+  /// change.  Names hosts and addresses, but no user, password or cookie.  Called once, on the thread that runs the
+  /// request and before its result is there, when Response::curlCode (RemoteFileInfo::error) is not 0 and no HTTP
+  /// status; with an empty text when nothing is known beyond the code.  Never called otherwise: an HTTP status is no
+  /// failure of a request.  An exception of it is ignored: the request has failed already, with a code that says more.
+  XFER_API FetchOptions& setOnFailure(std::function<void(const std::string& text)> callback);
+
   /// Ends the request, from any thread.  One that has arrived whole by then stays a success.
   XFER_API FetchOptions& setCancelToken(const CancelToken& token);
 

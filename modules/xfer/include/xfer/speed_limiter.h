@@ -26,6 +26,7 @@ class SpeedLimiter {
   /// Counts at once, also for what is running; 0: unlimited.
   XFER_API void setLimit(std::uint64_t bytesPerSec) noexcept;
 
+  /// Bytes per second; 0: unlimited.
   [[nodiscard]] XFER_API std::uint64_t limit() const noexcept;
 
  private:

@@ -48,6 +48,7 @@
 
 #ifdef __cplusplus
 #include "sys/idata_buff.h"
+/* A buffer: one of xfer_bufferNew, or an object of a host's own class. */
 typedef sys::IDataBuff xfer_buffer;
 extern "C" {
 #else
@@ -200,8 +201,8 @@ XFER_API int32_t xfer_setTls(bool verify, const char* caFile);
 /* Whether one request or download checks certificates, where its record says so. */
 enum {
   XFER_VERIFY_AS_SET = 0, /* as xfer_setTls says, its caFile included */
-  XFER_VERIFY_ON = 1,
-  XFER_VERIFY_OFF = 2
+  XFER_VERIFY_ON = 1,     /* checks them, whatever xfer_setTls says */
+  XFER_VERIFY_OFF = 2     /* does not */
 };
 
 /*

@@ -40,15 +40,21 @@ extern "C" {
 #endif
 
 /* Which bytes each connection fetches: see DownloadPlan in xfer/download_options.h. */
-enum { XFER_PLAN_STATED = 0, XFER_PLAN_ADAPTIVE = 1 };
+enum {
+  XFER_PLAN_STATED = 0,  /* ranges that are cut before the download starts */
+  XFER_PLAN_ADAPTIVE = 1 /* ranges that are cut by measured rates */
+};
 
 /* Which notes a download tells: see DownloadNotes in xfer/download_options.h. */
-enum { XFER_NOTES_MAIN = 0, XFER_NOTES_ALL = 1 };
+enum {
+  XFER_NOTES_MAIN = 0, /* a connection given up, a try repeated, a host left alone */
+  XFER_NOTES_ALL = 1   /* every one */
+};
 
 /* A speed limit that several downloads keep together: see SpeedLimiter in xfer/speed_limiter.h. */
 typedef struct xfer_speed_limiter xfer_speed_limiter;
 
-/* 0: unlimited.  The caller frees it.  Null without memory. */
+/* A new one; 0: unlimited.  The caller frees it.  Null without memory. */
 XFER_API xfer_speed_limiter* xfer_speedLimiterNew(uint64_t bytesPerSec);
 
 /* Counts at once, also for what is running.  Null: does nothing. */
@@ -67,16 +73,17 @@ enum {
 
 /* What a note says: see DownloadEvent in xfer/download_history.h for the fields that each has. */
 enum {
-  XFER_NOTE_BEGUN = 1,
-  XFER_NOTE_ANSWERED = 2,
-  XFER_NOTE_CUT = 3,
-  XFER_NOTE_GIVEN_UP = 4, /* the connection is replaced; reason says why */
-  XFER_NOTE_OVERTAKEN = 5,
-  XFER_NOTE_ENDED = 6,
+  XFER_NOTE_BEGUN = 1,          /* a request is on its way */
+  XFER_NOTE_ANSWERED = 2,       /* its answer has begun */
+  XFER_NOTE_CUT = 3,            /* its end is lower now */
+  XFER_NOTE_GIVEN_UP = 4,       /* the connection is replaced; reason says why */
+  XFER_NOTE_OVERTAKEN = 5,      /* another request has brought its bytes */
+  XFER_NOTE_ENDED = 6,          /* with error and httpStatus */
   XFER_NOTE_TRIED_AGAIN = 7,    /* after waitMs; error and httpStatus say why, as those of xfer_status do */
   XFER_NOTE_HOST_LEFT_ALONE = 8 /* for waitMs */
 };
 
+/* What a download tells its host. */
 typedef struct xfer_event {
   uint32_t size;        /* of the record */
   uint32_t kind;        /* XFER_EVENT_... */
@@ -91,11 +98,11 @@ typedef struct xfer_event {
   uint32_t note;        /* XFER_NOTE_...; 0: none, as are the fields below then */
   uint32_t connection;  /* from 1 on; 0: none */
   uint64_t request;     /* from 1 on; 0: none */
-  uint64_t rangeStart;
-  uint64_t rangeEnd; /* exclusive; 0: as long as it goes */
-  uint64_t position; /* exclusive end of what has arrived of the range */
-  uint64_t waitMs;
-  const char* reason; /* static; "" where there is none */
+  uint64_t rangeStart;  /* of the request's range */
+  uint64_t rangeEnd;    /* exclusive; 0: as long as it goes */
+  uint64_t position;    /* exclusive end of what has arrived of the range */
+  uint64_t waitMs;      /* of XFER_NOTE_TRIED_AGAIN and XFER_NOTE_HOST_LEFT_ALONE */
+  const char* reason;   /* static; "" where there is none */
 } xfer_event;
 
 /*
@@ -107,20 +114,20 @@ typedef void (*xfer_event_callback)(void* user, const xfer_event* event);
 
 /* Texts are UTF-8, copied by xfer_downloadStart, and null where there is none. */
 typedef struct xfer_download_options {
-  uint32_t size; /* of the record; set by xfer_downloadOptionsInit */
-  uint32_t plan; /* initially XFER_PLAN_STATED */
-  const char* url;
-  const char* path;      /* of the local file; replaced when it exists */
-  const char* headers;   /* lines "Name: value", each ended by a line feed */
-  const char* cookie;    /* value of the Cookie header */
-  const char* proxy;     /* [user[:password]@]host[:port]; null or empty: that of xfer_setProxy */
-  const char* userAgent; /* null or empty: that of xfer_setUserAgent */
-  const char* caFile;    /* only with XFER_VERIFY_ON; null or empty: the system's store */
-  const char* pinnedKey; /* "sha256//..."; null or empty: any key */
-  uint64_t knownSize;    /* 0: unknown */
-  uint64_t maxSpeed;     /* of the whole download; 0: unlimited */
-  uint64_t initialChunkSize;
-  uint64_t maxChunkSize;
+  uint32_t size;               /* of the record; set by xfer_downloadOptionsInit */
+  uint32_t plan;               /* initially XFER_PLAN_STATED */
+  const char* url;             /* http or https */
+  const char* path;            /* of the local file; replaced when it exists */
+  const char* headers;         /* lines "Name: value", each ended by a line feed */
+  const char* cookie;          /* value of the Cookie header */
+  const char* proxy;           /* [user[:password]@]host[:port]; null or empty: that of xfer_setProxy */
+  const char* userAgent;       /* null or empty: that of xfer_setUserAgent */
+  const char* caFile;          /* only with XFER_VERIFY_ON; null or empty: the system's store */
+  const char* pinnedKey;       /* "sha256//..."; null or empty: any key */
+  uint64_t knownSize;          /* 0: unknown */
+  uint64_t maxSpeed;           /* of the whole download; 0: unlimited */
+  uint64_t initialChunkSize;   /* of the first chunk, as the one below with the stated plan only */
+  uint64_t maxChunkSize;       /* of the later ones, at most */
   uint64_t firstRange;         /* 0: not set.  Only with the adaptive plan */
   xfer_speed_limiter* limiter; /* null: none */
   xfer_event_callback onEvent; /* null: nothing is told */
@@ -128,21 +135,21 @@ typedef struct xfer_download_options {
   uint32_t connections;        /* most at once; 0 (initially): that of xfer_setNumThreads */
   uint32_t verifyPeer;         /* XFER_VERIFY_...; initially XFER_VERIFY_AS_SET */
   uint32_t rampChunks;         /* 0 or 1, as the three below */
-  uint32_t useHttp2;
-  uint32_t tcpKeepAlive;
-  uint32_t multiplex;
-  uint32_t chunkGrowthFactor;
-  uint32_t probeTimeoutSec;
-  uint32_t connectTimeoutSec;
-  uint32_t transferTimeoutSec;
-  uint32_t lowSpeedLimit;
-  uint32_t lowSpeedTimeSec;
-  uint32_t maxTries;        /* 0: not set.  Only with the adaptive plan, as the two below */
-  uint32_t retryMaxTimeSec; /* 0: no limit */
-  uint32_t longestWaitSec;
-  uint32_t progressMs; /* progress is told at most once in so many milliseconds; initially 100; 0: never */
-  uint32_t notes;      /* XFER_NOTES_...; initially XFER_NOTES_MAIN */
-  uint32_t reserved;   /* 0 */
+  uint32_t useHttp2;           /* over TLS */
+  uint32_t tcpKeepAlive;       /* send keep-alive probes */
+  uint32_t multiplex;          /* transfers may share one HTTP/2 connection */
+  uint32_t chunkGrowthFactor;  /* of one chunk to the one before */
+  uint32_t probeTimeoutSec;    /* for the whole probe; 0: none */
+  uint32_t connectTimeoutSec;  /* 0: libcurl's 300 */
+  uint32_t transferTimeoutSec; /* for one request; 0: none */
+  uint32_t lowSpeedLimit;      /* bytes per second below which a request counts as stalled; 0: never */
+  uint32_t lowSpeedTimeSec;    /* a request that stalls so long is ended; 0: never */
+  uint32_t maxTries;           /* 0: not set.  Only with the adaptive plan, as the two below */
+  uint32_t retryMaxTimeSec;    /* 0: no limit */
+  uint32_t longestWaitSec;     /* 0: not set; a server that asks for a longer wait ends the download */
+  uint32_t progressMs;         /* progress is told at most once in so many milliseconds; initially 100; 0: never */
+  uint32_t notes;              /* XFER_NOTES_...; initially XFER_NOTES_MAIN */
+  uint32_t reserved;           /* 0 */
 } xfer_download_options;
 
 /*
@@ -164,16 +171,17 @@ XFER_API int32_t xfer_downloadStart(const xfer_download_options* options, uint64
 
 /* The states of a download; the last three are final. */
 enum {
-  XFER_STATE_IDLE = 0,
-  XFER_STATE_PROBING = 1,
-  XFER_STATE_RUNNING = 2,
-  XFER_STATE_PAUSED = 3,
-  XFER_STATE_CANCELLING = 4,
-  XFER_STATE_COMPLETED = 5,
-  XFER_STATE_FAILED = 6,
-  XFER_STATE_CANCELLED = 7
+  XFER_STATE_IDLE = 0,       /* not started */
+  XFER_STATE_PROBING = 1,    /* asking the server for the file's size */
+  XFER_STATE_RUNNING = 2,    /* transferring ranges */
+  XFER_STATE_PAUSED = 3,     /* transfers are held */
+  XFER_STATE_CANCELLING = 4, /* tearing down transfers */
+  XFER_STATE_COMPLETED = 5,  /* the file is whole */
+  XFER_STATE_FAILED = 6,     /* error and httpStatus say why */
+  XFER_STATE_CANCELLED = 7   /* stopped by xfer_downloadCancel */
 };
 
+/* Where a download is. */
 typedef struct xfer_status {
   uint32_t size;        /* of the record; set by xfer_statusInit */
   uint32_t state;       /* XFER_STATE_... */
@@ -183,7 +191,7 @@ typedef struct xfer_status {
   uint32_t connections; /* requests under way */
   int32_t error;        /* 0: none, or not ended; else why it ended: see DownloadSnapshot::errorCode; 102: cancelled */
   int32_t httpStatus;   /* of the request that failed; 0: none */
-  uint32_t reserved;
+  uint32_t reserved;    /* 0 */
 } xfer_status;
 
 /* Sets every field to 0.  size: sizeof *status.  Null: does nothing. */
@@ -193,7 +201,9 @@ XFER_API void xfer_statusInit(xfer_status* status, uint32_t size);
 XFER_API int32_t xfer_downloadStatus(uint64_t id, xfer_status* status);
 
 /* What xfer_downloadWait returns when the time is over. */
-enum { XFER_NOT_ENDED = 100038 };
+enum {
+  XFER_NOT_ENDED = 100038 /* the download goes on */
+};
 
 /*
  * Blocks until the download has ended and a call of onEvent with XFER_EVENT_END has returned, or the time is over.

@@ -72,7 +72,7 @@ typedef struct xfer_request_options {
   const char* caFile;    /* only with XFER_VERIFY_ON; null or empty: the system's store */
   const char* pinnedKey; /* "sha256//..."; null or empty: any key */
   const void* body;      /* any bytes; null only when bodySize is 0 */
-  uint64_t bodySize;
+  uint64_t bodySize;     /* its bytes */
   xfer_body_callback onBody;  /* null: the body goes into the response's buffer.  Else nothing of it is kept */
   void* user;                 /* for onBody */
   xfer_cancel* cancel;        /* null: the request cannot be cancelled */
@@ -85,6 +85,7 @@ typedef struct xfer_request_options {
 /* Sets every field to its default.  size: sizeof *options.  Null: does nothing. */
 XFER_API void xfer_requestOptionsInit(xfer_request_options* options, uint32_t size);
 
+/* How a request ended.  The caller sets the two buffers and frees them. */
 typedef struct xfer_response {
   uint32_t size;        /* of the record; set by xfer_responseInit */
   int32_t error;        /* out: what xfer_request returned */
