@@ -10,6 +10,9 @@ else()
   find_package(${XFER_CURL_PACKAGE} REQUIRED)
   add_library(xfer_curl ALIAS CURL::libcurl)
 endif()
+if(XFER_BUILD_TOOLS)
+  find_package(OpenSSL 3 REQUIRED COMPONENTS Crypto)
+endif()
 
 # A header-only library whose headers lie in the system's include folder.  Links to just the wanted ones, in a folder
 # of the build tree, keep a cross compiler away from the rest of that folder.

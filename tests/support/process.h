@@ -19,14 +19,15 @@ namespace support {
 struct ProcessOptions {
   std::vector<std::string> environment{};  // "NAME=value", on top of the test's own
   std::string folder{};                    // where the child starts; "" is where the test is
+  std::string inFile{};                    // "" is nothing
   std::string outFile{};                   // "" is a file of the object's own
   std::string errFile{};
 };
 
 class Process {
  public:
-  /// Starts command[0] (looked for along PATH when it has no separator) with the further arguments, nothing on its
-  /// stdin and none of the test's descriptors.
+  /// Starts command[0] (looked for along PATH when it has no separator) with the further arguments and none of the
+  /// test's descriptors.
   explicit Process(const std::vector<std::string>& command, const ProcessOptions& options = {});
 
   /// Kills the child when it still runs.

@@ -44,7 +44,7 @@ class XferGet : public testing::Test {
 TEST_F(XferGet, storesTheFileOverManyConnectionsAndOverOne) {
   ScriptedServer server(patternFile(kSize));
   for (const char* connections : {"8", "1"}) {
-    const Finished done = get({server.url("/file"), file("out"), "-n", connections});
+    const Finished done = get({server.url("/file"), file("out"), "-n", connections, "--overwrite"});
     EXPECT_EQ(done.exitCode, 0) << done.err;
     EXPECT_EQ(done.out, "") << "standard output is for --print and its kin";
     EXPECT_EQ(support::patternError(file("out"), kSize), "");
@@ -113,7 +113,7 @@ TEST_F(XferGet, namesNoFileLikeADeviceWhereFoldersHaveThem) {
 TEST_F(XferGet, replacesALongerFileOfThatName) {
   ScriptedServer server(patternFile(1000));
   support::writeFile(file("out"), std::string(5000, 'x'));
-  EXPECT_EQ(get({server.url("/file"), "out"}).exitCode, 0);
+  EXPECT_EQ(get({server.url("/file"), "out", "--overwrite"}).exitCode, 0);
   EXPECT_EQ(support::patternError(file("out"), 1000), "");
 }
 
@@ -127,7 +127,7 @@ TEST_F(XferGet, storesAnEmptyFile) {
 TEST_F(XferGet, knownSizeSavesTheQuestion) {
   for (const char* plan : {"adaptive", "stated"}) {
     ScriptedServer server(patternFile(1000));
-    EXPECT_EQ(get({server.url("/file"), "out", "--known-size", "1000", "--plan", plan}).exitCode, 0);
+    EXPECT_EQ(get({server.url("/file"), "out", "--known-size", "1000", "--plan", plan, "--overwrite"}).exitCode, 0);
     ASSERT_EQ(server.requests().size(), 1U);
     EXPECT_EQ(server.requests().front().range, (support::RequestedRange{0, 999}));
     EXPECT_EQ(support::patternError(file("out"), 1000), "");
@@ -139,7 +139,7 @@ TEST_F(XferGet, planDecidesWhatIsAskedForFirst) {
                                         {{"--plan", "adaptive"}, (1 << 30) - 1},
                                         {{"--plan", "stated"}, 0}}) {
     ScriptedServer server(patternFile(1000));
-    std::vector<std::string> all = {server.url("/file"), "out"};
+    std::vector<std::string> all = {server.url("/file"), "out", "--overwrite"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     EXPECT_EQ(get(all).exitCode, 0);
     ASSERT_FALSE(server.requests().empty());
@@ -251,16 +251,16 @@ TEST_F(XferGet, exitCodeTellsWhatWentWrong) {
       {{"ftp://127.0.0.1/file", "out"}, 2, "http"},
       {{"http://", "out"}, 2, ""},
       {{server.url("/file"), file("no such folder") + "/out"}, 3, "no such folder"},
-      {{unused.url("/file"), "out", "--max-tries", "1"}, 4, "connect"},
+      {{unused.url("/file"), "out", "--max-tries", "1"}, 4, "Failed to connect to 127.0.0.1 port"},
       {{server.url("/file"), "out", "-x", "127.0.0.1:" + std::to_string(unused.port()), "--max-tries", "1"},
        4,
        "connect"},
       {{server.url("/missing"), "out"}, 5, "404"},
       {{server.url("/forbidden"), "out"}, 5, "403"},
-      {{server.url("/closed"), "out", "--max-tries", "2"}, 4, "nothing"},
-      {{server.url("/closed"), "out", "--plan", "stated"}, 4, "nothing"},
+      {{server.url("/closed"), "out", "--max-tries", "2"}, 4, "without an answer"},
+      {{server.url("/closed"), "out", "--plan", "stated"}, 4, "without an answer"},
       {{"-p", server.url("/missing")}, 5, "404"},
-      {{"-p", server.url("/closed")}, 4, "nothing"},
+      {{"-p", server.url("/closed")}, 4, "without an answer"},
       {{"-p", unused.url("/file")}, 4, "connect"},
       {{"--info", server.url("/missing")}, 5, "404"},
   };
@@ -297,12 +297,22 @@ TEST_F(XferGet, printOfAnErrorPageWritesItAndFails) {
   EXPECT_EQ(done.out, "not here");
 }
 
-TEST_F(XferGet, headWritesTheHeadersAlone) {
-  ScriptedServer server([](const ReceivedRequest&) {
-    return Reply().send("HTTP/1.1 200 OK\r\nX-One: 1\r\nContent-Length: 4\r\n\r\nbody");
+TEST_F(XferGet, headAsksForTheHeadersAlone) {
+  const std::string headers = "HTTP/1.1 200 OK\r\nX-One: 1\r\nContent-Length: 4\r\n\r\n";
+  ScriptedServer server([headers](const ReceivedRequest& request) {
+    return Reply().send(request.method == "HEAD" ? headers : headers + "body");
   });
-  EXPECT_EQ(get({"--head", server.url("/file")}).out, "HTTP/1.1 200 OK\r\nX-One: 1\r\nContent-Length: 4\r\n\r\n");
-  EXPECT_EQ(get({"-I", "-p", server.url("/file")}).out, "HTTP/1.1 200 OK\r\nX-One: 1\r\nContent-Length: 4\r\n\r\nbody");
+  EXPECT_EQ(get({"--head", server.url("/file")}).out, headers);
+  EXPECT_EQ(get({"-I", server.url("/file")}).out, headers);
+  ASSERT_EQ(server.requests().size(), 2U);
+  for (const ReceivedRequest& request : server.requests()) EXPECT_EQ(request.method, "HEAD");
+}
+
+TEST_F(XferGet, includeWritesTheHeadersInFrontOfTheBody) {
+  const std::string answer = "HTTP/1.1 200 OK\r\nX-One: 1\r\nContent-Length: 4\r\n\r\nbody";
+  ScriptedServer server([answer](const ReceivedRequest&) { return Reply().send(answer); });
+  EXPECT_EQ(get({"--include", "-p", server.url("/file")}).out, answer);
+  EXPECT_EQ(get({"--include", "-d", "a=b", server.url("/file")}).out, answer);
 }
 
 TEST_F(XferGet, infoTellsSizeRangesAndType) {
@@ -330,6 +340,7 @@ TEST_F(XferGet, redirectIsFollowedUnlessRefused) {
   const Finished refused = get({"-I", "--no-redirect", server.url("/old")});
   EXPECT_EQ(refused.exitCode, 0);
   EXPECT_EQ(refused.out.rfind("HTTP/1.1 302", 0), 0U) << refused.out;
+  EXPECT_EQ(server.requests().back().path(), "/old");
 }
 
 TEST_F(XferGet, quietWritesNothingOnSuccessAndTheErrorOtherwise) {

@@ -60,7 +60,8 @@ Process::Process(const std::vector<std::string>& command, const ProcessOptions& 
       errFile_(options.errFile.empty() ? folder_.file("err") : options.errFile) {
   FileActions actions;
   constexpr int kCreate = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
-  check(::posix_spawn_file_actions_addopen(actions.get(), STDIN_FILENO, "/dev/null", O_RDONLY, 0), "stdin");
+  const std::string in = options.inFile.empty() ? "/dev/null" : options.inFile;
+  check(::posix_spawn_file_actions_addopen(actions.get(), STDIN_FILENO, in.c_str(), O_RDONLY, 0), in);
   check(::posix_spawn_file_actions_addopen(actions.get(), STDOUT_FILENO, outFile_.c_str(), kCreate, 0600), outFile_);
   check(::posix_spawn_file_actions_addopen(actions.get(), STDERR_FILENO, errFile_.c_str(), kCreate, 0600), errFile_);
   check(::posix_spawn_file_actions_addclosefrom_np(actions.get(), STDERR_FILENO + 1), "closefrom");

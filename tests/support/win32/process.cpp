@@ -110,7 +110,7 @@ std::wstring environmentWith(const std::vector<std::string>& additions) {
 Process::Process(const std::vector<std::string>& command, const ProcessOptions& options)
     : outFile_(options.outFile.empty() ? folder_.file("out") : options.outFile),
       errFile_(options.errFile.empty() ? folder_.file("err") : options.errFile) {
-  const Handle in(openInheritable("NUL", GENERIC_READ, OPEN_EXISTING));
+  const Handle in(openInheritable(options.inFile.empty() ? "NUL" : options.inFile, GENERIC_READ, OPEN_EXISTING));
   const Handle out(openInheritable(outFile_, FILE_APPEND_DATA, CREATE_ALWAYS));
   const Handle err(openInheritable(errFile_, FILE_APPEND_DATA, CREATE_ALWAYS));
   InheritedHandles inherited({in.get(), out.get(), err.get()});

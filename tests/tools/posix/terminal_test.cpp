@@ -100,11 +100,13 @@ class XferGetOnATerminal : public testing::Test {
   Shown get(
       unsigned short columns, const std::vector<std::string>& options = {},
       const std::function<void(const std::string&)>& onText = [](const std::string&) {}) const {
-    std::vector<std::string> command = {support::siblingProgram("xfer-get"), server_.url("/file"), "out"};
+    std::vector<std::string> command = {support::siblingProgram("xfer-get"), server_.url("/file"), "out",
+                                        "--overwrite"};
     command.insert(command.end(), options.begin(), options.end());
     const Terminal terminal(columns);
-    Process child(
-        command, {.environment = {std::string("TERM=") + kind_}, .folder = folder_.path(), .errFile = terminal.path()});
+    Process child(command, {.environment = {std::string("TERM=") + kind_, std::string("NO_COLOR=") + noColor_},
+                            .folder = folder_.path(),
+                            .errFile = terminal.path()});
     std::string text = terminal.readToEnd(onText);
     return {child.wait(), std::move(text)};
   }
@@ -126,6 +128,7 @@ class XferGetOnATerminal : public testing::Test {
   }
 
   const char* kind_ = "dumb";  // of the terminal
+  const char* noColor_ = "";
   // Slow enough for a few drawings.
   ScriptedServer server_{[](const ReceivedRequest& request) {
     if (request.range == support::RequestedRange{0, 0}) return support::range206(request, kSize);
@@ -143,7 +146,7 @@ TEST_F(XferGetOnATerminal, redrawsOneLineThatNeverWraps) {
       EXPECT_GE(drawn.size(), 3U) << shown.text;
     }
     for (const std::string& line : drawn) EXPECT_LT(line.size(), columns) << line;
-    EXPECT_EQ(shown.text.find("\n"), shown.text.find("\nxfer-get: ")) << "one line, then the message: " << shown.text;
+    EXPECT_EQ(shown.text.find('\n'), shown.text.find("\nxfer-get: ")) << "one line, then the message: " << shown.text;
     EXPECT_EQ(shown.text.back(), '\n');
   }
 }
@@ -194,18 +197,38 @@ TEST_F(XferGetOnATerminal, drawsAMapAndItsConnectionsBelowTheLineAndClearsThemIn
     EXPECT_NE(shown.text.find("A\r", line), std::string::npos) << "back to the progress line: " << shown.text;
     const std::size_t cleared = shown.text.rfind("\x1b[J");
     ASSERT_NE(cleared, std::string::npos) << shown.text;
-    EXPECT_EQ(shown.text.find("[#", cleared), std::string::npos) << "no map is left: " << shown.text;
-    EXPECT_EQ(shown.text.find("\nxfer-get: out: ", cleared), cleared + 4) << shown.text;
+    const std::string left = shown.text.substr(cleared);
+    EXPECT_EQ(left.find('\n'), left.find("\nxfer-get: out: ")) << "one line, then the message: " << shown.text;
+    EXPECT_NE(left.find("100%"), std::string::npos) << shown.text;
+    EXPECT_EQ(left.find('>'), std::string::npos) << "no map is left: " << shown.text;
   }
 }
 
-TEST_F(XferGetOnATerminal, drawsNoMapWhereNoneIsWantedOrTheCursorMayNotMove) {
-  for (const char* const kind : {"dumb", "", "xterm"}) {
+TEST_F(XferGetOnATerminal, drawsNoMapAndNoColoursWhereTheCursorMayNotMove) {
+  for (const char* const kind : {"dumb", ""}) {
     kind_ = kind;
-    const Shown shown = get(80, *kind == 'x' ? std::vector<std::string>{"--no-map"} : std::vector<std::string>());
+    const Shown shown = get(80);
     EXPECT_EQ(shown.exitCode, 0) << shown.text;
     EXPECT_EQ(shown.text.find('\x1b'), std::string::npos) << shown.text;
   }
+}
+
+TEST_F(XferGetOnATerminal, drawsNoMapWhereNoneIsWanted) {
+  kind_ = "xterm";
+  const Shown shown = get(80, {"--no-map"});
+  EXPECT_EQ(shown.exitCode, 0) << shown.text;
+  EXPECT_EQ(shown.text.find('>'), std::string::npos) << shown.text;
+  EXPECT_EQ(shown.text.find('\n'), shown.text.find("\nxfer-get: out: "))
+      << "one line, then the message: " << shown.text;
+}
+
+TEST_F(XferGetOnATerminal, paintsTheBarUnlessColoursAreUnwanted) {
+  kind_ = "xterm";
+  EXPECT_NE(get(80).text.find("\x1b[32m#"), std::string::npos);
+  noColor_ = "1";
+  const std::string plain = get(80).text;
+  EXPECT_EQ(plain.find("\x1b[32m"), std::string::npos) << plain;
+  EXPECT_EQ(plain.find("\x1b[0m"), std::string::npos) << plain;
 }
 
 TEST_F(XferGetOnATerminal, quietShowsNothing) {
@@ -219,6 +242,16 @@ TEST(XferGetOutput, thatCannotBeWrittenIsAFileError) {
     EXPECT_EQ(child.wait(), 3) << option;
     EXPECT_EQ(child.err(), "xfer-get: standard output could not be written\n") << option;
   }
+}
+
+TEST(XferGetOutput, isNoDevice) {
+  ScriptedServer server(patternFile(1000));
+  for (const char* how : {"--overwrite", "-v"}) {
+    Process child({support::siblingProgram("xfer-get"), server.url("/file"), "-o", "/dev/null", how});
+    EXPECT_EQ(child.wait(), 3);
+    EXPECT_EQ(child.err(), "xfer-get: /dev/null: this is no regular file; -o - writes to standard output\n");
+  }
+  EXPECT_TRUE(server.requests().empty());
 }
 
 }  // namespace

@@ -2,172 +2,196 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <map>
+#include <cctype>
+#include <cstdio>
 #include <string_view>
+#include <utility>
 
+#include "command_rules.h"
+#include "command_table.h"
+#include "help_text.h"
+#include "near_name.h"
 #include "outcome.h"
-#include "proxy_text.h"
-#include "size_text.h"
+#include "url.h"
+#include "xfer/version.h"
 
 namespace xfer_get {
 namespace {
 
-// Not left to the parser, which reads "-1" as a large number.
-std::uint64_t bytes(const char* option, const std::string& text, bool unitsAllowed) {
-  const auto size = sizeFromText(text, unitsAllowed);
-  if (!size) throw CLI::ValidationError(option, "not a number of bytes: " + text);
-  return *size;
+using Words = std::vector<std::string>;
+
+// What the arguments are, before they mean anything.
+struct Sorted {
+  std::vector<Words> values;  // of each row of the table: the argument, or an empty text, for each time it is given
+  Words unknownOptions;
+  Words others;
+};
+
+[[noreturn]] void refuse(const std::string& why) {
+  throw CLI::ParseError(why, kUsage);
 }
 
-xfer::DownloadPlan planFromText(const std::string& text) {
-  if (text == "adaptive") return xfer::DownloadPlan::Adaptive;
-  if (text == "stated") return xfer::DownloadPlan::Stated;
-  throw CLI::ValidationError("--plan", "neither adaptive nor stated: " + text);
+std::string namesForParser(const OptionRow& row) {
+  std::string names = row.letter != 0 ? std::string("-") + row.letter + "," : std::string();
+  names += "--" + std::string(row.name);
+  if (!row.alias.empty()) names += ",--" + std::string(row.alias);
+  return names;
 }
 
-// libcurl would take any other text for the name of a file with a key.
-std::string pinFromText(const std::string& text) {
-  constexpr std::string_view kScheme = "sha256//";
-  if (text.rfind(kScheme, 0) == 0 && text.size() > kScheme.size()) return text;
-  throw CLI::ValidationError("--pinnedpubkey", "not of the form sha256//BASE64: " + text);
-}
-
-void checkHeader(const std::string& line) {
-  const auto colon = line.find(':');
-  if (colon == 0 || colon == std::string::npos) {
-    throw CLI::ValidationError("--header", "not of the form \"Name: value\": " + line);
-  }
-}
-
-// Rules between options that the parser cannot express, or reports badly.
-void checkTogether(const Options& options, bool hasFile, bool hasData,
-                   const std::map<std::string, bool>& forDownloads) {
-  const bool asks = options.print || options.head || hasData;
-  if (hasFile && options.file.empty()) throw CLI::ValidationError("FILE", "empty: leave it out to use the URL's name");
-  if (hasData && options.data.empty()) throw CLI::ValidationError("--data", "empty: there is nothing to send");
-  if (options.info && asks) throw CLI::ValidationError("--info", "cannot go with --print, --head and --data");
-  if (options.info && !options.headers.empty()) {
-    throw CLI::ValidationError("--header", "cannot go with --info, which sends no further headers");
-  }
-  if ((asks || options.info) && hasFile) {
-    throw CLI::ValidationError("FILE", "is for downloads; --print, --head, --info and --data write to standard output");
-  }
-  if (options.noRedirect && !asks) {
-    throw CLI::ValidationError("--no-redirect", "is for --print, --head and --data; a download follows redirects");
-  }
-  if (asks || options.info) {
-    for (const auto& [name, given] : forDownloads) {
-      if (given) throw CLI::ValidationError(name, "is for downloads");
+// What the parser leaves over: behind "--" everything is an argument.
+void sortOthers(const Words& left, Sorted& sorted) {
+  bool options = true;
+  for (const std::string& word : left) {
+    const bool number = word.size() > 1 && std::isdigit(static_cast<unsigned char>(word[1])) != 0;
+    if (options && word == "--") {
+      options = false;
+    } else if (options && word.size() > 1 && word.front() == '-' && !number) {
+      sorted.unknownOptions.push_back(word);
+    } else {
+      sorted.others.push_back(word);
     }
-  } else if (options.plan == xfer::DownloadPlan::Stated) {
-    if (options.maxTries)
-      throw CLI::ValidationError("--max-tries", "cannot go with --plan stated, whose tries are fixed");
-    if (options.retryMaxSec) throw CLI::ValidationError("--retry-max-time", "cannot go with --plan stated");
   }
-  if (forDownloads.at("--trace") && options.trace.empty()) throw CLI::ValidationError("--trace", "empty: name a file");
-  if (options.quiet && options.verbosity > 0) throw CLI::ValidationError("--quiet", "cannot go with --verbose");
+}
+
+// Of a missing argument, and of one too many, the parser's words name the option and say little.
+std::string inOurWords(const std::string& parsers) {
+  for (const OptionRow& row : optionRows()) {
+    const std::string name(row.name);
+    if (!row.argument.empty() && parsers.starts_with("--" + name + ":")) {
+      return "--" + name + ": " + std::string(row.argument) + " is missing";
+    }
+    if (row.argument.empty() && parsers.starts_with(name + " ")) return "--" + name + ": takes no argument";
+  }
+  return parsers;
+}
+
+// The parser takes the next word for the argument of "--name=".  This one stands for an empty text: no argument of a
+// program has it.
+constexpr char kEmpty = '\0';
+
+void markEmpty(Words& words) {
+  for (std::string& word : words) {
+    if (word.starts_with("--") && word.ends_with('=')) word += kEmpty;
+  }
+}
+
+Words unmarked(Words words) {
+  for (std::string& word : words) {
+    if (word.ends_with(kEmpty)) word.pop_back();
+  }
+  return words;
+}
+
+// Values are taken as they were written: the parser's own conversions see lists in "[a,b]" and "{}".
+Sorted sort(Words arguments) {
+  CLI::App app;
+  app.set_help_flag();
+  app.allow_extras();
+  app.allow_windows_style_options(false);
+  std::vector<CLI::Option*> options;
+  for (const OptionRow& row : optionRows()) {
+    const bool flag = row.argument.empty();
+    CLI::Option* const option = flag ? app.add_flag(namesForParser(row))->disable_flag_override()
+                                     : app.add_option(namesForParser(row))->expected(1);
+    options.push_back(option->multi_option_policy(CLI::MultiOptionPolicy::TakeAll));
+  }
+  markEmpty(arguments);
+  std::reverse(arguments.begin(), arguments.end());  // the parser expects reverse order
+  try {
+    app.parse(std::move(arguments));
+  } catch (const CLI::ArgumentMismatch& error) {
+    refuse(inOurWords(error.what()));
+  }
+  Sorted sorted;
+  for (std::size_t i = 0; i < options.size(); ++i) {
+    const bool flag = optionRows()[i].argument.empty();
+    sorted.values.push_back(flag ? Words(options[i]->count()) : unmarked(options[i]->results()));
+  }
+  sortOthers(unmarked(app.remaining()), sorted);
+  return sorted;
+}
+
+[[noreturn]] void refuseUnknown(const std::string& word) {
+  const std::string name = word.substr(0, word.find('='));
+  std::vector<std::string_view> known;
+  for (const OptionRow& row : optionRows()) {
+    known.push_back(row.name);
+    if (!row.alias.empty()) known.push_back(row.alias);
+  }
+  const std::string_view near = name.starts_with("--") ? nearName(name.substr(2), known) : std::string_view();
+  refuse(name + ": there is no such option" + (near.empty() ? "" : "; did you mean --" + std::string(near) + "?"));
+}
+
+[[noreturn]] void refuseValue(const OptionRow& row, const std::string& why) {
+  refuse("--" + std::string(row.name) + ": " + why);
+}
+
+void takeValues(const Sorted& sorted, Options& options, CommandLine& line) {
+  for (std::size_t i = 0; i < sorted.values.size(); ++i) {
+    const OptionRow& row = optionRows()[i];
+    const Words& values = sorted.values[i];
+    if (values.empty()) continue;
+    if (values.size() > 1 && !row.argument.empty() && !row.repeats) refuseValue(row, "given more than once");
+    for (const std::string& value : values) {
+      if (const std::string wrong = row.take(options, value); !wrong.empty()) refuseValue(row, wrong);
+    }
+    line.given.insert(row.name);
+  }
+}
+
+// One argument that is no URL is FILE, unless it looks like a URL of another kind.
+void takeOthers(const Sorted& sorted, Options& options, CommandLine& line) {
+  Words names;
+  for (const std::string& word : sorted.others) (isHttpUrl(word) ? options.urls : names).push_back(word);
+  const auto isForeign = [](const std::string& word) { return word.find("://") != std::string::npos; };
+  const auto foreign = std::find_if(names.begin(), names.end(), isForeign);
+  if (foreign != names.end()) refuse("not an http or https URL: " + *foreign);
+  if (names.size() > 1 || (!names.empty() && options.urls.empty())) {
+    refuse("not an http or https URL: " + names[options.urls.size() == 1 ? 1 : 0]);
+  }
+  if (names.empty()) return;
+  if (names.front().empty()) refuse("FILE is empty: leave it out to use the URL's name");
+  line.given.insert(kFileArgument);
+  options.file = names.front();
+}
+
+bool asked(const Sorted& sorted, std::string_view name) {
+  for (std::size_t i = 0; i < sorted.values.size(); ++i) {
+    if (optionRows()[i].name == name) return !sorted.values[i].empty();
+  }
+  return false;
+}
+
+std::optional<Options> understand(const Sorted& sorted) {
+  if (asked(sorted, "help")) {
+    std::fputs(helpText().c_str(), stdout);
+    return std::nullopt;
+  }
+  if (asked(sorted, "version")) {
+    std::fputs("xfer-get " XFER_VERSION_TEXT "\n", stdout);
+    return std::nullopt;
+  }
+  Options options;
+  CommandLine line{options, {}};
+  if (!sorted.unknownOptions.empty()) refuseUnknown(sorted.unknownOptions.front());
+  takeValues(sorted, options, line);
+  takeOthers(sorted, options, line);
+  if (options.urls.empty() && options.list.empty()) refuse("name a URL");
+  if (const std::string broken = brokenRule(line); !broken.empty()) refuse(broken);
+  return options;
 }
 
 }  // namespace
 
 std::optional<Options> parseOptions(std::vector<std::string> arguments, int* exitCode) {
-  Options options;
-  CLI::App app("Downloads a file over several connections at once, or prints what a server answers.", "xfer-get");
-  app.get_formatter()->column_width(32);
-  app.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return std::string("xfer-get: ") + error.what() + "\nRun xfer-get --help for more information.\n";
-  });
-  app.add_option("URL", options.url, "http or https")->required();
-  auto* const file = app.add_option("FILE", options.file,
-                                    "where to store it, replacing what is there; named after the URL when not given");
-  app.add_option("-n,--connections", options.connections, "most connections at once")
-      ->check(CLI::Range(1, 256).description(""))
-      ->type_name("1..256")
-      ->capture_default_str();
-  app.add_option_function<std::string>(
-         "-l,--limit-rate",
-         [&](const std::string& text) { options.bytesPerSec = bytes("--limit-rate", text, /*unitsAllowed=*/true); },
-         "most bytes per second; K, M, G and T are understood")
-      ->type_name("BYTES");
-  app.add_option_function<std::string>(
-         "--known-size",
-         [&](const std::string& text) { options.knownSize = bytes("--known-size", text, /*unitsAllowed=*/false); },
-         "size of the file in bytes, when it is known; saves the question")
-      ->type_name("BYTES");
-  auto* const plan =
-      app.add_option_function<std::string>(
-             "--plan", [&](const std::string& text) { options.plan = planFromText(text); },
-             "adaptive: ranges move from slow connections to fast ones (when not given); stated: ranges are fixed")
-          ->type_name("adaptive|stated");
-  auto* const maxTries = app.add_option("--max-tries", options.maxTries,
-                                        "give up after so many tries in a row that bring nothing (10 when not given)")
-                             ->check(CLI::Range(1, 1000000).description(""))
-                             ->type_name("N");
-  auto* const retryMax = app.add_option("--retry-max-time", options.retryMaxSec,
-                                        "give up when nothing has arrived for so long; 0: never (when not given)")
-                             ->check(CLI::Range(0, 1000000000).description(""))
-                             ->type_name("SECONDS");
-  app.add_option_function<std::string>(
-         "-x,--proxy",
-         [&](const std::string& text) {
-           options.proxy = text.empty() ? net::Proxy{} : proxyFromText(text);
-           if (!options.proxy) throw CLI::ValidationError("--proxy", "not of the form [user[:password]@]host[:port]");
-         },
-         "[user[:password]@]host[:port]; the port is 80 when not given; \"\" is none")
-      ->type_name("PROXY");
-  auto* const insecure = app.add_flag("-k,--insecure", options.insecure, "do not check the server's certificate");
-  auto* const caFile =
-      app.add_option("--cacert", options.caFile, "trust the certificates in FILE (PEM) instead of the system's")
-          ->type_name("FILE");
-  app.add_option_function<std::string>(
-         "--pinnedpubkey", [&](const std::string& text) { options.pinnedKey = pinFromText(text); },
-         "the server's key must have this digest: sha256//BASE64, several separated by ;")
-      ->type_name("DIGEST");
-  app.add_option("-A,--user-agent", options.userAgent, "value of the User-Agent header")->type_name("TEXT");
-  app.add_option("-b,--cookie", options.cookie, "value of the Cookie header");
-  app.add_option("-H,--header", options.headers, "a request header line \"Name: value\"; may be repeated")
-      ->type_name("LINE")
-      ->allow_extra_args(false);
-  app.add_flag("-p,--print", options.print, "print the answer's body instead of storing a file");
-  app.add_flag("-I,--head", options.head, "print the answer's headers; with --print both");
-  app.add_flag("--info", options.info, "print size, range support and media type");
-  auto* const data = app.add_option("-d,--data", options.data, "send this as the body of a POST, and print the answer");
-  app.add_flag("--no-redirect", options.noRedirect, "do not follow redirects (with --print, --head or --data)");
-  auto* const noMap = app.add_flag_callback(
-      "--no-map", [&] { options.map = false; }, "draw no map of the file and its connections on a terminal");
-  auto* const trace =
-      app.add_option("--trace", options.trace, "write what each connection does to FILE, for a trace viewer")
-          ->type_name("FILE");
-  app.add_flag("-q,--quiet", options.quiet, "write nothing but errors");
-  app.add_flag("-v,--verbose", options.verbosity, "log failures, retries and replaced connections; twice: everything");
-  app.set_version_flag("-V,--version", std::string("xfer-get ") + XFER_VERSION);
-  app.footer(
-      "Exit codes: 0 done, 1 internal error, 2 usage, 3 file, 4 network, 5 HTTP status,\n"
-      "6 certificate or key refused, 130 cancelled.\n"
-      "Without -x the environment names the proxy for URL, redirects included: http_proxy for http; https_proxy or\n"
-      "HTTPS_PROXY for https; else all_proxy or ALL_PROXY; none for the hosts in no_proxy or NO_PROXY.\n"
-      "The map below the progress: # is there, > is where a connection writes, - is asked for, . is missing.\n"
-      "Progress, messages and the log go to standard error.  A download that fails or is cancelled\n"
-      "may leave a partial file, which has the size of the whole one.");
+  *exitCode = kDone;
   try {
-    std::reverse(arguments.begin(), arguments.end());  // the parser expects reverse order
-    app.parse(arguments);
-    for (const std::string& line : options.headers) checkHeader(line);
-    if (caFile->count() > 0 && options.caFile.empty()) throw CLI::ValidationError("--cacert", "empty: name a file");
-    if (caFile->count() > 0 && insecure->count() > 0) {
-      throw CLI::ValidationError("--cacert", "cannot go with --insecure, which checks no certificate");
-    }
-    checkTogether(options, file->count() > 0, data->count() > 0,
-                  {{"--plan", plan->count() > 0},
-                   {"--no-map", noMap->count() > 0},
-                   {"--trace", trace->count() > 0},
-                   {"--max-tries", maxTries->count() > 0},
-                   {"--retry-max-time", retryMax->count() > 0}});
+    return understand(sort(std::move(arguments)));
   } catch (const CLI::ParseError& error) {
-    *exitCode = app.exit(error) == 0 ? kDone : kUsage;
+    std::fprintf(stderr, "xfer-get: %s\nRun xfer-get --help for more information.\n", error.what());
+    *exitCode = kUsage;
     return std::nullopt;
   }
-  return options;
 }
 
 }  // namespace xfer_get

@@ -3,26 +3,44 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <limits>
+
+#include "paint.h"
 
 namespace xfer_get {
 namespace {
 
-unsigned percent(const xfer::DownloadSnapshot& snapshot) {
-  return static_cast<unsigned>(std::min(snapshot.percent, 100.0F));  // bytes fetched again count again
+using xfer::DownloadSnapshot;
+using xfer::JobState;
+
+constexpr std::size_t kNarrowestBar = 10;
+constexpr std::size_t kWidestBar = 42;
+
+enum PartName : std::size_t { State, Percent, Amount, Speed, Eta, Connections, SlowServer, NextTry, kParts };
+using Parts = std::array<std::string, kParts>;  // empty: nothing to say
+
+Parts partsOf(const DownloadSnapshot& snapshot, unsigned connections, std::uint64_t nextTryMs) {
+  Parts parts;
+  parts[State] = stateText(snapshot.state);
+  if (const auto percent = shownPercent(snapshot)) parts[Percent] = std::to_string(*percent) + "%";
+  parts[Amount] = amountText(snapshot);
+  parts[Speed] = sizeText(snapshot.bytesPerSec) + "/s";
+  parts[Eta] = "ETA " + etaText(snapshot);
+  parts[Connections] = connectionsText(connections);
+  if (snapshot.throttled) parts[SlowServer] = "(slow server)";
+  if (nextTryMs != 0) parts[NextTry] = nextTryText(nextTryMs);
+  return parts;
 }
 
-const char* stateWord(xfer::JobState state) {
-  switch (state) {
-    case xfer::JobState::Idle:
-    case xfer::JobState::Probing:
-      return "asking ";
-    case xfer::JobState::Paused:
-      return "paused ";
-    case xfer::JobState::Cancelling:
-      return "cancelling ";
-    default:
-      return "";
+std::string joined(const Parts& parts) {
+  std::string line;
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    if (parts[i].empty()) continue;
+    const bool close = i == Percent || i == Amount;  // to what is before
+    if (!line.empty()) line += close ? " " : "  ";
+    line += parts[i];
   }
+  return line;
 }
 
 }  // namespace
@@ -38,10 +56,10 @@ std::string sizeText(std::uint64_t bytes) {
   return text.data();
 }
 
-std::string etaText(const xfer::DownloadSnapshot& snapshot) {
+std::string etaText(const DownloadSnapshot& snapshot) {
   if (snapshot.totalBytes == 0 || snapshot.bytesPerSec == 0) return "--:--";
-  const std::uint64_t left = snapshot.totalBytes - std::min(snapshot.bytesDone, snapshot.totalBytes);
-  const std::uint64_t seconds = (left + snapshot.bytesPerSec - 1) / snapshot.bytesPerSec;
+  const std::uint64_t left = snapshot.totalBytes - shownBytes(snapshot);
+  const std::uint64_t seconds = left / snapshot.bytesPerSec + (left % snapshot.bytesPerSec != 0 ? 1 : 0);
   if (seconds >= 360000) return "--:--";
   std::array<char, 32> text{};
   const auto hours = static_cast<unsigned>(seconds / 3600);
@@ -54,28 +72,82 @@ std::string etaText(const xfer::DownloadSnapshot& snapshot) {
   return text.data();
 }
 
-std::string plainLine(const xfer::DownloadSnapshot& snapshot, unsigned connections, std::uint64_t nextTryMs) {
-  std::string line = stateWord(snapshot.state);
-  if (snapshot.totalBytes != 0) line += std::to_string(percent(snapshot)) + "% ";
-  line += sizeText(snapshot.bytesDone);
-  if (snapshot.totalBytes != 0) line += " of " + sizeText(snapshot.totalBytes);
-  line += "  " + sizeText(snapshot.bytesPerSec) + "/s  ETA " + etaText(snapshot) + "  x" + std::to_string(connections);
-  if (snapshot.throttled) line += "  (slow server)";
-  if (nextTryMs != 0) line += "  next try in " + std::to_string((nextTryMs + 999) / 1000) + " s";
-  return line;
+std::uint64_t shownBytes(const DownloadSnapshot& snapshot) {
+  return snapshot.totalBytes == 0 ? snapshot.bytesDone : std::min(snapshot.bytesDone, snapshot.totalBytes);
 }
 
-std::string progressLine(const xfer::DownloadSnapshot& snapshot, unsigned connections, unsigned columns,
-                         std::uint64_t nextTryMs) {
-  constexpr std::size_t kNarrowestBar = 8;
-  constexpr std::size_t kWidestBar = 40;
-  const std::string figures = plainLine(snapshot, connections, nextTryMs);
-  if (figures.size() + kNarrowestBar + 3 > columns) return figures.substr(0, columns);
-  const std::size_t width = std::min(kWidestBar, columns - figures.size() - 3);
-  const std::size_t full = width * percent(snapshot) / 100;
-  std::string line(1, '[');
-  line.append(full, '#').append(width - full, '.').append("] ").append(figures);
-  return line;
+std::optional<unsigned> shownPercent(const DownloadSnapshot& snapshot) {
+  if (snapshot.state == JobState::Completed) return 100;
+  if (snapshot.totalBytes == 0) return std::nullopt;
+  const std::uint64_t done = shownBytes(snapshot);
+  const bool fits = done <= std::numeric_limits<std::uint64_t>::max() / 100;
+  const std::uint64_t percent = fits ? done * 100 / snapshot.totalBytes : done / (snapshot.totalBytes / 100);
+  return static_cast<unsigned>(std::min<std::uint64_t>(percent, 99));
+}
+
+std::string amountText(const DownloadSnapshot& snapshot) {
+  const std::string done = sizeText(shownBytes(snapshot));
+  return snapshot.totalBytes == 0 ? done : done + " of " + sizeText(snapshot.totalBytes);
+}
+
+std::string stateText(JobState state) {
+  switch (state) {
+    case JobState::Idle:
+    case JobState::Probing:
+      return "asking";
+    case JobState::Paused:
+      return "paused";
+    case JobState::Cancelling:
+      return "cancelling";
+    case JobState::Running:
+    case JobState::Completed:
+    case JobState::Failed:
+    case JobState::Cancelled:
+      break;
+  }
+  return "";
+}
+
+std::string connectionsText(unsigned connections) {
+  return connections == 0 ? "" : std::string("x").append(std::to_string(connections));
+}
+
+std::string nextTryText(std::uint64_t nextTryMs) {
+  return "next try in " + std::to_string(nextTryMs / 1000 + (nextTryMs % 1000 != 0 ? 1 : 0)) + " s";
+}
+
+std::string barText(std::optional<unsigned> percent, std::size_t columns, bool colours) {
+  const std::size_t width = columns - 2;
+  const std::size_t full = width * percent.value_or(0) / 100;
+  std::string bar = "[";
+  return bar.append(paint(std::string(full, '#'), Colour::Green, colours)).append(width - full, '.').append("]");
+}
+
+std::string plainLine(const DownloadSnapshot& snapshot, unsigned connections, std::uint64_t nextTryMs) {
+  return joined(partsOf(snapshot, connections, nextTryMs));
+}
+
+std::string progressLine(const DownloadSnapshot& snapshot, unsigned connections, unsigned columns,
+                         std::uint64_t nextTryMs, bool colours) {
+  const Parts parts = partsOf(snapshot, connections, nextTryMs);
+  Parts shown;
+  std::size_t bar = 0;  // columns that it and the gap behind it take
+  const auto show = [&](PartName name) {
+    shown[name] = parts[name];
+    if (bar + joined(shown).size() <= columns) return true;
+    shown[name].clear();
+    return false;
+  };
+  bool all = true;
+  for (const PartName name : {parts[Percent].empty() ? Amount : Percent, NextTry, State, Speed, Eta, Amount}) {
+    all = all && show(name);
+  }
+  // Wide enough to tell something, and no wider than leaves it as it is when the figures next to it grow.
+  const std::size_t left = columns - joined(shown).size();
+  if (left > kNarrowestBar) bar = std::min(std::clamp<std::size_t>(columns / 4, kNarrowestBar, kWidestBar) + 1, left);
+  all = all && bar > 0;
+  for (const PartName name : {Connections, SlowServer}) all = all && show(name);
+  return (bar > 0 ? barText(shownPercent(snapshot), bar - 1, colours) + " " : "") + joined(shown);
 }
 
 }  // namespace xfer_get

@@ -1,8 +1,6 @@
 // Terminal, signals and standard output.  Each platform has its own implementation.
 #pragma once
 
-#include <atomic>
-
 namespace xfer_get {
 
 struct TerminalSize {
@@ -13,11 +11,16 @@ struct TerminalSize {
 /// Of the terminal on standard error.
 TerminalSize terminalSize();
 
-/// Set when the user interrupts the program.
-const std::atomic<bool>& interrupted();
+/// The number of the signal that asked the program to end; 0: none did.
+int endingSignal();
 
-/// Makes Ctrl-C (and SIGTERM, or Ctrl-Break on Windows) set interrupted; a second one ends the program.
-void watchInterrupts();
+/// Makes SIGINT, SIGTERM and SIGHUP (Ctrl-C and Ctrl-Break on Windows, as SIGINT) set endingSignal; a second one ends
+/// the program.  One that whoever started the program ignores stays ignored.
+void watchSignals();
+
+/// Ends the program as the signal would have, so that whoever started it sees that; where there is no such thing it
+/// returns the exit code that stands for it.
+int endBySignal(int signal);
 
 /// Makes standard output binary, and a closed pipe a write error instead of a signal.
 void prepareStandardOutput();

@@ -1,22 +1,16 @@
 #include "trace_file.h"
 
-#include <filesystem>
-#include <vector>
+#include "path.h"
 
 namespace xfer_get {
 
-TraceFile::TraceFile(const std::string& path)
-    : file_(std::filesystem::path(std::u8string(path.begin(), path.end())), std::ios::binary | std::ios::trunc) {}
+TraceFile::TraceFile(const std::string& path) : file_(pathOf(path), std::ios::binary | std::ios::trunc) {}
 
-void TraceFile::follow(const xfer::DownloadJob& job) {
-  const std::vector<xfer::DownloadEvent> events = job.history(next_);
-  if (events.empty()) return;
-  next_ = events.back().number + 1;
-  file_ << trace_.add(events);
+void TraceFile::follow(const std::vector<xfer::DownloadEvent>& events) {
+  if (!events.empty()) file_ << trace_.add(events);
 }
 
-void TraceFile::end(const xfer::DownloadJob& job) {
-  follow(job);
+void TraceFile::end() {
   file_ << trace_.end();
   file_.close();
 }

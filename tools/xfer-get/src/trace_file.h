@@ -6,25 +6,26 @@
 #include <cstdint>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "trace.h"
-#include "xfer/download_job.h"
+#include "xfer/download_history.h"
 
 namespace xfer_get {
 
 class TraceFile {
  public:
-  /// Events that the job has to keep between two calls of follow.
+  /// Events that a job has to keep, so that none is lost between two looks at its history.
   static constexpr std::size_t kEvents = 65536;
 
   /// Replaces the file.  path: UTF-8.
   explicit TraceFile(const std::string& path);
 
   /// Writes what the job has done since the last call.
-  void follow(const xfer::DownloadJob& job);
+  void follow(const std::vector<xfer::DownloadEvent>& events);
 
   /// Writes the rest.  No further calls.
-  void end(const xfer::DownloadJob& job);
+  void end();
 
   /// Whether the file could be opened, and all was written to it so far.
   [[nodiscard]] bool isGood() const { return file_.good(); }
@@ -32,7 +33,6 @@ class TraceFile {
  private:
   std::ofstream file_;
   Trace trace_;
-  std::uint64_t next_ = 0;  // number of the next event
 };
 
 }  // namespace xfer_get

@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -10,11 +11,11 @@
 namespace xfer_get {
 namespace {
 
-std::atomic<bool> g_interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
+std::atomic<int> g_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it");
 
 extern "C" void onSignal(int signal) {
-  g_interrupted = true;
+  g_signal = signal;
   std::signal(signal, SIG_DFL);
 }
 
@@ -30,13 +31,22 @@ TerminalSize terminalSize() {
   return {size.ws_col > 0 ? size.ws_col : 80U, moves ? size.ws_row : 0U};
 }
 
-const std::atomic<bool>& interrupted() {
-  return g_interrupted;
+int endingSignal() {
+  return g_signal;
 }
 
-void watchInterrupts() {
-  std::signal(SIGINT, onSignal);
-  std::signal(SIGTERM, onSignal);
+void watchSignals() {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction now {};
+    if (::sigaction(signal, nullptr, &now) == 0 && now.sa_handler != SIG_IGN) std::signal(signal, onSignal);
+  }
+}
+
+int endBySignal(int signal) {
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+  constexpr int kFirst = 128;  // as shells count them
+  return kFirst + signal;
 }
 
 void prepareStandardOutput() {

@@ -4,16 +4,19 @@
 #include <io.h>
 #include <windows.h>
 
+#include <atomic>
 #include <cstdio>
 
 namespace xfer_get {
 namespace {
 
-std::atomic<bool> g_interrupted{false};
+constexpr int kInterrupt = 2;  // SIGINT
+
+std::atomic<int> g_signal{0};
 
 BOOL WINAPI onControl(DWORD event) {
   if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) return FALSE;
-  return g_interrupted.exchange(true) ? FALSE : TRUE;
+  return g_signal.exchange(kInterrupt) != 0 ? FALSE : TRUE;
 }
 
 }  // namespace
@@ -31,12 +34,17 @@ TerminalSize terminalSize() {
   return {columns > 0 ? static_cast<unsigned>(columns) : 80U, moves && rows > 0 ? static_cast<unsigned>(rows) : 0U};
 }
 
-const std::atomic<bool>& interrupted() {
-  return g_interrupted;
+int endingSignal() {
+  return g_signal;
 }
 
-void watchInterrupts() {
+void watchSignals() {
   ::SetConsoleCtrlHandler(onControl, TRUE);
+}
+
+int endBySignal(int signal) {
+  constexpr int kFirst = 128;  // as shells count them elsewhere
+  return kFirst + signal;
 }
 
 void prepareStandardOutput() {
