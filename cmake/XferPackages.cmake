@@ -1,5 +1,5 @@
-# Release packages, which scripts/package makes: Debian packages (library, development files, tool), and for each system
-# an archive of everything, which works wherever it is unpacked.
+# Release packages, which scripts/package makes: Debian packages (library, development files, tool, Python package), and
+# for each system an archive of everything, which works wherever it is unpacked.
 set(XFER_NOTICES "" CACHE PATH "Folder of the notices and of the bill of materials that packages carry")
 set(XFER_MAINTAINER "xfer maintainers <maintainers@xfer.invalid>" CACHE STRING "Who packages name as their maintainer")
 if(XFER_NOTICES)
@@ -14,6 +14,9 @@ set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_COMPONENTS_ALL runtime development tool)
+if(XFER_PYTHON_FOLDER)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+endif()
 if(NOT WIN32)
   list(APPEND CPACK_COMPONENTS_ALL static)
   set(CPACK_STRIP_FILES ON)  # the Windows images are linked without symbols
@@ -60,4 +63,13 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_NAME xfer-get)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION web)
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_TOOL_DESCRIPTION "The command-line program.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-xfer)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.9), ${runtime_package} (= ${PROJECT_VERSION})")
+# What Python compiles beside the modules goes with them.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/cmake/python-package/postinst ${PROJECT_SOURCE_DIR}/cmake/python-package/prerm)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "The Python package.")
 include(CPack)

@@ -57,13 +57,14 @@ def beside(name, package, licence):
 def parts_of(system, dependencies):
     cli11 = installed("CLI11", "libcli11-dev", "BSD-3-Clause", "xfer-get")
     if system == "linux":
-        return [cli11, beside("libcurl", "libcurl4", "curl"), beside("C library", "libc6", "LGPL-2.1-or-later"),
+        return [cli11, beside("libcurl", "libcurl4", "curl"), beside("OpenSSL", "libssl3", "Apache-2.0"),
+                beside("C library", "libc6", "LGPL-2.1-or-later"),
                 beside("C++ library", "libstdc++6", "GPL-3.0-or-later WITH GCC-exception-3.1")]
     notices, images = dependencies / "notices", "xfer.dll"
     every_image = "xfer.dll, keel.dll and xfer-get.exe"
     return [
         cross_built("libcurl", notices / "curl", "curl", images),
-        cross_built("OpenSSL", notices / "openssl", "Apache-2.0", images),
+        cross_built("OpenSSL", notices / "openssl", "Apache-2.0", "xfer.dll and xfer-get.exe"),
         cross_built("nghttp2", notices / "nghttp2", "MIT", images),
         installed("zlib", "libz-mingw-w64-dev", "Zlib", images),
         installed("run-time libraries of GCC", "gcc-mingw-w64-x86-64-posix-runtime",

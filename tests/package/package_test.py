@@ -1,6 +1,7 @@
 """Installs the build into a prefix of its own, and looks at it as a host's build would.
 
-The checks: install, headers, compile, move, cmake, static, pkgconfig; symbols and embed, which do without the prefix.
+The checks: install, headers, texts, compile, move, cmake, static, pkgconfig; symbols and embed, which do without the
+prefix.
 """
 
 import argparse
@@ -68,6 +69,14 @@ def headers(args):
     include = args.prefix / "include"
     found = {str(path.relative_to(include)) for path in include.rglob("*") if path.is_file()}
     expect_equal("installed headers", found, listed("installed_headers.txt"))
+
+
+def texts(args):
+    share = args.prefix / "share"
+    found = {str(path.relative_to(share)) for path in share.rglob("*") if path.is_file() and path.stat().st_size > 0}
+    expect_equal("texts of the tool", found, {
+        "man/man1/xfer-get.1", "bash-completion/completions/xfer-get", "zsh/site-functions/_xfer-get",
+        "fish/vendor_completions.d/xfer-get.fish"})
 
 
 def compile_alone(args):
@@ -184,17 +193,30 @@ def consume_with_pkg_config(args):
     run_consumers(args, folder, dict(environment, LD_LIBRARY_PATH=str(packages[0].parent)))
 
 
+def listed_symbols():
+    """Of exported_symbols.txt, as nm writes them: each with the version in brackets above it."""
+    found, version = set(), None
+    for line in (HERE / "exported_symbols.txt").read_text(encoding="utf-8").splitlines():
+        if line.startswith("["):
+            version = line.strip("[]")
+            found.add(version)  # a symbol of its own
+        elif line and not line.startswith("#"):
+            found.add(f"{line}@@{version}")
+    return found
+
+
 def symbols(args):
     found = set()
     for line in run(["nm", "-DC", "--defined-only", args.library]).splitlines():
         name = line.split(maxsplit=2)[2]
         found.add(re.sub(r"std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> ?>", "std::string", name))
-    expect_equal("exported symbols", found, listed("exported_symbols.txt"))
+    expect_equal("exported symbols", found, listed_symbols())
 
 
 CHECKS = {
     "install": install,
     "headers": headers,
+    "texts": texts,
     "compile": compile_alone,
     "move": move,
     "cmake": consume_with_cmake,

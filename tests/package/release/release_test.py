@@ -4,13 +4,15 @@ same       --other FOLDER: both folders have the same packages, byte for byte
 archive    the .tar.gz in any folder: the tool, and consumers by CMake and pkg-config, in C and C++, dynamic and static
 debian     the Debian packages in the bare system --root: first what programs need, then what builds need; then they are
            removed.  As root.  The system lacks all but apt.
-microsoft  the .zip: a host in C with Microsoft's ABI links the .lib; one in C++ uses the CMake package with MinGW; with
-           --system-libraries, --toolchain, --dependencies and --emulator
+microsoft  the .zip: a host in C with Microsoft's ABI links the .lib; others use MinGW with the CMake package and with
+           docs/install.md's commands; with --system-libraries, --toolchain, --dependencies and --emulator
 contents   what each package brings besides, the notices and the bill of materials
+
+archive, debian and microsoft also fetch a file with each program of README.md's "In ten lines"; microsoft leaves Python's
+out, since there is no Python for Windows here.
 """
 import argparse
 import contextlib
-import http.server
 import json
 import os
 import pathlib
@@ -20,12 +22,20 @@ import socket
 import subprocess
 import sys
 import tarfile
-import threading
 import zipfile
 
 HERE = pathlib.Path(__file__).resolve().parent
+TESTS = HERE.parents[1]
+PROJECT = TESTS.parent
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(TESTS / "examples"))
+
+import server  # noqa: E402: found by the path above
+
 CONSUMER, STATIC_CONSUMER = HERE.parent / "consumer", HERE.parent / "static_consumer"
 PROGRAMS = ("from_c", "from_cxx")
+# Below share.
+TEXTS = ("man/man1/xfer-get.1", "bash-completion/completions/xfer-get", "fish/vendor_completions.d/xfer-get.fish")
 LENGTH = 300000
 BODY = bytes(i % 251 for i in range(LENGTH))
 
@@ -64,22 +74,28 @@ def refusing_port():
 
 @contextlib.contextmanager
 def serving():
-    class Handler(http.server.BaseHTTPRequestHandler):
-        def do_GET(self):
-            self.send_response(200)
-            self.send_header("Content-Length", str(LENGTH))
-            self.end_headers()
-            self.wfile.write(BODY)
+    with server.serving({"/body": BODY}) as served:
+        yield served.url("/body")
 
-        def log_message(self, *args):
-            pass
 
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-    threading.Thread(target=server.serve_forever, daemon=True).start()
-    try:
-        yield f"http://127.0.0.1:{server.server_address[1]}/body"
-    finally:
-        server.shutdown()
+def expect_body(file):
+    expect(file.is_file() and file.read_bytes() == BODY, f"{file} was not fetched, or something else was")
+    file.unlink()
+
+
+def write_ten_lines(folder, url):
+    """README.md's programs: in folder app.py, and projects c and cpp of a program app.  Each fetches url into big.bin."""
+    section = (PROJECT / "README.md").read_text(encoding="utf-8").partition("\n## In ten lines\n")[2].partition("\n## ")[0]
+    blocks = dict(re.findall(r"^```(\w+)\n(.*?)^```$", section.replace("https://host/big.bin", url),
+                             re.MULTILINE | re.DOTALL))
+    expect(set(blocks) == {"cpp", "c", "python", "cmake"}, f"README.md has {set(blocks)} in ten lines")
+    for language, name in (("c", "C"), ("cpp", "CXX")):
+        project = fresh(folder / language)
+        whole = (TESTS / "docs" / "programs" / f"download.{language}.in").read_text(encoding="utf-8")
+        (project / f"app.{language}").write_text(whole.replace("@block@", blocks[language]), encoding="utf-8")
+        (project / "CMakeLists.txt").write_text(f"cmake_minimum_required(VERSION 3.25)\nproject(app LANGUAGES {name})\n"
+                                                f"add_executable(app app.{language})\n{blocks['cmake']}", encoding="utf-8")
+    (folder / "app.py").write_text(blocks["python"], encoding="utf-8")
 
 
 # ---- The same bytes ----
@@ -113,11 +129,15 @@ def contents(args):
         files = files_of(package)
         windows = package.suffix == ".zip"
         wanted = {"include/xfer/xfer.h", "lib/cmake/xfer/xfer-config.cmake", "lib/pkgconfig/xfer.pc"}
+        python = {f"python/xfer/{path.name}" for path in (PROJECT / "bindings/python/xfer").iterdir() if path.is_file()}
+        found = {name for name in files if name.startswith("python/xfer/")}
+        expect(found == python, f"{package} has of the Python package {found}")
         if windows:
             wanted |= {"bin/xfer.dll", "bin/keel.dll", "bin/xfer-get.exe"}
             wanted |= {f"lib/{name}.{kind}" for name in ("xfer", "keel") for kind in ("dll.a", "def", "lib")}
         else:
             wanted |= {"lib/libxfer.so.1", "lib/libxfer.so", "lib/libkeel.so.1", "lib/libxfer.a", "bin/xfer-get"}
+            wanted |= {f"share/{name}" for name in (*TEXTS, "zsh/site-functions/_xfer-get")}
         expect(not wanted - set(files), f"{package} lacks {wanted - set(files)}")
         places = [str(folder).encode() for folder in (args.built_in, pathlib.Path.home())]
         named = [name for name, read in files.items() if any(place in (read() or b"") for place in places)]
@@ -158,7 +178,8 @@ def archive(args):
         prefix = unpacked(one(args.packages, "*.tar.gz"), args.work / place)
         with serving() as url:
             run([prefix / "bin" / "xfer-get", url, args.work / place / "file"], env=environment)
-        expect((args.work / place / "file").read_bytes() == BODY, "the tool fetched something else")
+            expect_body(args.work / place / "file")
+            use_ten_lines(prefix, fresh(args.work / place / "readme"), url, environment)
         for source, name in ((CONSUMER, "dynamic"), (STATIC_CONSUMER, "static")):
             folder = args.work / place / name
             run(["cmake", "-S", source, "-B", folder, f"-DCMAKE_PREFIX_PATH={prefix}"])
@@ -177,6 +198,24 @@ def archive(args):
                 run([compiler, CONSUMER / source, "-o", program, *flags])
                 run([program, port], cwd=args.work, env=environment)
     print("used from two folders")
+
+
+def use_ten_lines(prefix, folder, url, environment):
+    write_ten_lines(folder, url)
+    for language in ("c", "cpp"):
+        run(["cmake", "-S", folder / language, "-B", folder / language / "build", f"-DCMAKE_PREFIX_PATH={prefix}"])
+        run(["cmake", "--build", folder / language / "build"])
+        run([folder / language / "build" / "app"], cwd=folder, env=environment)
+        expect_body(folder / "big.bin")
+    python = {**environment, "PYTHONPATH": str(prefix / "python")}
+    run(["python3", "app.py"], cwd=folder, env=python)
+    expect_body(folder / "big.bin")
+    version, *loaded = run(["python3", "-c", "import importlib.metadata, xfer; print(importlib.metadata.version('xfer')); "
+                            "xfer.load_library(); print(open('/proc/self/maps').read())"], env=python).splitlines()
+    expect(f"xfer-{version}-" in prefix.name, f"{prefix} has Python's package {version}")
+    for library in ("libxfer.so", "libkeel.so"):
+        expect({f"{prefix}/lib/{library}"} == {line[line.index("/"):].partition(".so")[0] + ".so" for line in loaded
+                                              if f"/{library}" in line}, f"Python has not loaded {prefix}'s {library}")
 
 
 # ---- The Debian packages ----
@@ -204,27 +243,52 @@ def debian(args):
     for package in args.packages.glob("*.deb"):
         shutil.copy(package, packages)
     shutil.copytree(HERE.parent, args.root / "consumers", dirs_exist_ok=True)
+    readme = fresh(args.root / "readme")
 
     # What programs need, and nothing more.
     system.run("apt-get", "-q", "update")
     system.install(*(f"/packages/{one(packages, pattern).name}" for pattern in ("libxfer1_*.deb", "xfer-get_*.deb")))
     expect(not (args.root / "usr/include/xfer").exists(), "the headers came with the library")
+    expect(not (args.root / "usr/bin/python3").exists(), "Python came with the library")
     with serving() as url:
         system.run("xfer-get", url, "/tmp/file")
-    expect((args.root / "tmp/file").read_bytes() == BODY, "the tool fetched something else")
+    expect_body(args.root / "tmp/file")
+    for name in (*TEXTS, "zsh/vendor-completions/_xfer-get"):
+        expect((args.root / "usr/share" / name).is_file(), f"the tool came without {name}")
+
+    system.install(f"/packages/{one(packages, 'python3-xfer_*_all.deb').name}")
+    modules = args.root / "usr/lib/python3/dist-packages/xfer"
+    expect((modules / "__pycache__").is_dir(), "what Python compiles is left to whoever imports it first")
+    with serving() as url:
+        write_ten_lines(readme, url)
+        system.run("sh", "-ec", "cd /readme && exec python3 app.py")
+    expect_body(readme / "big.bin")
+    version = system.run("python3", "-c", "import importlib.metadata; print(importlib.metadata.version('xfer'))").strip()
+    expect(system.run("dpkg-query", "-W", "-f", "${Version}", "python3-xfer") == version, f"the package says {version}")
 
     # What builds need: without libcurl's headers at first, which only the static library asks for.
     system.install(f"/packages/{one(packages, 'libxfer-dev_*.deb').name}", "g++", "cmake", "make", "pkg-config")
+    with serving() as url:
+        write_ten_lines(readme, url)
+        for language in ("c", "cpp"):
+            system.run("cmake", "-S", f"/readme/{language}", "-B", f"/readme/{language}/build")
+            system.run("cmake", "--build", f"/readme/{language}/build")
+            system.run("sh", "-ec", f"cd /readme && exec {language}/build/app")
+            expect_body(readme / "big.bin")
     build_in(system, "/consumers/consumer", "xfer")
     system.install("libcurl4-openssl-dev")
     build_in(system, "/consumers/static_consumer", "xfer-static")
 
     depends = system.run("dpkg-query", "-W", "-f", "${Depends}", "libxfer1")
     expect("libcurl4 (>= 7.87" in depends and "libc6" in depends, f"libxfer1 depends on {depends}")
+    depends = system.run("dpkg-query", "-W", "-f", "${Depends}", "xfer-get")
+    expect("libssl3" in depends and "libxfer1 (= 1" in depends, f"xfer-get depends on {depends}")
+    depends = system.run("dpkg-query", "-W", "-f", "${Depends}", "python3-xfer")
+    expect("python3 (>= 3.9)" in depends and "libxfer1 (= 1" in depends, f"python3-xfer depends on {depends}")
     expect("libxfer 1 libxfer1 (>= 1" in (args.root / "var/lib/dpkg/info/libxfer1.shlibs").read_text(), "no shlibs")
-    system.run("dpkg", "--purge", "libxfer-dev", "xfer-get", "libxfer1")
-    left = [path for path in (args.root / "usr").rglob("*") if path.name in ("xfer", "xfer-get") or
-            path.name.startswith(("libxfer", "libkeel"))]
+    system.run("dpkg", "--purge", "python3-xfer", "libxfer-dev", "xfer-get", "libxfer1")
+    left = [path for path in (args.root / "usr").rglob("*") if path.name == "xfer" or
+            "xfer-get" in path.name or path.name.startswith(("libxfer", "libkeel", "xfer-"))]
     expect(not left, f"left behind: {left}")
     print("installed, used and removed")
 
@@ -265,19 +329,48 @@ def microsoft(args):
     with serving() as url:
         run([args.emulator, built / "host.exe", url, LENGTH], timeout=120)
         run([args.emulator, prefix / "bin" / "xfer-get.exe", url, "file"], cwd=built, timeout=120)
-    expect((built / "file").read_bytes() == BODY, "the tool fetched something else")
+    expect_body(built / "file")
+
+    # Python looks for names of its own system.
+    found = run(["python3", "-c", "from xfer import _native; _native._NAMES = ('xfer.dll',); "
+                 "print(_native._candidates()[0])"], env={**os.environ, "PYTHONPATH": str(prefix / "python")}).strip()
+    expect(found == str(prefix / "bin" / "xfer.dll"), f"Python would load {found} first")
 
     folder = args.work / "mingw"
-    run(["cmake", "-S", CONSUMER, "-B", folder, "-G", "Ninja", f"-DCMAKE_TOOLCHAIN_FILE={args.toolchain}",
-         f"-DXFER_WINDOWS_DEPS={args.dependencies}", f"-Dxfer_DIR={prefix}/lib/cmake/xfer",
-         "-DCMAKE_EXE_LINKER_FLAGS=-static"])
-    run(["cmake", "--build", folder])
-    for library in (prefix / "bin").glob("*.dll"):
-        shutil.copy(library, folder)
+    build_with_mingw(prefix, CONSUMER, folder, args.toolchain, f"-DXFER_WINDOWS_DEPS={args.dependencies}")
     with refusing_port() as port:
         for program in PROGRAMS:
             run([args.emulator, folder / f"{program}.exe", port], cwd=folder, timeout=120)
+    with serving() as url:
+        use_ten_lines_with_mingw(args, prefix, args.work / "readme", url)
     print("linked and run")
+
+
+def build_with_mingw(prefix, source, folder, toolchain, *options):
+    run(["cmake", "-S", source, "-B", folder, "-G", "Ninja", f"-DCMAKE_TOOLCHAIN_FILE={toolchain}", *options,
+         f"-Dxfer_DIR={prefix}/lib/cmake/xfer", "-DCMAKE_EXE_LINKER_FLAGS=-static"])
+    run(["cmake", "--build", folder])
+    for library in (prefix / "bin").glob("*.dll"):
+        shutil.copy(library, folder)
+
+
+def use_ten_lines_with_mingw(args, prefix, folder, url):
+    """Built with the tool chain of docs/install.md, and with its commands."""
+    write_ten_lines(folder, url)
+    page = (PROJECT / "docs" / "install.md").read_text(encoding="utf-8")
+    toolchain = folder / "toolchain.cmake"
+    toolchain.write_text(re.search(r"^```cmake\n(set\(CMAKE_SYSTEM_NAME Windows\)\n.*?)^```$", page, re.M | re.S)[1])
+    commands = re.findall(r"^x86_64-w64-mingw32-.* app\.(c|cpp) .*$", page, re.MULTILINE)
+    expect(sorted(commands) == ["c", "cpp"], f"docs/install.md compiles {commands}")
+    for language in ("c", "cpp"):
+        project = folder / language
+        build_with_mingw(prefix, project, project / "build", toolchain)
+        command = re.search(rf"^x86_64-w64-mingw32-.* app\.{language} .*$", page, re.MULTILINE)[0]
+        run([word.replace("<folder>", str(prefix)) for word in command.split()], cwd=project)
+        shutil.move(project / "app.exe", project / "build" / "direct.exe")
+        for program in ("app.exe", "direct.exe"):
+            run([args.emulator, project / "build" / program], cwd=project / "build", timeout=120)
+            expect_body(project / "build" / "big.bin")
 
 
 CHECKS = {"same": same, "contents": contents, "archive": archive, "debian": debian, "microsoft": microsoft}
