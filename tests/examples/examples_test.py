@@ -6,10 +6,12 @@ COMMAND starts the example; the check adds the arguments.  Nothing runs longer t
 import argparse
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 import tempfile
 import threading
+import time
 
 import server
 
@@ -20,19 +22,24 @@ NOT_FOUND = "HTTP 404: not found"
 
 
 class Run:
-    """A program that was run: what it wrote, and its exit code.  on_line is called with each line as it comes."""
+    """A program that was run: what it wrote, and its exit code.  on_line is called with each line as it comes; what it
+    returns is typed, or sent when it is a signal.  Nothing is typed unless talks says so."""
 
-    def __init__(self, command, arguments, seconds, on_line=lambda line: None):
+    def __init__(self, command, arguments, seconds, on_line=lambda line: None, talks=False):
         self.lines = []
-        process = subprocess.Popen([*command, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.STDOUT, text=True)
+        process = subprocess.Popen([*command, *arguments], stdin=subprocess.PIPE if talks else subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, bufsize=1)
         timer = threading.Timer(seconds, process.kill)
         timer.start()
         try:
             for line in process.stdout:
                 print(f"  {line}", end="", flush=True)
                 self.lines.append(line.rstrip("\n"))
-                on_line(self.lines[-1])
+                answer = on_line(self.lines[-1])
+                if isinstance(answer, signal.Signals):
+                    process.send_signal(answer)
+                elif answer is not None:
+                    process.stdin.write(answer)
             self.code = process.wait()
         finally:
             timer.cancel()
@@ -48,6 +55,17 @@ class Run:
         for pattern in patterns:
             if not any(re.search(pattern, line) for line in rest):
                 sys.exit(f"no line (behind those found before) says: {pattern}")
+
+
+def settled(value):
+    """What value() returns once it has not changed for a while; the caller's own end is that of the program's."""
+    last, since = value(), time.monotonic()
+    while time.monotonic() - since < 0.3:
+        time.sleep(0.01)
+        now = value()
+        if now != last:
+            last, since = now, time.monotonic()
+    return last
 
 
 def expect_file(path, body=BODY):
@@ -146,6 +164,117 @@ class Checks:
         with server.serving({}) as served:
             run = self.run(served.url("/file"))
         run.expect(1, "^in memory: success, HTTP status 404, 12 bytes$", "^begins with: no such file$")
+
+    def list_of(self, served, *names):
+        path = self.path("list")
+        pathlib.Path(path).write_text("".join(f"{served.url('/' + name)} {self.path(name)}\n" for name in names))
+        return path
+
+    def expect_done(self, *names):
+        done = [line.split("/")[-1] for line in pathlib.Path(self.path("list.done")).read_text().splitlines()]
+        if sorted(done) != sorted(names):
+            sys.exit(f"remembered as done: {done}")
+
+    def bytes_in(self, *names):
+        """Of a file that is not whole, too: it has its full size, and there is no zero byte in what the server sends."""
+        return sum(len(data) - data.count(0) for data in (pathlib.Path(self.path(name)).read_bytes() for name in names))
+
+    def resume_list_stands_still_and_goes_on(self, how):
+        gate = server.Gate(SIZE)
+        reached = {"running": set(), "paused": set()}
+
+        def on_line(line):
+            path, _, state = line.partition(": ")
+            if state not in reached or path in reached[state]:
+                return None
+            reached[state].add(path)
+            if len(reached[state]) != 2:
+                return None
+            if state == "paused":
+                # The server sends on, as far as the sockets hold it, and nothing of it is taken.
+                sent = served.sent
+                held = settled(lambda: self.bytes_in("first", "second"))
+                gate.open()
+                if settled(lambda: served.sent) == sent:
+                    sys.exit("the server sent nothing during the pause")
+                if self.bytes_in("first", "second") != held:
+                    sys.exit("bytes arrived during the pause")
+            return how
+
+        with server.serving({f"/{name}": BODY for name in ("first", "second", "third")}, gate=gate,
+                            bytes_per_sec=RATE) as served:
+            run = Run(self.command, [self.list_of(served, "first", "second", "third")], self.seconds, on_line, talks=True)
+        run.expect(0, "^pauses$", "first: paused$", "^goes on$", "third: running$", f"third: completed, {SIZE} bytes$")
+        run.expect(0, "second: paused$", "^goes on$", f"second: completed, {SIZE} bytes$")
+        for name in ("first", "second", "third"):
+            expect_file(self.path(name))
+        self.expect_done("first", "second", "third")
+
+    def resume_list_pauses_when_told(self):
+        self.resume_list_stands_still_and_goes_on("p\n")
+
+    def resume_list_pauses_at_ctrl_c(self):
+        self.resume_list_stands_still_and_goes_on(signal.SIGINT)
+
+    def resume_list_starts_nothing_while_it_is_paused(self):
+        gate = server.Gate(SIZE)
+
+        def on_line(line):
+            if line.endswith("first: running"):
+                return None if gate.opened else "p\n"
+            if line.endswith("first: paused"):
+                gate.open()  # the missing file, which is asked for beside this one, is told now, and makes room
+            if line.endswith(NOT_FOUND):
+                settled(lambda: len(served.asked))
+                if "/second" in served.asked:
+                    sys.exit("a download was started during the pause")
+                return "p\n"
+            return None
+
+        with server.serving({"/first": BODY, "/second": BODY}, gate=gate) as served:
+            run = Run(self.command, [self.list_of(served, "gone", "first", "second")], self.seconds, on_line, talks=True)
+        run.expect(1, "first: paused$", f"gone: {NOT_FOUND}$", "^goes on$", f"second: completed, {SIZE} bytes$")
+
+    def resume_list_downloads_the_rest_later(self):
+        files = {"/first": BODY, "/third": BODY}
+        with server.serving(files) as served:
+            path = self.list_of(served, "first", "second", "third")
+            run = self.run(path)
+            run.expect(1, f"second: {NOT_FOUND}$")
+            for name in ("first", "third"):
+                run.expect(1, f"{name}: completed, {SIZE} bytes$")
+            self.expect_done("first", "third")
+
+            files["/second"] = BODY
+            served.asked.clear()
+            self.run(path).expect(0, "first: done before$", f"second: completed, {SIZE} bytes$")
+            if set(served.asked) != {"/second"}:
+                sys.exit(f"asked for again: {served.asked}")
+            self.expect_done("first", "second", "third")
+
+            pathlib.Path(self.path("third")).unlink()
+            self.run(path).expect(0, "second: done before$", f"third: completed, {SIZE} bytes$")
+        for name in ("first", "second", "third"):
+            expect_file(self.path(name))
+
+    def resume_list_ends_when_told(self):
+        running = set()
+
+        def on_line(line):
+            if not line.endswith(": running"):
+                return None
+            running.add(line)
+            return "q\n" if len(running) == 2 else None
+
+        files = {f"/{name}": BODY for name in ("first", "second", "third")}
+        with server.serving(files, gate=server.Gate(SIZE)) as served:
+            run = Run(self.command, [self.list_of(served, "first", "second", "third")], self.seconds, on_line, talks=True)
+        for name in ("first", "second"):
+            run.expect(3, f"{name}: cancelled$")
+        if len(run.lines) != 4:
+            sys.exit("each of the two is told once to run, and once to be cancelled")
+        if any("third" in line for line in run.lines):
+            sys.exit("the third file was begun")
 
     def python_has_the_bytes_and_the_file(self):
         run = self.run_gated(f" of {SIZE} bytes", None, self.path())

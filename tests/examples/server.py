@@ -16,7 +16,7 @@ def text(size):
 
 
 class Gate:
-    """Lets three quarters of a file pass by ranges; the rest waits until it is opened."""
+    """Lets three quarters of a file pass by ranges; the rest, and what is not there, waits until it is opened."""
 
     def __init__(self, size):
         self.most = size // PIECE * 3 // 4
@@ -29,6 +29,10 @@ class Gate:
             self.opened = True
             self.changed.notify_all()
 
+    def wait(self):
+        with self.changed:
+            self.changed.wait_for(lambda: self.opened)
+
     def wait_for(self, piece):
         with self.changed:
             self.changed.wait_for(lambda: self.opened or piece in self.passed or len(self.passed) < self.most)
@@ -37,7 +41,7 @@ class Gate:
 
 class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
     """Serves files, a dictionary of path and bytes.  gate: what ranges wait for.  bytes_per_sec: of a connection.
-    busy: so many answers are 503 before the first other one."""
+    busy: so many answers are 503 before the first other one.  asked: the paths of the requests.  sent: bytes of bodies."""
     daemon_threads = True
     block_on_close = False
     request_queue_size = 128
@@ -49,6 +53,8 @@ class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
         self.bytes_per_sec = bytes_per_sec
         self.busy = busy
         self.lock = threading.Lock()
+        self.asked = []
+        self.sent = 0
 
     def url(self, path):
         return f"http://127.0.0.1:{self.server_address[1]}{path}"
@@ -67,11 +73,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
     disable_nagle_algorithm = True
 
     def do_GET(self):
+        with self.server.lock:
+            self.server.asked.append(self.path)
         if self.server.is_busy():
             self.answer(503, b"busy", {"Retry-After": "0"})
             return
         body = self.server.files.get(self.path)
         if body is None:
+            if self.server.gate is not None:
+                self.server.gate.wait()
             self.answer(404, b"no such file", {})
             return
         asked = re.fullmatch(r"bytes=(\d+)-(\d*)", self.headers.get("Range", ""))
@@ -101,6 +111,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 time.sleep(max(0.0, begin + at / self.server.bytes_per_sec - time.monotonic()))
             end = at + PIECE - (start + at) % PIECE
             self.wfile.write(body[at:end])
+            with self.server.lock:
+                self.server.sent += len(body[at:end])
             at = end
 
     def log_message(self, *args):
