@@ -293,14 +293,16 @@ TEST_F(LaggingConnection, thatEndsIsReplaced) {
       [this](const ReceivedRequest& request) { return range206(request, size, {.bodyBytes = 100'000}).reset(); });
 }
 
-// At its pace its range, a third of the file or more, takes fourteen seconds.
+// At its pace its range, a third of the file or more, takes fourteen seconds.  Others take the rest of it when they
+// have nothing left, or, where the machine is busy and they have, it is given up before.
 TEST_F(LaggingConnection, thatIsSixteenTimesSlowerLosesItsRangeToOthers) {
   std::atomic<std::uint64_t> lagging{0};
   expectWholeThough([&](const ReceivedRequest& request) {
     lagging = request.range->first;
     return range206(request, size, {.pace = {2 * 1024, kSteady.rest}});
   });
-  EXPECT_TRUE(log.contains("turn | cut | range=" + std::to_string(lagging)));
+  const std::string range = " | range=" + std::to_string(lagging) + " |";
+  EXPECT_TRUE(log.contains("turn | cut" + range) || log.contains("turn | connection given up | reason=slow" + range));
 }
 
 }  // namespace
