@@ -454,6 +454,17 @@ class Host {
   std::vector<xfer_event> heard_;
 };
 
+TEST_F(CDownload, progressIsNotToldWithoutAnInterval) {
+  ScriptedServer server(slowly());  // the whole file takes longer than the interval that there is at first
+  Host host;
+  host.attachTo(options_);
+  options_.progressMs = 0;
+  start(server.url("/file"));
+  ASSERT_TRUE(host.heardTheEnd());
+  EXPECT_EQ(host.heard(XFER_EVENT_END).back().error, 0);
+  EXPECT_TRUE(host.heard(XFER_EVENT_PROGRESS).empty());
+}
+
 TEST_F(CDownload, tellsStatesProgressAndItsEndWithItsId) {
   ScriptedServer server(slowly());
   Host host;

@@ -124,9 +124,10 @@ TEST(EventDispatcher, sourceThatWasWokenBeforeItIsAddedIsAskedOnceItIs) {
   const auto other = speaker([] {});
   dispatcher.add(other);
   dispatcher.wake(*other);
-  ASSERT_TRUE(waitUntil([&] { return other->asked == 1; }));  // its thread waits by now, or soon
+  ASSERT_TRUE(waitUntil([&] { return other->asked == 1; }));
   const auto source = speaker([] {});
   dispatcher.wake(*source);
+  std::this_thread::sleep_for(milliseconds(20));  // the thread looks for it, and waits again
   dispatcher.add(source);
   EXPECT_TRUE(waitUntil([&] { return source->asked == 1; }));
   dispatcher.remove(*source);
@@ -152,6 +153,27 @@ TEST(EventDispatcher, sourcesTakeTurns) {
   EXPECT_TRUE(waitUntil([&] { return one->asked + two->asked == 2; }));
   for (const auto& source : {first, one, two}) dispatcher.remove(*source);
   EXPECT_EQ(order, (std::vector{1, 2})) << "who was asked longest ago is next";
+}
+
+TEST(EventDispatcher, sourceThatIsWokenAgainWhileItTellsComesBehindTheOthers) {
+  EventDispatcher dispatcher;
+  std::vector<int> order;
+  const Gate inside;
+  Gate goOn;
+  const auto restless = speaker([&] {
+    order.push_back(1);
+    Gate(inside).open();
+    EXPECT_TRUE(goOn.wait());
+  });
+  const auto other = speaker([&] { order.push_back(2); });
+  for (const auto& source : {restless, other}) dispatcher.add(source);
+  dispatcher.wake(*restless);
+  ASSERT_TRUE(inside.wait());
+  for (const auto& source : {restless, other}) dispatcher.wake(*source);
+  goOn.open();
+  EXPECT_TRUE(waitUntil([&] { return restless->asked + other->asked == 3; }));
+  for (const auto& source : {restless, other}) dispatcher.remove(*source);
+  EXPECT_EQ(order, (std::vector{1, 2, 1}));
 }
 
 TEST(EventDispatcher, removalWaitsForWhatIsBeingTold) {
@@ -199,6 +221,30 @@ TEST(EventDispatcher, removalDoesNotWaitForWhatAnotherSourceTells) {
   dispatcher.remove(*other);  // hangs when it waits
   goOn.open();
   remover.join();
+}
+
+TEST(EventDispatcher, removalOfTheLastSourceDoesNotWaitForOneThatHasRemovedItselfAndStillTells) {
+  EventDispatcher dispatcher;
+  const Gate inside;
+  Gate goOn;
+  std::atomic<bool> told{false};
+  std::shared_ptr<Speaker> slow;
+  slow = speaker([&] {
+    dispatcher.remove(*slow);
+    Gate(inside).open();
+    EXPECT_TRUE(goOn.wait());
+    told = true;
+  });
+  const auto other = speaker([] {});
+  dispatcher.add(slow);
+  dispatcher.add(other);
+  dispatcher.wake(*slow);
+  ASSERT_TRUE(inside.wait());
+  dispatcher.remove(*other);  // hangs when it waits
+  EXPECT_FALSE(told);
+  goOn.open();
+  dispatcher.remove(*slow);
+  EXPECT_TRUE(told);
 }
 
 TEST(EventDispatcher, sourceIsReleasedWhenItsRemovalReturns) {

@@ -167,8 +167,9 @@ Outcome statusOutcome(const Asked& asked, std::int32_t number, From from, const 
   return outcomeOf(row, asked, came);
 }
 
-// The status that a proxy refuses a connection with; 0: it does not.
-std::int32_t refusalOfProxy(const std::string& failureText) {
+// The status that the text names: a proxy's refusal of a connection, or an answer that brings no part of the file; 0:
+// it names none.
+std::int32_t statusIn(const std::string& failureText) {
   if (!failureText.starts_with(kStatus)) return 0;
   std::int32_t number = 0;
   std::from_chars(failureText.data() + kStatus.size(), failureText.data() + failureText.size(), number);
@@ -176,20 +177,17 @@ std::int32_t refusalOfProxy(const std::string& failureText) {
 }
 
 Outcome failureOutcome(const Asked& asked, std::int32_t number, From from, const std::string& failureText) {
-  if (const std::int32_t refusal = refusalOfProxy(failureText)) return statusOutcome(asked, refusal, from, failureText);
+  if (const std::int32_t status = statusIn(failureText)) return statusOutcome(asked, status, from, failureText);
   return codeOutcome(asked, number, from, failureText);
 }
 
-// The status that is the failure of a download; 0: it has another one.
+// The status by which a download failed, as its numbers tell it; 0: they do not.
 std::int32_t failedStatus(const xfer::DownloadSnapshot& snapshot) {
-  constexpr std::int32_t kShort = 18;
   constexpr std::int32_t kFirstStatus = 103;  // codes below are libcurl's
   constexpr std::int32_t kLastStatus = 999;
   const std::int32_t status = snapshot.httpStatus;
   const std::int32_t error = snapshot.errorCode;
   if (status >= 400) return status;
-  // Of an answer that brings no part of the file it is told that it is short.
-  if (status > 200 && status != 206 && error == kShort) return status;
   return error >= kFirstStatus && error <= kLastStatus ? error : 0;
 }
 
