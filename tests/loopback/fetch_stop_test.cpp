@@ -7,25 +7,17 @@
 #include <thread>
 
 #include "fetch_stoppable.h"
+#include "support/curl_polls.h"
 #include "support/scripted_server.h"
 
 namespace {
 
-std::atomic<int> g_waits{0};
-std::atomic<int> g_longestWaitMs{0};
 std::atomic<bool> g_wakeupsFail{false};
 thread_local int t_wakeups = 0;
 
 }  // namespace
 
 extern "C" {
-CURLMcode __real_curl_multi_poll(CURLM* multi, curl_waitfd* fds, unsigned int count, int timeoutMs, int* ready);
-CURLMcode __wrap_curl_multi_poll(CURLM* multi, curl_waitfd* fds, unsigned int count, int timeoutMs, int* ready) {
-  ++g_waits;
-  if (timeoutMs > g_longestWaitMs) g_longestWaitMs = timeoutMs;
-  return __real_curl_multi_poll(multi, fds, count, timeoutMs, ready);
-}
-
 CURLMcode __real_curl_multi_wakeup(CURLM* multi);
 CURLMcode __wrap_curl_multi_wakeup(CURLM* multi) {
   ++t_wakeups;
@@ -37,6 +29,8 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+using support::curlPolls;
+using support::PatientPolls;
 using support::ReceivedRequest;
 using support::Reply;
 using support::ScriptedServer;
@@ -45,7 +39,7 @@ using xfer::StopSignal;
 
 constexpr std::int32_t kAborted = 42;
 constexpr std::int32_t kTimedOut = 28;
-constexpr milliseconds kPrompt{500};  // below the second that a fetch waits at most, enough for a slow machine
+constexpr milliseconds kPrompt{5000};  // enough for a busy machine; polls are patient, the request has 30 s
 
 class Discard final : public xfer::FetchReceiver {
  public:
@@ -89,20 +83,21 @@ class FetchStop : public testing::Test {
 
 TEST_F(FetchStop, fetchThatWaitsDoesNotWakeByItself) {
   request.timeoutSec = 2;
-  g_waits = 0;
+  curlPolls().count = 0;
   EXPECT_EQ(fetch().curlCode, kTimedOut);
-  EXPECT_LE(g_waits, 12) << "waits in two seconds";
+  EXPECT_LE(curlPolls().count, 12) << "waits in two seconds";
 }
 
 TEST_F(FetchStop, endsAFetchThatWaits) {
+  const PatientPolls patient;
   EXPECT_LT(timeToEnd(), kPrompt);
 }
 
 TEST_F(FetchStop, endsAFetchThatWaitsWhereLibcurlCannotBeWoken) {
   g_wakeupsFail = true;
-  g_longestWaitMs = 0;
+  curlPolls().longestMs = 0;
   EXPECT_LT(timeToEnd(), kPrompt);
-  EXPECT_LE(g_longestWaitMs, 100);
+  EXPECT_LE(curlPolls().longestMs, 100);
 }
 
 TEST_F(FetchStop, setBeforeTheFetchEndsItAtOnce) {
@@ -114,9 +109,8 @@ TEST_F(FetchStop, setBeforeTheFetchEndsItAtOnce) {
 
 // The signal comes at any moment between the start of a fetch and its waits.
 TEST_F(FetchStop, noWakeUpIsLost) {
-  constexpr int kRounds = 300;
-  milliseconds all{0};
-  for (int round = 0; round < kRounds; ++round) {
+  const PatientPolls patient;
+  for (int round = 0; round < 300; ++round) {
     StopSignal now;
     std::atomic<bool> begun{false};
     std::thread stopper([&] {
@@ -132,13 +126,12 @@ TEST_F(FetchStop, noWakeUpIsLost) {
     const auto took = steady_clock::now() - begin;
     stopper.join();
     ASSERT_LT(took, kPrompt) << "in round " << round;
-    all += std::chrono::duration_cast<milliseconds>(took);
   }
-  EXPECT_LT(all, kRounds * milliseconds(50));
 }
 
 // Last in its process, which ctest gives each test: no fetch of the process succeeds any more.
 TEST_F(FetchStop, unloadingEndsAFetchThatWaitsAndThoseToCome) {
+  const PatientPolls patient;
   steady_clock::time_point stopped;
   std::thread unloader([&] {
     EXPECT_TRUE(server.waitForRequests(1));
