@@ -166,6 +166,8 @@ TEST(Backend, callbackThatThrowsIsLoggedAndTheLoopGoesOn) {
 
 TEST(Backend, dataCallbackThatThrowsEndsItsTransferAtOnceAndNoOther) {
   constexpr std::uint64_t kHalf = 300'000;
+  xfer::DownloadPolicy policy;
+  policy.lowSpeedTimeSec = 0;  // a silence ends nothing by itself
   // However much comes, and whether more does: in one piece, in many, and before a silence.
   for (const std::uint64_t sent : {std::uint64_t{100}, kHalf, kHalf - 1}) {
     ScriptedServer server([&](const ReceivedRequest& request) {
@@ -173,12 +175,16 @@ TEST(Backend, dataCallbackThatThrowsEndsItsTransferAtOnceAndNoOther) {
       Reply reply = range206(request, 2 * kHalf, {.bodyBytes = sent});
       return sent < request.range->last ? reply.stall() : reply;
     });
-    Transfers transfers;
+    Transfers transfers(policy);
     Gate over;
+    std::atomic<int> calls{0};
     std::atomic<std::int32_t> code{0};
     transfers.backend().submit(
         rangeOf(server.url("/"), 0, std::max<std::uint64_t>(sent, 1000)),
-        [](std::uint64_t, const std::uint8_t*, std::uint64_t) { throw std::runtime_error("x"); },
+        [&calls](std::uint64_t, const std::uint8_t*, std::uint64_t) {
+          ++calls;
+          throw std::runtime_error("x");
+        },
         [&code, over](std::uint64_t, const TransferEnd& end) mutable {
           code = end.code;
           over.open();
@@ -187,6 +193,7 @@ TEST(Backend, dataCallbackThatThrowsEndsItsTransferAtOnceAndNoOther) {
     EXPECT_EQ(transfers.ends(1), (std::vector<End>{{kHalf, 0, 206, kHalf}})) << sent;
     EXPECT_TRUE(over.wait()) << sent;
     EXPECT_EQ(code, CURLE_WRITE_ERROR) << sent;
+    EXPECT_EQ(calls, 1) << sent;
     EXPECT_EQ(transfers.received(), kHalf) << sent;
   }
 }
@@ -439,6 +446,22 @@ TEST(Placement, wholeFileIsDeliveredFromTheRangesStartToTheNeededEnd) {
   transfers.submit(placed(server.url("/"), {Placement::Action::Deliver, 0, 700, {}, 0}));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{100, 0, 200, 600}}));
   EXPECT_EQ(transfers.received(), 600U);
+}
+
+TEST(Placement, dataCallbackThatThrowsAtTheLastNeededBytesIsAWriteError) {
+  ScriptedServer server([](const ReceivedRequest&) { return full200(1000); });
+  Transfers transfers;
+  Gate over;
+  std::atomic<std::int32_t> code{0};
+  transfers.backend().submit(
+      placed(server.url("/"), {Placement::Action::Deliver, 0, 700, {}, 0}),
+      [](std::uint64_t, const std::uint8_t*, std::uint64_t) { throw std::runtime_error("x"); },
+      [&code, over](std::uint64_t, const TransferEnd& end) mutable {
+        code = end.code;
+        over.open();
+      });
+  EXPECT_TRUE(over.wait());
+  EXPECT_EQ(code, CURLE_WRITE_ERROR);
 }
 
 TEST(Placement, bodyThatGoesOnPastTheRangeIsCut) {

@@ -203,10 +203,11 @@ void CurlMultiBackend::Staging::drop(const Transfer& transfer) {
 // It may be called while libcurl hands out the body of another transfer, which is not to end for this one's failure.
 void CurlMultiBackend::Staging::deliver(Transfer& transfer, std::uint64_t offset, const std::uint8_t* bytes,
                                         std::uint64_t length) {
+  if (transfer.attempt.refused) return;
   try {
     if (transfer.onData) transfer.onData(offset, bytes, length);
   } catch (...) {
-    transfer.attempt.ownResult = CURLE_WRITE_ERROR;
+    transfer.attempt.ownResult = CURLE_WRITE_ERROR;  // also where a cut has ended it well
     transfer.attempt.refused = true;
   }
 }
