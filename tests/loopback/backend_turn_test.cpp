@@ -96,6 +96,37 @@ TEST(Turn, thatTheCallbackKeepsBusyIsNotSlept) {
   for (std::size_t i = 1; i < turns.size(); ++i) EXPECT_GE(turns[i].sinceNs - turns[i].sleptNs, kWork);
 }
 
+TEST(Turn, thatFindsMoreBytesThanItHandsOverAtOnceDoesNotCallADataCallbackThatHasThrownAgain) {
+  constexpr std::uint64_t kSize = 160'000;  // fits the socket's buffers too
+  const Gate held;
+  const Gate sent;
+  ScriptedServer server([&](const ReceivedRequest&) {
+    return Reply()
+        .waitFor(held)
+        .send("HTTP/1.1 206 Partial Content\r\nContent-Length: " + std::to_string(kSize) +
+              "\r\nContent-Range: bytes 0-" + std::to_string(kSize - 1) + "/" + std::to_string(kSize) + "\r\n\r\n")
+        .sendPattern(0, kSize)
+        .open(sent);
+  });
+  Gate over;
+  std::atomic<int> calls{0};
+  LoopingBackend looping;
+  looping.backend().submit(
+      rangeOf(server.url("/"), 0, kSize),
+      [&calls](std::uint64_t, const std::uint8_t*, std::uint64_t) {
+        ++calls;
+        throw std::runtime_error("x");
+      },
+      [over](std::uint64_t, const TransferEnd&) mutable { over.open(); });
+  ASSERT_TRUE(server.waitForRequests(1));
+  looping.atTurn([&](xfer::CurlMultiBackend&) {
+    Gate(held).open();
+    EXPECT_TRUE(sent.wait());
+  });
+  EXPECT_TRUE(over.wait());
+  EXPECT_EQ(calls, 1);
+}
+
 TEST(Turn, callbackThatThrowsIsLoggedAndTheLoopGoesOn) {
   ScriptedServer server(patternFile(kFile));
   const support::RecordingLogger log;
