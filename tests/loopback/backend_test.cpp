@@ -401,7 +401,8 @@ TEST(Backend, headerThatHoldsALineBreakIsRefusedWithoutAConnection) {
 TEST(Backend, unreachableHostEndsWithLibcurlsCode) {
   const RecordingLogger log;
   Transfers transfers;
-  transfers.submit(rangeOf(UnusedPort().url("/"), 0, 10));
+  const UnusedPort nobody;
+  transfers.submit(rangeOf(nobody.url("/"), 0, 10));
   EXPECT_EQ(transfers.ends(1), (std::vector<End>{{0, 7, 0, 0}}));
   EXPECT_EQ(logError(log, trace(kBackend, "done | range=0 | err=7 | http=0 | bytes=0")), "");
   EXPECT_EQ(wholeLogError(recordsUpTo(log, 4), {}), "") << "a failed transfer is a trace here; the job judges it";
@@ -562,7 +563,8 @@ TEST(BackendDeathTest, destructionFromACallbackEndsTheProcess) {
   EXPECT_DEATH(
       {
         auto* const backend = new CurlMultiBackend(DownloadPolicy{});
-        backend->submit(rangeOf(UnusedPort().url("/"), 0, 10), {},
+        const UnusedPort nobody;
+        backend->submit(rangeOf(nobody.url("/"), 0, 10), {},
                         [&](std::uint64_t, const TransferEnd&) { delete backend; });
         std::this_thread::sleep_for(testTimeout());
       },

@@ -372,9 +372,9 @@ TEST_F(CRequest, verificationAsSetIsTheModules) {
   const ScriptedServer server([](const ReceivedRequest&) { return Reply().close(); });
   std::string url = server.url("/");
   url.replace(0, 4, "https");
-  options_.timeoutSec = 1;
   EXPECT_EQ(ask(url), kCaFileUnusable);
   options_.verifyPeer = XFER_VERIFY_OFF;
+  options_.timeoutSec = 1;
   EXPECT_EQ(ask(url), kTimedOut) << "it gets as far as the greeting, which the server never answers";
 }
 

@@ -260,8 +260,6 @@ class JobProbeRun : public testing::TestWithParam<std::uint16_t> {
   DownloadSnapshot download(const ScriptedServer& server, std::vector<std::string> headers = {}) {
     DownloadRequest request = requestFor(server.url("/file"), path);
     request.headers = std::move(headers);
-    xfer::DownloadPolicy policy = chunksOf(kChunk, GetParam());
-    policy.lowSpeedTimeSec = 1;
     DownloadJob job(std::move(request), policy, support::planOfTries(1, kChunk));
     return run(job);
   }
@@ -269,6 +267,7 @@ class JobProbeRun : public testing::TestWithParam<std::uint16_t> {
   support::RecordingLogger log;
   const support::TempDir folder;
   const std::string path = folder.file("out");
+  xfer::DownloadPolicy policy = chunksOf(kChunk, GetParam());
 };
 
 INSTANTIATE_TEST_SUITE_P(Connections, JobProbeRun, testing::Values(1, 4));
@@ -353,6 +352,7 @@ TEST_P(JobProbeRun, errorPageOfAnySizeFailsTheJobWithItsStatus) {
   const ScriptedServer server([](const ReceivedRequest&) {
     return Reply().send("HTTP/1.1 404 No\r\nContent-Length: 99999999\r\n\r\npage").stall();
   });
+  policy.lowSpeedTimeSec = 1;
   const DownloadSnapshot end = download(server);
   EXPECT_EQ(end.state, JobState::Failed);
   if (support::adaptivePlan()) {

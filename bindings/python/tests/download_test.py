@@ -19,10 +19,12 @@ from xfer import _download
 from xfer._native import EventRecord
 
 
-def unused_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+def unused_port(case):
+    """A port that refuses connections: bound until the end of the test, so that nobody else gets it, and not listening."""
+    unused = socket.socket()
+    case.addCleanup(unused.close)
+    unused.bind(("127.0.0.1", 0))
+    return unused.getsockname()[1]
 
 
 def certificate(folder):
@@ -211,7 +213,7 @@ class FailedDownloads(Downloads):
         self.assertNotEqual(_download.described(18, 206), _download.described(206, 206))
 
     def test_a_refused_connection_is_told_by_its_code(self):
-        self.assert_fails(7, 0, "Couldn't connect to server", f"http://127.0.0.1:{unused_port()}/")
+        self.assert_fails(7, 0, "Couldn't connect to server", f"http://127.0.0.1:{unused_port(self)}/")
 
     def test_a_path_that_cannot_be_is_told_by_its_code(self):
         self.assert_fails(100004, 0, _download.described(100004, 0), self.serve().url("/file"),

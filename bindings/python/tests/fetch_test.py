@@ -127,7 +127,7 @@ class Fetches(support.Served):
         self.assertLessEqual(len(taken), 7)
 
     def test_failed_transfers_raise_with_their_code(self):
-        for code, status, url in ((7, 0, f"http://127.0.0.1:{unused_port()}/"), (18, 200, self.url("/do/cut")),
+        for code, status, url in ((7, 0, f"http://127.0.0.1:{unused_port(self)}/"), (18, 200, self.url("/do/cut")),
                                   (1, 0, "ftp://127.0.0.1/")):
             with self.subTest(url), self.assertRaises(xfer.FetchError) as raised:
                 xfer.fetch(url)
