@@ -5,6 +5,7 @@
 #include "fetch_stoppable.h"
 #include "job_state.h"
 #include "sys/never_destroyed.h"
+#include "xfer/fetch.h"
 
 namespace xfer {
 namespace {
@@ -131,12 +132,16 @@ void Handles::clear() noexcept {
 
 Handles& handles() {
   static sys::NeverDestroyed<Handles> instance;
-  // Runs before libcurl's own exit handlers, which were registered when the module was loaded.
-  static const bool registered = (sys::atUnload([] {
-                                    stopAllFetches();  // a future's destructor waits for its request
-                                    instance.get().clear();
-                                  }),
-                                  true);
+  // Runs before the exit handlers of libcurl and of the TLS library below it.  These were registered when the module
+  // was loaded; where the library is linked statically, they are now.
+  static const bool registered = [] {
+    init();
+    sys::atUnload([] {
+      stopAllFetches();  // a future's destructor waits for its request
+      instance.get().clear();
+    });
+    return true;
+  }();
   static_cast<void>(registered);
   return instance.get();
 }
