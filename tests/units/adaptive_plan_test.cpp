@@ -397,6 +397,55 @@ TEST(AdaptivePlan, nothingIsClosedWhenAllFallSilentWithinAShortTime) {
   EXPECT_TRUE(caller.closes.empty());
 }
 
+// One piece has delivered, three were never answered, and nobody delivers any more.
+class NobodyAnswers : public testing::Test {
+ protected:
+  NobodyAnswers() {
+    caller.sleeps = 1;
+    caller.refill();
+    caller.answerAll();
+    caller.turn();
+    caller.refill();
+    delivered = caller.first();
+    caller.flights.at(delivered).rate = 0;
+  }
+
+  Caller caller{settingsFor(4), 101 * kMiB};
+  PieceId delivered = 0;
+};
+
+TEST_F(NobodyAnswers, requestsAreAskedAgainEachAfterTwiceTheTime) {
+  ASSERT_EQ(caller.flights.size(), 4U);
+  caller.pass(290 * kMillisecond);
+  EXPECT_EQ(caller.closes.size(), 0U);
+  caller.pass(30 * kMillisecond);
+  EXPECT_EQ(caller.closes.size(), 1U);
+  caller.pass(270 * kMillisecond);
+  EXPECT_EQ(caller.closes.size(), 1U);
+  caller.pass(30 * kMillisecond);
+  EXPECT_EQ(caller.closes.size(), 2U);
+  caller.pass(570 * kMillisecond);
+  EXPECT_EQ(caller.closes.size(), 2U);
+  caller.pass(60 * kSecond);
+  EXPECT_EQ(caller.closes.size(), 3U);
+  EXPECT_EQ(caller.closes.count(delivered), 0U) << "what it has begun to deliver would be lost";
+  EXPECT_EQ(caller.plan.limit(), 4U) << "the network may be what is silent";
+}
+
+TEST_F(NobodyAnswers, bytesThatComeWithinOneTurnEndTheDoubt) {
+  caller.pass(700 * kMillisecond);
+  EXPECT_EQ(caller.closes.size(), 2U);
+  const PieceId mute = caller.last();
+  caller.refill();
+  const PieceId quick = caller.last();
+  ASSERT_NE(quick, mute);
+  caller.answer(quick);
+  caller.flights.at(quick).rate = 1e12;
+  caller.turn();
+  EXPECT_EQ(caller.flights.count(quick), 0U);
+  EXPECT_EQ(caller.closes.count(mute), 1U) << "it was to be waited for during 1.2 s";
+}
+
 TEST(AdaptivePlan, lastPieceIsSuspectWhenOthersHaveNothingToDo) {
   Caller caller(settingsFor(4), 101 * kMiB);
   caller.open();
@@ -572,6 +621,16 @@ TEST_F(LastPiece, ownsItsBytesWhenTheCopyFails) {
   caller.flights.at(original).rate = 1e6;
   caller.pass(kSecond);
   EXPECT_TRUE(caller.plan.allDone());
+}
+
+TEST_F(LastPiece, isAskedForAgainWhenTheCopyFailsAndItFallsSilent) {
+  const auto copy = awaitCopy();
+  ASSERT_TRUE(copy);
+  caller.fail(copy->id, kReset, kPartial);
+  caller.flights.at(original).rate = 0;
+  caller.pass(kSecond);
+  EXPECT_EQ(caller.closes[original], Reason::Silent);
+  EXPECT_EQ(caller.refill().size(), 1U);
 }
 
 TEST_F(LastPiece, lacksNothingThatTheCopyBroughtBeforeBothFailed) {

@@ -187,7 +187,7 @@ void AdaptivePlan::complete(PieceId piece, std::uint64_t nowNs) {
   if (whole_) wholeDone_ = true;
   if (!whole_ && ended.range.end == ended.uncutEnd) keepConnection(ended);
   if (!ended.paidBack) pace_.paidBack();
-  pace_.delivered(nowNs);
+  delivered(nowNs);
   if (newRate_ == 0 && ended.receivingNs > 0) {
     newRate_ = asDouble(ended.range.length()) / seconds(ended.receivingNs);
   }
@@ -197,6 +197,11 @@ void AdaptivePlan::complete(PieceId piece, std::uint64_t nowNs) {
   const std::uint64_t shared = std::max(ended.range.start, other.range.start);
   losers_.push_back({other.id, {shared, ended.range.end}, other.position});
   flights_.erase(flights_.begin() + static_cast<std::ptrdiff_t>(loser));
+}
+
+void AdaptivePlan::delivered(std::uint64_t nowNs) {
+  closedInVain_ = 0;
+  pace_.delivered(nowNs);
 }
 
 void AdaptivePlan::keepConnection(const Flight& ended) {
@@ -216,7 +221,7 @@ bool AdaptivePlan::partDone(PieceId piece, std::uint64_t reached, std::uint64_t 
   }
   const Flight& flight = flights_[index];
   if (!flight.paidBack && smallAnswers_ == 0) pace_.paidBack();
-  pace_.delivered(nowNs);
+  delivered(nowNs);
   keepConnection(flight);
   takeOff(index, std::clamp(reached, flight.range.start, flight.range.end));
   return true;
@@ -252,7 +257,7 @@ RangePlan::FollowUp AdaptivePlan::failed(PieceId piece, Verdict verdict, const T
   // What a whole file has brought is lost.
   const std::uint64_t brought = countsInParts() ? reached - std::min(reached, ended.range.start) : 0;
   takeOff(index, reached);
-  if (brought > 0) pace_.delivered(nowNs);
+  if (brought > 0) delivered(nowNs);
   if (brought >= HostPace::kProgress && !ended.paidBack) pace_.paidBack();
   const auto delivering =
       static_cast<std::size_t>(std::count_if(flights_.begin(), flights_.end(), [&](const Flight& flight) {
@@ -481,8 +486,7 @@ void AdaptivePlan::measure(std::uint64_t elapsedNs, std::uint64_t sleptNs, bool 
       const double gap = seconds(flight.quietNs);
       if (flight.answered && flight.receivingNs > 0 && gap >= kBurstSec) average(gapSec_, gap);
       flight.quietNs = flight.silentNs = 0;
-      closedInVain_ = 0;
-      pace_.delivered(nowNs);
+      delivered(nowNs);
       if (!flight.paidBack && countsInParts() && flight.position - flight.range.start >= HostPace::kProgress) {
         flight.paidBack = true;
         pace_.paidBack();
@@ -549,13 +553,14 @@ std::size_t AdaptivePlan::countReceiving(std::uint64_t withinNs) const {
   }));
 }
 
-// When all are silent the network is: only others that receive, or have nothing else to do, make silence suspect.
+// When all are silent the network is: only others that receive, or have nothing else to do, make silence suspect.  But
+// a request that was never answered loses nothing by being asked again, and a host that leaves some without an answer
+// would hold all of them up.
 bool AdaptivePlan::isSuspect(const Flight& flight, std::size_t receiving) const {
   if (receiving >= 2 || (receiving == 1 && receiving * 2 >= flights_.size() - 1)) return true;
-  if (idle() == 0 || !missing_.empty()) return false;
-  return receiving > 0 ||
-         seconds(flight.silentNs) >=
-             patience(flight) * std::exp2(static_cast<double>(std::min<std::size_t>(closedInVain_, 10)));
+  if (flight.answered && (idle() == 0 || !missing_.empty())) return false;
+  return seconds(flight.silentNs) >=
+         patience(flight) * std::exp2(static_cast<double>(std::min<std::size_t>(closedInVain_, 10)));
 }
 
 // Gives idle connections the tails of the pieces that end last, so much that all end together.

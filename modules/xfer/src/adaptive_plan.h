@@ -8,7 +8,8 @@
 //   - A connection without work takes the tail of the piece that is predicted to end last, so much that all end
 //     together.  Nothing is taken that does not pay for the request, and nothing while the processor is the limit.
 //   - A piece whose connection is silent while others receive is closed, and so is one that is far slower than the
-//     others; what it lacks is missing again.  When all are silent the network is, and nothing is closed.
+//     others; what it lacks is missing again.  When all are silent the network is, and nothing is closed but
+//     requests without an answer, which lose nothing: one at a time, each after twice the time.
 //   - At the end, where nothing is worth taking, the last piece may be fetched a second time.  The first to be complete
 //     wins; the other one is closed.  Apart from this no byte has two owners.
 //   - What the host bears is decided in host_pace.h.
@@ -201,6 +202,7 @@ class AdaptivePlan final : public RangePlan {
   Piece launch(const ByteRange& range, std::uint64_t nowNs);
   void takeOff(Index index, std::uint64_t reached);
   void separate(const Flight& ended, std::uint64_t reached);
+  void delivered(std::uint64_t nowNs);
   void keepConnection(const Flight& ended);
   void forgetLoser(PieceId piece);
   void settleLoser(const Loser& loser);
