@@ -64,8 +64,9 @@ class BusyServer : public testing::Test {
   }
 
   void expectWhole(const DownloadJob& job, std::uint64_t size = kSize) {
+    // A minute is the longest that a random delay can be.
     const bool ended =
-        support::waitUntil([&] { return xfer::isFinal(job.snapshot().state); }, 3 * support::testTimeout());
+        support::waitUntil([&] { return xfer::isFinal(job.snapshot().state); }, 4 * support::testTimeout());
     EXPECT_TRUE(ended);
     EXPECT_EQ(job.snapshot().state, JobState::Completed) << job.snapshot().errorCode;
     EXPECT_EQ(patternError(path, size), "");
