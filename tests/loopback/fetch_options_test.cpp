@@ -174,7 +174,8 @@ class EachWay : public testing::TestWithParam<Way> {
 
   // How long the request goes on after the cancel was set; it is set when the request has come this far.
   template <class Begun>
-  milliseconds timeToEnd(Ask ask, Begun begun) const {
+  static milliseconds timeToEnd(Ask ask, Begun begun) {
+    const support::PatientPolls patient;
     Cancel cancel;
     ask.cancel = &cancel;
     steady_clock::time_point set;
@@ -190,9 +191,6 @@ class EachWay : public testing::TestWithParam<Way> {
     EXPECT_EQ(end.status, 0);
     return std::chrono::duration_cast<milliseconds>(ended - set);
   }
-
- private:
-  const support::PatientPolls patient_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Of, EachWay, testing::ValuesIn(kWays), nameOf);
@@ -252,7 +250,9 @@ TEST_P(EachWay, bodyHasTheTypeOfTheRequestsOwnLine) {
 TEST_P(EachWay, largeBodyArrivesWhole) {
   const ScriptedServer server(countdown(302));
   const std::string body = support::patternBytes(0, 3'000'000);
-  EXPECT_EQ(run({.url = server.url("/0"), .method = "PUT", .body = body}).body, "PUT " + body);
+  const End end = run({.url = server.url("/0"), .method = "PUT", .body = body});
+  EXPECT_EQ(end.code, 0);
+  EXPECT_TRUE(end.body == "PUT " + body) << end.body.size() << " bytes";
   EXPECT_TRUE(server.requests().at(0).body == body);
 }
 
@@ -559,6 +559,7 @@ TEST_P(EachWay, oneCancelEndsEveryRequestThatWasGivenIt) {
   });
   Cancel cancel;
   EXPECT_EQ(run({.url = mute.url("/served"), .cancel = &cancel}).body, "served") << "an earlier one is not ended";
+  const support::PatientPolls patient;
   std::vector<std::thread> threads;
   std::vector<End> ends(kRequests);
   for (End& end : ends) {

@@ -16,7 +16,8 @@ struct CurlPolls {
 CurlPolls& curlPolls();
 
 /// While one lives, a poll goes on until something happens, whatever time it allows: who is not woken is late by far,
-/// and no busy machine looks like that.
+/// and no busy machine looks like that.  Not for requests with a large body: under Wine a poll may miss that more of it
+/// can be sent, and then only its time ends it.
 class PatientPolls {
  public:
   PatientPolls();
