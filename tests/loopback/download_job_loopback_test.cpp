@@ -184,7 +184,7 @@ TEST_F(DownloadJobLoopback, busyServerIsAskedAgainAfterTheRealDelays) {
   EXPECT_GE(requests[1].time - requests[0].time, milliseconds(500));
   EXPECT_GE(requests[2].time - requests[1].time, milliseconds(2000));
   EXPECT_GE(requests[3].time - requests[2].time, milliseconds(5000));
-  EXPECT_LT(requests[3].time - requests[0].time, milliseconds(7500) + support::testTimeout() / 4);
+  EXPECT_LT(requests[3].time - requests[0].time, milliseconds(7500) + support::testTimeout() / 10);
   EXPECT_EQ(wholeLogError(
                 recordsOf(log, kJob),
                 {recovery(kJob, "retry scheduled | range=0 | attempt=1 | delay_ms=500 | err=18 | http=503"),
@@ -378,11 +378,13 @@ TEST_F(DownloadJobLoopback, pausedJobTakesNothingAndResumedOneCompletes) {
   job.pause();
   EXPECT_EQ(job.snapshot().state, JobState::Paused);
   std::uint64_t seen = 0;
-  ASSERT_TRUE(waitUntil([&] {  // what was on its way when the pause came is brought by a loop that may be late
-    seen = job.snapshot().bytesDone;
-    return !waitUntil([&] { return job.snapshot().bytesDone != seen; }, milliseconds(400));
-  })) << "it would bring 10 MB meanwhile";
+  ASSERT_TRUE(waitUntil([&] {  // what was on its way when the pause came
+    const std::uint64_t before = std::exchange(seen, job.snapshot().bytesDone);
+    std::this_thread::sleep_for(milliseconds(100));
+    return before == seen;
+  }));
   EXPECT_LT(seen, size);
+  EXPECT_FALSE(waitUntil([&] { return job.snapshot().bytesDone != seen; }, milliseconds(300)));
   job.resume();
   const DownloadSnapshot end = waitForEnd(job);
   EXPECT_EQ(end.state, JobState::Completed);

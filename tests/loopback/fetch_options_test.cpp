@@ -538,6 +538,7 @@ TEST_P(EachWay, cancelEndsARequestWhoseBodyArrives) {
 }
 
 TEST_P(EachWay, cancelThatIsSetBeforeSendsNothing) {
+  const support::PatientPolls patient;
   const ScriptedServer server(support::patternFile(10));
   Cancel cancel;
   cancel.set();
@@ -581,6 +582,7 @@ TEST_P(EachWay, cancelThatIsNotSetChangesNothing) {
 }
 
 TEST_P(EachWay, cancelInsideOfTheCallbackEndsTheRequest) {
+  const support::PatientPolls patient;
   Cancel cancel;
   const ScriptedServer server([](const ReceivedRequest&) { return inPieces(Gate()); });
   const auto begin = steady_clock::now();

@@ -31,25 +31,6 @@ class Limits : public testing::TestWithParam<RealServer> {
   const support::TempDir folder_;
 };
 
-struct Seen {
-  double seconds;
-  double bytes;
-};
-
-double speedBetween(const Seen& from, const Seen& to) {
-  return (to.bytes - from.bytes) / (to.seconds - from.seconds);
-}
-
-/// The highest speed over any `seconds`.
-double highestSpeed(const std::vector<Seen>& all, double seconds) {
-  double highest = 0;
-  for (std::size_t from = 0, to = 0; to < all.size(); ++to) {
-    while (all[to].seconds - all[from].seconds > seconds) ++from;
-    if (from > 0) highest = std::max(highest, speedBetween(all[from - 1], all[to]));
-  }
-  return highest;
-}
-
 TEST_P(Limits, speedOverTenSecondsIsWithinATenthOfTheLimit) {
   constexpr std::uint64_t kLimit = 1'300'000;
   constexpr double kSeconds = 10;
@@ -62,18 +43,16 @@ TEST_P(Limits, speedOverTenSecondsIsWithinATenthOfTheLimit) {
   job.start();
   ASSERT_TRUE(support::waitUntil([&] { return job.snapshot().bytesDone > 0; }));
   const auto begin = steady_clock::now();
-  const auto seen = [&] {
-    const double seconds = duration<double>(steady_clock::now() - begin).count();
-    return Seen{seconds, static_cast<double>(job.snapshot().bytesDone)};
-  };
-  std::vector<Seen> all{seen()};
-  while (all.back().seconds < kSeconds && job.snapshot().state == xfer::JobState::Running) {
+  const std::uint64_t before = job.snapshot().bytesDone;
+  const auto seconds = [&] { return duration<double>(steady_clock::now() - begin).count(); };
+  while (seconds() < kSeconds && job.snapshot().state == xfer::JobState::Running) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    all.push_back(seen());
   }
+  const double elapsed = seconds();
+  const auto received = static_cast<double>(job.snapshot().bytesDone - before);
   EXPECT_EQ(job.snapshot().state, xfer::JobState::Running) << "too early an end: error " << job.snapshot().errorCode;
-  EXPECT_LT(speedBetween(all.front(), all.back()), 1.1 * kLimit);
-  EXPECT_GT(highestSpeed(all, 2), 0.9 * kLimit) << "a machine that stands still now and then is not the limit";
+  EXPECT_LT(received / elapsed, 1.1 * kLimit);
+  EXPECT_GT(received / elapsed, 0.9 * kLimit);
   job.wait();
   servers_test::expectWhole(job.snapshot(), request.path, RealServers::kBigFileBytes);
 }
